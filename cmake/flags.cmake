@@ -1,0 +1,28 @@
+# Flags of our own code. `pelorus_flags` is linked by every target of this tree, never exported.
+add_library(pelorus_flags INTERFACE)
+target_compile_options(pelorus_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+target_include_directories(pelorus_flags INTERFACE ${PROJECT_SOURCE_DIR})
+
+if(PELORUS_HARDENING)
+  target_compile_options(pelorus_flags INTERFACE
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong -fstack-clash-protection)
+  target_compile_definitions(pelorus_flags INTERFACE _GLIBCXX_ASSERTIONS)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    target_compile_options(pelorus_flags INTERFACE -fcf-protection=full)
+  endif()
+  target_link_options(pelorus_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+  include(CheckPIESupported)
+  check_pie_supported()
+endif()
+
+if(PELORUS_SANITIZE)
+  add_compile_options(-fsanitize=${PELORUS_SANITIZE} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${PELORUS_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()

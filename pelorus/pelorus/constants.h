@@ -1,0 +1,37 @@
+#pragma once
+
+#include <chrono>
+#include <string_view>
+
+#include "skein/keepalive.h"
+
+// Fixed values of the daemon: no setting, file or environment variable overrides them.
+namespace pelorus {
+
+using namespace std::chrono_literals;
+
+/// A node key that was verified this long ago is verified again.
+constexpr int VALID_CUTOFF = 3600;  // seconds
+/// Pending connections of either listening socket.
+constexpr int LISTEN_BACKLOG = 1024;
+/// Where node keys are verified: the origin is a build option, the path is the web application's.
+constexpr std::string_view NODE_KEY_VERIFICATION_API_URL =
+    PELORUS_TIDEWELL_ORIGIN "/api/v4/nodes/key-verification/";
+/// Longest wait to connect to the web server, and for each piece of its answer.
+constexpr double NODE_API_TIMEOUT = 1.0;  // seconds
+/// Time between two reports of the daemon about itself.
+constexpr int STATS_INTERVAL = 10;  // seconds
+/// A node that vanished without a word is noticed after 300 + 4 × 8 seconds.
+constexpr int KEEPALIVE_IDLE = 300;  // seconds
+constexpr int KEEPALIVE_COUNT = 4;
+constexpr int KEEPALIVE_INTERVAL = 8;  // seconds
+constexpr skein::Keepalive KEEPALIVE{
+    .count = KEEPALIVE_COUNT, .idle = KEEPALIVE_IDLE, .interval = KEEPALIVE_INTERVAL};
+
+/// The account and group that own the local socket, and the database of the daemon's own records.
+constexpr const char* TIDEWELL_ACCOUNT = "tidewell";
+constexpr std::string_view TIDEWELL_DATABASE = "tidewell";
+/// The database of what the nodes' collectd sends.
+constexpr std::string_view BONDING_DATABASE = "bonding";
+
+}  // namespace pelorus

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pelorus {
+
+/// One entry of INFLUX_DATABASES; what else stands in it is not the daemon's.
+struct DatabaseRecord {
+  std::string name;
+};
+
+/// The settings of the administration application: one JSON object, read once when the daemon
+/// loads. Values are looked up, and checked, each time they are asked for.
+class Settings {
+ public:
+  /// Reads the file that PELORUS_SETTINGS names, by default /etc/pelorus/settings.json.
+  /// Throws SettingsError: not readable, no JSON, no object.
+  static Settings load();
+  static Settings from_file(const std::string& path);
+  /// `source` stands for the file in messages.
+  static Settings from_text(std::string_view json, std::string source);
+
+  /// The value under `key`, typed: std::int64_t (a JSON integer), double (any JSON number),
+  /// std::string, or std::vector<DatabaseRecord> (a list of maps with a text "name").
+  /// Throws SettingsError that names key and source: missing, or of another type. Booleans are no
+  /// numbers.
+  template <class T>
+  T get(std::string_view key) const;
+
+  const std::string& source() const noexcept { return source_; }
+
+ private:
+  struct Values;
+  Settings(std::shared_ptr<const Values> values, std::string source);
+
+  std::shared_ptr<const Values> values_;  // shared by copies of these settings: never changes
+  std::string source_;
+};
+
+/// The values that all write buffers share. Counts are in messages.
+struct BufferSettings {
+  std::size_t max_pending_messages = 0;   ///< queue length at which the oldest are dropped
+  double max_buffer_time = 0;             ///< seconds since a success after which all is sent
+  std::size_t ideal_queued_messages = 0;  ///< queue length from which a batch is sent at once
+  std::size_t max_batch_size = 0;         ///< most messages of one write
+  std::size_t discard_size = 0;           ///< oldest messages dropped at once
+  double check_for_process_data_time = 1;  ///< seconds until the buffer looks again
+
+  /// Reads PELORUS_MAX_PENDING_MESSAGES, PELORUS_BUFFER_TIME, PELORUS_IDEAL_QUEUED_MESSAGES,
+  /// PELORUS_MAX_BATCH_SIZE and PELORUS_DISCARD_SIZE, in this order. Throws SettingsError, also
+  /// for pending, batch or discard below 1, and for an ideal length or time that is negative or
+  /// not finite.
+  static BufferSettings read(const Settings& settings);
+};
+
+/// Where and as whom to write: the two values of the InfluxDB module of the administration
+/// application.
+struct InfluxConnection {
+  std::string auth;  ///< INFLUX_AUTH: Base64 text, sent as it stands. Secret.
+  std::string http_connection;  ///< INFLUX_HTTP_CONNECTION: value of the Host header
+  std::string host;  ///< of http_connection, without the brackets of an IPv6 address
+  std::uint16_t port = 80;
+
+  /// Throws SettingsError: missing, or no host, host:port, [v6] or [v6]:port.
+  static InfluxConnection read(const Settings& settings);
+};
+
+}  // namespace pelorus

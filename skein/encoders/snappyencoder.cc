@@ -1,0 +1,58 @@
+#include "skein/encoders/snappyencoder.h"
+
+#include <fmt/format.h>
+#include <snappy.h>
+
+#include <algorithm>
+
+#include "skein/errors.h"
+#include "skein/limits.h"
+
+namespace skein {
+namespace {
+
+/// Kept between blocks; ordinary flushes stay below it.
+constexpr std::size_t KEPT_BUFFER_BYTES = 1U << 20;
+constexpr std::size_t FIRST_BUFFER_BYTES = 64U << 10;
+
+}  // namespace
+
+std::string_view SnappyEncoder::decode(std::string_view block) {
+  std::size_t size = 0;
+  if (!snappy::GetUncompressedLength(block.data(), block.size(), &size)) {
+    throw ProtocolError("frame does not decompress");
+  }
+  if (size > MAX_CONTENT_BYTES) {
+    throw ProtocolError(
+        fmt::format("content of {} bytes, {} are allowed", size, MAX_CONTENT_BYTES));
+  }
+  if (size > block.size() * MAX_SNAPPY_GROWTH + MAX_SNAPPY_GROWTH_SLACK) {
+    throw ProtocolError(
+        fmt::format("{} compressed bytes claim to hold {}", block.size(), size));
+  }
+  if (size > capacity_) {
+    capacity_ = std::max({size, std::min(capacity_ * 2, KEPT_BUFFER_BYTES), FIRST_BUFFER_BYTES});
+    buffer_.reset();
+    buffer_ = std::make_unique_for_overwrite<char[]>(capacity_);
+  }
+  if (!snappy::RawUncompress(block.data(), block.size(), buffer_.get())) {
+    throw ProtocolError("frame does not decompress");
+  }
+  return {buffer_.get(), size};
+}
+
+void SnappyEncoder::encode(std::string_view content, std::string& out) {
+  const std::size_t begin = out.size();
+  out.resize(begin + snappy::MaxCompressedLength(content.size()));
+  std::size_t size = 0;
+  snappy::RawCompress(content.data(), content.size(), out.data() + begin, &size);
+  out.resize(begin + size);
+}
+
+void SnappyEncoder::trim() noexcept {
+  if (capacity_ <= KEPT_BUFFER_BYTES) return;
+  buffer_.reset();
+  capacity_ = 0;
+}
+
+}  // namespace skein

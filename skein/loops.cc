@@ -1,0 +1,191 @@
+#include "skein/loops.h"
+
+#include <cmath>
+#include <csignal>
+#include <utility>
+
+#include "skein/errors.h"
+
+namespace skein {
+namespace {
+
+void check(int result, const char* call) {
+  if (result < 0) throw SystemFailure(call, -result);
+}
+
+/// Longest delay that is kept as it stands; longer ones are cut to it. A century.
+constexpr double LONGEST_DELAY_SECONDS = 3.2e9;
+
+}  // namespace
+
+void Timer::cancel() {
+  if (loop_ != nullptr) loop_->timers_.erase(key_);
+}
+
+Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
+  check(uv_loop_init(&uv_), "uv_loop_init");
+  uv_.data = this;
+  auto wake = std::make_unique<uv_timer_t>();
+  check(uv_timer_init(&uv_, wake.get()), "uv_timer_init");
+  wake->data = this;
+  wake_.reset(wake.release());
+}
+
+Loop::~Loop() {
+  kept_.clear();
+  discarded_.clear();
+  wake_.reset();
+  terminate_.reset();
+  interrupt_.reset();
+  uv_run(&uv_, UV_RUN_NOWAIT);  // the close callbacks free the handles
+  uv_loop_close(&uv_);  // busy only while a name lookup hangs: the process is about to end then
+}
+
+Timer Loop::call_in(double delay, Callback callback) {
+  const double seconds = delay > 0 ? std::fmin(delay, LONGEST_DELAY_SECONDS) : 0;
+  const auto wait = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+      std::chrono::duration<double>(seconds));
+  const TimerKey key{clocks_.monotonic() + wait, ++timers_made_};
+  timers_.emplace(key, std::move(callback));
+  wake_at_first_due();
+  return Timer(this, key);
+}
+
+/// The one libuv timer wakes the loop when the first of ours is due. It is only ever moved to an
+/// earlier moment: cancelling leaves it alone, and a wake-up that finds nothing due re-arms it.
+void Loop::wake_at_first_due() {
+  if (timers_.empty() || timers_.begin()->first.due >= wake_due_) return;
+  wake_due_ = timers_.begin()->first.due;
+  const auto wait =
+      std::chrono::ceil<std::chrono::milliseconds>(wake_due_ - clocks_.monotonic()).count();
+  uv_update_time(&uv_);  // the cached clock lies back by the length of the present callback
+  check(uv_timer_start(
+            wake_.get(),
+            [](uv_timer_t* handle) {
+              if (handle->data != nullptr) static_cast<Loop*>(handle->data)->run_due_timers();
+            },
+            wait > 0 ? static_cast<std::uint64_t>(wait) : 0, 0),
+        "uv_timer_start");
+}
+
+void Loop::run_due_timers() {
+  wake_due_ = std::chrono::steady_clock::time_point::max();
+  const auto now = clocks_.monotonic();
+  const auto last = timers_made_;  // what a callback arms waits for the next turn
+  for (auto next = timers_.begin(); next != timers_.end() && next->first.due <= now;) {
+    if (next->first.number > last) {
+      ++next;
+      continue;
+    }
+    auto timer = timers_.extract(next);
+    guarded(timer.mapped());
+    next = timers_.begin();  // the callback may have armed and cancelled others
+  }
+  guarded([this] { wake_at_first_due(); });
+}
+
+void Loop::run() {
+  interrupted_ = false;
+  uv_run(&uv_, UV_RUN_DEFAULT);
+  if (std::exchange(interrupted_, false)) throw KeyboardInterrupt();
+}
+
+void Loop::stop() { uv_stop(&uv_); }
+
+void Loop::turn() {
+  run_due_timers();
+  uv_run(&uv_, UV_RUN_NOWAIT);
+}
+
+void Loop::watch_signals() {
+  const auto watch = [this](int number, uv_signal_cb callback) {
+    auto handle = std::make_unique<uv_signal_t>();
+    check(uv_signal_init(&uv_, handle.get()), "uv_signal_init");
+    handle->data = this;
+    UvHandle<uv_signal_t> owned(handle.release());
+    check(uv_signal_start(owned.get(), callback, number), "uv_signal_start");
+    uv_unref(reinterpret_cast<uv_handle_t*>(owned.get()));
+    return owned;
+  };
+  terminate_ = watch(SIGTERM, [](uv_signal_t* handle, int) {
+    if (handle->data != nullptr) static_cast<Loop*>(handle->data)->stop();
+  });
+  interrupt_ = watch(SIGINT, [](uv_signal_t* handle, int) {
+    if (handle->data == nullptr) return;
+    auto* loop = static_cast<Loop*>(handle->data);
+    loop->interrupted_ = true;
+    loop->stop();
+  });
+}
+
+template <class Step>
+void Loop::guarded(Step&& step) noexcept {
+  try {
+    step();
+  } catch (const std::exception& failure) {
+    report(failure);
+  }
+}
+
+void Loop::report(const std::exception& failure) noexcept {
+  try {
+    if (failure_handler_) failure_handler_(failure);
+  } catch (...) {  // NOLINT: a failing report has nowhere left to go, and the loop goes on
+  }
+}
+
+void Loop::keep(std::unique_ptr<LoopOwned> object) {
+  auto* key = object.get();
+  kept_.emplace(key, std::move(object));
+}
+
+void Loop::discard(LoopOwned& kept) {
+  auto node = kept_.extract(&kept);
+  if (!node.empty()) discard(std::move(node.mapped()));
+}
+
+void Loop::discard(std::unique_ptr<LoopOwned> object) {
+  discarded_.push_back(std::move(object));
+  if (discarded_.size() == 1) call_in(0, [this] { sweep(); });
+}
+
+void Loop::sweep() {
+  auto gone = std::exchange(discarded_, {});
+  gone.clear();
+}
+
+Poll::Poll(Loop& loop, int descriptor, PollTarget& target) {
+  auto handle = std::make_unique<uv_poll_t>();
+  check(uv_poll_init(loop.uv(), handle.get(), descriptor), "uv_poll_init");
+  handle->data = &target;
+  handle_.reset(handle.release());
+}
+
+void Poll::watch(int events) {
+  if (events == 0) {
+    check(uv_poll_stop(handle_.get()), "uv_poll_stop");
+  } else {
+    check(uv_poll_start(handle_.get(), events, &Poll::on_events), "uv_poll_start");
+  }
+}
+
+void Poll::on_events(uv_poll_t* handle, int status, int events) noexcept {
+  if (handle->data == nullptr) return;
+  auto* loop = static_cast<Loop*>(handle->loop->data);
+  try {
+    // An error (EBADF) is the descriptor's own: reading or writing it tells which.
+    static_cast<PollTarget*>(handle->data)
+        ->handle_events(status < 0 ? UV_READABLE | UV_WRITABLE : events);
+  } catch (const std::exception& failure) {
+    loop->report(failure);
+  }
+}
+
+namespace loops {
+Loop& loop() {
+  static Loop shared;
+  return shared;
+}
+}  // namespace loops
+
+}  // namespace skein

@@ -1,0 +1,138 @@
+#pragma once
+
+#include <uv.h>
+
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "skein/timer.h"
+#include "skein/uv_handle.h"
+
+namespace skein {
+
+/// The two clocks that a program lives by. Timers and time-outs run on `monotonic`; `wall` is for
+/// moments that are shown, stored or compared with moments from outside. Tests pass their own.
+struct Clocks {
+  /// Never steps.
+  std::function<std::chrono::steady_clock::time_point()> monotonic = std::chrono::steady_clock::now;
+  /// Seconds since the Unix epoch, fractional.
+  std::function<double()> wall = [] {
+    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(since_epoch).count();
+  };
+};
+
+/// Something that the loop owns because it outlives the scope that made it (see Loop::keep).
+class LoopOwned {
+ public:
+  LoopOwned() = default;
+  LoopOwned(const LoopOwned&) = delete;
+  LoopOwned& operator=(const LoopOwned&) = delete;
+  virtual ~LoopOwned() = default;
+};
+
+/// The event loop: timers, watched descriptors, and objects that end on a later turn.
+/// One per process in the daemon (loops::loop()); tests make their own. One thread.
+///
+/// A failure that escapes a callback goes to the failure handler and the loop goes on.
+class Loop {
+ public:
+  using Callback = std::function<void()>;
+  using FailureHandler = std::function<void(const std::exception&)>;
+
+  explicit Loop(Clocks clocks = {});
+  Loop(const Loop&) = delete;
+  Loop& operator=(const Loop&) = delete;
+  ~Loop();
+
+  /// Runs `callback` once, `delay` seconds from now at the earliest; 0 means the next turn.
+  /// Never early, however long the callback before it took. NaN and negative count as 0.
+  Timer call_in(double delay, Callback callback);
+  Timer call_in(std::chrono::duration<double> delay, Callback callback) {
+    return call_in(delay.count(), std::move(callback));
+  }
+
+  /// Serves events until stop() is called. Throws KeyboardInterrupt when watch_signals() saw SIGINT.
+  void run();
+  /// Makes run() return after the present callback.
+  void stop();
+  /// Runs one turn: due timers and ready descriptors, without waiting. For tests.
+  void turn();
+
+  /// From now on SIGTERM stops the loop and SIGINT ends run() with KeyboardInterrupt.
+  void watch_signals();
+  /// Where failures go that escape a callback. Until set, they are dropped.
+  void set_failure_handler(FailureHandler handler) { failure_handler_ = std::move(handler); }
+  void report(const std::exception& failure) noexcept;
+
+  /// Owns `object` until discard(): for one that ends itself, such as a request in flight.
+  void keep(std::unique_ptr<LoopOwned> object);
+  /// Destroys a kept object on the next turn: nobody is destroyed inside its own callback.
+  void discard(LoopOwned& kept);
+  void discard(std::unique_ptr<LoopOwned> object);
+
+  const Clocks& clocks() const noexcept { return clocks_; }
+  uv_loop_t* uv() noexcept { return &uv_; }
+
+ private:
+  friend class Timer;
+  using TimerKey = Timer::Key;
+
+  void run_due_timers();
+  void wake_at_first_due();
+  void sweep();
+  template <class Step>
+  void guarded(Step&& step) noexcept;
+
+  uv_loop_t uv_{};
+  Clocks clocks_;
+  FailureHandler failure_handler_;
+  /// Armed timers, the next one first. Cancelling erases: a timer that is re-armed a million times
+  /// leaves nothing behind.
+  std::map<TimerKey, Callback> timers_;
+  std::uint64_t timers_made_ = 0;
+  UvHandle<uv_timer_t> wake_;
+  std::chrono::steady_clock::time_point wake_due_ = std::chrono::steady_clock::time_point::max();
+  UvHandle<uv_signal_t> terminate_;
+  UvHandle<uv_signal_t> interrupt_;
+  bool interrupted_ = false;
+  std::unordered_map<LoopOwned*, std::unique_ptr<LoopOwned>> kept_;
+  std::vector<std::unique_ptr<LoopOwned>> discarded_;
+};
+
+/// Receives the readiness of one descriptor.
+class PollTarget {
+ public:
+  /// `events` holds UV_READABLE and UV_WRITABLE bits; an error or hang-up shows as both.
+  virtual void handle_events(int events) = 0;
+
+ protected:
+  ~PollTarget() = default;
+};
+
+/// Watches one descriptor, which stays its owner's. Destroy it before the descriptor is closed.
+class Poll {
+ public:
+  /// The loop and the target must outlive it.
+  Poll(Loop& loop, int descriptor, PollTarget& target);
+
+  /// Watches for `events` (UV_READABLE, UV_WRITABLE) from now on; 0 pauses.
+  void watch(int events);
+
+ private:
+  static void on_events(uv_poll_t* handle, int status, int events) noexcept;
+
+  UvHandle<uv_poll_t> handle_;
+};
+
+namespace loops {
+/// The one shared loop of the process; exists from the first use on.
+Loop& loop();
+}  // namespace loops
+
+}  // namespace skein

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "skein/encoders/msgpackencoder.h"
+#include "skein/value.h"
+
+namespace skein {
+
+class Connection;
+
+/// One decoded request of a peer. A view: valid while its handler runs.
+struct Request {
+  std::string_view name;
+  Value args;              ///< a MAP with text keys
+  Connection& connection;  ///< the connection it came on
+
+  /// A required argument. Throws RequestError that names it when it is missing.
+  Value get(std::string_view argument) const;
+  /// A required text argument. Throws RequestError that names it when missing or no text.
+  std::string_view text(std::string_view argument) const;
+};
+
+/// What a handler answers: one encoded value, nil unless said otherwise.
+class Reply {
+ public:
+  Reply() = default;
+  explicit Reply(MsgpackWriter value) : value_(value.take()) {}
+
+  bool is_nil() const noexcept { return value_.empty(); }
+  /// The encoded value; empty for nil.
+  const std::string& value() const noexcept { return value_; }
+
+ private:
+  std::string value_;
+};
+
+/// The parts of a request message, before its name and arguments have been looked at.
+struct Envelope {
+  /// Answers go to this number; none for one-way requests, and where no number can be read.
+  std::optional<std::uint32_t> msgid;
+  /// What is wrong with the shape; empty when name and args hold.
+  std::string fault;
+  std::string_view name;
+  std::optional<Value> args;
+};
+
+/// Reads `[0, msgid, name, args]` and `[2, name, args]`. Never fails: the fault is in the result.
+Envelope read_envelope(const Message& message);
+
+/// The message `[1, msgid, nil, result]`.
+std::string encode_reply(std::uint32_t msgid, const Reply& reply);
+/// The message `[1, msgid, error, nil]`.
+std::string encode_error(std::uint32_t msgid, std::string_view error);
+
+}  // namespace skein

@@ -1,0 +1,95 @@
+#include "skein/socket.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "skein/errors.h"
+
+namespace skein {
+
+Socket& Socket::operator=(Socket&& other) noexcept {
+  if (this != &other) {
+    if (descriptor_ >= 0) ::close(descriptor_);
+    descriptor_ = std::exchange(other.descriptor_, -1);
+  }
+  return *this;
+}
+
+Socket::~Socket() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+Socket Socket::stream(int family) {
+  Socket made(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!made) throw SystemFailure("socket", errno);
+  return made;
+}
+
+Address peer_address(int descriptor) {
+  sockaddr_storage storage{};
+  socklen_t length = sizeof storage;
+  auto* address = reinterpret_cast<sockaddr*>(&storage);
+  if (::getpeername(descriptor, address, &length) != 0) throw SystemFailure("getpeername", errno);
+  std::array<char, INET6_ADDRSTRLEN> host{};
+  if (storage.ss_family == AF_INET) {
+    const auto* v4 = reinterpret_cast<const sockaddr_in*>(&storage);
+    inet_ntop(AF_INET, &v4->sin_addr, host.data(), host.size());
+    return {host.data(), ntohs(v4->sin_port)};
+  }
+  if (storage.ss_family == AF_INET6) {
+    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&storage);
+    inet_ntop(AF_INET6, &v6->sin6_addr, host.data(), host.size());
+    return {host.data(), ntohs(v6->sin6_port)};
+  }
+  return {};
+}
+
+void bind_unix(const Socket& socket, const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path ||
+      path.find('\0') != std::string::npos) {
+    throw SystemFailure(fmt::format("bind to the {}-byte path '{}' (1 to {} bytes are possible)",
+                                    path.size(), path, sizeof address.sun_path - 1),
+                        ENAMETOOLONG);
+  }
+  std::memcpy(address.sun_path, path.data(), path.size());
+  if (::bind(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    throw SystemFailure(fmt::format("bind to '{}'", path), errno);
+  }
+}
+
+void bind_tcp(const Socket& socket, const std::string& host, int port) {
+  if (port < 0 || port > 65535) {
+    throw SystemFailure(fmt::format("bind to {}:{}", host, port), EINVAL);
+  }
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE;
+  addrinfo* found = nullptr;
+  const int result = ::getaddrinfo(host.empty() ? nullptr : host.c_str(),
+                                   std::to_string(port).c_str(), &hints, &found);
+  if (result != 0) {
+    throw Failure(fmt::format("bind to {}:{}: {}", host, port, gai_strerror(result)));
+  }
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, &freeaddrinfo);
+  if (::bind(socket.descriptor(), addresses->ai_addr, addresses->ai_addrlen) != 0) {
+    throw SystemFailure(fmt::format("bind to {}:{}", host, port), errno);
+  }
+}
+
+void listen(const Socket& socket, int backlog) {
+  if (::listen(socket.descriptor(), backlog) != 0) throw SystemFailure("listen", errno);
+}
+
+}  // namespace skein

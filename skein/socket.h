@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <string>
+#include <utility>
+
+namespace skein {
+
+/// Owns one descriptor; closes it at the end. Move-only.
+class Socket {
+ public:
+  Socket() = default;
+  explicit Socket(int descriptor) noexcept : descriptor_(descriptor) {}
+  Socket(Socket&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  Socket& operator=(Socket&& other) noexcept;
+  ~Socket();
+
+  /// A new non-blocking, close-on-exec stream socket of `family`. Throws SystemFailure.
+  static Socket stream(int family);
+
+  int descriptor() const noexcept { return descriptor_; }
+  explicit operator bool() const noexcept { return descriptor_ >= 0; }
+
+ private:
+  int descriptor_ = -1;
+};
+
+/// Address and port of an IPv4 or IPv6 end point; a unix peer has an empty host and port 0.
+struct Address {
+  std::string host;
+  int port = 0;
+};
+
+/// The far end of a connected socket. Throws SystemFailure (ENOTCONN: the peer has gone already).
+Address peer_address(int descriptor);
+
+/// Binds to a filesystem path. Throws SystemFailure; a path that is too long for a socket address
+/// is named as such.
+void bind_unix(const Socket& socket, const std::string& path);
+/// Binds to a numeric or resolvable IPv4 host ("" means every address). Throws SystemFailure.
+void bind_tcp(const Socket& socket, const std::string& host, int port);
+/// Throws SystemFailure.
+void listen(const Socket& socket, int backlog);
+
+}  // namespace skein

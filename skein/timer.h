@@ -1,0 +1,34 @@
+#pragma once
+
+#include <chrono>
+#include <compare>
+#include <cstdint>
+
+namespace skein {
+
+class Loop;
+
+/// Names one armed callback of a Loop. Small and copyable; dropping it does not cancel.
+/// The loop must outlive it.
+class Timer {
+ public:
+  Timer() = default;
+
+  /// The callback will not run any more. Harmless when it has run, is running, was cancelled
+  /// before, or was never armed.
+  void cancel();
+
+ private:
+  friend class Loop;
+  struct Key {
+    std::chrono::steady_clock::time_point due;
+    std::uint64_t number = 0;  ///< counts the loop's timers: equal due times fire in order of arming
+    auto operator<=>(const Key&) const = default;
+  };
+  Timer(Loop* loop, Key key) : loop_(loop), key_(key) {}
+
+  Loop* loop_ = nullptr;
+  Key key_;
+};
+
+}  // namespace skein
