@@ -48,10 +48,6 @@ void exception(std::string_view text, const std::exception& failure);
 /// The lines of that trace, the failure's kind and text first, as exception() logs them.
 std::vector<std::string> trace_lines(const std::exception& failure);
 
-/// Bytes in the form 'b' and quotes: printable ASCII as it is, \t \n \r \\ and \xNN; single quotes
-/// outside, or double quotes where the bytes hold a single quote and no double quote.
-std::string display(std::string_view bytes);
-
 /// `text` with every control byte as \xNN (\t, \n, \r in their short form).
 std::string escape_controls(std::string_view text);
 

@@ -1,0 +1,51 @@
+#include "pelorus/translate/display.h"
+
+namespace translate {
+namespace {
+
+constexpr bool is_printable(char byte) { return byte >= ' ' && byte <= '~'; }
+
+void append_hex(std::string& text, char byte) {
+  constexpr std::string_view DIGITS = "0123456789abcdef";
+  const auto value = static_cast<unsigned char>(byte);
+  text += "\\x";
+  text += DIGITS[value >> 4U];
+  text += DIGITS[value & 0xFU];
+}
+
+/// What follows the backslash in the short escape of a byte; none for most bytes.
+constexpr char short_escape(char byte) {
+  if (byte == '\t') return 't';
+  if (byte == '\n') return 'n';
+  if (byte == '\r') return 'r';
+  if (byte == '\\') return '\\';
+  return '\0';
+}
+
+void append_byte(std::string& text, char byte, char quote) {
+  if (const char letter = short_escape(byte)) {
+    text += {'\\', letter};
+  } else if (byte == quote) {
+    text += {'\\', byte};
+  } else if (is_printable(byte)) {
+    text += byte;
+  } else {
+    append_hex(text, byte);
+  }
+}
+
+}  // namespace
+
+std::string display(std::string_view bytes) {
+  const bool only_single = bytes.find('\'') != bytes.npos && bytes.find('"') == bytes.npos;
+  const char quote = only_single ? '"' : '\'';
+  std::string text;
+  text.reserve(bytes.size() + 3);  // b and two quotes; escapes are rare
+  text += 'b';
+  text += quote;
+  for (const char byte : bytes) append_byte(text, byte, quote);
+  text += quote;
+  return text;
+}
+
+}  // namespace translate
