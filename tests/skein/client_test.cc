@@ -1,0 +1,199 @@
+#include "skein/client.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "skein/client_c.h"
+#include "skein/errors.h"
+#include "support/skein_stub.h"
+
+extern "C" int call_from_c(const char* path, char* error, size_t error_size);
+
+namespace {
+
+using namespace std::chrono_literals;
+using skein::Client;
+using skein::ClientError;
+using skein::Endpoint;
+using skein::MsgpackWriter;
+using support::SkeinStub;
+using testing::HasSubstr;
+using Kind = ClientError::Kind;
+
+MsgpackWriter metrics(std::string_view lines) {
+  MsgpackWriter args;
+  args.map(1).text("metrics").text(lines);
+  return args;
+}
+
+/// The kind and text with which `operation` fails.
+std::pair<Kind, std::string> failure_of(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const ClientError& error) {
+    return {error.kind(), error.what()};
+  }
+  ADD_FAILURE() << "nothing failed";
+  return {};
+}
+
+class OpenClient : public testing::Test {
+ protected:
+  /// Calls a stub that does `handler` once and returns how that failed.
+  std::pair<Kind, std::string> failure_with(SkeinStub::Handler handler) {
+    SkeinStub stub(std::move(handler));
+    Client client(Endpoint::unix_socket(stub.path()), {5s, 5s, 50ms});
+    client.open();
+    auto failure = failure_of([&] { client.call("collectd", metrics("x")); });
+    still_open = client.is_open();
+    return failure;
+  }
+
+  bool still_open = false;
+};
+
+TEST(Client, ResultOutlivesTheNextCallAndTheClient) {
+  SkeinStub stub([](const SkeinStub::Call& call) {
+    MsgpackWriter result;
+    result.map(1).text("name").text(call.name);
+    return SkeinStub::reply(call, skein::Reply(std::move(result)));
+  });
+  std::vector<skein::Answer> answers;
+  {
+    Client client(Endpoint::unix_socket(stub.path()));
+    client.open();
+    answers.push_back(client.call("first", metrics("a.b 1 2\n")));
+    answers.push_back(client.call("second", metrics("")));
+  }
+  EXPECT_EQ(answers[0].result().find("name")->text(), "first");
+  EXPECT_EQ(answers[1].result().find("name")->text(), "second");
+  const auto calls = stub.calls(2);
+  EXPECT_EQ(calls[0].args.at("metrics"), "a.b 1 2\n");
+  EXPECT_NE(calls[0].msgid, calls[1].msgid);
+}
+
+TEST(Client, LargeRequestsGoOutWhole) {
+  SkeinStub stub;
+  Client client(Endpoint::unix_socket(stub.path()));
+  client.open();
+  std::string noise(4U << 20, '\0');  // beyond every socket buffer, and hardly compressible
+  std::uint32_t state = 1;
+  for (char& byte : noise) byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+  client.call("collectd", metrics(noise));
+  EXPECT_EQ(stub.calls(1)[0].args.at("metrics"), noise);
+  EXPECT_THROW(client.call("collectd", metrics(std::string(17U << 20, 'x'))), skein::ProtocolError);
+}
+
+TEST(Client, ReachesAHostByAddressAndByName) {
+  SkeinStub stub(SkeinStub::Tcp{}, [](const auto& call) { return SkeinStub::reply(call); });
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    Client client(Endpoint::tcp(host, stub.port()));
+    client.open();
+    EXPECT_NO_THROW(client.call("collectd", metrics("x"))) << host;
+  }
+}
+
+TEST(Client, TellsApartWhyItCannotConnect) {
+  const std::string directory = support::make_directory();
+  const std::string refused = directory + "/refused";
+  { skein::bind_unix(skein::Socket::stream(AF_UNIX), refused); }
+  const struct {
+    Endpoint endpoint;
+    Kind kind;
+  } rows[] = {
+      {Endpoint::unix_socket(directory + "/none"), Kind::NO_SOCKET},
+      {Endpoint::unix_socket(refused + "/below"), Kind::NO_SOCKET},
+      {Endpoint::unix_socket(refused), Kind::REFUSED},
+      {Endpoint::unix_socket(directory + std::string(200, 'x')), Kind::UNREACHABLE},
+      {Endpoint::tcp("127.0.0.1", "1"), Kind::REFUSED},
+      {Endpoint::tcp("::1::", "1"), Kind::UNREACHABLE},
+  };
+  for (const auto& row : rows) {
+    const auto [kind, text] = failure_of([&] { Client(row.endpoint).open(); });
+    EXPECT_EQ(kind, row.kind) << text;
+    EXPECT_THAT(text, HasSubstr(row.endpoint.text()));
+  }
+  std::filesystem::remove_all(directory);
+}
+
+TEST_F(OpenClient, ErrorOfTheServerLeavesTheConnectionOpen) {
+  const auto [kind, text] = failure_with(
+      [](const SkeinStub::Call& call) { return SkeinStub::error(call, "no\nsuch request"); });
+  EXPECT_EQ(kind, Kind::SERVER);
+  EXPECT_EQ(text, "no?such request");
+  EXPECT_TRUE(still_open);
+}
+
+TEST_F(OpenClient, EveryOtherFailureClosesIt) {
+  MsgpackWriter no_reply;
+  no_reply.list(2).natural(1).natural(1);
+  const struct {
+    SkeinStub::Outcome outcome;
+    Kind kind;
+    const char* text;
+  } rows[] = {
+      {SkeinStub::silence(), Kind::TIMED_OUT, "took too long"},
+      {{std::string("\0\0\0", 3)}, Kind::TIMED_OUT, "took too long"},
+      {SkeinStub::close(), Kind::LOST, "closed the connection"},
+      {{std::string("\0\0\0\0", 4)}, Kind::LOST, "frame of length 0"},
+      {{"\xff\xff\xff\xff"}, Kind::LOST, "are allowed"},
+      {{std::string("\0\0\0\1", 4) + "\xff"}, Kind::LOST, "does not decompress"},
+      {{SkeinStub::frame("\xc1")}, Kind::LOST, "no MessagePack"},
+      {{SkeinStub::frame(no_reply.bytes())}, Kind::LOST, "no reply"},
+  };
+  for (const auto& row : rows) {
+    const auto [kind, text] = failure_with([&](const auto&) { return row.outcome; });
+    EXPECT_EQ(kind, row.kind) << text;
+    EXPECT_THAT(text, HasSubstr(row.text));
+    EXPECT_FALSE(still_open);
+  }
+}
+
+TEST(Client, SkipsRepliesToOthersAndMayBeReopened) {
+  SkeinStub stub([](const SkeinStub::Call& call) {
+    if (call.name == "drop") return SkeinStub::close();
+    auto other = call;
+    other.msgid += 7;
+    return SkeinStub::Outcome{SkeinStub::error(other, "not yours").bytes +
+                              SkeinStub::reply(call).bytes};
+  });
+  Client client(Endpoint::unix_socket(stub.path()));
+  client.open();
+  EXPECT_NO_THROW(client.call("collectd", metrics("x")));
+  EXPECT_EQ(failure_of([&] { client.call("drop", metrics("x")); }).first, Kind::LOST);
+  EXPECT_EQ(failure_of([&] { client.call("collectd", metrics("x")); }).first, Kind::LOST);
+  client.open();
+  EXPECT_NO_THROW(client.call("collectd", metrics("x")));
+}
+
+TEST_F(OpenClient, AnotherThreadCancelsForGood) {
+  SkeinStub stub([](const auto&) { return SkeinStub::silence(); });
+  Client client(Endpoint::unix_socket(stub.path()));
+  client.open();
+  std::thread canceller([&] {
+    stub.calls(1);
+    client.cancel();
+  });
+  EXPECT_EQ(failure_of([&] { client.call("collectd", metrics("x")); }).first, Kind::CANCELLED);
+  canceller.join();
+  client.open();  // a unix socket connects without waiting
+  EXPECT_EQ(failure_of([&] { client.call("collectd", metrics("x")); }).first, Kind::CANCELLED);
+}
+
+TEST(ClientC, ServesACaller) {
+  SkeinStub stub([](const SkeinStub::Call& call) {
+    return call.args.at("metrics") == "good\n" ? SkeinStub::reply(call)
+                                               : SkeinStub::error(call, "a long complaint");
+  });
+  std::array<char, 7> error{};
+  EXPECT_EQ(call_from_c(stub.path().c_str(), error.data(), error.size()), SKEIN_SERVER);
+  EXPECT_STREQ(error.data(), "a long");
+  EXPECT_EQ(stub.calls(2)[0].args.at("key"), "12-ab");
+  EXPECT_EQ(call_from_c("/nowhere/at/all", error.data(), error.size()), SKEIN_NO_SOCKET);
+}
+
+}  // namespace
