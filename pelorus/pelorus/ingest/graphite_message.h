@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "pelorus/pelorus/ingest/line_scanner.h"
+#include "pelorus/translate/series_translator.h"
+
+namespace pelorus {
+
+/// Size of the output buffer of the daemon. Memory is taken as it is written to.
+constexpr std::size_t GRAPHITE_BUFFER_BYTES = 500'000'000;
+
+/// A fixed run of memory that starts as zeros and costs nothing until it is used.
+class OutputBuffer {
+ public:
+  /// Throws std::system_error when the address space is not to be had.
+  explicit OutputBuffer(std::size_t size);
+  OutputBuffer(const OutputBuffer&) = delete;
+  OutputBuffer& operator=(const OutputBuffer&) = delete;
+  ~OutputBuffer();
+
+  char* begin() noexcept { return bytes_; }
+  const char* end() const noexcept { return bytes_ + size_; }
+  std::size_t size() const noexcept { return size_; }
+
+ private:
+  char* bytes_;
+  std::size_t size_;
+};
+
+/// Hears of the lines of a block that yield no record.
+class BadLineReporter {
+ public:
+  virtual ~BadLineReporter() = default;
+  /// `line` has not exactly three fields.
+  virtual void improperly_formatted(std::string_view line) = 0;
+  virtual void not_translated(std::string_view series, translate::Outcome outcome) = 0;
+};
+
+/// Builds line-protocol messages out of blocks of Graphite lines, in one buffer that is reused.
+/// Pure: no clock, no log, no socket.
+class GraphiteMessage {
+ public:
+  struct Built {
+    std::string_view message;      ///< in the buffer, until the next build
+    std::int64_t num_metrics = 0;  ///< records in it
+  };
+
+  explicit GraphiteMessage(std::size_t buffer_bytes = GRAPHITE_BUFFER_BYTES);
+
+  /// One record per good line of `block`, in order; the others go to `reporter`, save those whose
+  /// value is "nan", which are skipped silently. A block that ends in "\n" has a last, empty line.
+  /// Throws OutputBufferFullError when a record does not fit the buffer.
+  Built build(std::string_view block, BadLineReporter& reporter);
+
+ private:
+  void add_lines(const char* begin, const char* end, BadLineReporter& reporter);
+  void add_line(const ScannedLine& line, BadLineReporter& reporter);
+  void add_record(const translate::Translation& translation, const ScannedLine& line);
+
+  OutputBuffer buffer_;
+  std::string tail_;  ///< the last lines of a block, with room to read on behind them
+  char* position_ = nullptr;
+  std::int64_t num_metrics_ = 0;
+  translate::GraphiteSeriesTranslator series_translator_;
+};
+
+}  // namespace pelorus

@@ -1,0 +1,128 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "pelorus/translate/text.h"
+
+namespace translate {
+
+/// Where the dots of a series name stand, as far as rules look: the first KEPT and the last two.
+/// A rule reads no part behind the fifth from the front, and from the end only the last two.
+struct Cuts {
+  static constexpr std::size_t KEPT = 6;
+
+  std::array<std::uint32_t, KEPT> front;  ///< offsets of the first dots; the first `count` are set
+  std::uint32_t count = 0;                ///< dots in all
+  std::uint32_t last = 0;                 ///< offset of the last dot, if there is one
+  std::uint32_t last_but_one = 0;         ///< offset of the dot before it, if there are two
+
+  void add(std::uint32_t dot) noexcept {
+    if (count < KEPT) front[count] = dot;
+    last_but_one = last;
+    last = dot;
+    ++count;
+  }
+
+  static Cuts of(std::string_view series) noexcept;
+};
+
+/// What a rule ran into without checking for it. The first one counts.
+enum class Fault : std::uint8_t { NONE, PART_MISSING, NOT_TWO_PIECES, KEY_UNASSIGNED };
+
+/// The parts of a series name between its dots, without those that were removed from the front.
+/// A part that the name lacks reads as empty and is remembered as a fault, which voids the result:
+/// so rules need no checks and nothing is thrown on the road of each line.
+class Parts {
+ public:
+  /// Borrows both; `series` has PIECE_SLACK readable bytes behind it.
+  Parts(std::string_view series, const Cuts& cuts) noexcept : series_(series), cuts_(cuts) {}
+
+  Fault fault() const noexcept { return fault_; }
+  void set_fault(Fault fault) noexcept {
+    if (fault_ == Fault::NONE) fault_ = fault;
+  }
+
+  std::size_t size() const noexcept { return cuts_.count + 1 - first_; }
+  void remove_first() noexcept { ++first_; }
+
+  Piece operator[](std::size_t index) noexcept;
+  /// The part before the last.
+  Piece last_but_one() noexcept;
+  /// From `begin`, which lies in one of these parts, to the end of the part before the last, dots
+  /// included; to the end of begin's own part where that is the last one.
+  Piece up_to_last(Piece begin) const noexcept;
+
+ private:
+  Piece between(std::size_t begin, std::size_t end) const noexcept {
+    return {series_.data() + begin, end - begin};
+  }
+
+  std::string_view series_;
+  const Cuts& cuts_;
+  std::size_t first_ = 0;
+  Fault fault_ = Fault::NONE;
+};
+
+/// Tags in the order of insertion, which is their order on the wire. A key that is there already
+/// keeps its place and gets the new value.
+class Tags {
+ public:
+  struct Tag {
+    Piece key;
+    Text value;
+  };
+
+  void set(Piece key, const Text& value) noexcept;
+
+  const Tag* begin() const noexcept { return tags_.data(); }
+  const Tag* end() const noexcept { return tags_.data() + count_; }
+  std::size_t size() const noexcept { return count_; }
+
+ private:
+  static constexpr std::size_t MOST = 3;  // the node, and at most two of a rule
+
+  std::array<Tag, MOST> tags_;  // the first count_ are set
+  std::size_t count_ = 0;
+};
+
+/// What a rule makes of a name.
+struct Names {
+  Text measurement;
+  Text key;
+};
+
+/// None: the rule cannot read the name.
+using Match = std::optional<Names>;
+using Rule = Match (*)(Tags& tags, Parts& parts);
+
+/// `text` without as many bytes as `skipped` has, whatever they are; empty when it is shorter.
+inline Piece past(Piece text, std::string_view skipped) noexcept {
+  const std::size_t drop = text.size < skipped.size() ? text.size : skipped.size();
+  return {text.data + drop, text.size - drop};
+}
+
+/// `text` without its last `count` bytes; empty when it is shorter.
+inline Piece without_last(Piece text, std::size_t count) noexcept {
+  return {text.data, text.size - (text.size < count ? text.size : count)};
+}
+
+/// The last `count` bytes of `text`, or all of it when it is shorter.
+inline Piece last(Piece text, std::size_t count) noexcept {
+  const std::size_t kept = text.size < count ? text.size : count;
+  return {text.data + text.size - kept, kept};
+}
+
+inline bool starts_with(Piece text, std::string_view prefix) noexcept {
+  return text.view().starts_with(prefix);
+}
+
+inline bool operator==(Piece text, std::string_view other) noexcept { return text.view() == other; }
+
+/// `text` at both sides of its first "-"; none without one.
+std::optional<std::array<Piece, 2>> split_at_dash(Piece text) noexcept;
+
+}  // namespace translate

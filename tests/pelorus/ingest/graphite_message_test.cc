@@ -1,0 +1,129 @@
+#include "pelorus/pelorus/ingest/graphite_message.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "pelorus/pelorus/errors.h"
+
+namespace pelorus {
+namespace {
+
+class BadLines : public BadLineReporter {
+ public:
+  void improperly_formatted(std::string_view line) override {
+    lines.push_back("improper " + std::string(line));
+  }
+  void not_translated(std::string_view series, translate::Outcome outcome) override {
+    lines.push_back((is_unexpected(outcome) ? "unexpected " : "untranslated ") +
+                    std::string(series));
+  }
+  std::vector<std::string> lines;
+};
+
+class GraphiteMessageTest : public ::testing::Test {
+ protected:
+  std::string build(std::string_view block) {
+    bad_ = {};
+    const auto built = message_.build(block, bad_);
+    count_ = built.num_metrics;
+    return std::string(built.message);
+  }
+
+  GraphiteMessage message_{4096};
+  BadLines bad_;
+  std::int64_t count_ = 0;
+};
+
+TEST_F(GraphiteMessageTest, OneRecordPerLineAndOneBadLineForTheEmptyOneAtTheEnd) {
+  EXPECT_EQ(build("node12.load.load.shortterm 5 1500000000\n"
+                  "m000.disk-sda.disk_octets.read 2.5 1500000001\n"),
+            "load,node=12 shortterm=5i 1500000000000000000\n"
+            "disk,device=sda read_octets=2.5 1500000001000000000\n");
+  EXPECT_EQ(count_, 2);
+  EXPECT_EQ(bad_.lines, std::vector<std::string>{"improper "});
+}
+
+TEST_F(GraphiteMessageTest, OnlyPlainDigitsAreIntegers) {
+  const struct {
+    const char* value;
+    const char* written;
+  } rows[] = {
+      {"0", "0i"},    {"18446744073709551616", "18446744073709551616i"},
+      {"-3", "-3"},   {"2.5", "2.5"},
+      {"1e5", "1e5"}, {"+1", "+1"},
+      {"NaN", "NaN"}, {"00000000000000000000000000000007x", "00000000000000000000000000000007x"}};
+  for (const auto& row : rows) {
+    EXPECT_EQ(build(std::string("m000.load.load.a ") + row.value + " 1500000000"),
+              std::string("load a=") + row.written + " 1500000000000000000\n");
+  }
+}
+
+TEST_F(GraphiteMessageTest, BadLinesAreReportedAndTheOthersGoOut) {
+  EXPECT_EQ(build("m000.load.load.a 1\n\nm000.load.load.a 1 2 3\nm000.foo.a 1 1500000000\n"
+                  "m000.irq 1 1500000000\nm000.load.load.a nan 1500000000\n"
+                  "  m000.load.load.a\t7 \r 1500000000 \r\n\xff\xfe"),
+            "load a=7i 1500000000000000000\n");
+  EXPECT_EQ(count_, 1);
+  EXPECT_EQ(bad_.lines,
+            (std::vector<std::string>{"improper m000.load.load.a 1", "improper ",
+                                      "improper m000.load.load.a 1 2 3", "untranslated m000.foo.a",
+                                      "unexpected m000.irq", "improper \xff\xfe"}));
+  EXPECT_EQ(build(""), "");
+  EXPECT_EQ(count_, 0);
+}
+
+TEST_F(GraphiteMessageTest, ShortTimestampsGetTheirZerosAtOnce) {
+  EXPECT_EQ(build("m000.load.load.a 1 7\nm000.load.load.a 1 123456789"),
+            "load a=1i 7000000000\nload a=1i 123456789000000000\n");
+}
+
+// Kept: ten bytes are copied, the length is stepped over.
+TEST_F(GraphiteMessageTest, LongTimestampsShowWhatTheBufferHeld) {
+  EXPECT_EQ(build("m000.load.load.a 1 123456789012345"),
+            "load a=1i 1234567890" + std::string(5, '\0') + "000000000\n");
+  build("m000.load.load.abcdefghijklmnopqrstuvwxyz 7 1500000000");
+  EXPECT_EQ(build("m000.load.load.a 1 123456789012345"), "load a=1i 1234567890pqrst000000000\n");
+}
+
+// A wide copy must leave no trace behind the record that it belongs to.
+TEST_F(GraphiteMessageTest, NothingBehindARecordIsTouched) {
+  const std::string held =
+      build(std::string("m000.load.load.") + std::string(3000, 'h') + " 1 1500000000");
+  const std::string first = "m000.irq.irq-1 1 1500000000\n";
+  const std::string record = "irq irq1=1i 1500000000000000000\n";
+  const std::string long_time = "m000.irq.irq-1 1 1234567890" + std::string(40, '1');
+  const std::string after = build(first + long_time);
+  const std::size_t gap = 2 * record.size() - 10;
+  ASSERT_EQ(after.substr(0, record.size()), record);
+  EXPECT_EQ(after.substr(gap, 40), held.substr(gap, 40));
+}
+
+TEST_F(GraphiteMessageTest, RecordsFillTheBufferToTheLastByteAndNotBeyond) {
+  const std::string line = "m000.load.load.a 1 1500000000\n";
+  const std::string record = "load a=1i 1500000000000000000\n";
+  GraphiteMessage exact(2 * record.size());
+  EXPECT_EQ(exact.build(line + line, bad_).message, record + record);
+  EXPECT_THROW(exact.build(line + line + line, bad_), OutputBufferFullError);
+  EXPECT_EQ(exact.build(line, bad_).message, record);
+  GraphiteMessage short_of_one(2 * record.size() - 1);
+  EXPECT_THROW(short_of_one.build(line + line, bad_), OutputBufferFullError);
+}
+
+TEST_F(GraphiteMessageTest, LinesAreTheSameWhereverTheyStandInTheBlock) {
+  const std::string line = "node7.tunnel-4.link_2.latency.value 1.25 1500000000\n";
+  const std::string record = "link_latency,node=7,tunnel=4,link=2 value=1.25 1500000000000000000\n";
+  std::string block;
+  std::string expected;
+  for (int lines = 0; lines < 30; ++lines) {
+    // On the heap at its very end, so that reading behind it shows under the sanitizers.
+    const std::vector<char> copy(block.begin(), block.end());
+    EXPECT_EQ(build({copy.data(), copy.size()}), expected);
+    block += line;
+    expected += record;
+  }
+}
+
+}  // namespace
+}  // namespace pelorus

@@ -1,0 +1,126 @@
+#include "pelorus/pelorus/ingest/influx_handler.h"
+
+#include <gtest/gtest.h>
+
+#include "pelorus/pelorus/errors.h"
+#include "skein/encoders/msgpackencoder.h"
+#include "support/fake_clock.h"
+#include "support/log_capture.h"
+
+namespace pelorus {
+namespace {
+
+/// A handler whose buffers never find a reason to send.
+class InfluxHandlerTest : public ::testing::Test {
+ protected:
+  InfluxDatabase& database(std::size_t index) { return *handler_.databases()[index]; }
+  std::string queued(std::size_t index = 0) { return database(index).get_data(); }
+
+  support::LogCapture log_;
+  support::FakeClock clock_;
+  skein::Loop loop_{clock_.clocks()};
+  BufferSettings buffer_settings_{.max_pending_messages = 1000,
+                                  .max_buffer_time = 1e9,
+                                  .ideal_queued_messages = 1000,
+                                  .max_batch_size = 100,
+                                  .discard_size = 1};
+  InfluxConnection connection_{
+      .auth = "YTpi", .http_connection = "127.0.0.1:1", .host = "127.0.0.1", .port = 1};
+  std::vector<std::string> names_{"tidewell", "bonding", "tidewell"};
+  InfluxHandler handler_{names_,
+                         [this](const std::string& name) {
+                           return std::make_unique<InfluxDatabase>(name, buffer_settings_,
+                                                                   connection_, loop_);
+                         },
+                         loop_, 4096};
+};
+
+TEST_F(InfluxHandlerTest, RepeatedNamesShareOnePlace) {
+  ASSERT_EQ(handler_.databases().size(), 2U);
+  EXPECT_EQ(database(0).name(), "tidewell");
+  EXPECT_EQ(database(1).name(), "bonding");
+}
+
+TEST_F(InfluxHandlerTest, UnknownDatabaseIsCountedAndFails) {
+  EXPECT_THROW(handler_.add("other", "x", 3), UnknownDatabaseError);
+  EXPECT_EQ(handler_.statistics().messages, 1);
+  EXPECT_EQ(handler_.statistics().records, 3);
+}
+
+TEST_F(InfluxHandlerTest, StatisticsCountOnePeriodAndNotThemselves) {
+  handler_.add("bonding", "a\n", 10);
+  handler_.add("bonding", "b\n", 5);
+  handler_.handle_successful_auth();
+  handler_.increment_failed_auths();
+  handler_.send_stats();
+  EXPECT_EQ(queued(),
+            statistics_message({2, 15, 1, 1}, Nanoseconds{1'700'000'000} * 1'000'000'000));
+  clock_.tick(9.9);
+  loop_.turn();
+  EXPECT_EQ(queued(), "");
+  clock_.tick(0.1);
+  loop_.turn();
+  EXPECT_EQ(queued(), statistics_message({}, Nanoseconds{1'700'000'010} * 1'000'000'000));
+}
+
+TEST_F(InfluxHandlerTest, StatisticsWithoutTheirDatabaseEndAndAreKept) {
+  const std::vector<std::string> only{"bonding"};
+  InfluxHandler other(
+      only,
+      [this](const std::string& name) {
+        return std::make_unique<InfluxDatabase>(name, buffer_settings_, connection_, loop_);
+      },
+      loop_, 4096);
+  other.add("bonding", "a\n", 1);
+  EXPECT_THROW(other.send_stats(), UnknownDatabaseError);
+  EXPECT_EQ(other.statistics().messages, 2);
+  clock_.tick(100);
+  loop_.turn();
+  EXPECT_EQ(other.statistics().messages, 2);
+}
+
+TEST_F(InfluxHandlerTest, BlockIsOneMessageEvenWithoutRecords) {
+  handler_.add_graphite("bonding",
+                        "m000.load.load.a 1 1500000000\nm000.load.load.b 2 1500000000\n");
+  EXPECT_EQ(handler_.statistics().records, 2);
+  handler_.add_graphite("bonding", "");
+  EXPECT_EQ(database(1).pending_data_len(), 2U);
+  EXPECT_EQ(queued(1), "load a=1i 1500000000000000000\nload b=2i 1500000000000000000\n\n");
+}
+
+TEST_F(InfluxHandlerTest, BadLinesAreLoggedWhereTheyStand) {
+  handler_.add_graphite("bonding", "m000.foo.a 1 1\nbad\x01line\nm000.irq 1 1\n");
+  const auto warnings = log_.texts("warning");
+  EXPECT_EQ(warnings,
+            (std::vector<std::string>{R"(Could not translate "b'm000.foo.a'": No match for series)",
+                                      R"(Improperly formatted metric: "b'bad\x01line'")",
+                                      "Unexpected error occurred when translating series",
+                                      R"(Improperly formatted metric: "b''")"}));
+  EXPECT_GT(log_.texts("error").size(), 1U) << "the failure with its trace";
+}
+
+TEST_F(InfluxHandlerTest, BlockThatOutgrowsTheBufferQueuesNothing) {
+  std::string block;
+  while (block.size() < 8192) block += "m000.load.load.shortterm 1 1500000000\n";
+  EXPECT_THROW(handler_.add_graphite("bonding", block), OutputBufferFullError);
+  EXPECT_EQ(database(1).pending_data_len(), 0U);
+  handler_.add_graphite("bonding", "m000.load.load.a 1 1500000000");
+  EXPECT_EQ(database(1).pending_data_len(), 1U);
+}
+
+TEST_F(InfluxHandlerTest, SubmitQueuesOneMessagePerPointAndWarnsAtTheNameItCannotRead) {
+  skein::MsgpackWriter points;
+  points.list(2).list(2).integer(1).text("up").list(2).integer(2).text("down");
+  skein::Message message;
+  skein::MsgpackEncoder::decode(points.bytes(), message);
+  handler_.add_submit("bonding", "node1.tunnel-2.state", message.root());
+  EXPECT_EQ(database(1).pending_data_len(), 2U);
+  handler_.add_submit("bonding", "node1.state", message.root());
+  EXPECT_EQ(database(1).pending_data_len(), 2U);
+  EXPECT_EQ(
+      log_.texts("warning"),
+      std::vector<std::string>{R"(Could not translate "b'node1.state'": No match for series)"});
+}
+
+}  // namespace
+}  // namespace pelorus
