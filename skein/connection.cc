@@ -73,8 +73,8 @@ void Connection::send(std::string_view message) {
 
 void Connection::flush() {
   while (sent_ < unsent_.size()) {
-    const ssize_t count = ::send(socket_.descriptor(), unsent_.data() + sent_,
-                                 unsent_.size() - sent_, MSG_NOSIGNAL);
+    const ssize_t count =
+        ::send(socket_.descriptor(), unsent_.data() + sent_, unsent_.size() - sent_, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) return poll_.watch(UV_READABLE | UV_WRITABLE);
     if (count < 0) return end();

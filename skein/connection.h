@@ -37,12 +37,12 @@ class Connection : public LoopOwned, private PollTarget {
 
   Server& server_;
   Socket socket_;
-  Poll poll_;  // destroyed before the descriptor that it watches is closed
+  Poll poll_;            // destroyed before the descriptor that it watches is closed
   std::string partial_;  ///< the frame that is still coming, and nothing else; empty while idle
   std::string unsent_;
-  std::size_t sent_ = 0;    ///< bytes at the front of unsent_ that are out
-  std::size_t index_ = 0;   ///< place among the server's connections
-  bool serving_ = false;    ///< replies wait for the end of the present read
+  std::size_t sent_ = 0;   ///< bytes at the front of unsent_ that are out
+  std::size_t index_ = 0;  ///< place among the server's connections
+  bool serving_ = false;   ///< replies wait for the end of the present read
   bool ended_ = false;
 };
 

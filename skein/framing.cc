@@ -17,8 +17,7 @@ std::size_t length_of(std::string_view prefix) {
   }
   if (length == 0) throw ProtocolError("frame of length 0");
   if (length > MAX_FRAME_BYTES) {
-    throw ProtocolError(
-        fmt::format("frame of {} bytes, {} are allowed", length, MAX_FRAME_BYTES));
+    throw ProtocolError(fmt::format("frame of {} bytes, {} are allowed", length, MAX_FRAME_BYTES));
   }
   return length;
 }

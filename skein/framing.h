@@ -8,8 +8,9 @@
 namespace skein {
 
 /// Takes the first complete frame off the front of `bytes` and returns its payload (a view into
-/// `bytes`, without the length prefix); none when the frame is not complete yet, `bytes` then stays.
-/// Throws ProtocolError for a length of 0 or beyond MAX_FRAME_BYTES, as soon as the prefix is there.
+/// `bytes`, without the length prefix); none when the frame is not complete yet, `bytes` then
+/// stays. Throws ProtocolError for a length of 0 or beyond MAX_FRAME_BYTES, as soon as the prefix
+/// is there.
 std::optional<std::string_view> take_frame(std::string_view& bytes);
 
 /// Bytes that are still missing to the first frame of `bytes`; at least those of its prefix while

@@ -57,7 +57,8 @@ class Loop {
     return call_in(delay.count(), std::move(callback));
   }
 
-  /// Serves events until stop() is called. Throws KeyboardInterrupt when watch_signals() saw SIGINT.
+  /// Serves events until stop() is called. Throws KeyboardInterrupt when watch_signals() saw
+  /// SIGINT.
   void run();
   /// Makes run() return after the present callback.
   void stop();

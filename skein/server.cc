@@ -32,6 +32,8 @@ Server::Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keep
   poll_->watch(UV_READABLE);
 }
 
+Server::~Server() { resume_listening_.cancel(); }
+
 void Server::handle_events(int) {
   try {
     for (int i = 0; i < ACCEPTS_PER_TURN && poll_ && handle_read() != nullptr; ++i) {
@@ -45,14 +47,13 @@ void Server::handle_events(int) {
 void Server::pause_listening() {
   if (!poll_) return;
   poll_->watch(0);
-  loop_.call_in(ACCEPT_PAUSE_SECONDS, [this] {
+  resume_listening_ = loop_.call_in(ACCEPT_PAUSE_SECONDS, [this] {
     if (poll_) poll_->watch(UV_READABLE);
   });
 }
 
 Connection* Server::handle_read() {
-  Socket accepted(
-      ::accept4(socket_.descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  Socket accepted(::accept4(socket_.descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (!accepted) {
     if (errno == EAGAIN || errno == EINTR || peer_has_gone(errno)) return nullptr;
     throw SystemFailure("accept", errno);
@@ -110,6 +111,7 @@ void Server::serve(Connection& connection, std::string_view frame) {
 
 void Server::close() {
   if (!poll_) return;
+  resume_listening_.cancel();
   poll_.reset();
   socket_ = Socket();
   while (!connections_.empty()) connections_.back()->end();

@@ -33,7 +33,7 @@ class Server : private PollTarget {
   Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive = std::nullopt);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
-  virtual ~Server() = default;
+  virtual ~Server();
 
   /// Called when the listening socket is readable. Accepts one pending connection, registers it
   /// and returns it; none when there was none, or it had gone again.
@@ -74,6 +74,7 @@ class Server : private PollTarget {
   Loop& loop_;
   Socket socket_;
   std::unique_ptr<Poll> poll_;  // none once closed
+  Timer resume_listening_;
   std::optional<Keepalive> connection_keepalive_;
   Encoders encoders_;
   Message message_;

@@ -22,7 +22,8 @@ class Timer {
   friend class Loop;
   struct Key {
     std::chrono::steady_clock::time_point due;
-    std::uint64_t number = 0;  ///< counts the loop's timers: equal due times fire in order of arming
+    std::uint64_t number =
+        0;  ///< counts the loop's timers: equal due times fire in order of arming
     auto operator<=>(const Key&) const = default;
   };
   Timer(Loop* loop, Key key) : loop_(loop), key_(key) {}

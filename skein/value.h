@@ -11,8 +11,18 @@ namespace skein {
 /// Texts are views into the decoded frame.
 class Value {
  public:
-  enum class Type : std::uint8_t { NIL, BOOLEAN, INTEGER, UNSIGNED, REAL, TEXT, BYTES, LIST, MAP,
-                                   EXTENSION };
+  enum class Type : std::uint8_t {
+    NIL,
+    BOOLEAN,
+    INTEGER,
+    UNSIGNED,
+    REAL,
+    TEXT,
+    BYTES,
+    LIST,
+    MAP,
+    EXTENSION
+  };
 
   /// A value and everything inside it lie behind each other in a Message, parents first.
   struct Node {

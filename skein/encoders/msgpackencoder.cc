@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <bit>
 #include <limits>
 #include <msgpack.hpp>
 
@@ -77,8 +78,8 @@ class NodeVisitor : public msgpack::null_visitor {
     }
     elements_ += size;
     if (elements_ > MAX_ELEMENTS) {
-      throw ProtocolError(fmt::format("content of {} elements or more, {} are allowed", elements_,
-                                      MAX_ELEMENTS));
+      throw ProtocolError(
+          fmt::format("content of {} elements or more, {} are allowed", elements_, MAX_ELEMENTS));
     }
     open_[depth_++] = nodes_.size();
     add(type).size = size;
@@ -153,7 +154,14 @@ MsgpackWriter& MsgpackWriter::natural(std::uint64_t value) {
 }
 
 MsgpackWriter& MsgpackWriter::real(double value) {
-  pack_into(bytes_, [&](auto& packer) { packer.pack_double(value); });
+  // The library's packer turns a whole double into an integer; readers rely on the type.
+  constexpr char FLOAT64 = '\xcb';
+  auto bits = std::bit_cast<std::uint64_t>(value);
+  std::array<char, 1 + sizeof bits> encoded{FLOAT64};
+  for (std::size_t i = encoded.size(); i-- > 1; bits >>= 8U) {
+    encoded[i] = static_cast<char>(bits & 0xFFU);
+  }
+  bytes_.append(encoded.data(), encoded.size());
   return *this;
 }
 

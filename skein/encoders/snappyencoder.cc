@@ -27,8 +27,7 @@ std::string_view SnappyEncoder::decode(std::string_view block) {
         fmt::format("content of {} bytes, {} are allowed", size, MAX_CONTENT_BYTES));
   }
   if (size > block.size() * MAX_SNAPPY_GROWTH + MAX_SNAPPY_GROWTH_SLACK) {
-    throw ProtocolError(
-        fmt::format("{} compressed bytes claim to hold {}", block.size(), size));
+    throw ProtocolError(fmt::format("{} compressed bytes claim to hold {}", block.size(), size));
   }
   if (size > capacity_) {
     capacity_ = std::max({size, std::min(capacity_ * 2, KEPT_BUFFER_BYTES), FIRST_BUFFER_BYTES});

@@ -1,0 +1,145 @@
+#include "pelorus/pelorus/listen/local_server.h"
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/listen/complete_lines.h"
+#include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/profile.h"
+
+namespace pelorus {
+namespace {
+
+constexpr std::array<skein::RequestRow, 3> REQUESTS{{
+    {"collectd", skein::RequestHandler<&LocalServer::req_collectd>::handle},
+    {"stats", skein::RequestHandler<&LocalServer::req_stats>::handle},
+    {"fail", skein::RequestHandler<&LocalServer::req_fail>::handle},
+}};
+
+/// Everybody but the owner is kept out of the socket file.
+constexpr mode_t OWNER_ONLY = 0077;
+
+std::string socket_path(const Settings& settings) {
+  return settings.get<std::string>("INFLUX_UNIX_SOCKET");
+}
+
+/// Removes what an earlier run left behind; a symbolic link goes itself, not what it points to.
+void remove_stale(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return;
+  if (::unlink(path.c_str()) != 0) {
+    throw skein::SystemFailure(fmt::format("remove '{}'", path), errno);
+  }
+}
+
+/// The peer of a unix socket by what the kernel knows of it.
+std::string peer_name(const skein::Connection& connection) {
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  if (::getsockopt(connection.socket().descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &length) !=
+      0) {
+    return "local peer";
+  }
+  return fmt::format("local peer (process {}, user {})", peer.pid, peer.uid);
+}
+
+}  // namespace
+
+LocalServer::Owner LocalServer::Owner::look_up() {
+  Owner owner;
+  if (const passwd* account = ::getpwnam(TIDEWELL_ACCOUNT)) {
+    owner.bonding_uid = account->pw_uid;
+    if (const group* same_name = ::getgrnam(TIDEWELL_ACCOUNT))
+      owner.bonding_gid = same_name->gr_gid;
+  }
+  return owner;
+}
+
+LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop)
+    : Server(bind_listen(settings, Owner::look_up()), loop),
+      influx_handler_(influx_handler),
+      settings_(settings) {}
+
+skein::Socket LocalServer::bind_listen(const Settings& settings, const Owner& owner) {
+  const std::string path = socket_path(settings);
+  auto socket = skein::Socket::stream(AF_UNIX);
+  remove_stale(path);
+  // Kept: a failure below leaves the mask as it is; the process ends then.
+  const mode_t previous = ::umask(OWNER_ONLY);
+  skein::bind_unix(socket, path);
+  skein::listen(socket, LISTEN_BACKLOG);
+  if (owner.bonding_uid && owner.bonding_gid &&
+      ::chown(path.c_str(), *owner.bonding_uid, *owner.bonding_gid) != 0) {
+    // Not root: the socket stays with the daemon's own account.
+  }
+  ::umask(previous);
+  log::info("Started local socket at {}.", path);
+  return socket;
+}
+
+void LocalServer::stop() {
+  log::info("Closed local socket.");
+  close();
+  ::unlink(socket_path(settings_).c_str());
+}
+
+std::span<const skein::RequestRow> LocalServer::requests() const { return REQUESTS; }
+
+std::unique_ptr<skein::Connection> LocalServer::make_connection(skein::Socket socket) {
+  return std::make_unique<CollectdConnection>(*this, loop(), std::move(socket));
+}
+
+skein::Connection* LocalServer::handle_read() {
+  skein::Connection* accepted = Server::handle_read();
+  if (accepted != nullptr) log::info("Accepted local skein connection.");
+  return accepted;
+}
+
+void LocalServer::handle_exception(const std::exception& failure) {
+  log::exception(fmt::format("Exception in LocalServer: {}", failure.what()), failure);
+}
+
+void LocalServer::handle_protocol_error(skein::Connection& connection,
+                                        const skein::ProtocolError& fault) {
+  log::warning("Closing the connection of a {}: {}.", peer_name(connection), fault.what());
+}
+
+skein::Reply LocalServer::req_collectd(const skein::Request& request) {
+  PROFILE_SCOPE();
+  auto& remainder = static_cast<CollectdConnection&>(request.connection).graphite_remainder;
+  const std::string_view metrics = request.text("metrics");
+  if (metrics.empty() && remainder.empty()) {
+    throw skein::RequestError("argument 'metrics' of request 'collectd' is empty");
+  }
+  const CompleteLines complete(remainder, metrics);
+  influx_handler_.add_graphite(TIDEWELL_DATABASE, complete.lines());
+  return {};
+}
+
+skein::Reply LocalServer::req_stats(const skein::Request&) {
+  PROFILE_SCOPE();
+  skein::MsgpackWriter stats;
+  stats.map(influx_handler_.databases().size());
+  for (const auto& database : influx_handler_.databases()) {
+    stats.text(database->name()).map(4);
+    stats.text("has_current_request").boolean(database->has_current_request());
+    stats.text("pending_data_len").natural(database->pending_data_len());
+    stats.text("failure_count").integer(database->failure_count());
+    stats.text("last_sent_time").real(database->last_sent_time());
+  }
+  return skein::Reply(std::move(stats));
+}
+
+skein::Reply LocalServer::req_fail(const skein::Request&) {
+  throw skein::Failure("Intentionally failing for testing.");
+}
+
+}  // namespace pelorus

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/settings.h"
+#include "skein/server.h"
+
+namespace pelorus {
+
+/// Receives what the server's own collectd measures, over the unix socket INFLUX_UNIX_SOCKET, and
+/// answers the operator's tool there. The socket is its owner's alone. Borrows handler, settings
+/// and loop.
+class LocalServer : public skein::Server {
+ public:
+  /// Binds and listens at once. Throws SettingsError, skein::SystemFailure.
+  LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop);
+
+  /// Closes the server and removes the socket file.
+  void stop();
+
+  skein::Connection* handle_read() override;
+  void handle_exception(const std::exception& failure) override;
+  void handle_protocol_error(skein::Connection& connection,
+                             const skein::ProtocolError& fault) override;
+
+  /// "collectd": Graphite lines in the text "metrics", which may be cut anywhere between requests.
+  skein::Reply req_collectd(const skein::Request& request);
+  /// "stats": the state of every write buffer, by database.
+  skein::Reply req_stats(const skein::Request& request);
+  /// "fail": fails on purpose, so that the way of a failure can be looked at.
+  skein::Reply req_fail(const skein::Request& request);
+
+ protected:
+  std::span<const skein::RequestRow> requests() const override;
+  std::unique_ptr<skein::Connection> make_connection(skein::Socket socket) override;
+
+ private:
+  /// Who is to own the socket file, as far as the system knows the account and the group.
+  struct Owner {
+    std::optional<uid_t> bonding_uid;
+    std::optional<gid_t> bonding_gid;
+    static Owner look_up();
+  };
+  static skein::Socket bind_listen(const Settings& settings, const Owner& owner);
+
+  InfluxHandler& influx_handler_;
+  const Settings& settings_;
+};
+
+}  // namespace pelorus

@@ -1,0 +1,123 @@
+#include "pelorus/pelorus/service.h"
+
+#include <fmt/format.h>
+
+#include <csignal>
+#include <cstdio>
+#include <new>
+#include <optional>
+#include <span>
+
+#include "pelorus/pelorus/arguments.h"
+#include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/listen/local_server.h"
+#include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/profile.h"
+#include "pelorus/pelorus/systemd_notify.h"
+
+namespace pelorus {
+namespace {
+
+constexpr int LOADED = 0;
+constexpr int NOT_LOADED = 1;
+
+void log_loop_failures(skein::Loop& loop) {
+  loop.set_failure_handler([](const std::exception& failure) {
+    log::exception(fmt::format("Exception in event loop: {}", failure.what()), failure);
+  });
+}
+
+/// A peer that has gone is noticed by the call that writes to it, and a terminal that has gone is
+/// no reason to stop.
+void ignore_signals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGHUP, SIG_IGN);
+}
+
+void print_failure(const std::exception& failure) {
+  for (const std::string& line : log::trace_lines(failure)) {
+    fmt::print(stderr, "{}\n", log::escape_controls(line));
+  }
+}
+
+std::optional<Service> load_service(skein::Loop& loop) {
+  try {
+    return Service(Settings::load(), loop);
+  } catch (const std::exception& failure) {
+    print_failure(failure);
+    return std::nullopt;
+  }
+}
+
+void run_service(Service& service, bool profiled) {
+  try {
+    profiled ? service.profile() : service.main();
+  } catch (const skein::KeyboardInterrupt&) {
+    // Whoever sits at the terminal wanted it to end, and sees that it has.
+  } catch (const std::exception& failure) {
+    log::exception(fmt::format("Unhandled exception: {}", failure.what()), failure);
+  }
+}
+
+}  // namespace
+
+Service::Service(Settings settings, skein::Loop& loop)
+    : settings_(std::move(settings)),
+      buffer_settings_(BufferSettings::read(settings_)),
+      influx_connection_(InfluxConnection::read(settings_)),
+      loop_(loop) {}
+
+std::vector<std::string> Service::database_names() const {
+  std::vector<std::string> names;
+  for (const auto& record : settings_.get<std::vector<DatabaseRecord>>("INFLUX_DATABASES")) {
+    names.push_back(record.name);
+  }
+  return names;
+}
+
+void Service::main() {
+  log::info("Starting.");
+  InfluxHandler handler(
+      database_names(),
+      [this](const std::string& name) {
+        return std::make_unique<InfluxDatabase>(name, buffer_settings_, influx_connection_, loop_);
+      },
+      loop_);
+  LocalServer local_server(handler, settings_, loop_);
+  loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
+  loop_.call_in(0, [] { systemd_notify("READY=1"); });
+  loop_.run();
+  handler.stop();
+  local_server.close();
+  log::info("Quitting.");
+}
+
+void Service::profile() {
+  profile::run([this] { main(); });
+}
+
+int run_process(int argument_count, char** arguments) {
+  bool profiled = false;
+  try {
+    const std::span<char* const> given(arguments, static_cast<std::size_t>(argument_count));
+    profiled = wants_profile(decode_arguments(given));
+  } catch (const std::bad_alloc&) {
+    std::fputs("out of memory\n", stderr);
+    return NOT_LOADED;
+  } catch (const std::exception& failure) {
+    fmt::print(stderr, "{}\n", failure.what());
+    return NOT_LOADED;
+  }
+  ignore_signals();
+  log::start();
+  skein::Loop& loop = skein::loops::loop();
+  log_loop_failures(loop);
+  loop.watch_signals();
+  auto service = load_service(loop);
+  if (!service) return NOT_LOADED;
+  run_service(*service, profiled);
+  return LOADED;
+}
+
+}  // namespace pelorus
