@@ -43,11 +43,11 @@ class Settings {
 
 /// The values that all write buffers share. Counts are in messages.
 struct BufferSettings {
-  std::size_t max_pending_messages = 0;   ///< queue length at which the oldest are dropped
-  double max_buffer_time = 0;             ///< seconds since a success after which all is sent
-  std::size_t ideal_queued_messages = 0;  ///< queue length from which a batch is sent at once
-  std::size_t max_batch_size = 0;         ///< most messages of one write
-  std::size_t discard_size = 0;           ///< oldest messages dropped at once
+  std::size_t max_pending_messages = 0;    ///< queue length at which the oldest are dropped
+  double max_buffer_time = 0;              ///< seconds since a success after which all is sent
+  std::size_t ideal_queued_messages = 0;   ///< queue length from which a batch is sent at once
+  std::size_t max_batch_size = 0;          ///< most messages of one write
+  std::size_t discard_size = 0;            ///< oldest messages dropped at once
   double check_for_process_data_time = 1;  ///< seconds until the buffer looks again
 
   /// Reads PELORUS_MAX_PENDING_MESSAGES, PELORUS_BUFFER_TIME, PELORUS_IDEAL_QUEUED_MESSAGES,
@@ -60,9 +60,9 @@ struct BufferSettings {
 /// Where and as whom to write: the two values of the InfluxDB module of the administration
 /// application.
 struct InfluxConnection {
-  std::string auth;  ///< INFLUX_AUTH: Base64 text, sent as it stands. Secret.
+  std::string auth;             ///< INFLUX_AUTH: Base64 text, sent as it stands. Secret.
   std::string http_connection;  ///< INFLUX_HTTP_CONNECTION: value of the Host header
-  std::string host;  ///< of http_connection, without the brackets of an IPv6 address
+  std::string host;             ///< of http_connection, without the brackets of an IPv6 address
   std::uint16_t port = 80;
 
   /// Throws SettingsError: missing, or no host, host:port, [v6] or [v6]:port.

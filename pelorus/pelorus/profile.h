@@ -1,0 +1,106 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "pelorus/pelorus/profile_statistics.h"
+
+// The call profiler behind "--profile": each function that matters says PROFILE_SCOPE() first, and
+// a profiled run counts and times every call of it. In any other run that costs a branch on
+// entering and one on leaving. Loop thread only; nothing is locked.
+namespace pelorus::profile {
+
+class Profiler;
+
+/// One function that can be measured; static, made by PROFILE_SCOPE().
+struct Site {
+  const char* file;
+  unsigned line;
+  const char* function;
+  void* record = nullptr;  ///< the active profiler's, from the first call on
+};
+
+/// The profiler at work; none in a run that is not profiled.
+inline Profiler* active = nullptr;
+
+/// Collects for as long as it lives. One at a time.
+class Profiler {
+ public:
+  using Clock = std::int64_t (*)();  ///< nanoseconds that never step
+  static std::int64_t steady_nanoseconds();
+
+  explicit Profiler(Clock clock = steady_nanoseconds);
+  Profiler(const Profiler&) = delete;
+  Profiler& operator=(const Profiler&) = delete;
+  ~Profiler();
+
+  void enter(Site& site);
+  void leave() noexcept;
+
+  /// What the calls that have ended took, in the order of their first.
+  std::vector<Measurement> measurements() const;
+
+ private:
+  struct Record;
+  struct CallRecord {
+    Record* callee;
+    std::uint64_t calls = 0;
+    std::int64_t time = 0;
+  };
+  struct Record {
+    Site* site;
+    std::int64_t own = 0;
+    int running = 0;  // calls under way: more than one in a recursion
+    std::deque<CallRecord> callees{};
+  };
+  struct Frame {
+    Record* record;
+    CallRecord* call;  // none: nobody measured has called
+    std::int64_t start;
+    std::int64_t in_callees = 0;
+  };
+
+  Record& record_of(Site& site);
+  static CallRecord& call_of(Record& caller, Record& callee);
+
+  Clock clock_;
+  std::deque<Record> records_;  // addresses stay: sites, calls and frames point here
+  std::vector<Frame> frames_;
+};
+
+/// Measures from here to the end of the block.
+class Scope {
+ public:
+  explicit Scope(Site& site) : profiler_(active) {
+    if (profiler_ != nullptr) [[unlikely]]
+      profiler_->enter(site);
+  }
+  Scope(const Scope&) = delete;
+  Scope& operator=(const Scope&) = delete;
+  ~Scope() {
+    if (profiler_ != nullptr) [[unlikely]]
+      profiler_->leave();
+  }
+
+ private:
+  Profiler* profiler_;
+};
+
+/// First statement of a function that a profiled run shall measure.
+#define PROFILE_SCOPE()                                                                 \
+  static constinit ::pelorus::profile::Site profile_site{__FILE__, __LINE__, __func__}; \
+  const ::pelorus::profile::Scope profile_scope(profile_site)
+
+/// "pelorus.profile" and the moment in its shortest exact decimal form, never with an exponent.
+std::string file_name(double seconds_since_epoch);
+
+/// Runs `main` under the profiler: says so on standard output, and when `main` has returned writes
+/// the data file into the current directory, reads it and prints its table to standard output.
+/// A failure of `main` passes through and leaves no file. Throws skein::SystemFailure where the
+/// file cannot be written or read.
+void run(const std::function<void()>& main);
+
+}  // namespace pelorus::profile
