@@ -1,0 +1,117 @@
+#include "pelorus/pelorus/profile.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "skein/errors.h"
+#include "surroundings.h"
+
+namespace pelorus::profile {
+namespace {
+
+using testing::ContainsRegex, testing::ElementsAre, testing::HasSubstr, testing::SizeIs;
+
+std::int64_t now = 0;
+std::int64_t clock() { return now; }
+
+constinit Site root{"/a/main.cc", 1, "root"};
+constinit Site outer{"/a/x.cc", 10, "outer"};
+constinit Site inner{"/a/x.cc", 20, "inner"};
+
+/// Spends `before` in `site`, does `calls`, and spends as long again.
+void spend(
+    Site& site, std::int64_t before, const std::function<void()>& calls = [] {}) {
+  const Scope scope(site);
+  now += before;
+  calls();
+  now += before;
+}
+
+/// root → outer → inner → outer → outer, and root → inner: mutual and direct recursion.
+std::vector<Measurement> measured_recursion() {
+  Profiler profiler(clock);
+  spend(root, 1, [] {
+    spend(outer, 10,
+          [] { spend(inner, 100, [] { spend(outer, 1000, [] { spend(outer, 10000); }); }); });
+    spend(inner, 100000);
+  });
+  return profiler.measurements();
+}
+
+TEST(Profile, RecursionCountsCumulativeTimeOnce) {
+  const std::vector<Row> rows = from_callgrind(to_callgrind(measured_recursion()));
+  EXPECT_THAT(rows, ElementsAre(Row{{"/a/main.cc", 1, "root"}, 1, 2, 222222},
+                                Row{{"/a/x.cc", 20, "inner"}, 2, 200200, 222200},
+                                Row{{"/a/x.cc", 10, "outer"}, 3, 22020, 22220}));
+}
+
+TEST(Profile, DataFileIsCallgrindAndItsTotalsAddUp) {
+  const std::string data = to_callgrind(measured_recursion());
+  EXPECT_THAT(data, HasSubstr("version: 1\ncreator: pelorus\npositions: line\n"
+                              "events: Nanoseconds\n"));
+  EXPECT_THAT(data, HasSubstr("\nfl=/a/main.cc\nfn=root:1\n1 2\n"
+                              "cfi=/a/x.cc\ncfn=outer:10\ncalls=1 10\n1 22220\n"
+                              "cfi=/a/x.cc\ncfn=inner:20\ncalls=1 20\n1 200000\n"));
+  EXPECT_THAT(data, HasSubstr("\ntotals: 222222\n"));
+}
+
+TEST(Profile, FailureThatPassesThroughEndsItsCallsToo) {
+  spend(inner, 5);  // before there is a profiler: not measured
+  Profiler profiler(clock);
+  const auto fail = [] { spend(inner, 5, [] { throw std::runtime_error("x"); }); };
+  EXPECT_THROW(spend(outer, 1, fail), std::runtime_error);
+  spend(outer, 1);
+  const auto measurements = profiler.measurements();
+  ASSERT_THAT(measurements, SizeIs(2));
+  EXPECT_EQ(measurements[0].own, 1 + 2);
+  EXPECT_EQ(measurements[1].own, 5);
+}
+
+TEST(Profile, TableShowsTheFirstFortyRows) {
+  std::vector<Row> rows;
+  for (unsigned i = 1; i <= 50; ++i)
+    rows.push_back({{"/a/b/c.cc", i, "f"}, i, 1500000, 2000000000});
+  const std::string text = table(rows);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1 + 40);
+  EXPECT_THAT(text, HasSubstr("           7       0.001500       2.000000  c.cc:7(f)\n"));
+  EXPECT_THAT(table({{{"c.cc", 7, "operator()"}, 1, 0, 0}}), HasSubstr("  c.cc:7(operator())\n"));
+}
+
+TEST(Profile, FileNameHoldsTheMomentWithoutAnExponent) {
+  EXPECT_EQ(file_name(1714571100.25), "pelorus.profile1714571100.25");
+  EXPECT_EQ(file_name(1714571100.1234567), "pelorus.profile1714571100.1234567");
+  EXPECT_EQ(file_name(1e22), "pelorus.profile10000000000000000000000");
+}
+
+void work() { PROFILE_SCOPE(); }
+
+TEST(Profile, RunWritesItsFileAndPrintsTheTableOfIt) {
+  const support::WorkingFolder folder;
+  testing::internal::CaptureStdout();
+  run([] {
+    for (int i = 0; i < 3; ++i) work();
+  });
+  const auto file = std::filesystem::directory_iterator(folder.path())->path();
+  EXPECT_THAT(file.filename(), ContainsRegex("^pelorus\\.profile[0-9]+(\\.[0-9]+)?$"));
+  std::stringstream data;
+  data << std::ifstream(file).rdbuf();
+  const std::string shown = table(from_callgrind(data.str()));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Starting to profile!\n" + shown);
+  EXPECT_THAT(shown, ContainsRegex(" 3 .*  profile_test\\.cc:[0-9]+\\(work\\)\n"));
+}
+
+TEST(Profile, FailureOfMainPassesThroughAndLeavesNoFile) {
+  const support::WorkingFolder folder;
+  testing::internal::CaptureStdout();
+  EXPECT_THROW(run([] { throw skein::KeyboardInterrupt(); }), skein::KeyboardInterrupt);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Starting to profile!\n");
+  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+  EXPECT_EQ(active, nullptr);
+}
+
+}  // namespace
+}  // namespace pelorus::profile
