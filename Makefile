@@ -1,0 +1,35 @@
+# Short names for what the presets and scripts/ do. Every target can be run again and again.
+.PHONY: build check demo asan bench packages format tidy clean
+.NOTPARALLEL:
+
+build: packages
+	@scripts/build dev
+
+check: build
+	@scripts/format
+	@scripts/tidy build/dev
+	@ctest --preset dev
+
+demo: build
+	@demo/demo.py build/dev
+
+# The suite under the address and undefined-behaviour sanitizers.
+asan: packages
+	@scripts/build asan
+	@ctest --preset asan
+
+bench: packages
+	@scripts/build release
+	@build/release/bin/pelorus_bench
+
+packages:
+	@scripts/install-packages
+
+format:
+	@scripts/format --fix
+
+tidy: build
+	@scripts/tidy build/dev
+
+clean:
+	rm -rf build
