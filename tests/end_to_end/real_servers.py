@@ -1,0 +1,125 @@
+"""InfluxDB and collectd as Debian packages them, started by hand on free ports with folders of their
+own."""
+
+import base64
+import http.client
+import json
+from pathlib import Path
+import urllib.parse
+
+from support import Process, free_port, wait_until
+
+INFLUXD_CONFIGURATION = """
+reporting-disabled = true
+bind-address = "127.0.0.1:{rpc_port}"
+[meta]
+  dir = "{folder}/meta"
+[data]
+  dir = "{folder}/data"
+  wal-dir = "{folder}/wal"
+[monitor]
+  store-enabled = false
+[http]
+  bind-address = "127.0.0.1:{http_port}"
+  auth-enabled = true
+  log-enabled = false
+"""
+
+COLLECTD_CONFIGURATION = """
+Hostname "m000"
+FQDNLookup false
+Interval {interval}
+BaseDir "{folder}"
+PIDFile "{folder}/collectd.pid"
+TypesDB "/usr/share/collectd/types.db"
+{plugins}
+PluginDir "{plugin.parent}"
+LoadPlugin {plugin.stem}
+<Plugin {plugin.stem}>
+  <Node "local">
+    Socket "{socket}"
+  </Node>
+</Plugin>
+"""
+
+
+def _base64(name, password):
+    return base64.b64encode(f"{name}:{password}".encode()).decode()
+
+
+class Influxd(Process):
+    """An InfluxDB with authentication on."""
+
+    ADMINISTRATOR = ("admin", "admin-password")
+    WRITER = ("pelorus", "writer-password")  # may write, and nothing else
+
+    def __init__(self, folder):
+        self.folder = Path(folder)
+        self.folder.mkdir()
+        self.port = free_port()
+        self.address = f"127.0.0.1:{self.port}"
+        configuration = self.folder / "influxdb.conf"
+        configuration.write_text(INFLUXD_CONFIGURATION.format(
+            folder=self.folder, http_port=self.port, rpc_port=free_port()))
+        super().__init__(["influxd", "run", "-config", configuration],
+                         self.folder / "influxd.log")
+
+    def prepare(self, databases):
+        """Waits until it answers, then makes the accounts and databases. Returns INFLUX_AUTH."""
+        wait_until(self._answers, "influxd to answer", 30)
+        self.query("CREATE USER {} WITH PASSWORD '{}' WITH ALL PRIVILEGES"
+                   .format(*self.ADMINISTRATOR))
+        self.query("CREATE USER {} WITH PASSWORD '{}'".format(*self.WRITER))
+        for name in databases:
+            self.query(f"CREATE DATABASE {name}")
+            self.query(f"GRANT WRITE ON {name} TO {self.WRITER[0]}")
+        return _base64(*self.WRITER)
+
+    def query(self, text, database=""):
+        """The series of the answer: maps with "name", "columns" and "values"."""
+        path = "/query?" + urllib.parse.urlencode({"q": text, "db": database, "epoch": "s"})
+        status, body = self._request("POST", path)
+        answer = json.loads(body)
+        [result] = answer.get("results", [answer])
+        if status != 200 or "error" in result:
+            raise AssertionError(f"{text}: {status} {body}")
+        return result.get("series", [])
+
+    def count_values(self, database):
+        """Field values per measurement."""
+        return {series["name"]: sum(filter(None, series["values"][0][1:]))
+                for series in self.query("SELECT count(*) FROM /.*/", database)}
+
+    def _request(self, method, path):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        try:
+            credentials = _base64(*self.ADMINISTRATOR)
+            connection.request(method, path, headers={"Authorization": f"Basic {credentials}"})
+            answer = connection.getresponse()
+            return answer.status, answer.read().decode()
+        finally:
+            connection.close()
+
+    def _answers(self):
+        if not self.running():
+            raise AssertionError(f"influxd ended early:\n{self.text()}")
+        try:
+            return self._request("GET", "/ping")[0] == 204
+        except OSError:
+            return False
+
+
+class Collectd(Process):
+    """A collectd that reads this machine's values and hands them to our write plugin."""
+
+    PLUGINS = ("cpu", "df", "disk", "entropy", "interface", "irq", "load", "memory", "processes",
+               "swap", "uptime", "vmem")
+
+    def __init__(self, folder, plugin, socket, interval=1):
+        self.folder = Path(folder)
+        self.folder.mkdir()
+        configuration = self.folder / "collectd.conf"
+        configuration.write_text(COLLECTD_CONFIGURATION.format(
+            folder=self.folder, interval=interval, plugin=plugin, socket=socket,
+            plugins="\n".join(f"LoadPlugin {name}" for name in self.PLUGINS)))
+        super().__init__(["collectd", "-f", "-C", configuration], self.folder / "output.log")

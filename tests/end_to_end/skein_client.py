@@ -1,0 +1,89 @@
+"""A client of the skein protocol that shares no code with the daemon: Debian's MessagePack and
+Snappy modules and the layout of doc/skein_protocol.md."""
+
+import socket
+import struct
+
+import msgpack
+import snappy
+
+REQUEST, REPLY, ONE_WAY = 0, 1, 2
+
+
+def block_frame(block):
+    """A frame around any bytes."""
+    return struct.pack(">I", len(block)) + block
+
+
+def content_frame(content):
+    """A frame around compressed bytes."""
+    return block_frame(snappy.compress(content))
+
+
+def frame(message):
+    return content_frame(msgpack.packb(message))
+
+
+class SkeinError(Exception):
+    """The error text of a reply."""
+
+
+class SkeinClient:
+    """One connection. Every wait ends after `seconds`."""
+
+    def __init__(self, path, seconds=15):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._socket.settimeout(seconds)
+        self._socket.connect(str(path))
+        self._received = b""
+        self._msgid = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self._socket.close()
+
+    def send_bytes(self, data):
+        self._socket.sendall(data)
+
+    def send(self, message):
+        self.send_bytes(frame(message))
+
+    def receive(self):
+        """The next message; None when the daemon has ended the connection."""
+        head = self._take(4)
+        if head is None:
+            return None
+        block = self._take(struct.unpack(">I", head)[0])
+        return msgpack.unpackb(snappy.uncompress(block))
+
+    def call(self, name, args=None):
+        """The result of a request. Raises SkeinError when it is answered with an error."""
+        self._msgid += 1
+        self.send([REQUEST, self._msgid, name, args or {}])
+        kind, msgid, error, result = self.receive()
+        if (kind, msgid) != (REPLY, self._msgid):
+            raise AssertionError(f"reply {kind}, {msgid} to request {self._msgid}")
+        if error is not None:
+            raise SkeinError(error)
+        return result
+
+    def collectd(self, lines):
+        """Sends a block of Graphite lines as collectd's plugin does."""
+        return self.call("collectd", {"metrics": lines})
+
+    def _take(self, size):
+        while len(self._received) < size:
+            try:
+                more = self._socket.recv(65536)
+            except ConnectionResetError:
+                more = b""
+            if not more:
+                return None
+            self._received += more
+        taken, self._received = self._received[:size], self._received[size:]
+        return taken

@@ -1,0 +1,146 @@
+"""The life of the daemon's process: start, readiness, signals, failures at start, profiling."""
+
+import os
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import time
+import unittest
+
+from skein_client import SkeinClient
+from stub_influx import HANG, StubInflux
+from support import (AUTH, BUILD, INFO, PLUGIN, WWW_KEY, FolderTest, NotifySocket, wait_until)
+
+LOAD = "m000.load.load.shortterm 0.5 1700000000\n"
+
+
+class Life(FolderTest):
+    def test_socket_is_the_owners_alone_and_replaces_a_stale_one(self):
+        path = str(self.folder / "stale.socket")
+        stale = socket.socket(socket.AF_UNIX)
+        stale.bind(path)
+        stale.close()
+        self.start_pelorus({"INFLUX_UNIX_SOCKET": path})
+        mode = os.stat(path).st_mode
+        self.assertTrue(stat.S_ISSOCK(mode))
+        self.assertEqual(stat.S_IMODE(mode) & 0o077, 0)
+        with SkeinClient(path) as client:
+            client.call("stats")
+
+    def test_termination_is_in_order_and_swift_while_the_endpoint_hangs(self):
+        influx = StubInflux(answer=HANG)
+        self.addCleanup(influx.close)
+        daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": influx.address})
+        with SkeinClient(daemon.socket) as client:
+            client.collectd(LOAD)
+            wait_until(influx.written, "the request that hangs")
+            begin = time.monotonic()
+            daemon.send_signal(signal.SIGTERM)
+            self.assertEqual(daemon.wait(), 0)
+            self.assertLess(time.monotonic() - begin, 1)
+        self.assertEqual(daemon.lines(INFO)[0], "Starting.")
+        self.assertEqual(daemon.lines()[-1], (INFO, "Quitting."))
+
+    def test_interrupt_ends_silently(self):
+        daemon = self.start_pelorus()
+        before = daemon.text()
+        daemon.send_signal(signal.SIGINT)
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(daemon.text(), before)
+
+    def test_hang_up_changes_nothing(self):
+        daemon = self.start_pelorus()
+        daemon.send_signal(signal.SIGHUP)
+        with SkeinClient(daemon.socket) as client:
+            client.call("stats")
+        daemon.send_signal(signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+
+    def test_readiness_reaches_an_abstract_socket(self):
+        manager = NotifySocket(f"@pelorus-test-{os.getpid()}")
+        self.addCleanup(manager.close)
+        self.start_pelorus(environment={"NOTIFY_SOCKET": manager.name}, ready=False)
+        self.assertEqual(wait_until(manager.receive, "readiness"), b"READY=1")
+
+    def test_log_has_a_level_and_outside_the_journal_a_time(self):
+        daemon = self.start_pelorus(
+            environment={"JOURNAL_STREAM": None, "PELORUS_LOG_LEVEL": "warning"})
+        with SkeinClient(daemon.socket) as client:
+            client.collectd(LOAD + LOAD)
+        self.assertRegex(daemon.text(),
+                         r"\A\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} warning Improperly formatted")
+
+
+class StartUpFailures(FolderTest):
+    def fail_to_start(self, settings=None, environment=None):
+        daemon = self.start_pelorus(settings, environment=environment, ready=False)
+        code = daemon.wait()
+        self.assertIsNone(daemon.notify.receive())
+        self.assertNotIn(AUTH, daemon.text())
+        self.assertNotIn(WWW_KEY, daemon.text())
+        return code, daemon.text()
+
+    def test_what_is_settled_while_loading_ends_it_with_status_1(self):
+        missing = str(self.folder / "nowhere.json")
+        rows = [
+            ({}, {"PELORUS_SETTINGS": missing}, missing),
+            ({"PELORUS_BUFFER_TIME": None}, {}, "PELORUS_BUFFER_TIME is missing"),
+            ({"PELORUS_DISCARD_SIZE": 0}, {}, "PELORUS_DISCARD_SIZE"),
+            ({"PELORUS_MAX_BATCH_SIZE": "12345"}, {}, "PELORUS_MAX_BATCH_SIZE"),
+            ({"INFLUX_AUTH": None}, {}, "INFLUX_AUTH is missing"),
+            ({"INFLUX_HTTP_CONNECTION": "a:b:c"}, {}, "INFLUX_HTTP_CONNECTION")]
+        for settings, environment, expected in rows:
+            with self.subTest(expected):
+                code, text = self.fail_to_start(settings, environment)
+                self.assertEqual(code, 1, text)
+                self.assertIn(expected, text)
+                self.assertNotIn("12345", text)
+                self.assertIn("SettingsError: ", text.splitlines()[0])
+                self.assertIn("main", text)  # the trace
+
+    def test_what_is_read_later_is_logged_and_ends_it_with_status_0(self):
+        long_path = str(self.folder / ("x" * 200))
+        for settings, expected in [({"INFLUX_DATABASES": None}, "INFLUX_DATABASES"),
+                                   ({"INFLUX_UNIX_SOCKET": None}, "INFLUX_UNIX_SOCKET"),
+                                   ({"INFLUX_UNIX_SOCKET": long_path}, long_path)]:
+            with self.subTest(expected):
+                code, text = self.fail_to_start(settings)
+                self.assertEqual(code, 0, text)
+                self.assertRegex(text, f"(?m)^<3>Unhandled exception: .*{expected}")
+                self.assertNotIn("Quitting.", text)
+
+
+class Profiling(FolderTest):
+    def test_profile_is_printed_and_left_for_callgrind_annotate(self):
+        daemon = self.start_pelorus(arguments=["--profile"])
+        with SkeinClient(daemon.socket) as client:
+            client.collectd(LOAD)
+        daemon.send_signal(signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+        text = daemon.text()
+        self.assertTrue(text.startswith("Starting to profile!\n"), text)
+        self.assertRegex(text, r"req_collectd|add_graphite")
+        [profile] = daemon.folder.glob("pelorus.profile*")
+        self.assertRegex(profile.name, r"^pelorus\.profile\d+\.\d+$")
+        if shutil.which("callgrind_annotate") is None:
+            self.skipTest("callgrind_annotate is not installed")
+        report = subprocess.run(
+            ["callgrind_annotate", "--auto=no", "--threshold=100", profile], check=True,
+            timeout=60, stdout=subprocess.PIPE, text=True).stdout
+        self.assertIn("add_graphite", report)
+
+
+class Installation(FolderTest):
+    def test_installed_tree_holds_the_programs(self):
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", self.folder], check=True,
+                       timeout=60, stdout=subprocess.DEVNULL)
+        for program in ("sbin/pelorus", "bin/pelorusctl"):
+            self.assertTrue(os.access(self.folder / program, os.X_OK), program)
+        self.assertEqual((self.folder / "lib/collectd" / PLUGIN.name).exists(), PLUGIN.exists())
+
+
+
+if __name__ == "__main__":
+    unittest.main()

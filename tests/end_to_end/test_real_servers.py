@@ -1,0 +1,69 @@
+"""The whole road with the servers that production has: collectd with our plugin, the daemon, and
+InfluxDB with authentication."""
+
+from pathlib import Path
+import time
+import unittest
+
+from graphite_lines import collectd_lines
+from real_servers import Collectd, Influxd
+from skein_client import SkeinClient
+from support import ERROR, PLUGIN, WARNING, FolderTest, wait_until
+
+RECORDS = 200_000
+BLOCK_BYTES = 64 * 1024  # as collectd's plugin flushes; cuts through lines
+
+
+class RealServers(FolderTest):
+    def setUp(self):
+        super().setUp()
+        self.influx = Influxd(self.folder / "influxd")
+        self.addCleanup(self.influx.stop)
+        self.auth = self.influx.prepare(["tidewell", "bonding"])
+
+    def start_daemon(self, **settings):
+        return self.start_pelorus({"INFLUX_AUTH": self.auth,
+                                   "INFLUX_HTTP_CONNECTION": self.influx.address, **settings})
+
+    def test_200000_records_all_arrive(self):
+        daemon = self.start_daemon(PELORUS_IDEAL_QUEUED_MESSAGES=8, PELORUS_MAX_BATCH_SIZE=500)
+        text = "".join(collectd_lines(RECORDS))
+        with SkeinClient(daemon.socket) as client:
+            for begin in range(0, len(text), BLOCK_BYTES):
+                client.collectd(text[begin:begin + BLOCK_BYTES])
+            wait_until(lambda: self.arrived() >= RECORDS, f"{RECORDS} records", 90,
+                       pause=0.3)
+            self.assertEqual(client.call("stats")["tidewell"]["failure_count"], 0)
+        self.assertEqual(self.arrived(), RECORDS)
+
+    def arrived(self):
+        counts = self.influx.count_values("tidewell")
+        return sum(count for name, count in counts.items() if not name.startswith("proxy_"))
+
+    def test_refused_credentials_are_counted_as_failures(self):
+        daemon = self.start_daemon(INFLUX_AUTH="bm9ib2R5Om5vdGhpbmc=")
+        with SkeinClient(daemon.socket) as client:
+            client.collectd("m000.load.load.shortterm 0.5 1700000000\n")
+            wait_until(lambda: client.call("stats")["tidewell"]["failure_count"], "the refusal")
+        self.assertTrue(any("401" in line for line in daemon.lines(WARNING)))
+        self.assertEqual(self.arrived(), 0)
+
+    @unittest.skipUnless(PLUGIN.exists(), f"this build has no {PLUGIN.name}")
+    def test_values_of_collectd_arrive(self):
+        daemon = self.start_daemon(PELORUS_BUFFER_TIME=0.5)
+        collectd = Collectd(self.folder / "collectd", PLUGIN, daemon.socket)
+        self.addCleanup(collectd.stop)
+        expected = {"cpu", "load", "memory", "uptime", "processes", "vmem"}
+        wait_until(lambda: expected <= self.influx.count_values("tidewell").keys(),
+                   f"values of {sorted(expected)}", 30, pause=0.3)
+        [uptime] = self.influx.query("SELECT last(value) FROM uptime", "tidewell")
+        newest, seconds = uptime["values"][0]
+        self.assertAlmostEqual(newest, time.time(), delta=10)
+        self.assertAlmostEqual(seconds, float(Path("/proc/uptime").read_text().split()[0]),
+                               delta=10)
+        faults = [line for line in daemon.lines(WARNING) if not line.endswith("\"b''\"")]
+        self.assertEqual((faults, daemon.lines(ERROR)), ([], []))
+
+
+if __name__ == "__main__":
+    unittest.main()
