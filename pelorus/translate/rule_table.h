@@ -86,13 +86,13 @@ consteval std::array<RowsOfByte, 256> rows_by_first_byte() {
 }
 
 /// The rule for a plugin part; null when no row matches.
-inline Rule choose_rule(std::string_view plugin) noexcept {
+inline Rule choose_rule(Piece plugin) noexcept {
   static constexpr auto INDEX = rows_by_first_byte();
-  if (plugin.empty()) return nullptr;
-  const RowsOfByte& of_byte = INDEX[static_cast<unsigned char>(plugin.front())];
+  if (plugin.size == 0) return nullptr;
+  const RowsOfByte& of_byte = INDEX[static_cast<unsigned char>(*plugin.data)];
   for (std::size_t i = 0; i < of_byte.count; ++i) {
     const RuleRow& row = RULES[of_byte.rows[i]];
-    if (row.matches(plugin)) return row.rule;
+    if (row.matches(plugin.view())) return row.rule;
   }
   return nullptr;
 }

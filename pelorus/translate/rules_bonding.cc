@@ -23,7 +23,7 @@ constexpr std::array<SelectorRow, 6> TUNNEL_RULES{{
     {'b', tunnel_balancer},
 }};
 
-using BridgeChoice = Names (*)(Parts& parts);
+using BridgeChoice = Match (*)(Parts& parts);
 
 /// One row of a choice by the whole of a part.
 struct BridgeRow {
@@ -34,30 +34,30 @@ struct BridgeRow {
 constexpr std::array<BridgeRow, 6> BRIDGE_CHOICES{{
     {"failures",
      [](Parts& parts) {
-       return Names{"bridge_failures"_p, parts[2]};
+       return Match{"bridge_failures"_p, parts[2]};
      }},
     {"local_message_queue_size",
      [](Parts&) {
-       return Names{"bridge_local_message_queue"_p, "size"_p};
+       return Match{"bridge_local_message_queue"_p, "size"_p};
      }},
     {"open_connections",
      [](Parts&) {
-       return Names{"bridge_connections"_p, "open"_p};
+       return Match{"bridge_connections"_p, "open"_p};
      }},
     {"outside_connection_queues",
      [](Parts& parts) {
        // The single gauge of the older form has no name of its own.
        const Piece name = parts[2];
-       return Names{"bridge_outside_connection_queues"_p, name == "value" ? "legacy"_p : name};
+       return Match{"bridge_outside_connection_queues"_p, name == "value" ? "legacy"_p : name};
      }},
     {"pending_connections",
      [](Parts&) {
-       return Names{"bridge_connections"_p, "pending"_p};
+       return Match{"bridge_connections"_p, "pending"_p};
      }},
     {"traffic_bytes",
      [](Parts& parts) {
        const Piece name = parts[2];  // outside_tx → bridge_outside_bytes tx
-       return Names{Text("bridge_"_p, without_last(name, 3), "_bytes"_p), last(name, 2)};
+       return Match{Text("bridge_"_p, without_last(name, 3), "_bytes"_p), last(name, 2)};
      }},
 }};
 
@@ -69,24 +69,21 @@ Match tunnel(Tags& tags, Parts& parts) {
   parts.remove_first();
   const Piece type = parts[0];
   if (parts[1] == "interface_statistics") return tunnel_interface_statistics(tags, parts);
-  if (parts.fault() != Fault::NONE || type.size == 0) return std::nullopt;
+  if (type.size == 0) return no_match();
   for (const SelectorRow& row : TUNNEL_RULES) {
     if (row.selector == *type.data) return row.rule(tags, parts);
   }
-  return std::nullopt;
+  return no_match();
 }
 
 // link-2.interface_statistics.rx_packets → link_interface_statistics,link=2 rx_packets
 // Kept: the tag's key comes from the data, the text before the dash.
 Match tunnel_interface_statistics(Tags& tags, Parts& parts) {
   const auto pieces = split_at_dash(parts[0]);
-  if (!pieces) {
-    parts.set_fault(Fault::NOT_TWO_PIECES);
-    return std::nullopt;
-  }
+  if (!pieces) return {.outcome = Outcome::NOT_TWO_PIECES};
   const auto [kind, instance] = *pieces;
   tags.set(kind, instance);
-  return Names{Text(kind, "_interface_statistics"_p), parts[2]};
+  return Match{Text(kind, "_interface_statistics"_p), parts[2]};
 }
 
 // link_2.latency.value → link_latency,link=2 value
@@ -94,53 +91,53 @@ Match tunnel_link(Tags& tags, Parts& parts) {
   tags.set("link"_p, past(parts[0], "link_"));
   parts.remove_first();
   const Piece type = parts[0];
-  return Names{starts_with(type, "link_") ? Text(type) : Text("link_"_p, type), parts[1]};
+  return Match{starts_with(type, "link_") ? Text(type) : Text("link_"_p, type), parts[1]};
 }
 
 // tun_traffic.rx → tunnel_traffic rx
 Match tunnel_statistics(Tags&, Parts& parts) {
   const Piece type = parts[0];
-  return Names{starts_with(type, "tun_") ? Text("tunnel_"_p, past(type, "tun_")) : Text(type),
+  return Match{starts_with(type, "tun_") ? Text("tunnel_"_p, past(type, "tun_")) : Text(type),
                parts[1]};
 }
 
 // reorderer.drops.count → tunnel_reorderer_drops count
 Match tunnel_reorderer(Tags&, Parts& parts) {
-  return Names{Text("tunnel_reorderer_"_p, parts[1]), parts[2]};
+  return Match{Text("tunnel_reorderer_"_p, parts[1]), parts[2]};
 }
 
 // compressor.ratios.in → tunnel_compressor_ratio in
 // Kept: one byte, the plural's "s", goes here and not in tunnel_reorderer.
 Match tunnel_compressor(Tags&, Parts& parts) {
-  return Names{Text("tunnel_compressor_"_p, without_last(parts[1], 1)), parts[2]};
+  return Match{Text("tunnel_compressor_"_p, without_last(parts[1], 1)), parts[2]};
 }
 
 // packet_protocols_udp.value → tunnel_packet_protocols udp
 Match tunnel_packet_protocols(Tags&, Parts& parts) {
-  return Names{"tunnel_packet_protocols"_p, past(parts[0], "packet_protocols_")};
+  return Match{"tunnel_packet_protocols"_p, past(parts[0], "packet_protocols_")};
 }
 
 // balancer.flows.active.value → tunnel_balancer_flows active
 Match tunnel_balancer(Tags&, Parts& parts) {
-  return Names{"tunnel_balancer_flows"_p, parts.last_but_one()};
+  return Match{"tunnel_balancer_flows"_p, parts.last_but_one()};
 }
 
 // link-7.packet_loss.value → link_packet_loss,link=7 value
 Match link_packet_loss(Tags& tags, Parts& parts) {
   tags.set("link"_p, past(parts[0], "link-"));
-  return Names{"link_packet_loss"_p, "value"_p};
+  return Match{"link_packet_loss"_p, "value"_p};
 }
 
 // aggregation-cpu-average.cpu-idle → aggregation_cpu_average idle
 Match aggregation_cpu_average(Tags&, Parts& parts) {
-  return Names{"aggregation_cpu_average"_p, past(parts[1], "cpu-")};
+  return Match{"aggregation_cpu_average"_p, past(parts[1], "cpu-")};
 }
 
 // aggregator.tun_sent.bytes → aggregator_tunnel_sent bytes; aggregator.flows.open →
 // aggregator_flows
 Match aggregator(Tags&, Parts& parts) {
   const Piece type = parts[1];
-  return Names{starts_with(type, "tun") ? Text("aggregator_tunnel_"_p, past(type, "tun_"))
+  return Match{starts_with(type, "tun") ? Text("aggregator_tunnel_"_p, past(type, "tun_"))
                                         : Text("aggregator_"_p, type),
                parts[2]};
 }
@@ -152,18 +149,18 @@ Match aggfail(Tags&, Parts& parts) {
   constexpr std::string_view SUCCESSFUL = "successful_checks";
   const Piece name = past(parts[1], "gauge-");
   if (name.view().find(FAILED) != std::string_view::npos) {
-    return Names{parts[0], Text(without_last(name, FAILED.size()), "failures"_p)};
+    return Match{parts[0], Text(without_last(name, FAILED.size()), "failures"_p)};
   }
   if (name.view().find(SUCCESSFUL) != std::string_view::npos) {
-    return Names{parts[0], Text(without_last(name, SUCCESSFUL.size()), "successes"_p)};
+    return Match{parts[0], Text(without_last(name, SUCCESSFUL.size()), "successes"_p)};
   }
-  return Names{parts[0], name};
+  return Match{parts[0], name};
 }
 
 // status.config_updates.sent → config_updates sent
 Match status(Tags&, Parts& parts) {
-  if (!starts_with(parts[1], "config_updates")) return std::nullopt;
-  return Names{"config_updates"_p, parts[2]};
+  if (!starts_with(parts[1], "config_updates")) return no_match();
+  return Match{"config_updates"_p, parts[2]};
 }
 
 // bridge-main.open_connections.value → bridge_connections,bridge=main open
@@ -171,9 +168,9 @@ Match bridge(Tags& tags, Parts& parts) {
   tags.set("bridge"_p, past(parts[0], "bridge-"));
   const Piece type = parts[1];
   for (const BridgeRow& row : BRIDGE_CHOICES) {
-    if (type == row.type) return row.choice(parts);
+    if (type.view() == row.type) return row.choice(parts);
   }
-  return std::nullopt;
+  return no_match();
 }
 
 }  // namespace translate::rules

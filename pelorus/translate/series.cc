@@ -20,22 +20,13 @@ Cuts Cuts::of(std::string_view series) noexcept {
   return cuts;
 }
 
-Piece Parts::operator[](std::size_t index) noexcept {
-  index += first_;
-  if (index > cuts_.count) {
-    set_fault(Fault::PART_MISSING);
-    return {series_.data(), 0};
-  }
-  const std::size_t begin = index == 0 ? 0 : cuts_.front[index - 1] + 1;
-  const std::size_t end = index == cuts_.count ? series_.size() : cuts_.front[index];
-  return between(begin, end);
+Piece Parts::missing() noexcept {
+  fault_ = Outcome::PART_MISSING;
+  return {series_.data(), 0};
 }
 
 Piece Parts::last_but_one() noexcept {
-  if (size() < 2) {
-    set_fault(Fault::PART_MISSING);
-    return {series_.data(), 0};
-  }
+  if (size() < 2) return missing();
   return between(cuts_.count < 2 ? 0 : cuts_.last_but_one + 1, cuts_.last);
 }
 
@@ -44,16 +35,6 @@ Piece Parts::up_to_last(Piece begin) const noexcept {
   return stop > begin.data + begin.size
              ? Piece{begin.data, static_cast<std::size_t>(stop - begin.data)}
              : begin;
-}
-
-void Tags::set(Piece key, const Text& value) noexcept {
-  for (std::size_t i = 0; i < count_; ++i) {
-    if (tags_[i].key.view() == key.view()) {
-      tags_[i].value = value;
-      return;
-    }
-  }
-  tags_[count_++] = {key, value};
 }
 
 std::optional<std::array<Piece, 2>> split_at_dash(Piece text) noexcept {

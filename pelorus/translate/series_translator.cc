@@ -12,20 +12,6 @@ using namespace literals;
 
 constexpr std::size_t SOURCE_TYPE_BYTES = 4;
 
-Outcome outcome_of(Fault fault) noexcept {
-  switch (fault) {
-    case Fault::PART_MISSING:
-      return Outcome::PART_MISSING;
-    case Fault::NOT_TWO_PIECES:
-      return Outcome::NOT_TWO_PIECES;
-    case Fault::KEY_UNASSIGNED:
-      return Outcome::KEY_UNASSIGNED;
-    case Fault::NONE:
-      break;
-  }
-  return Outcome::TRANSLATED;
-}
-
 /// The first part names who sent the value: "node" + identifier, or "m…" for a host.
 Outcome read_source(Piece source, Tags& tags) noexcept {
   if (source.size < SOURCE_TYPE_BYTES) return Outcome::SHORT_SOURCE;
@@ -52,6 +38,17 @@ std::string reason(Outcome outcome, std::string_view series) {
   }
 }
 
+/// A part that is missing comes before whatever else the rule made of the name.
+Match checked(Rule rule, Tags& tags, Parts& parts) noexcept {
+  Match match = rule(tags, parts);
+  if (parts.fault() != Outcome::TRANSLATED) {
+    match.outcome = parts.fault();
+  } else if (match.outcome == Outcome::TRANSLATED && match.key.empty()) {
+    match.outcome = Outcome::KEY_MISSING;
+  }
+  return match;
+}
+
 }  // namespace
 
 std::string failure_text(Outcome outcome, std::string_view series) {
@@ -69,37 +66,33 @@ std::string failure_text(Outcome outcome, std::string_view series) {
   }
 }
 
-Outcome GraphiteSeriesTranslator::translate(std::string_view series, const Cuts& cuts,
-                                            Translation& translation) const noexcept {
+Match GraphiteSeriesTranslator::translate(std::string_view series, const Cuts& cuts,
+                                          Tags& tags) const noexcept {
   Parts parts(series, cuts);
-  const Outcome source = read_source(parts[0], translation.tags);
-  if (source != Outcome::TRANSLATED) return source;
+  const Outcome source = read_source(parts[0], tags);
+  if (source != Outcome::TRANSLATED) return {.outcome = source};
   parts.remove_first();
   const Piece plugin = parts[0];
-  if (parts.fault() != Fault::NONE) return outcome_of(parts.fault());
-  const Rule rule = choose_rule(plugin.view());
-  if (rule == nullptr) return Outcome::NO_RULE;
-  const Match match = rule(translation.tags, parts);
-  if (parts.fault() != Fault::NONE) return outcome_of(parts.fault());
-  if (!match) return Outcome::REFUSED;
-  if (match->key.empty()) return Outcome::KEY_MISSING;
-  translation.measurement = match->measurement;
-  translation.key = match->key;
-  return Outcome::TRANSLATED;
+  if (parts.fault() != Outcome::TRANSLATED) return {.outcome = parts.fault()};
+  const Rule rule = choose_rule(plugin);
+  if (rule == nullptr) return {.outcome = Outcome::NO_RULE};
+  return checked(rule, tags, parts);
 }
 
 TranslatedSeries GraphiteSeriesTranslator::translate(std::string_view series) const {
   std::string padded(series);
   padded.append(PIECE_SLACK, '\0');
   const std::string_view name(padded.data(), series.size());
-  Translation translation;
-  const Outcome outcome = translate(name, Cuts::of(name), translation);
-  if (is_unexpected(outcome)) throw UnexpectedSeriesError(failure_text(outcome, series));
-  if (outcome != Outcome::TRANSLATED) {
-    throw GraphiteSeriesTranslationError(failure_text(outcome, series));
+  Tags tags;
+  const Match match = translate(name, Cuts::of(name), tags);
+  if (is_unexpected(match.outcome)) {
+    throw UnexpectedSeriesError(failure_text(match.outcome, series));
   }
-  TranslatedSeries translated{translation.measurement.str(), translation.key.str(), {}};
-  for (const Tags::Tag& tag : translation.tags) {
+  if (match.outcome != Outcome::TRANSLATED) {
+    throw GraphiteSeriesTranslationError(failure_text(match.outcome, series));
+  }
+  TranslatedSeries translated{match.measurement.str(), match.key.str(), {}};
+  for (const Tags::Tag& tag : tags) {
     translated.tags.emplace_back(tag.key.view(), tag.value.str());
   }
   return translated;

@@ -20,6 +20,9 @@ struct Piece {
   std::size_t size;
 
   std::string_view view() const noexcept { return {data, size}; }
+  bool is(Piece other) const noexcept {
+    return size == other.size && (data == other.data || view() == other.view());
+  }
 };
 
 /// The text of a literal, padded so that it can be read in whole steps.

@@ -13,8 +13,9 @@
 namespace pelorus {
 namespace {
 
+using translate::Match;
 using translate::Piece;
-using translate::Translation;
+using translate::Tags;
 
 constexpr std::size_t TIMESTAMP_BYTES = 10;  // seconds since the epoch, from 2001 to 2286
 constexpr std::string_view NANOSECONDS = "000000000\n";
@@ -47,16 +48,11 @@ struct CopyExactly {
 
 Piece piece(std::string_view text) { return {text.data(), text.size()}; }
 
-bool all_digits(std::string_view value) noexcept {
-  return std::ranges::all_of(value, [](char c) { return c >= '0' && c <= '9'; });
-}
-
-std::size_t record_bytes(const Translation& translation, const ScannedLine& line) {
+std::size_t record_bytes(const Match& match, const Tags& tags, const ScannedLine& line) {
   const auto& [series, value, timestamp] = line.fields;
-  std::size_t size = translation.measurement.size() + 1 + translation.key.size() + 1 +
-                     value.size() + (all_digits(value) ? 2 : 1) + timestamp.size() +
-                     NANOSECONDS.size();
-  for (const auto& tag : translation.tags) size += 1 + tag.key.size + 1 + tag.value.size();
+  std::size_t size = match.measurement.size() + 1 + match.key.size() + 1 + value.size() +
+                     (all_digits(value) ? 2 : 1) + timestamp.size() + NANOSECONDS.size();
+  for (const auto& tag : tags) size += 1 + tag.key.size + 1 + tag.value.size();
   return size;
 }
 
@@ -66,20 +62,21 @@ std::size_t record_bytes_at_most(const ScannedLine& line) { return 8 * line.line
 
 /// Writes "measurement,tag=value key=value " (or "…i "); returns its end.
 template <class Copy>
-char* write_names_and_value(char* out, const Translation& translation, std::string_view value,
+char* write_names_and_value(char* out, const Match& match, const Tags& tags, std::string_view value,
                             Copy copy) {
-  out = translation.measurement.write(out, copy);
-  for (const auto& tag : translation.tags) {
+  out = match.measurement.write(out, copy);
+  for (const auto& tag : tags) {
     *out++ = ',';
     out = copy(out, tag.key);
     *out++ = '=';
     out = tag.value.write(out, copy);
   }
   *out++ = ' ';
-  out = translation.key.write(out, copy);
+  out = match.key.write(out, copy);
   *out++ = '=';
   out = copy(out, piece(value));
-  if (all_digits(value)) *out++ = 'i';
+  std::memcpy(out, "i ", 2);
+  out += all_digits(value) ? 1 : 0;
   *out++ = ' ';
   return out;
 }
@@ -127,31 +124,36 @@ void GraphiteMessage::add_line(const ScannedLine& line, BadLineReporter& reporte
   if (line.field_count != line.fields.size()) return reporter.improperly_formatted(line.line);
   const auto& [series, value, timestamp] = line.fields;
   if (value == "nan") return;
-  Translation translation;
-  const auto outcome = series_translator_.translate(series, line.cuts, translation);
-  if (outcome != translate::Outcome::TRANSLATED) return reporter.not_translated(series, outcome);
-  add_record(translation, line);
+  Tags tags;
+  const Match match = series_translator_.translate(series, line.cuts, tags);
+  if (match.outcome != translate::Outcome::TRANSLATED) {
+    return reporter.not_translated(series, match.outcome);
+  }
+  add_record(match, tags, line);
   ++num_metrics_;
 }
 
-void GraphiteMessage::add_record(const Translation& translation, const ScannedLine& line) {
+void GraphiteMessage::add_record(const Match& match, const Tags& tags, const ScannedLine& line) {
   const auto& [series, value, timestamp] = line.fields;
   const auto room = static_cast<std::size_t>(buffer_.end() - position_);
   // What copying in steps writes too far, the blank, the timestamp and the zeros of the same record
   // cover again: behind a record the buffer holds what it held.
-  if (timestamp.size() == TIMESTAMP_BYTES && room > record_bytes_at_most(line)) [[likely]] {
-    position_ = write_names_and_value(position_, translation, value, CopyInSteps{});
-  } else {
-    const std::size_t size = record_bytes(translation, line);
-    if (size > room) {
-      throw OutputBufferFullError(
-          fmt::format("a record of {} bytes does not fit the {} bytes left of the {}-byte output "
-                      "buffer; nothing of the block is queued",
-                      size, room, buffer_.size()));
-    }
-    position_ = write_names_and_value(position_, translation, value, CopyExactly{});
-  }
   static_assert(TAIL_BYTES > translate::PIECE_SLACK);
+  if (timestamp.size() == TIMESTAMP_BYTES && room > record_bytes_at_most(line)) [[likely]] {
+    char* const out = write_names_and_value(position_, match, tags, value, CopyInSteps{});
+    std::memcpy(out, timestamp.data(), TIMESTAMP_BYTES);
+    std::memcpy(out + TIMESTAMP_BYTES, NANOSECONDS.data(), NANOSECONDS.size());
+    position_ = out + TAIL_BYTES;
+    return;
+  }
+  const std::size_t size = record_bytes(match, tags, line);
+  if (size > room) {
+    throw OutputBufferFullError(
+        fmt::format("a record of {} bytes does not fit the {} bytes left of the {}-byte output "
+                    "buffer; nothing of the block is queued",
+                    size, room, buffer_.size()));
+  }
+  position_ = write_names_and_value(position_, match, tags, value, CopyExactly{});
   // Kept: ten bytes are copied and the timestamp's length is stepped over. Of a longer one the
   // buffer keeps what it held between its tenth byte and the zeros.
   std::memcpy(position_, timestamp.data(), std::min(timestamp.size(), TIMESTAMP_BYTES));

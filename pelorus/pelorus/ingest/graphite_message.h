@@ -59,7 +59,8 @@ class GraphiteMessage {
  private:
   void add_lines(const char* begin, const char* end, BadLineReporter& reporter);
   void add_line(const ScannedLine& line, BadLineReporter& reporter);
-  void add_record(const translate::Translation& translation, const ScannedLine& line);
+  void add_record(const translate::Match& match, const translate::Tags& tags,
+                  const ScannedLine& line);
 
   OutputBuffer buffer_;
   std::string tail_;  ///< the last lines of a block, with room to read on behind them

@@ -27,9 +27,9 @@ class LogBadLines : public BadLineReporter {
       log::warning("{}", failure_text(outcome, series));
       return;
     }
-    constexpr std::string_view UNEXPECTED = "Unexpected error occurred when translating series";
-    log::warning("{}", UNEXPECTED);
-    log::exception(UNEXPECTED, translate::UnexpectedSeriesError(failure_text(outcome, series)));
+    const translate::UnexpectedSeriesError failure(failure_text(outcome, series));
+    log::warning("Unexpected error occurred when translating series");
+    log::exception(failure.what(), failure);
   }
 };
 

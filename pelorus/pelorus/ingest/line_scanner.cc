@@ -1,5 +1,6 @@
 #include "pelorus/pelorus/ingest/line_scanner.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 
@@ -40,6 +41,7 @@ ByteMasks plain_masks_of(const char* bytes) noexcept {
 #ifdef __SSE2__
 ByteMasks masks_of(const char* bytes) noexcept {
   ByteMasks masks{};
+#pragma GCC unroll 4
   for (unsigned i = 0; i < WINDOW; i += 16) {
     const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
     const __m128i newline = _mm_cmpeq_epi8(chunk, _mm_set1_epi8('\n'));
@@ -55,8 +57,28 @@ ByteMasks masks_of(const char* bytes) noexcept {
   }
   return masks;
 }
+
+bool all_digits(std::string_view text) noexcept {
+  constexpr std::size_t STEP = 16;
+  static_assert(STEP <= SCAN_SLACK);
+  for (std::size_t at = 0; at < text.size(); at += STEP) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + at));
+    const __m128i digit =
+        _mm_cmpeq_epi8(_mm_subs_epu8(_mm_sub_epi8(chunk, _mm_set1_epi8('0')), _mm_set1_epi8(9)),
+                       _mm_setzero_si128());
+    const auto others = static_cast<std::uint32_t>(~_mm_movemask_epi8(digit));
+    if (static_cast<std::size_t>(std::countr_zero(others)) < std::min(STEP, text.size() - at)) {
+      return false;
+    }
+  }
+  return true;
+}
 #else
 ByteMasks masks_of(const char* bytes) noexcept { return plain_masks_of(bytes); }
+
+bool all_digits(std::string_view text) noexcept {
+  return std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; });
+}
 #endif
 
 const char* scan_line(const char* begin, ScannedLine& line) noexcept {

@@ -24,6 +24,9 @@ struct ScannedLine {
 /// SCAN_SLACK readable bytes behind it. Returns the byte behind the "\n". One pass over the bytes.
 const char* scan_line(const char* begin, ScannedLine& line) noexcept;
 
+/// Whether all bytes of `text` are decimal digits; true for none. Reads up to 16 bytes behind it.
+bool all_digits(std::string_view text) noexcept;
+
 /// Which of 64 bytes are white space, dots and line ends: bit 0 stands for the first byte.
 struct ByteMasks {
   std::uint64_t blank;  ///< line ends included

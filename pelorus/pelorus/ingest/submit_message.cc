@@ -27,7 +27,7 @@ std::optional<std::string> names_of(std::string_view name) {
   const Piece node = past(parts[0], "node");
   const Piece tunnel = past(parts[1], "tunnel-");
   const Piece third = parts[2];
-  if (parts.fault() != translate::Fault::NONE) return std::nullopt;
+  if (parts.fault() != translate::Outcome::TRANSLATED) return std::nullopt;
   const bool of_link = starts_with(third, "link");
   std::string names = fmt::format("{},node={},tunnel={}", of_link ? "link_state" : "tunnel_state",
                                   node.view(), tunnel.view());
