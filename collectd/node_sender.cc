@@ -1,0 +1,153 @@
+#include "collectd/node_sender.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <exception>
+#include <random>
+#include <utility>
+
+namespace write_skein {
+namespace {
+
+/// Threads started during its life take no signals.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+skein::Timeouts timeouts_of(const NodeSettings& settings) {
+  return {.connect = settings.connect_timeout,
+          .send = settings.send_timeout,
+          .receive = settings.send_timeout};
+}
+
+}  // namespace
+
+NodeSender::NodeSender(NodeSettings settings, Clock::duration max_age, Report report)
+    : settings_(std::move(settings)),
+      client_(settings_.endpoint, timeouts_of(settings_)),
+      complaints_(settings_.name, std::move(report)),
+      backoff_(std::random_device()()),
+      queue_(settings_.queue_limit, max_age) {}
+
+NodeSender::~NodeSender() { stop(Clock::duration::zero()); }
+
+void NodeSender::start() {
+  const SignalsBlocked blocked;
+  thread_ = std::thread([this] { run(); });
+}
+
+void NodeSender::add(std::string_view lines) {
+  const std::lock_guard lock(mutex_);
+  const auto before = queue_.due();
+  queue_.add(lines, Clock::now());
+  if (queue_.due() != before) changed_.notify_one();
+}
+
+void NodeSender::flush(Clock::duration age) {
+  const std::lock_guard lock(mutex_);
+  queue_.flush(age, Clock::now());
+  changed_.notify_one();
+}
+
+void NodeSender::begin_stop() {
+  const std::lock_guard lock(mutex_);
+  stopping_ = true;
+  changed_.notify_one();
+}
+
+void NodeSender::stop(Clock::duration grace) {
+  if (!thread_.joinable()) return;
+  begin_stop();
+  {
+    std::unique_lock lock(mutex_);
+    finished_.wait_for(lock, grace, [this] { return ended_; });
+  }
+  client_.cancel();
+  thread_.join();
+  client_.close();
+  complaints_.stopped(queue_.waiting(), last_failure_);
+}
+
+void NodeSender::run() {
+  while (auto block = next_block()) deliver(std::move(*block));
+  const std::lock_guard lock(mutex_);
+  ended_ = true;
+  finished_.notify_one();
+}
+
+std::optional<Block> NodeSender::next_block() {
+  std::unique_lock lock(mutex_);
+  while (!gave_up_) {
+    const auto due = queue_.due();
+    if (due && (stopping_ || *due <= Clock::now())) return queue_.take();
+    if (stopping_) return std::nullopt;
+    due ? static_cast<void>(changed_.wait_until(lock, *due)) : changed_.wait(lock);
+  }
+  return std::nullopt;
+}
+
+void NodeSender::deliver(Block block) {
+  try {
+    send(block);
+  } catch (const std::exception& failure) {
+    client_.close();
+    last_failure_ = failure.what();
+    return keep(std::move(block));
+  }
+  backoff_.reset();
+  std::unique_lock lock(mutex_);
+  queue_.delivered();
+  const Loss loss = queue_.take_loss();
+  lock.unlock();
+  complaints_.answered(loss, Clock::now());
+}
+
+void NodeSender::send(const Block& block) {
+  const bool stood = client_.is_open();
+  try {
+    if (!stood) client_.open();
+    call(block);
+  } catch (const skein::ClientError& error) {
+    if (error.kind() == skein::ClientError::Kind::SERVER) {
+      return complaints_.refused(error.what(), block.values, Clock::now());
+    }
+    // The server may have been restarted since the last block: no reason to complain or to wait.
+    if (!stood || error.kind() != skein::ClientError::Kind::LOST) throw;
+    send(block);
+  }
+}
+
+void NodeSender::call(const Block& block) {
+  skein::MsgpackWriter args;
+  args.map(settings_.key.empty() ? 1 : 2);
+  if (!settings_.key.empty()) args.text("key").text(settings_.key);
+  args.text("metrics").text(block.lines);
+  client_.call("collectd", args);
+}
+
+void NodeSender::keep(Block block) {
+  const auto now = Clock::now();
+  std::unique_lock lock(mutex_);
+  queue_.give_back(std::move(block));
+  // At the end there is one attempt, and no waiting for a better moment.
+  gave_up_ = stopping_;
+  if (gave_up_) return;
+  lock.unlock();
+  complaints_.failed(last_failure_, now);
+  lock.lock();
+  changed_.wait_until(lock, now + backoff_.next(), [this] { return stopping_; });
+}
+
+}  // namespace write_skein

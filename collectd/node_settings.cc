@@ -1,0 +1,200 @@
+#include "collectd/node_settings.h"
+
+#include <fmt/format.h>
+#include <strings.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "collectd/block_queue.h"
+#include "skein/errors.h"
+#include "skein/key_file.h"
+
+namespace write_skein {
+namespace {
+
+constexpr std::string_view DEFAULT_PORT = "8995";
+constexpr double MAX_QUEUE_BYTES = 1U << 30;
+constexpr double MAX_TIMEOUT = 3600;  // seconds
+
+/// The options of one <Node> as they are met.
+struct Draft {
+  NodeSettings settings;
+  std::string socket;
+  std::string host;
+  std::string port;
+};
+
+[[noreturn]] void refuse(const oconfig_item_t& option, std::string_view demand) {
+  throw skein::Failure(fmt::format("{} {}", option.key, demand));
+}
+
+const oconfig_value_t& only_value(const oconfig_item_t& option, int type, std::string_view demand) {
+  if (option.values_num != 1 || option.children_num != 0 || option.values[0].type != type) {
+    refuse(option, demand);
+  }
+  return option.values[0];
+}
+
+std::string text(const oconfig_item_t& option) {
+  const std::string found =
+      only_value(option, OCONFIG_TYPE_STRING, "needs one text in quotes").value.string;
+  if (found.empty()) refuse(option, "is empty");
+  return found;
+}
+
+double number(const oconfig_item_t& option, double least, double most) {
+  const std::string demand = fmt::format("needs a whole number from {} to {}", least, most);
+  const double found = only_value(option, OCONFIG_TYPE_NUMBER, demand).value.number;
+  if (!(found >= least && found <= most) || found != std::floor(found)) refuse(option, demand);
+  return found;
+}
+
+/// Quoted or not.
+std::string port(const oconfig_item_t& option) {
+  constexpr std::string_view DEMAND = "needs a number from 1 to 65535";
+  int found = 0;
+  if (option.values_num == 1 && option.values[0].type == OCONFIG_TYPE_STRING) {
+    const std::string_view given = option.values[0].value.string;
+    const auto end = std::from_chars(given.data(), given.data() + given.size(), found);
+    if (end.ptr != given.data() + given.size()) refuse(option, DEMAND);
+  } else {
+    found = static_cast<int>(number(option, 1, 65535));
+  }
+  if (found < 1 || found > 65535) refuse(option, DEMAND);
+  return std::to_string(found);
+}
+
+void set_socket(const oconfig_item_t& option, Draft& draft) {
+  draft.socket = text(option);
+  if (draft.socket.front() != '/') refuse(option, "needs an absolute path");
+  if (draft.socket.size() >= sizeof(sockaddr_un::sun_path)) {
+    refuse(option, fmt::format("has a path of {} bytes, {} are possible", draft.socket.size(),
+                               sizeof(sockaddr_un::sun_path) - 1));
+  }
+}
+
+void set_host(const oconfig_item_t& option, Draft& draft) { draft.host = text(option); }
+
+void set_port(const oconfig_item_t& option, Draft& draft) { draft.port = port(option); }
+
+void set_only_key(const oconfig_item_t& option, Draft& draft, std::string key) {
+  if (!draft.settings.key.empty()) refuse(option, "stands beside another key");
+  draft.settings.key = std::move(key);
+}
+
+void set_key(const oconfig_item_t& option, Draft& draft) {
+  std::string key = text(option);
+  if (!skein::is_node_key(key)) refuse(option, "holds blanks or control bytes");
+  set_only_key(option, draft, std::move(key));
+}
+
+void set_key_file(const oconfig_item_t& option, Draft& draft) {
+  set_only_key(option, draft, skein::read_key_file(text(option)));
+}
+
+void set_store_rates(const oconfig_item_t& option, Draft& draft) {
+  draft.settings.store_rates =
+      only_value(option, OCONFIG_TYPE_BOOLEAN, "needs true or false").value.boolean != 0;
+}
+
+void set_queue_limit(const oconfig_item_t& option, Draft& draft) {
+  draft.settings.queue_limit =
+      static_cast<std::size_t>(number(option, MIN_QUEUE_BYTES, MAX_QUEUE_BYTES));
+}
+
+std::chrono::seconds timeout(const oconfig_item_t& option) {
+  return std::chrono::seconds(static_cast<long>(number(option, 1, MAX_TIMEOUT)));
+}
+
+void set_connect_timeout(const oconfig_item_t& option, Draft& draft) {
+  draft.settings.connect_timeout = timeout(option);
+}
+
+void set_send_timeout(const oconfig_item_t& option, Draft& draft) {
+  draft.settings.send_timeout = timeout(option);
+}
+
+struct Option {
+  const char* name;
+  void (*set)(const oconfig_item_t&, Draft&);
+};
+
+constexpr std::array<Option, 9> OPTIONS{{
+    {"Socket", set_socket},
+    {"Host", set_host},
+    {"Port", set_port},
+    {"NodeKey", set_key},
+    {"NodeKeyFile", set_key_file},
+    {"StoreRates", set_store_rates},
+    {"QueueLimit", set_queue_limit},
+    {"ConnectTimeout", set_connect_timeout},
+    {"SendTimeout", set_send_timeout},
+}};
+
+void set_option(const oconfig_item_t& item, Draft& draft) {
+  const auto* option = std::find_if(OPTIONS.begin(), OPTIONS.end(), [&](const Option& known) {
+    return strcasecmp(known.name, item.key) == 0;  // collectd's options know no case
+  });
+  if (option == OPTIONS.end()) refuse(item, "is no option of a node");
+  option->set(item, draft);
+}
+
+void set_endpoint(Draft& draft) {
+  if (draft.socket.empty() && draft.host.empty()) throw skein::Failure("needs a Socket or a Host");
+  if (draft.socket.empty()) {
+    if (draft.port.empty()) draft.port = DEFAULT_PORT;
+    draft.settings.endpoint = skein::Endpoint::tcp(draft.host, draft.port);
+    return;
+  }
+  if (!draft.host.empty()) throw skein::Failure("has both a Socket and a Host");
+  if (!draft.port.empty()) throw skein::Failure("has a Port, but no Host");
+  // The local server asks for no key: a secret is not sent where nobody wants it.
+  if (!draft.settings.key.empty()) throw skein::Failure("has a key, which goes with a Host only");
+  draft.settings.endpoint = skein::Endpoint::unix_socket(draft.socket);
+}
+
+NodeSettings read_node(const oconfig_item_t& item) {
+  Draft draft;
+  if (item.values_num != 1 || item.values[0].type != OCONFIG_TYPE_STRING) {
+    refuse(item, "needs one name in quotes");
+  }
+  draft.settings.name = item.values[0].value.string;
+  try {
+    for (const oconfig_item_t& option :
+         std::span(item.children, static_cast<std::size_t>(item.children_num))) {
+      set_option(option, draft);
+    }
+    set_endpoint(draft);
+  } catch (const skein::Failure& failure) {
+    throw skein::Failure(fmt::format("Node \"{}\": {}", draft.settings.name, failure.what()));
+  }
+  return draft.settings;
+}
+
+}  // namespace
+
+void read_settings(const oconfig_item_t& plugin, std::vector<NodeSettings>& nodes) {
+  std::vector<NodeSettings> all = nodes;
+  for (const oconfig_item_t& item :
+       std::span(plugin.children, static_cast<std::size_t>(plugin.children_num))) {
+    if (strcasecmp(item.key, "Node") != 0) refuse(item, "is no option, <Node \"name\"> is one");
+    NodeSettings node = read_node(item);
+    for (const NodeSettings& other : all) {
+      if (other.name == node.name) {
+        throw skein::Failure(fmt::format("Node \"{}\": there are two of this name", node.name));
+      }
+    }
+    all.push_back(std::move(node));
+  }
+  if (all.empty()) throw skein::Failure("there is no <Node \"name\"> block");
+  nodes = std::move(all);
+}
+
+}  // namespace write_skein

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "liboconfig/oconfig.h"
+#include "skein/endpoint.h"
+
+namespace write_skein {
+
+/// One <Node> block of the configuration.
+struct NodeSettings {
+  std::string name;
+  skein::Endpoint endpoint = skein::Endpoint::unix_socket("");
+  std::string key;  ///< secret; empty: no "key" is sent
+  bool store_rates = true;
+  std::size_t queue_limit = 16U << 20;  ///< bytes
+  std::chrono::seconds connect_timeout{5};
+  std::chrono::seconds send_timeout{30};  ///< for one block, and again for its reply
+};
+
+/// Reads the <Plugin write_skein> block and appends its nodes to `nodes`.
+/// Throws skein::Failure whose text names the node, the option and what is wrong with it; `nodes`
+/// then stays as it was.
+void read_settings(const oconfig_item_t& plugin, std::vector<NodeSettings>& nodes);
+
+}  // namespace write_skein

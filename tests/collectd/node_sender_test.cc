@@ -1,0 +1,126 @@
+#include "collectd/node_sender.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+
+#include "support/skein_stub.h"
+
+namespace write_skein {
+namespace {
+
+using namespace std::chrono_literals;
+using support::SkeinStub;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class Sender : public testing::Test {
+ protected:
+  ~Sender() override { std::filesystem::remove_all(directory); }
+
+  std::unique_ptr<NodeSender> make(std::chrono::seconds max_age = 1h) {
+    settings.name = "a";
+    settings.endpoint = skein::Endpoint::unix_socket(path);
+    auto sender = std::make_unique<NodeSender>(
+        settings, max_age, [this](Level, const std::string& text) { report(text); });
+    sender->start();
+    return sender;
+  }
+
+  void report(const std::string& text) {
+    const std::lock_guard lock(mutex);
+    said.push_back(text);
+    reported.notify_all();
+  }
+  void wait_for_report() {
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(reported.wait_for(lock, 10s, [this] { return !said.empty(); }));
+  }
+
+  static SkeinStub::Outcome answer(const SkeinStub::Call& call) { return SkeinStub::reply(call); }
+
+  const std::string directory = support::make_directory();
+  const std::string path = directory + "/socket";
+  NodeSettings settings;
+  std::mutex mutex;
+  std::condition_variable reported;
+  std::vector<std::string> said;  // guarded by mutex while a sender runs
+};
+
+TEST_F(Sender, SendsWhatIsOldFlushedOrLeftAtTheEnd) {
+  settings.key = "12-ab";
+  SkeinStub stub(path, answer);
+  const auto prompt = make(0s);
+  prompt->add("old\n");
+  EXPECT_EQ(stub.metrics_with("old\n"), "old\n");
+  prompt->stop(10s);  // the stub takes one connection at a time
+  const auto sender = make();
+  sender->add("flushed\n");
+  sender->flush(0s);
+  EXPECT_EQ(stub.metrics_with("flushed\n"), "old\nflushed\n");
+  sender->add("left\n");
+  sender->stop(10s);
+  EXPECT_EQ(stub.metrics_with("left\n"), "old\nflushed\nleft\n");
+  EXPECT_EQ(stub.calls()[0].name, "collectd");
+  EXPECT_EQ(stub.calls()[0].args.at("key"), "12-ab");
+  EXPECT_THAT(said, ElementsAre());
+}
+
+TEST_F(Sender, KeepsValuesThroughAnOutage) {
+  const auto sender = make(0s);
+  sender->add("first\n");
+  wait_for_report();
+  sender->add("second\n");
+  SkeinStub stub(path, answer);
+  EXPECT_EQ(stub.metrics_with("second\n"), "first\nsecond\n");
+  sender->stop(10s);
+  EXPECT_THAT(said, ElementsAre(HasSubstr("No such file"), HasSubstr("0 values (0 bytes)")));
+}
+
+TEST_F(Sender, RestartOfTheServerBetweenBlocksIsNoOutage) {
+  auto stub = std::make_unique<SkeinStub>(path, answer);
+  const auto sender = make(0s);
+  sender->add("first\n");
+  EXPECT_EQ(stub->metrics_with("first\n"), "first\n");
+  stub.reset();
+  stub = std::make_unique<SkeinStub>(path, answer);
+  sender->add("second\n");
+  EXPECT_EQ(stub->metrics_with("second\n"), "second\n");
+  sender->stop(10s);
+  EXPECT_THAT(said, ElementsAre());
+}
+
+TEST_F(Sender, RefusedBlockIsNotSentAgain) {
+  SkeinStub stub(path, [](const auto& call) {
+    return call.args.at("metrics") == "bad\n" ? SkeinStub::error(call, "no") : answer(call);
+  });
+  const auto sender = make(0s);
+  sender->add("bad\n");
+  stub.calls(1);
+  sender->add("good\n");
+  EXPECT_EQ(stub.metrics_with("good\n"), "bad\ngood\n");
+  sender->stop(10s);
+  EXPECT_THAT(said, ElementsAre(HasSubstr("refused 1 values, they are lost: no")));
+}
+
+TEST_F(Sender, EndIsBoundedAndSaysWhatStayedBehind) {
+  const struct {
+    SkeinStub::Outcome outcome;
+    const char* text;
+  } rows[] = {{SkeinStub::silence(), "cancelled"}, {SkeinStub::close(), "closed the connection"}};
+  for (const auto& row : rows) {
+    SkeinStub stub(path, [&](const auto&) { return row.outcome; });
+    const auto sender = make(0s);
+    sender->add("never\n");
+    stub.calls(1);
+    sender->stop(50ms);
+    EXPECT_THAT(said.back(), HasSubstr("1 values (6 bytes) could not be sent before the end: "));
+    EXPECT_THAT(said.back(), HasSubstr(row.text));
+    said.clear();
+  }
+}
+
+}  // namespace
+}  // namespace write_skein
