@@ -1,0 +1,140 @@
+#!/usr/bin/python3
+"""demo.py BUILD: collectd, pelorus and InfluxDB at work together, and what arrives.
+
+Everything runs on free ports in a temporary folder and goes with it. At a terminal the servers stay
+until Ctrl-C; otherwise the program shows what there is and ends."""
+
+from contextlib import ExitStack
+import os
+from pathlib import Path
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+REPOSITORY = Path(__file__).resolve().parents[1]
+os.environ["PELORUS_BUILD"] = os.path.abspath(sys.argv[1] if len(sys.argv) > 1
+                                              else REPOSITORY / "build" / "dev")
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
+
+from real_servers import Collectd, Influxd  # noqa: E402
+from support import BUILD, PLUGIN, Pelorus, wait_until  # noqa: E402
+
+DATABASES = ["tidewell", "bonding"]
+SETTINGS = {"PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 50,
+            "INFLUX_DATABASES": [{"name": name} for name in DATABASES]}
+STATISTICS = "proxy_messages"
+
+
+def heading(text):
+    print(f"\n{text}\n{'-' * len(text)}", flush=True)
+
+
+def short(value):
+    return f"{value:.2f}".rstrip("0").rstrip(".") if isinstance(value, float) else str(value)
+
+
+def table(titles, rows):
+    """Columns as wide as their widest cell; columns of numbers to the right."""
+    columns = list(zip(titles, *([str(cell) for cell in row] for row in rows)))
+    aligned = []
+    for title, *cells in columns:
+        width = max(map(len, (title, *cells)))
+        align = str.rjust if all(cell.isdigit() for cell in cells) else str.ljust
+        aligned.append([align(cell, width) for cell in (title, *cells)])
+    for row in zip(*aligned):
+        print("  " + "   ".join(row).rstrip())
+
+
+class Demo:
+    """The three servers and the views of what they do."""
+
+    def __init__(self, folder, on_exit):
+        """`on_exit` stops the servers, the last one first."""
+        self.folder = folder
+        self.influx = Influxd(folder / "influxd")
+        on_exit.callback(self.influx.stop)
+        auth = self.influx.prepare(DATABASES)
+        self.daemon = Pelorus(folder, {"INFLUX_AUTH": auth,
+                                       "INFLUX_HTTP_CONNECTION": self.influx.address, **SETTINGS})
+        on_exit.callback(self.daemon.stop)
+        self.daemon.wait_ready()
+        self.collectd = Collectd(folder / "collectd", PLUGIN, self.daemon.socket)
+        on_exit.callback(self.collectd.stop)
+
+    def show_servers(self):
+        heading("What runs")
+        table(["server", "where", "what it does"], [
+            ("collectd", self.collectd.folder, "reads this machine every second"),
+            ("pelorus", self.daemon.socket, "translates, gathers and writes"),
+            ("influxd", self.influx.address, "stores, and wants a password")])
+
+    def wait_for_statistics(self):
+        print("\nWaiting for the daemon's first report about itself (10 seconds) …", flush=True)
+        wait_until(lambda: self.influx.query(f"SELECT last(value) FROM {STATISTICS}", "tidewell"),
+                   "the daemon's statistics", 30)
+
+    def show_measurements(self):
+        heading('What collectd has brought into the database "tidewell"')
+        counts = self.influx.count_values("tidewell")
+        table(["measurement", "values", "newest", "one of its points"],
+              [(name, count, *self.newest(name)) for name, count in sorted(counts.items())
+               if not name.startswith("proxy_")])
+
+    def newest(self, measurement):
+        """Time of the newest point, and its tags and a few of its fields."""
+        query = f'SELECT * FROM "{measurement}" GROUP BY * ORDER BY time DESC LIMIT 1'
+        series = max(self.influx.query(query, "tidewell"), key=lambda each: each["values"][0][0])
+        moment, *values = series["values"][0]
+        cells = [f"{tag}={value}" for tag, value in series.get("tags", {}).items() if value]
+        cells += [f"{field}={short(value)}" for field, value in
+                  zip(series["columns"][1:], values) if value is not None]
+        return (time.strftime("%H:%M:%S", time.localtime(moment)),
+                "  ".join(cells[:3] + ["…"] * (len(cells) > 3)))
+
+    def show_statistics(self):
+        heading("What the daemon counted in its first 10 seconds")
+        table(["measurement", "value"],
+              [(series["name"], series["values"][0][1]) for series in
+               self.influx.query("SELECT first(value) FROM /^proxy_/", "tidewell")])
+
+    def show_buffers(self):
+        heading("How the daemon's buffers fare (pelorusctl stats)")
+        reply = subprocess.run(self.pelorusctl(), check=True, timeout=20, text=True,
+                               stdout=subprocess.PIPE)
+        print("\n".join("  " + line for line in reply.stdout.splitlines()))
+
+    def pelorusctl(self):
+        return [str(BUILD / "bin" / "pelorusctl"), "--socket", str(self.daemon.socket), "stats"]
+
+    def show_commands(self):
+        name, password = self.influx.ADMINISTRATOR
+        influx = (f"influx -host 127.0.0.1 -port {self.influx.port} -username {name} "
+                  f"-password {password} -database tidewell -precision rfc3339")
+        heading("Look further, in another terminal")
+        for command in (f"{influx} -execute 'SELECT * FROM cpu ORDER BY time DESC LIMIT 5'",
+                        " ".join(self.pelorusctl()), f"tail -f {self.daemon.output}"):
+            print(f"  {command}")
+
+
+def main():
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: sys.exit(0))
+    with ExitStack() as on_exit:
+        folder = on_exit.enter_context(tempfile.TemporaryDirectory(prefix="pelorus-demo-"))
+        demo = Demo(Path(folder), on_exit)
+        demo.show_servers()
+        demo.wait_for_statistics()
+        demo.show_measurements()
+        demo.show_statistics()
+        demo.show_buffers()
+        if sys.stdout.isatty():
+            demo.show_commands()
+            print("\nEverything stays until Ctrl-C, and leaves nothing behind.", flush=True)
+            signal.pause()
+
+
+if __name__ == "__main__":
+    main()
