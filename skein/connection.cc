@@ -11,6 +11,12 @@
 
 namespace skein {
 
+void HeldRequest::answer(const Reply& reply) const { server_->answer_held(number_, reply); }
+
+void HeldRequest::fail(const std::exception& failure) const {
+  server_->fail_held(number_, failure);
+}
+
 Connection::Connection(Server& server, Loop& loop, Socket socket)
     : server_(server), socket_(std::move(socket)), poll_(loop, socket_.descriptor(), *this) {
   poll_.watch(UV_READABLE);
@@ -18,7 +24,13 @@ Connection::Connection(Server& server, Loop& loop, Socket socket)
 
 void Connection::handle_events(int events) {
   if (!ended_ && (events & UV_WRITABLE) != 0) flush();
-  if (!ended_ && (events & UV_READABLE) != 0) read();
+  if (!ended_ && held_ == 0 && (events & UV_READABLE) != 0) read();
+}
+
+HeldRequest Connection::hold() {
+  const HeldRequest held = server_.hold(*this);
+  watch();
+  return held;
 }
 
 void Connection::read() {
@@ -26,15 +38,19 @@ void Connection::read() {
   const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count <= 0) return end();  // end of stream, or the peer reset it: nothing more will come
-  serving_ = true;
   take({buffer.data(), static_cast<std::size_t>(count)});
-  serving_ = false;
-  if (!ended_ && !unsent_.empty()) flush();
+}
+
+void Connection::resume() {
+  watch();
+  const std::string waiting = std::exchange(partial_, {});
+  take(waiting);
 }
 
 void Connection::take(std::string_view bytes) {
+  serving_ = true;
   try {
-    while (!partial_.empty() && !bytes.empty() && !ended_) {
+    while (!partial_.empty() && !bytes.empty() && !ended_ && held_ == 0) {
       const std::size_t count = std::min(missing_to_frame(partial_), bytes.size());
       partial_.append(bytes.substr(0, count));
       bytes.remove_prefix(count);
@@ -43,20 +59,25 @@ void Connection::take(std::string_view bytes) {
       std::string_view whole = frame;
       serve_frames(whole);
     }
-    if (ended_) return;
     serve_frames(bytes);
     if (!ended_ && !bytes.empty()) {
-      missing_to_frame(bytes);  // a length that is refused is refused before its frame has come
+      // A length that is refused is refused before its frame has come; behind a held request it
+      // waits for its turn.
+      if (held_ == 0) missing_to_frame(bytes);
       partial_.append(bytes);
     }
+    serving_ = false;
+    if (!ended_ && !unsent_.empty()) flush();
   } catch (const ProtocolError& fault) {
+    serving_ = false;
+    if (!unsent_.empty()) flush();  // what was asked before is answered
     server_.handle_protocol_error(*this, fault);
     if (!ended_) end();
   }
 }
 
 void Connection::serve_frames(std::string_view& bytes) {
-  while (!ended_) {
+  while (!ended_ && held_ == 0) {
     const auto payload = take_frame(bytes);
     if (!payload) return;
     server_.serve(*this, *payload);
@@ -64,7 +85,7 @@ void Connection::serve_frames(std::string_view& bytes) {
 }
 
 void Connection::send(std::string_view message) {
-  if (ended_) return;
+  if (ended_ || deaf_) return;
   const std::size_t begin = begin_frame(unsent_);
   SnappyEncoder::encode(message, unsent_);
   end_frame(unsent_, begin);
@@ -76,13 +97,20 @@ void Connection::flush() {
     const ssize_t count =
         ::send(socket_.descriptor(), unsent_.data() + sent_, unsent_.size() - sent_, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0 && errno == EAGAIN) return poll_.watch(UV_READABLE | UV_WRITABLE);
-    if (count < 0) return end();
+    if (count < 0 && errno == EAGAIN) return watch();
+    if (count < 0) {
+      deaf_ = true;  // reading what it sent before it went will meet its end
+      break;
+    }
     sent_ += static_cast<std::size_t>(count);
   }
   unsent_ = {};
   sent_ = 0;
-  poll_.watch(UV_READABLE);
+  watch();
+}
+
+void Connection::watch() {
+  poll_.watch((held_ == 0 ? UV_READABLE : 0) | (unsent_.empty() ? 0 : UV_WRITABLE));
 }
 
 void Connection::end() {

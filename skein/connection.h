@@ -1,16 +1,36 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "skein/loops.h"
+#include "skein/request.h"
 #include "skein/socket.h"
 
 namespace skein {
 
 class Server;
+
+/// A request whose answer comes later. Small and copyable; the connection may have ended when the
+/// answer comes, which then goes nowhere. The server must outlive it.
+class HeldRequest {
+ public:
+  /// Answers and lets the connection go on with what it has sent since. Once.
+  void answer(const Reply& reply) const;
+  /// Takes the failure to the server's handle_exception, and its text to the peer. Once.
+  void fail(const std::exception& failure) const;
+
+ private:
+  friend class Server;
+  HeldRequest(Server& server, std::uint64_t number) : server_(&server), number_(number) {}
+
+  Server* server_;
+  std::uint64_t number_;
+};
 
 /// One accepted stream: bytes in, complete frames to the server, replies out.
 /// Owned by its server until it ends, then by the loop until the next turn. A server that keeps
@@ -20,6 +40,10 @@ class Connection : public LoopOwned, private PollTarget {
   Connection(Server& server, Loop& loop, Socket socket);
 
   const Socket& socket() const noexcept { return socket_; }
+
+  /// Suspends this connection until the request that is being handled is answered: it is not read,
+  /// and what has come already waits. The others go on. The handler returns Reply::later().
+  HeldRequest hold();
 
   /// Sends one message. Order is kept; what the peer does not take yet waits here.
   void send(std::string_view message);
@@ -33,16 +57,22 @@ class Connection : public LoopOwned, private PollTarget {
   void take(std::string_view bytes);
   void serve_frames(std::string_view& bytes);
   void flush();
+  void watch();
+  void resume();
   void end();
 
   Server& server_;
   Socket socket_;
-  Poll poll_;            // destroyed before the descriptor that it watches is closed
-  std::string partial_;  ///< the frame that is still coming, and nothing else; empty while idle
+  Poll poll_;  // destroyed before the descriptor that it watches is closed
+  /// The frame that is still coming; with a held request, all that came behind it. Empty while
+  /// idle.
+  std::string partial_;
   std::string unsent_;
-  std::size_t sent_ = 0;   ///< bytes at the front of unsent_ that are out
-  std::size_t index_ = 0;  ///< place among the server's connections
-  bool serving_ = false;   ///< replies wait for the end of the present read
+  std::size_t sent_ = 0;    ///< bytes at the front of unsent_ that are out
+  std::size_t index_ = 0;   ///< place among the server's connections
+  std::uint64_t held_ = 0;  ///< number of the held request; 0: none
+  bool serving_ = false;    ///< replies wait for the end of the present read
+  bool deaf_ = false;       ///< the peer takes no replies any more; what it sent is still served
   bool ended_ = false;
 };
 

@@ -162,6 +162,8 @@ Poll::Poll(Loop& loop, int descriptor, PollTarget& target) {
 }
 
 void Poll::watch(int events) {
+  if (events == watched_) return;
+  watched_ = events;
   if (events == 0) {
     check(uv_poll_stop(handle_.get()), "uv_poll_stop");
   } else {

@@ -129,6 +129,7 @@ class Poll {
   static void on_events(uv_poll_t* handle, int status, int events) noexcept;
 
   UvHandle<uv_poll_t> handle_;
+  int watched_ = 0;  ///< asking for the same again would cost a system call
 };
 
 namespace loops {

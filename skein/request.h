@@ -24,18 +24,26 @@ struct Request {
   std::string_view text(std::string_view argument) const;
 };
 
-/// What a handler answers: one encoded value, nil unless said otherwise.
+/// What a handler answers: one encoded value, nil unless said otherwise, or later.
 class Reply {
  public:
   Reply() = default;
   explicit Reply(MsgpackWriter value) : value_(value.take()) {}
+  /// The answer comes by the HeldRequest that the handler got from Connection::hold().
+  static Reply later() {
+    Reply reply;
+    reply.later_ = true;
+    return reply;
+  }
 
   bool is_nil() const noexcept { return value_.empty(); }
+  bool is_later() const noexcept { return later_; }
   /// The encoded value; empty for nil.
   const std::string& value() const noexcept { return value_; }
 
  private:
   std::string value_;
+  bool later_ = false;
 };
 
 /// The parts of a request message, before its name and arguments have been looked at.

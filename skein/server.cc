@@ -58,6 +58,7 @@ Connection* Server::handle_read() {
     if (errno == EAGAIN || errno == EINTR || peer_has_gone(errno)) return nullptr;
     throw SystemFailure("accept", errno);
   }
+  send_without_delay(accepted.descriptor());
   if (connection_keepalive_) connection_keepalive_->apply(accepted.descriptor());
   auto& connection = *connections_.emplace_back(make_connection(std::move(accepted)));
   connection.index_ = connections_.size() - 1;
@@ -87,8 +88,34 @@ void Server::end(Connection& connection) {
     connections_[place]->index_ = place;
   }
   connections_.pop_back();
+  held_.erase(connection.held_);
   loop_.discard(std::move(owned));
   remove_connection(connection);
+}
+
+HeldRequest Server::hold(Connection& connection) {
+  connection.held_ = ++held_made_;
+  held_.emplace(held_made_, Held{&connection, msgid_});
+  return {*this, held_made_};
+}
+
+void Server::answer_held(std::uint64_t number, const Reply& reply) {
+  release(number, [&](std::uint32_t msgid) { return encode_reply(msgid, reply); });
+}
+
+void Server::fail_held(std::uint64_t number, const std::exception& failure) {
+  handle_exception(failure);
+  release(number, [&](std::uint32_t msgid) { return encode_error(msgid, failure.what()); });
+}
+
+void Server::release(std::uint64_t number,
+                     const std::function<std::string(std::uint32_t)>& answer) {
+  const auto node = held_.extract(number);
+  if (node.empty()) return;  // the connection has ended meanwhile
+  const auto& [connection, msgid] = node.mapped();
+  connection->held_ = 0;
+  if (msgid) connection->send(answer(*msgid));
+  connection->resume();
 }
 
 std::span<char> Server::read_buffer() noexcept { return {read_buffer_.get(), READ_BUFFER_BYTES}; }
@@ -96,13 +123,15 @@ std::span<char> Server::read_buffer() noexcept { return {read_buffer_.get(), REA
 void Server::serve(Connection& connection, std::string_view frame) {
   encoders_.msgpack.decode(encoders_.snappy.decode(frame), message_);
   const Envelope envelope = read_envelope(message_);
+  msgid_ = envelope.msgid;
   try {
     if (!envelope.fault.empty()) throw RequestError(envelope.fault);
     const Request request{envelope.name, *envelope.args, connection};
     const Reply reply = dispatch(requests(), *this, request);
-    if (envelope.msgid) connection.send(encode_reply(*envelope.msgid, reply));
+    if (envelope.msgid && !reply.is_later()) connection.send(encode_reply(*envelope.msgid, reply));
   } catch (const std::exception& failure) {
     handle_exception(failure);
+    if (held_.erase(connection.held_) != 0) connection.held_ = 0;
     if (envelope.msgid) connection.send(encode_error(*envelope.msgid, failure.what()));
   }
   encoders_.snappy.trim();

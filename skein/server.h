@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "skein/connection.h"
@@ -62,6 +65,7 @@ class Server : private PollTarget {
 
  private:
   friend class Connection;
+  friend class HeldRequest;
 
   void handle_events(int events) override;
   void pause_listening();
@@ -70,6 +74,10 @@ class Server : private PollTarget {
   /// none; every other failure is the request's.
   void serve(Connection& connection, std::string_view frame);
   void end(Connection& connection);
+  HeldRequest hold(Connection& connection);
+  void answer_held(std::uint64_t number, const Reply& reply);
+  void fail_held(std::uint64_t number, const std::exception& failure);
+  void release(std::uint64_t number, const std::function<std::string(std::uint32_t)>& answer);
 
   Loop& loop_;
   Socket socket_;
@@ -79,6 +87,15 @@ class Server : private PollTarget {
   Encoders encoders_;
   Message message_;
   std::vector<std::unique_ptr<Connection>> connections_;
+  /// A connection that waits for the answer to its request, and the number under which the peer
+  /// waits for it; none for a one-way request.
+  struct Held {
+    Connection* connection;
+    std::optional<std::uint32_t> msgid;
+  };
+  std::unordered_map<std::uint64_t, Held> held_;
+  std::uint64_t held_made_ = 0;
+  std::optional<std::uint32_t> msgid_;   ///< of the request that is being handled
   std::unique_ptr<char[]> read_buffer_;  ///< shared by all connections: each empties it at once
 };
 

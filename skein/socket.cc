@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -68,7 +69,7 @@ void bind_unix(const Socket& socket, const std::string& path) {
   }
 }
 
-void bind_tcp(const Socket& socket, const std::string& host, int port) {
+void bind_tcp(const Socket& socket, const std::string& host, std::int64_t port) {
   if (port < 0 || port > 65535) {
     throw SystemFailure(fmt::format("bind to {}:{}", host, port), EINVAL);
   }
@@ -90,6 +91,11 @@ void bind_tcp(const Socket& socket, const std::string& host, int port) {
 
 void listen(const Socket& socket, int backlog) {
   if (::listen(socket.descriptor(), backlog) != 0) throw SystemFailure("listen", errno);
+}
+
+void send_without_delay(int descriptor) noexcept {
+  const int on = 1;
+  ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 }  // namespace skein

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -38,6 +39,7 @@ class Value {
   };
 
   explicit Value(const Node& node) noexcept : node_(&node) {}
+  const Node& node() const noexcept { return *node_; }
 
   Type type() const noexcept { return node_->type; }
   bool is(Type type) const noexcept { return node_->type == type; }
@@ -76,6 +78,21 @@ class Value {
 
  private:
   const Node* node_;
+};
+
+/// A value that stands by itself: a copy of a Value with everything inside it. Not copyable, since
+/// its texts are views into itself.
+class OwnedValue {
+ public:
+  explicit OwnedValue(Value value);
+  OwnedValue(const OwnedValue&) = delete;
+  OwnedValue& operator=(const OwnedValue&) = delete;
+
+  Value value() const noexcept { return Value(nodes_.front()); }
+
+ private:
+  std::vector<Value::Node> nodes_;
+  std::string bytes_;
 };
 
 /// The nodes of one decoded message; reused from message to message.

@@ -1,0 +1,158 @@
+#include "skein/loops.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <csignal>
+#include <stdexcept>
+#include <thread>
+
+#include "skein/errors.h"
+#include "skein/socket.h"
+#include "support/fake_clock.h"
+
+namespace skein {
+namespace {
+
+class LoopTest : public ::testing::Test {
+ protected:
+  void note(const std::string& what) { order_ += what; }
+
+  support::FakeClock clock_;
+  Loop loop_{clock_.clocks()};
+  std::string order_;
+};
+
+TEST_F(LoopTest, TimersFireOnceInTheOrderOfTheirTimes) {
+  loop_.call_in(2, [&] { note("c"); });
+  loop_.call_in(1, [&] { note("a"); });
+  loop_.call_in(1, [&] { note("b"); });
+  clock_.tick(0.999);
+  loop_.turn();
+  EXPECT_EQ(order_, "");
+  clock_.tick(0.001);
+  loop_.turn();
+  EXPECT_EQ(order_, "ab");
+  clock_.tick(10);
+  loop_.turn();
+  loop_.turn();
+  EXPECT_EQ(order_, "abc");
+}
+
+TEST_F(LoopTest, DelayOfZeroWaitsForTheNextTurn) {
+  loop_.call_in(0, [&] {
+    note("a");
+    loop_.call_in(-1, [&] { note("b"); });
+  });
+  EXPECT_EQ(order_, "");
+  loop_.turn();
+  loop_.turn();
+  EXPECT_EQ(order_, "ab");
+}
+
+TEST_F(LoopTest, CancelIsHarmlessBeforeDuringAndAfterTheFiring) {
+  Timer never;
+  never.cancel();
+  Timer cancelled = loop_.call_in(1, [&] { note("x"); });
+  Timer later = loop_.call_in(2, [&] { note("y"); });
+  Timer self;
+  self = loop_.call_in(1, [&] {
+    note("a");
+    self.cancel();
+    later.cancel();
+  });
+  cancelled.cancel();
+  cancelled.cancel();
+  clock_.tick(3);
+  loop_.turn();
+  self.cancel();
+  EXPECT_EQ(order_, "a");
+}
+
+TEST_F(LoopTest, FailureOfOneCallbackIsReportedAndTheOthersRun) {
+  std::string reported;
+  loop_.set_failure_handler([&](const std::exception& failure) { reported = failure.what(); });
+  loop_.call_in(0, [] { throw std::runtime_error("broken"); });
+  loop_.call_in(0, [&] { note("a"); });
+  loop_.turn();
+  EXPECT_EQ(reported, "broken");
+  EXPECT_EQ(order_, "a");
+}
+
+TEST_F(LoopTest, KeptObjectsAreDestroyedOnALaterTurnThanTheyAreDiscarded) {
+  struct Noting : LoopOwned {
+    explicit Noting(std::string& order) : order_(order) {}
+    ~Noting() override { order_ += "gone"; }
+    std::string& order_;
+  };
+  auto object = std::make_unique<Noting>(order_);
+  Noting& view = *object;
+  loop_.keep(std::move(object));
+  loop_.call_in(0, [&] {
+    loop_.discard(view);
+    note("discarded ");
+  });
+  loop_.turn();
+  loop_.turn();
+  EXPECT_EQ(order_, "discarded gone");
+}
+
+// The library's clock stands still during a callback; a timer that trusted it would be early.
+TEST(Loop, TimerIsNotEarlyAfterASlowCallback) {
+  Loop loop;
+  std::chrono::steady_clock::time_point armed;
+  std::chrono::duration<double> waited{};
+  loop.call_in(0, [&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    armed = std::chrono::steady_clock::now();
+    loop.call_in(0.05, [&] {
+      waited = std::chrono::steady_clock::now() - armed;
+      loop.stop();
+    });
+  });
+  loop.run();
+  EXPECT_GE(waited.count(), 0.05);
+}
+
+TEST(Loop, SignalsStopItOrInterruptIt) {
+  Loop loop;
+  loop.watch_signals();
+  loop.call_in(5, [&] { FAIL() << "no signal came"; });
+  loop.call_in(0, [] { std::raise(SIGTERM); });
+  loop.run();
+  loop.call_in(0, [] { std::raise(SIGINT); });
+  EXPECT_THROW(loop.run(), KeyboardInterrupt);
+}
+
+TEST(Loop, PollTellsReadinessAndItsFailuresAreReported) {
+  Loop loop;
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+  const Socket near(ends[0]);
+  const Socket far(ends[1]);
+  struct Target : PollTarget {
+    void handle_events(int events) override {
+      seen |= events;
+      throw std::runtime_error("broken");
+    }
+    int seen = 0;
+  } target;
+  std::string reported;
+  loop.set_failure_handler([&](const std::exception& failure) { reported = failure.what(); });
+  Poll poll(loop, near.descriptor(), target);
+  poll.watch(UV_READABLE);
+  loop.turn();
+  EXPECT_EQ(target.seen, 0);
+  ASSERT_EQ(::send(far.descriptor(), "x", 1, 0), 1);
+  loop.turn();
+  EXPECT_EQ(target.seen, UV_READABLE);
+  EXPECT_EQ(reported, "broken");
+  target.seen = 0;
+  poll.watch(0);
+  loop.turn();
+  EXPECT_EQ(target.seen, 0);
+}
+
+}  // namespace
+}  // namespace skein
