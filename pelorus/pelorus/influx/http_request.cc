@@ -1,0 +1,217 @@
+#include "pelorus/pelorus/influx/http_request.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "pelorus/pelorus/log.h"
+#include "pelorus/translate/display.h"
+#include "skein/errors.h"
+
+namespace pelorus {
+namespace {
+
+constexpr std::size_t READ_BUFFER_BYTES = 16U << 10;
+constexpr std::size_t EXCERPT_BYTES = 256;
+
+std::string error_text(int error) { return std::generic_category().message(error); }
+
+}  // namespace
+
+HTTPRequest::HTTPRequest(std::string database_name, const InfluxConnection& connection,
+                         int success_code, skein::Loop& loop)
+    : database_name_(std::move(database_name)),
+      connection_(connection),
+      loop_(loop),
+      success_code_(success_code) {
+  timer_ = loop_.call_in(0, [this] { start(); });
+}
+
+HTTPRequest::~HTTPRequest() { timer_.cancel(); }
+
+void HTTPRequest::start() {
+  connect_deadline_ = now() + CONNECT_TIME;
+  timer_ = loop_.call_in(CONNECT_TIME, [this] { give_up_address(); });
+  addresses_ = numeric_address(connection_.host, connection_.port);
+  if (!addresses_.empty()) return connect_next();
+  try {
+    lookup_.emplace(loop_, connection_.host, connection_.port,
+                    [this](std::vector<SocketAddress> addresses, std::string fault) {
+                      addresses_ = std::move(addresses);
+                      connect_error_ = std::move(fault);
+                      connect_next();
+                    });
+  } catch (const skein::SystemFailure& failure) {
+    connect_error_ = failure.what();
+    connect_next();
+  }
+}
+
+/// Begins with the next address that lets itself be begun with. Each gets an equal share of the
+/// time that is left: one that swallows every packet leaves the others theirs.
+void HTTPRequest::connect_next() {
+  while (addresses_tried_ < addresses_.size()) {
+    const auto share =
+        (connect_deadline_ - now()) / static_cast<int>(addresses_.size() - addresses_tried_);
+    const int error = connect_to(addresses_[addresses_tried_++]);
+    if (error == 0) {
+      timer_.cancel();
+      timer_ = loop_.call_in(share, [this] { give_up_address(); });
+      return;
+    }
+    note_failed_address(error);
+  }
+  fail(fmt::format("could not connect to {}: {}", connection_.http_connection, connect_error_));
+}
+
+/// Returns 0 when the attempt is under way, else its error number.
+int HTTPRequest::connect_to(const SocketAddress& address) {
+  poll_.reset();
+  try {
+    socket_ = skein::Socket::stream(address.storage.ss_family);
+    if (::connect(socket_.descriptor(), address.get(), address.length) != 0 &&
+        errno != EINPROGRESS && errno != EINTR) {
+      return errno;
+    }
+    poll_ = skein::Poll(loop_, socket_.descriptor(), *this);
+    poll_->watch(UV_WRITABLE);
+    return 0;
+  } catch (const skein::SystemFailure& failure) {
+    return failure.error_number();
+  }
+}
+
+void HTTPRequest::note_failed_address(int error) {
+  if (!connect_error_.empty()) connect_error_ += ", ";
+  connect_error_ += addresses_[addresses_tried_ - 1].text() + ": " + error_text(error);
+}
+
+void HTTPRequest::give_up_address() {
+  if (addresses_.empty()) {
+    connect_error_ = "the name lookup takes too long";
+  } else {
+    note_failed_address(ETIMEDOUT);
+  }
+  connect_next();
+}
+
+void HTTPRequest::finish_connect() {
+  int error = 0;
+  socklen_t length = sizeof error;
+  if (::getsockopt(socket_.descriptor(), SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
+  if (error != 0) {
+    note_failed_address(error);
+    return connect_next();
+  }
+  connected_ = true;
+  last_progress_ = now();
+  timer_.cancel();
+  await_progress();
+  send_request();
+}
+
+/// One timer for the whole exchange: it looks how long ago the last byte was, and comes back.
+void HTTPRequest::await_progress() {
+  const auto idle = now() - last_progress_;
+  if (idle >= PROGRESS_TIME) {
+    const bool sending = sent_ < send_buf_.size();
+    return fail(fmt::format("no progress for {} seconds while {}", PROGRESS_TIME.count(),
+                            sending ? "sending" : "waiting for the answer"));
+  }
+  timer_ = loop_.call_in(PROGRESS_TIME - idle, [this] { await_progress(); });
+}
+
+void HTTPRequest::handle_events(int) {
+  if (!connected_) finish_connect();
+  if (!connected_) return;
+  read();  // first: an endpoint may refuse a batch before it has taken all of it
+  if (!ended_) write();
+  if (ended_) return;
+  const bool more = write_error_.empty() && sent_ < send_buf_.size();
+  poll_->watch(more ? UV_READABLE | UV_WRITABLE : UV_READABLE);
+}
+
+void HTTPRequest::read() {
+  std::array<char, READ_BUFFER_BYTES> buffer;
+  const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (count < 0) return fail("receiving: " + error_text(errno));
+  last_progress_ = now();
+  if (count > 0) {
+    response_.feed({buffer.data(), static_cast<std::size_t>(count)});
+  } else {
+    response_.finish();
+  }
+  if (response_.complete()) return judge();
+  if (!response_.fault().empty()) fail(response_.fault());
+}
+
+void HTTPRequest::write() {
+  while (write_error_.empty() && sent_ < send_buf_.size()) {
+    const ssize_t count = ::send(socket_.descriptor(), send_buf_.data() + sent_,
+                                 send_buf_.size() - sent_, MSG_NOSIGNAL);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0 && errno == EAGAIN) return;
+    if (count < 0) {
+      write_error_ = "sending: " + error_text(errno) + ", then ";
+      return;
+    }
+    sent_ += static_cast<std::size_t>(count);
+    last_progress_ = now();
+  }
+}
+
+// The outcome and handle_close() come in one go, from here or from fail(): the database hears of
+// this request's close before it can begin the next one, so that a late close never takes the next
+// one's place from it.
+void HTTPRequest::judge() {
+  ended_ = true;
+  if (response_.status() == success_code_) {
+    handle_success(response_.body());
+  } else {
+    handle_failure(response_.body());
+  }
+  handle_close();
+}
+
+void HTTPRequest::fail(std::string error) {
+  ended_ = true;
+  error_ = write_error_ + std::move(error);
+  if (connected_) handle_failure(std::nullopt);
+  handle_close();
+}
+
+void HTTPRequest::handle_failure(std::optional<std::string_view> data) {
+  std::string reason = error_;
+  if (response_.status() != 0) {
+    reason = fmt::format("status {}{}{}", response_.status(), reason.empty() ? "" : ", ", reason);
+  }
+  log::warning("InfluxDB write ({} database) failed: {}{}; {} messages lost ({} bytes)",
+               database_name_, reason, excerpt(data), messages_, data_length_.value_or(0));
+}
+
+void HTTPRequest::handle_close() {
+  timer_.cancel();
+  lookup_.reset();
+  poll_.reset();
+  socket_ = skein::Socket();
+  loop_.discard(*this);
+}
+
+/// The beginning of what came: of the body, else of the line that made no sense. Some servers put
+/// the request that they refuse into their answer; what repeats the credentials is not shown.
+std::string HTTPRequest::excerpt(std::optional<std::string_view> data) const {
+  std::string_view text = data.value_or(response_.body());
+  if (text.empty()) text = response_.line();
+  if (text.empty()) return "";
+  if (!connection_.auth.empty() && text.find(connection_.auth) != std::string_view::npos) {
+    return ": an answer that repeats the credentials";
+  }
+  return ": " + translate::display(text.substr(0, EXCERPT_BYTES));
+}
+
+}  // namespace pelorus

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pelorus/pelorus/influx/http_response.h"
+#include "pelorus/pelorus/influx/name_lookup.h"
+#include "pelorus/pelorus/settings.h"
+#include "skein/loops.h"
+#include "skein/socket.h"
+
+namespace pelorus {
+
+/// Longest time to a connection: the name lookup and all addresses together.
+constexpr std::chrono::seconds CONNECT_TIME{5};
+/// Longest time in which neither a byte goes out nor one comes in, once connected.
+constexpr std::chrono::seconds PROGRESS_TIME{20};
+
+/// One HTTP/1.1 request to InfluxDB on a connection of its own, and the judging of its answer.
+/// The loop owns it (Loop::keep) until its connection has closed. Borrows the connection's settings
+/// and the loop. Loop thread only.
+///
+/// It begins on the turn after its construction. Exactly one of handle_success and handle_failure
+/// follows, in the same turn handle_close, and the loop destroys it on the next. A failure before
+/// the connection stood shows as handle_close alone; what that means is the derived class's to say.
+/// When the loop ends first, none is called.
+class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
+ public:
+  ~HTTPRequest() override;
+
+ protected:
+  /// `success_code`: the one status of an answer that counts as success.
+  HTTPRequest(std::string database_name, const InfluxConnection& connection, int success_code,
+              skein::Loop& loop);
+
+  /// The connection stands: put the whole request into send_buf_. It is written from then on.
+  virtual void send_request() = 0;
+  /// The answer has the status that counts as success.
+  virtual void handle_success(std::string_view body) = 0;
+  /// The request has failed. `data`: the body of an answer with another status; none when no whole
+  /// answer came. The base logs the one warning of this request.
+  virtual void handle_failure(std::optional<std::string_view> data);
+  /// The connection is over, or could not be made; nothing is called after this. The base closes
+  /// it and hands this request to the loop to be destroyed.
+  virtual void handle_close();
+
+  /// The connection has been established (and may have ended since).
+  bool connected() const noexcept { return connected_; }
+
+  const std::string database_name_;
+  const InfluxConnection& connection_;      ///< holds a secret: its auth is never logged
+  std::string send_buf_;                    ///< head and body, set by send_request()
+  std::size_t messages_ = 0;                ///< of the batch that is lost when this request fails
+  std::optional<std::size_t> data_length_;  ///< bytes of its body; none until it has been pulled
+
+ private:
+  void start();
+  void connect_next();
+  int connect_to(const SocketAddress& address);
+  void note_failed_address(int error);
+  void give_up_address();
+  void finish_connect();
+  void await_progress();
+  void handle_events(int events) override;
+  void read();
+  void write();
+  void judge();
+  void fail(std::string error);
+  std::string excerpt(std::optional<std::string_view> data) const;
+  std::chrono::steady_clock::time_point now() const { return loop_.clocks().monotonic(); }
+
+  skein::Loop& loop_;
+  const int success_code_;
+  skein::Timer timer_;  ///< of the present attempt to connect, then of the progress
+  std::chrono::steady_clock::time_point connect_deadline_;
+  std::optional<NameLookup> lookup_;
+  std::vector<SocketAddress> addresses_;
+  std::size_t addresses_tried_ = 0;
+  std::string connect_error_;  ///< what became of each address
+  skein::Socket socket_;
+  std::optional<skein::Poll> poll_;  // destroyed before the descriptor that it watches is closed
+  bool connected_ = false;
+  bool ended_ = false;
+  std::size_t sent_ = 0;     ///< bytes of send_buf_ that are out
+  std::string write_error_;  ///< why no more can be sent; the answer is read all the same
+  std::chrono::steady_clock::time_point last_progress_;
+  HTTPResponse response_;
+  std::string error_;  ///< of a failed request, for the log
+};
+
+}  // namespace pelorus

@@ -1,0 +1,105 @@
+#include "pelorus/pelorus/influx/influx_database.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "pelorus/pelorus/influx/influx_http_request.h"
+#include "pelorus/pelorus/log.h"
+
+namespace pelorus {
+
+InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings,
+                               const InfluxConnection& connection, skein::Loop& loop)
+    : InfluxDatabase(std::move(name), settings, loop, [&connection, &loop](InfluxDatabase& self) {
+        auto request = std::make_unique<InfluxHTTPRequest>(self.name(), self, connection, loop);
+        const auto* view = request.get();
+        loop.keep(std::move(request));
+        return view;
+      }) {}
+
+InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings, skein::Loop& loop,
+                               MakeRequest make_request)
+    : name_(std::move(name)),
+      settings_(settings),
+      loop_(loop),
+      make_request_(std::move(make_request)),
+      last_sent_time_(loop.clocks().wall()) {}
+
+InfluxDatabase::~InfluxDatabase() { stop_process_data_timer(); }
+
+void InfluxDatabase::add(std::string message) {
+  pending_data_.push_back(std::move(message));
+  process_data();
+}
+
+void InfluxDatabase::process_data() {
+  // Kept: a request leaves the timer alone, whether armed or not. One more look during a write does
+  // no harm, and without one the next add looks.
+  if (should_send()) {
+    send_request();
+  } else {
+    reset_process_data_timer();
+  }
+  if (should_drop_data()) discard_old_data();
+}
+
+bool InfluxDatabase::should_send() const {
+  if (current_request_ != nullptr) return false;
+  if (pending_data_.empty()) return false;
+  if (loop_.clocks().wall() - last_sent_time_ > settings_.max_buffer_time) return true;
+  return pending_data_.size() >= settings_.ideal_queued_messages;
+}
+
+bool InfluxDatabase::should_drop_data() const {
+  return pending_data_.size() >= settings_.max_pending_messages;
+}
+
+void InfluxDatabase::send_request() { current_request_ = make_request_(*this); }
+
+std::string InfluxDatabase::get_data() {
+  const auto end = pending_data_.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                               settings_.max_batch_size, pending_data_.size()));
+  std::size_t bytes = 0;
+  for (auto message = pending_data_.begin(); message != end; ++message)
+    bytes += message->size() + 1;
+  std::string data;
+  data.reserve(bytes);
+  for (auto message = pending_data_.begin(); message != end; ++message) {
+    if (message != pending_data_.begin()) data += '\n';
+    data += *message;
+  }
+  pending_data_.erase(pending_data_.begin(), end);
+  return data;
+}
+
+void InfluxDatabase::discard_old_data() {
+  log::warning("Queue filled up, discarding data");
+  const auto count = std::min(settings_.discard_size, pending_data_.size());
+  pending_data_.erase(pending_data_.begin(),
+                      pending_data_.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+void InfluxDatabase::reset_process_data_timer() {
+  stop_process_data_timer();
+  process_data_timer_ =
+      loop_.call_in(settings_.check_for_process_data_time, [this] { process_data(); });
+}
+
+void InfluxDatabase::stop_process_data_timer() { process_data_timer_.cancel(); }
+
+void InfluxDatabase::handle_success() {
+  if (failure_count_ != 0) log::info("Connected to InfluxDB API ({} database)", name_);
+  failure_count_ = 0;
+  last_sent_time_ = loop_.clocks().wall();
+  current_request_ = nullptr;
+}
+
+void InfluxDatabase::handle_failure() {
+  ++failure_count_;
+  current_request_ = nullptr;
+}
+
+void InfluxDatabase::handle_close() { current_request_ = nullptr; }
+
+}  // namespace pelorus

@@ -1,0 +1,120 @@
+#include "pelorus/pelorus/influx/influx_database.h"
+
+#include <gtest/gtest.h>
+
+#include "support/fake_clock.h"
+#include "support/log_capture.h"
+
+namespace pelorus {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// A buffer whose requests are never really made: `requests` counts them.
+struct InfluxDatabaseTest : testing::Test {
+  void add(int count) {
+    for (int i = 0; i < count; ++i) database.add("m value=1 1");
+  }
+  void tick(double seconds) {
+    clock.tick(seconds);
+    loop.turn();
+  }
+
+  support::FakeClock clock;
+  support::LogCapture logs;
+  skein::Loop loop{clock.clocks()};
+  const BufferSettings settings{.max_pending_messages = 10,
+                                .max_buffer_time = 8,
+                                .ideal_queued_messages = 5,
+                                .max_batch_size = 2,
+                                .discard_size = 4};
+  const skein::LoopOwned request;
+  int requests = 0;
+  InfluxDatabase database{"metrics", settings, loop, [this](InfluxDatabase&) {
+                            ++requests;
+                            return &request;
+                          }};
+};
+
+TEST_F(InfluxDatabaseTest, IdealLengthSendsAtOnceOneLessWaitsAndOneRequestIsInFlightAtMost) {
+  add(4);
+  EXPECT_EQ(requests, 0);
+  add(1);
+  EXPECT_EQ(requests, 1);
+  EXPECT_TRUE(database.has_current_request());
+  EXPECT_EQ(database.pending_data_len(), 5U);
+  add(4);
+  tick(100);
+  EXPECT_EQ(requests, 1);
+}
+
+TEST_F(InfluxDatabaseTest, ShortQueueWaitsUntilMoreThanTheBufferTimeHasPassed) {
+  clock.tick(8);
+  add(1);
+  tick(0);
+  EXPECT_EQ(requests, 0);
+  tick(1);
+  EXPECT_EQ(requests, 1);
+  database.get_data();
+  database.handle_failure();
+  database.process_data();
+  EXPECT_EQ(requests, 1);  // nothing waits
+}
+
+TEST_F(InfluxDatabaseTest, EveryAddThatDoesNotSendPutsTheTimerOffAndStoppingEndsIt) {
+  clock.tick(7);
+  add(1);
+  tick(0.9);
+  add(1);
+  tick(0.9);  // 8.8 s: time to send, but the timer has another tenth of a second
+  EXPECT_EQ(requests, 0);
+  database.stop_process_data_timer();
+  database.stop_process_data_timer();
+  tick(60);
+  EXPECT_EQ(requests, 0);
+}
+
+TEST_F(InfluxDatabaseTest, ARequestLeavesTheTimerAlone) {
+  add(5);  // the timer that the fourth armed is still there
+  database.handle_failure();
+  tick(1);
+  EXPECT_EQ(requests, 2);  // it fired and started this one
+  database.handle_failure();
+  tick(60);
+  EXPECT_EQ(requests, 2);  // and nobody armed another
+}
+
+TEST_F(InfluxDatabaseTest, FullQueueDropsItsOldestOncePerLook) {
+  for (int i = 0; i < 9; ++i) database.add(std::to_string(i));
+  EXPECT_EQ(database.pending_data_len(), 9U);
+  database.add("9");
+  EXPECT_EQ(database.pending_data_len(), 6U);
+  EXPECT_EQ(logs.texts("warning"), Texts{"Queue filled up, discarding data"});
+  EXPECT_EQ(database.get_data(), "4\n5");
+  database.discard_old_data();
+  EXPECT_EQ(database.pending_data_len(), 0U);
+}
+
+TEST_F(InfluxDatabaseTest, DataAreTheOldestMessagesJoinedByOneLineFeed) {
+  for (const char* message : {"A\n", "B", "C"}) database.add(message);
+  EXPECT_EQ(database.get_data(), "A\n\nB");
+  EXPECT_EQ(database.get_data(), "C");
+  EXPECT_EQ(database.get_data(), "");
+}
+
+TEST_F(InfluxDatabaseTest, OnlySuccessMovesTheTimeAndOnlyRecoveryIsLogged) {
+  const double constructed = clock.clocks().wall();
+  clock.tick(3);
+  database.handle_failure();
+  database.handle_failure();
+  EXPECT_EQ(database.failure_count(), 2);
+  EXPECT_EQ(database.last_sent_time(), constructed);
+  database.handle_success();
+  database.handle_success();
+  EXPECT_EQ(database.failure_count(), 0);
+  EXPECT_EQ(database.last_sent_time(), constructed + 3);
+  EXPECT_EQ(logs.texts("info"), Texts{"Connected to InfluxDB API (metrics database)"});
+}
+
+}  // namespace
+}  // namespace pelorus

@@ -1,0 +1,235 @@
+#include "pelorus/pelorus/influx/influx_http_request.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <optional>
+
+#include "pelorus/influx/stand_in.h"
+#include "pelorus/pelorus/influx/influx_database.h"
+#include "support/fake_clock.h"
+#include "support/log_capture.h"
+
+namespace pelorus {
+namespace {
+
+using support::answer;
+using support::StandIn;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char* NO_CONTENT = "HTTP/1.1 204 No Content\r\n\r\n";
+
+/// A buffer that writes each message at once, and the endpoint that it writes to.
+struct InfluxHTTPRequestTest : testing::Test {
+  void connect_to(const std::string& host, std::uint16_t port) {
+    connection = {.auth = "c2VjcmV0", .http_connection = "influx:8086", .host = host, .port = port};
+  }
+
+  template <class Condition>
+  void until(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain";
+      loop.turn();
+    }
+  }
+  void until_outcome() {
+    until([this] { return !database->has_current_request(); });
+  }
+  /// Begins a write and returns the endpoint's side of its connection.
+  skein::Socket begin(const std::string& message = "m value=1 1") {
+    database->add(message);
+    skein::Socket peer;
+    until([&] { return static_cast<bool>(peer = endpoint.accept()); });
+    return peer;
+  }
+  /// All that comes up to and with `last`.
+  std::string receive_to(const skein::Socket& peer, const std::string& last) {
+    std::string text;
+    until([&] { return (text += support::receive(peer)).ends_with(last); });
+    return text;
+  }
+  void tick(double seconds) {
+    clock.tick(seconds);
+    loop.turn();
+  }
+  auto warnings() const { return logs.texts("warning"); }
+
+  support::FakeClock clock;
+  support::LogCapture logs;
+  skein::Loop loop{clock.clocks()};
+  StandIn endpoint;
+  InfluxConnection connection;
+  const BufferSettings settings{.max_pending_messages = 10,
+                                .max_buffer_time = 60,
+                                .ideal_queued_messages = 1,
+                                .max_batch_size = 3,
+                                .discard_size = 10};
+  std::optional<InfluxDatabase> database;
+
+  InfluxHTTPRequestTest() {
+    connect_to("127.0.0.1", endpoint.port());
+    database.emplace("café", settings, connection, loop);
+  }
+};
+
+TEST_F(InfluxHTTPRequestTest, AcknowledgedWriteSendsTheseVeryBytesAndCloses) {
+  database->add("a value=1 1");
+  database->add("b value=2 2");  // joins: nothing is pulled before the connection stands
+  const auto peer = begin("c value=3 3");
+  EXPECT_EQ(receive_to(peer, "3 3"),
+            "POST /write?db=caf\xc3\xa9 HTTP/1.1\r\nAuthorization: Basic c2VjcmV0\r\n"
+            "Host: influx:8086\r\nContent-Length: 35\r\n\r\na value=1 1\nb value=2 2\nc value=3 3");
+  clock.tick(3);
+  answer(peer, NO_CONTENT);  // and leaves the connection open
+  until_outcome();
+  EXPECT_EQ(database->last_sent_time(), clock.clocks().wall());
+  EXPECT_EQ(database->failure_count(), 0);
+  EXPECT_THAT(warnings(), IsEmpty());
+  char byte;
+  until([&] { return ::recv(peer.descriptor(), &byte, 1, 0) == 0; });
+}
+
+TEST_F(InfluxHTTPRequestTest, FailureIsCountedOnceAndItsWarningShowsTheAnswerButNoSecret) {
+  const std::vector<std::pair<std::string, std::string>> rows{
+      {"HTTP/1.1 200 OK\r\nContent-Length: 300\r\n\r\n\x01'" + std::string(298, 'x'),
+       "status 200: b\"\\x01'" + std::string(254, 'x') + "\""},
+      {"HTTP/1.1 400 Bad\r\n\r\nAuthorization: Basic c2VjcmV0",
+       "status 400: an answer that repeats the credentials"},
+      {"HTTP/1.1 500 Bad\r\nContent-Length: 9\r\n\r\npart",
+       "status 500, closed in the middle of the answer: b'part'"},
+      {"220 mail\n", "the answer does not begin with an HTTP/1.x status line: b'220 mail'"},
+      {"", "closed without an answer"},
+  };
+  for (const auto& [text, reason] : rows) {
+    auto peer = begin();
+    receive_to(peer, "1 1");
+    answer(peer, text);
+    peer = {};
+    until_outcome();
+    EXPECT_EQ(logs.texts("warning").back(),
+              "InfluxDB write (café database) failed: " + reason + "; 1 messages lost (11 bytes)");
+  }
+  EXPECT_EQ(database->failure_count(), 5);
+  EXPECT_EQ(warnings().size(), rows.size());
+}
+
+TEST_F(InfluxHTTPRequestTest, RefusalIsReadWhileALargeBodyIsStillGoingOut) {
+  auto peer = begin(std::string(32U << 20, 'x'));
+  receive_to(peer, "xxx");
+  answer(peer, "HTTP/1.1 413 Too Large\r\nContent-Length: 4\r\n\r\nhuge");
+  peer = {};  // resets the connection: much has not been read
+  until_outcome();
+  EXPECT_THAT(warnings(),
+              ElementsAre(HasSubstr("status 413: b'huge'; 1 messages lost (33554432 ")));
+}
+
+TEST_F(InfluxHTTPRequestTest, AnswerIsReadToItsEndAfterSendingFailed) {
+  auto peer = begin(std::string(32U << 20, 'x'));
+  answer(peer, "HTTP/1.1 413 Too Large\r\n\r\n" + std::string(60'000, 'h'));
+  peer = {};  // an orderly close: what is sent from now on is reset
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 1);
+  EXPECT_THAT(warnings(), ElementsAre(HasSubstr("status 413: b'hhh")));
+}
+
+TEST_F(InfluxHTTPRequestTest, RefusedConnectionCountsOneFailureOnALaterTurnAndLosesNothing) {
+  const StandIn closed(StandIn::Mode::REFUSES);
+  connect_to("127.0.0.1", closed.port());
+  database->add("m value=1 1");
+  EXPECT_TRUE(database->has_current_request());
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 1);
+  EXPECT_EQ(database->pending_data_len(), 1U);
+  EXPECT_THAT(warnings(), ElementsAre(fmt::format(
+                              "InfluxDB write (café database) failed: could not connect to "
+                              "influx:8086: 127.0.0.1:{}: Connection refused; 0 messages lost "
+                              "(0 bytes)",
+                              closed.port())));
+}
+
+TEST_F(InfluxHTTPRequestTest, TwentySecondsWithoutAByteEndIt) {
+  const auto peer = begin();
+  receive_to(peer, "1 1");
+  tick(19);
+  answer(peer, "HTTP/1.1 100 Continue\r\n");
+  tick(0);
+  tick(19.5);
+  EXPECT_TRUE(database->has_current_request());
+  tick(0.5);
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 1);
+  EXPECT_THAT(warnings(), ElementsAre(HasSubstr("no progress for 20 seconds while waiting")));
+}
+
+TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {
+  database->add("m value=1 1");
+  database->discard_old_data();
+  skein::Socket peer;
+  until([&] { return static_cast<bool>(peer = endpoint.accept()); });
+  receive_to(peer, "\r\nContent-Length: 0\r\n\r\n");
+  answer(peer, "HTTP/1.1 100 Continue\r\n\r\n");
+  loop.turn();
+  EXPECT_TRUE(database->has_current_request());
+  answer(peer, NO_CONTENT);
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 0);
+}
+
+TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlone) {
+  auto old = begin();
+  answer(old, NO_CONTENT);
+  until_outcome();
+  const auto peer = begin();
+  old = {};
+  for (int i = 0; i < 5; ++i) loop.turn();
+  EXPECT_TRUE(database->has_current_request());
+  answer(peer, NO_CONTENT);
+  until_outcome();
+}
+
+TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForTheNext) {
+  const StandIn refuses(StandIn::Mode::REFUSES);
+  const StandIn hangs(StandIn::Mode::HANGS);
+  support::resolve_several_to({refuses.port(), hangs.port(), endpoint.port()});
+  connect_to("several.test", 1);
+  database->add("m value=1 1");
+  loop.turn();
+  until([] { return lookups_pending() == 0; });
+  for (int i = 0; i < 5; ++i) loop.turn();
+  EXPECT_FALSE(endpoint.accept());
+  tick(2.5);
+  const auto peer = begin();
+  answer(peer, NO_CONTENT);
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 0);
+}
+
+TEST_F(InfluxHTTPRequestTest, LookupThatHangsIsGivenUpAndStaysPendingUntilItsThreadReturns) {
+  connect_to("hangs.test", 8086);
+  {
+    const support::HangingLookups hanging;
+    database->add("m value=1 1");
+    until([] { return lookups_pending() == 1; });
+    tick(5);
+    until_outcome();
+    EXPECT_THAT(warnings(), ElementsAre(HasSubstr("influx:8086: the name lookup takes too long")));
+  }
+  until([] { return lookups_pending() == 0; });
+  EXPECT_EQ(database->failure_count(), 1);
+}
+
+TEST_F(InfluxHTTPRequestTest, NothingIsReportedOnceTheLoopHasEnded) {
+  auto own = std::make_unique<skein::Loop>(clock.clocks());
+  auto short_lived = std::make_unique<InfluxDatabase>("x", settings, connection, *own);
+  short_lived->add("m value=1 1");
+  own->turn();
+  short_lived.reset();
+  own.reset();
+  EXPECT_THAT(warnings(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace pelorus
