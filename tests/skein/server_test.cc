@@ -102,6 +102,7 @@ class ServerTest : public ::testing::Test {
     Socket peer(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(::connect(peer.descriptor(), reinterpret_cast<sockaddr*>(&address_), sizeof address_),
               0);
+    send_without_delay(peer.descriptor());
     turns();
     return peer;
   }
