@@ -1,6 +1,7 @@
 # Flags of our own code. `pelorus_flags` is linked by every target of this tree, never exported.
 add_library(pelorus_flags INTERFACE)
-target_compile_options(pelorus_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+target_compile_options(pelorus_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)  # no path of the building machine in the programs
 target_include_directories(pelorus_flags INTERFACE ${PROJECT_SOURCE_DIR})
 
 if(PELORUS_HARDENING)

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "skein/keepalive.h"
+#include "tidewell_origin.h"
 
 // Fixed values of the daemon: no setting, file or environment variable overrides them.
 namespace pelorus {

@@ -12,6 +12,7 @@
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/listen/local_server.h"
+#include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
 #include "pelorus/pelorus/systemd_notify.h"
@@ -84,12 +85,14 @@ void Service::main() {
         return std::make_unique<InfluxDatabase>(name, buffer_settings_, influx_connection_, loop_);
       },
       loop_);
+  NodeServer node_server(handler, settings_, loop_);
   LocalServer local_server(handler, settings_, loop_);
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
   loop_.run();
   handler.stop();
   local_server.close();
+  node_server.close();
   log::info("Quitting.");
 }
 

@@ -1,0 +1,297 @@
+#include "pelorus/pelorus/listen/node_server.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/listen/complete_lines.h"
+#include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/profile.h"
+#include "pelorus/translate/display.h"
+
+namespace pelorus {
+namespace {
+
+constexpr std::array<skein::RequestRow, 3> REQUESTS{{
+    {"add", skein::RequestHandler<&NodeServer::req_add>::handle},
+    {"submit", skein::RequestHandler<&NodeServer::req_submit>::handle},
+    {"collectd", skein::RequestHandler<&NodeServer::req_collectd>::handle},
+}};
+
+/// Longer ones are no keys and are not worth a web request.
+constexpr std::size_t MOST_KEY_BYTES = 1024;
+/// As much of a key as may be shown.
+constexpr std::size_t SHOWN_KEY_BYTES = 4;
+constexpr long HTTP_OK = 200;
+
+std::string_view key_ending(std::string_view key) {
+  return key.substr(key.size() - std::min(key.size(), SHOWN_KEY_BYTES));
+}
+
+/// The request's key without its dashes.
+std::string node_key(const skein::Request& request) {
+  const std::string_view given = request.text("key");
+  if (given.size() > MOST_KEY_BYTES) {
+    throw skein::RequestError(
+        fmt::format("argument 'key' has {} bytes, {} are allowed", given.size(), MOST_KEY_BYTES));
+  }
+  std::string key(given);
+  std::erase(key, '-');
+  return key;
+}
+
+/// A body for the log: the key that was asked about may stand in it.
+std::string shown_body(std::string body, const std::string& key) {
+  if (key.size() > SHOWN_KEY_BYTES) {
+    const std::string masked = fmt::format("...{}", key_ending(key));
+    for (auto at = body.find(key); at != std::string::npos; at = body.find(key, at)) {
+      body.replace(at, key.size(), masked);
+      at += masked.size();
+    }
+  }
+  return translate::display(body);
+}
+
+}  // namespace
+
+NodeServer::NodeServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
+                       std::string verification_url)
+    : Server(bind_listen(settings), loop, KEEPALIVE),
+      influx_handler_(influx_handler),
+      verification_(settings, loop, std::move(verification_url)) {}
+
+skein::Socket NodeServer::bind_listen(const Settings& settings) {
+  const auto host = settings.get<std::string>("PELORUS_SERVER");
+  const auto port = settings.get<std::int64_t>("PELORUS_PORT");
+  auto socket = skein::Socket::stream(AF_INET);
+  const int on = 1;
+  if (::setsockopt(socket.descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
+    throw skein::SystemFailure("setsockopt SO_REUSEADDR", errno);
+  }
+  skein::bind_tcp(socket, host, port);
+  skein::listen(socket, LISTEN_BACKLOG);
+  log::info("Started skein socket at {}:{}.", host, port);
+  return socket;
+}
+
+void NodeServer::stop() {
+  log::info("Skein socket closed.");
+  close();
+}
+
+std::span<const skein::RequestRow> NodeServer::requests() const { return REQUESTS; }
+
+std::unique_ptr<skein::Connection> NodeServer::make_connection(skein::Socket socket) {
+  return std::make_unique<CollectdConnection>(*this, loop(), std::move(socket));
+}
+
+void NodeServer::add_connection(skein::Connection& connection) {
+  Server::add_connection(connection);
+  const auto address = skein::peer_address(connection.socket().descriptor());
+  connection_addresses_[&connection] = address;
+  log::info("Accepted skein connection from {}:{}.", address.host, address.port);
+}
+
+void NodeServer::remove_connection(skein::Connection& connection) {
+  const auto known = connection_addresses_.find(&connection);
+  if (known != connection_addresses_.end()) {
+    const auto& [host, port] = known->second;
+    log::info("Disconnecting skein connection from {}:{}.", host, port);
+    connection_addresses_.erase(known);
+  }
+  Server::remove_connection(connection);
+}
+
+void NodeServer::handle_exception(const std::exception& failure) {
+  log::exception(fmt::format("Exception in NodeServer: {}", failure.what()), failure);
+}
+
+void NodeServer::handle_protocol_error(skein::Connection& connection,
+                                       const skein::ProtocolError& fault) {
+  const auto& [host, port] = connection_addresses_[&connection];
+  log::warning("Closing the connection of {}:{}: {}.", host, port, fault.what());
+}
+
+skein::Reply NodeServer::req_add(const skein::Request& request) {
+  PROFILE_SCOPE();
+  const std::string key = node_key(request);
+  const std::string_view database = request.text("database");
+  const std::string_view data = request.text("data");
+  // Kept: a last line without its line end is not counted.
+  const auto num_metrics = static_cast<std::int64_t>(std::ranges::count(data, '\n'));
+  return dispatch(
+      request, key, [&] { influx_handler_.add(database, std::string(data), num_metrics); },
+      [&]() -> Method {
+        return [this, database = std::string(database), data = std::string(data), num_metrics] {
+          influx_handler_.add(database, data, num_metrics);
+        };
+      });
+}
+
+skein::Reply NodeServer::req_submit(const skein::Request& request) {
+  PROFILE_SCOPE();
+  const std::string key = node_key(request);
+  const std::string_view database = request.text("database");
+  const std::string_view name = request.text("name");
+  request.get("columns");
+  const skein::Value points = request.get("points");
+  return dispatch(
+      request, key, [&] { influx_handler_.add_submit(database, name, points); },
+      [&]() -> Method {
+        return [this, database = std::string(database), name = std::string(name),
+                points = std::make_shared<skein::OwnedValue>(points)] {
+          influx_handler_.add_submit(database, name, points->value());
+        };
+      });
+}
+
+skein::Reply NodeServer::req_collectd(const skein::Request& request) {
+  PROFILE_SCOPE();
+  const std::string key = node_key(request);
+  const std::string_view metrics = request.text("metrics");
+  // Kept: what remains of the last line is carried over before the key is looked at.
+  auto& remainder = static_cast<CollectdConnection&>(request.connection).graphite_remainder;
+  const CompleteLines complete(remainder, metrics);
+  return dispatch(
+      request, key, [&] { influx_handler_.add_graphite(BONDING_DATABASE, complete.lines()); },
+      [&]() -> Method {
+        return [this, lines = std::string(complete.lines())] {
+          influx_handler_.add_graphite(BONDING_DATABASE, lines);
+        };
+      });
+}
+
+template <class Now, class MakeOwned>
+skein::Reply NodeServer::dispatch(const skein::Request& request, const std::string& key, Now&& now,
+                                  MakeOwned&& owned) {
+  const bool behind_others = is_waiting(key);
+  if (!behind_others && valid_key(key)) {
+    now();
+    return {};
+  }
+  waiting_[key].held.push_back({owned(), request.connection.hold()});
+  if (!behind_others) check_auth(key);
+  return skein::Reply::later();
+}
+
+bool NodeServer::is_waiting(const std::string& key) const {
+  const auto queue = waiting_.find(key);
+  return queue != waiting_.end() && (queue->second.asking || !queue->second.held.empty());
+}
+
+bool NodeServer::valid_key(const std::string& key) {
+  const auto verified = valid_.find(key);
+  const double time = verified == valid_.end() ? 0 : verified->second;
+  if (loop().clocks().wall() - time < VALID_CUTOFF) return true;
+  // Kept: said of a key that was never seen as well.
+  log::debug("Validation error - the key \"{}\" is expired.", key);
+  return false;
+}
+
+void NodeServer::check_auth(const std::string& key) {
+  waiting_[key].asking = true;
+  verification_.do_auth_check(
+      key, [this, key](const KeyOutcome& outcome) { handle_outcome(key, outcome); });
+}
+
+// Answering a request lets its connection go on, which may bring the next request of the same key
+// before this returns.
+void NodeServer::handle_outcome(const std::string& key, const KeyOutcome& outcome) {
+  KeyQueue& queue = waiting_[key];
+  queue.asking = false;
+  const HeldMethod first = std::move(queue.held.front());
+  queue.held.pop_front();
+  try {
+    validate(key, first, judge(key, outcome));
+  } catch (const std::exception& failure) {
+    first.request.fail(failure);
+  }
+  serve_waiting(key);
+}
+
+void NodeServer::serve_waiting(const std::string& key) {
+  KeyQueue& queue = waiting_[key];
+  while (!queue.asking && !queue.held.empty()) {
+    if (!valid_key(key)) return check_auth(key);
+    const HeldMethod next = std::move(queue.held.front());
+    queue.held.pop_front();
+    forward(next);
+  }
+  if (!queue.asking) waiting_.erase(key);
+}
+
+bool NodeServer::judge(const std::string& key, const KeyOutcome& outcome) const {
+  if (const auto* failure = std::get_if<std::exception_ptr>(&outcome)) {
+    std::rethrow_exception(*failure);
+  }
+  if (const auto* failure = std::get_if<WebFailure>(&outcome)) {
+    if (*failure == WebFailure::TIMED_OUT) {
+      log::warning("Timed out trying to authenticate to web server.");
+    } else {
+      log::warning("Failed to connect to web server.");
+    }
+    return false;
+  }
+  const auto& response = std::get<KeyResponse>(outcome);
+  if (response.status == HTTP_OK) return judge_body(key, response.body);
+  log::warning(
+      "Received response with unexpected status code {} while trying to authenticate to web "
+      "server.",
+      response.status);
+  return false;
+}
+
+bool NodeServer::judge_body(const std::string& key, const std::string& body) const {
+  nlohmann::json answer;
+  try {
+    answer = nlohmann::json::parse(body);
+  } catch (const nlohmann::json::parse_error& error) {
+    log::warning(
+        "Received response with unexpected response content {} while trying to authenticate to "
+        "web server: {}.",
+        shown_body(body, key), fmt::format("no JSON at byte {}", error.byte));
+    return false;
+  }
+  if (!answer.is_object()) throw skein::Failure("the web server's JSON answer is no object");
+  const auto member = answer.find("key");
+  if (member == answer.end()) {
+    log::warning(
+        "Received response without \"key\" in response {} while trying to authenticate to web "
+        "server.",
+        shown_body(body, key));
+    return false;
+  }
+  if (member->is_string() && member->get_ref<const std::string&>() == key) return true;
+  log::warning("Validation error - no node found for the key ending in {}.", key_ending(key));
+  return false;
+}
+
+void NodeServer::validate(const std::string& key, const HeldMethod& held, bool is_valid) {
+  if (!is_valid) {
+    influx_handler_.increment_failed_auths();
+    held.request.answer({});  // dropped in silence
+    return;
+  }
+  influx_handler_.handle_successful_auth();
+  valid_[key] = loop().clocks().wall();
+  forward(held);
+}
+
+void NodeServer::forward(const HeldMethod& held) {
+  try {
+    held.method();
+  } catch (const std::exception& failure) {
+    held.request.fail(failure);
+    return;
+  }
+  held.request.answer({});
+}
+
+}  // namespace pelorus

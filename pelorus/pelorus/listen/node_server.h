@@ -1,0 +1,93 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/listen/key_verification.h"
+#include "pelorus/pelorus/settings.h"
+#include "skein/server.h"
+
+namespace pelorus {
+
+/// Receives what remote nodes measure, over TCP. Each request carries the node's key: one that was
+/// verified within VALID_CUTOFF seconds lets the request through at once; with any other the
+/// request is held until the web server has spoken, and dropped in silence when it says no.
+/// Borrows handler, settings and loop.
+class NodeServer : public skein::Server {
+ public:
+  /// Binds to PELORUS_SERVER:PELORUS_PORT and listens at once. Throws SettingsError,
+  /// skein::Failure.
+  NodeServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
+             std::string verification_url = std::string(NODE_KEY_VERIFICATION_API_URL));
+
+  void stop();
+
+  void add_connection(skein::Connection& connection) override;
+  void remove_connection(skein::Connection& connection) override;
+  void handle_exception(const std::exception& failure) override;
+  void handle_protocol_error(skein::Connection& connection,
+                             const skein::ProtocolError& fault) override;
+
+  /// "add": records of line protocol in "data" for "database".
+  skein::Reply req_add(const skein::Request& request);
+  /// "submit": points of the legacy API, from nodes before 2016.1.
+  skein::Reply req_submit(const skein::Request& request);
+  /// "collectd": Graphite lines in "metrics", which may be cut anywhere between requests.
+  skein::Reply req_collectd(const skein::Request& request);
+
+ protected:
+  std::span<const skein::RequestRow> requests() const override;
+  std::unique_ptr<skein::Connection> make_connection(skein::Socket socket) override;
+
+ private:
+  /// An ingest operation with its complete argument list.
+  using Method = std::function<void()>;
+  /// A request that waits for its key.
+  struct HeldMethod {
+    Method method;
+    skein::HeldRequest request;
+  };
+  /// The requests of one key that is being verified, in order of arrival.
+  struct KeyQueue {
+    std::deque<HeldMethod> held;
+    bool asking = false;  ///< the web server is being asked for the first of them
+  };
+
+  static skein::Socket bind_listen(const Settings& settings);
+
+  /// Whether the key, without dashes, was verified less than VALID_CUTOFF seconds ago.
+  bool valid_key(const std::string& key);
+  /// Runs the method at once where the key is valid, else when it has been verified. `owned` makes
+  /// the method for later, with its own copies of the arguments.
+  template <class Now, class MakeOwned>
+  skein::Reply dispatch(const skein::Request& request, const std::string& key, Now&& now,
+                        MakeOwned&& owned);
+  /// Whether earlier requests of this key wait: the next one is looked at when its turn has come.
+  bool is_waiting(const std::string& key) const;
+  /// Asks the web server for the first request that waits for this key.
+  void check_auth(const std::string& key);
+  void handle_outcome(const std::string& key, const KeyOutcome& outcome);
+  /// Takes those that came meanwhile as if they came now, up to one that has to ask again.
+  void serve_waiting(const std::string& key);
+  /// True: the key is a node's. Logs why not. Throws what is none of the ordinary answers.
+  bool judge(const std::string& key, const KeyOutcome& outcome) const;
+  bool judge_body(const std::string& key, const std::string& body) const;
+  void validate(const std::string& key, const HeldMethod& held, bool is_valid);
+  /// Runs a held method; its failure is the request's.
+  void forward(const HeldMethod& held);
+
+  InfluxHandler& influx_handler_;
+  std::unordered_map<const skein::Connection*, skein::Address> connection_addresses_;
+  /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
+  /// there are as many as there are nodes.
+  std::unordered_map<std::string, double> valid_;
+  std::unordered_map<std::string, KeyQueue> waiting_;  ///< keys that are being verified
+  KeyVerification verification_;
+};
+
+}  // namespace pelorus

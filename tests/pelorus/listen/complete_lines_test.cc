@@ -1,0 +1,34 @@
+#include "pelorus/pelorus/listen/complete_lines.h"
+
+#include <gtest/gtest.h>
+
+namespace pelorus {
+namespace {
+
+TEST(CompleteLines, CutBehindTheLastLineEndAndCarryTheRest) {
+  const struct {
+    std::string remainder;
+    std::string data;
+    std::string lines;
+    std::string left;
+  } rows[] = {
+      {"", "a\nb\n", "a\nb\n", ""}, {"", "a\nb", "a\n", "b"}, {"", "ab", "", "ab"},
+      {"x", "y\nz", "xy\n", "z"},   {"x", "y", "", "xy"},     {"x", "", "", "x"},
+      {"x", "\n", "x\n", ""},       {"", "", "", ""},
+  };
+  for (const auto& row : rows) {
+    std::string remainder = row.remainder;
+    const CompleteLines complete(remainder, row.data);
+    EXPECT_EQ(complete.lines(), row.lines) << row.remainder << "+" << row.data;
+    EXPECT_EQ(remainder, row.left) << row.remainder << "+" << row.data;
+  }
+}
+
+TEST(CompleteLines, WholeLinesAreNotCopied) {
+  std::string remainder;
+  const std::string data = "a\nb\nc";
+  EXPECT_EQ(CompleteLines(remainder, data).lines().data(), data.data());
+}
+
+}  // namespace
+}  // namespace pelorus

@@ -1,0 +1,259 @@
+#include "pelorus/pelorus/listen/node_server.h"
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+
+#include "../influx/stand_in.h"
+#include "listener_fixture.h"
+
+namespace pelorus {
+namespace {
+
+constexpr const char* LINE = "node7.load.load.a 1 1500000000\n";
+constexpr const char* RECORD = "load,node=7 a=1i 1500000000000000000\n";
+
+/// A node server and, in the same thread, the web server that it asks.
+class NodeServerTest : public ListenerTest {
+ protected:
+  support::SkeinPeer connect() {
+    auto peer = support::SkeinPeer::tcp(support::bound_port(server_.socket()));
+    turns();
+    return peer;
+  }
+
+  static std::string collectd(const std::string& key, const std::string& metrics = LINE,
+                              std::uint32_t msgid = 1) {
+    return support::request(msgid, "collectd", {{"key", key}, {"metrics", metrics}});
+  }
+
+  /// Takes requests of the daemon until it has been quiet for a while; asked_ holds their keys.
+  void listen_to_web_requests() {
+    for (int quiet = 0; quiet < 20; ++quiet) {
+      turns(2);
+      if (auto socket = web_.accept()) exchanges_.push_back({std::move(socket), ""});
+      for (auto& [socket, text] : exchanges_) {
+        const std::string more = support::receive(socket);
+        if (more.empty()) continue;
+        text += more;
+        quiet = 0;
+        const auto body = text.find("\r\n\r\nkey=");
+        if (body == std::string::npos) continue;
+        asked_.push_back(text.substr(body + 8));
+        pending_.push_back(&socket);
+        text.clear();
+      }
+    }
+  }
+
+  /// Answers the oldest web request.
+  void answer(const std::string& body, int status = 200) {
+    listen_to_web_requests();
+    ASSERT_FALSE(pending_.empty()) << "nobody asks";
+    support::answer(*pending_.front(), fmt::format("HTTP/1.1 {} X\r\nContent-Length: {}\r\n\r\n{}",
+                                                   status, body.size(), body));
+    pending_.pop_front();
+    listen_to_web_requests();
+  }
+  void accept_key(const std::string& key) { answer(R"({"key": ")" + key + "\"}"); }
+
+  const Statistics& counted() const { return handler_.statistics(); }
+  std::int64_t records() const { return counted().records; }
+
+  struct Exchange {
+    skein::Socket socket;
+    std::string text;
+  };
+
+  support::StandIn web_;
+  std::deque<Exchange> exchanges_;
+  std::deque<const skein::Socket*> pending_;
+  std::vector<std::string> asked_;
+  Settings settings_ = settings(socket_path());
+  NodeServer server_{handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port())};
+};
+
+TEST_F(NodeServerTest, VerifiedKeyLetsRequestsThroughForAnHour) {
+  auto peer = connect();
+  peer.send(collectd("ab-cd-ef"));
+  accept_key("abcdef");
+  EXPECT_EQ(asked_, std::vector<std::string>{"abcdef"});
+  EXPECT_EQ(peer.replies(), "1=nil ");
+  EXPECT_EQ(queued("bonding"), RECORD);
+  EXPECT_EQ(counted().successful_auths, 1);
+  const auto expired = log_.texts("debug");
+  EXPECT_EQ(std::ranges::count(expired, "Validation error - the key \"abcdef\" is expired."), 1);
+
+  clock_.tick(3598);
+  peer.send(collectd("abcdef"));
+  turns();
+  EXPECT_EQ(peer.replies(), "1=nil ");
+  EXPECT_EQ(asked_.size(), 1U);
+  clock_.tick(2);
+  peer.send(collectd("abcdef"));
+  accept_key("abcdef");
+  EXPECT_EQ(asked_.size(), 2U);
+  EXPECT_EQ(counted().successful_auths, 2);
+}
+
+TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
+  auto peer = connect();
+  const struct {
+    std::string body;
+    int status;
+    std::string warning;
+  } rows[] = {
+      {"", 404,
+       "Received response with unexpected status code 404 while trying to authenticate to web "
+       "server."},
+      {"no abcdef", 200,
+       "Received response with unexpected response content b'no ...cdef' while trying to "
+       "authenticate to web server: no JSON at byte 2."},
+      {R"({"a": 1})", 200,
+       "Received response without \"key\" in response b'{\"a\": 1}' while trying to authenticate "
+       "to web server."},
+      {R"({"key": "other"})", 200, "Validation error - no node found for the key ending in cdef."},
+      {R"({"key": 7})", 200, "Validation error - no node found for the key ending in cdef."},
+  };
+  std::int64_t failed = 0;
+  for (const auto& row : rows) {
+    log_.clear();
+    peer.send(collectd("abcdef"));
+    answer(row.body, row.status);
+    EXPECT_EQ(peer.replies(), "1=nil ");
+    EXPECT_EQ(log_.texts("warning"), std::vector<std::string>{row.warning});
+    EXPECT_EQ(counted().failed_auths, ++failed);
+  }
+  EXPECT_EQ(queued("bonding"), "");
+}
+
+TEST_F(NodeServerTest, AnswerThatIsNoObjectAndBadKeysAreFailuresOfTheRequest) {
+  auto peer = connect();
+  peer.send(collectd("abcdef"));
+  answer("[1]");
+  EXPECT_EQ(peer.replies(), "1!the web server's JSON answer is no object ");
+  peer.send(collectd(std::string(1025, 'k')));
+  skein::MsgpackWriter number;
+  number.list(4).natural(0).natural(2).text("collectd").map(2).text("key").natural(7);
+  peer.send(support::frame(number.text("metrics").text(LINE)));
+  peer.send(support::request(3, "add", {{"key", "abcdef"}}));
+  turns();
+  EXPECT_EQ(peer.replies(),
+            "1!argument 'key' has 1025 bytes, 1024 are allowed "
+            "2!argument 'key' of request 'collectd' is no text "
+            "3!request 'add' lacks the argument 'database' ");
+  EXPECT_EQ(counted().failed_auths + counted().successful_auths, 0);
+  EXPECT_EQ(asked_.size(), 1U);
+}
+
+TEST_F(NodeServerTest, OneAnswerServesAllThatWaitForTheSameGoodKey) {
+  std::vector<support::SkeinPeer> peers;
+  for (int i = 0; i < 50; ++i) {
+    peers.push_back(connect());
+    peers.back().send(collectd("good") + collectd("good", LINE, 2));
+  }
+  accept_key("good");
+  for (auto& peer : peers) EXPECT_EQ(peer.replies(), "1=nil 2=nil ");
+  EXPECT_EQ(asked_.size(), 1U);
+  EXPECT_EQ(counted().successful_auths, 1);
+  EXPECT_EQ(records(), 100);
+  const auto debug = log_.texts("debug");
+  EXPECT_EQ(std::ranges::count(debug, "Validation error - the key \"good\" is expired."), 1);
+}
+
+TEST_F(NodeServerTest, EachThatWaitsForABadKeyAsksForItselfOneAfterAnother) {
+  std::vector<support::SkeinPeer> peers;
+  for (int i = 0; i < 3; ++i) {
+    peers.push_back(connect());
+    peers.back().send(collectd("bad") + collectd("bad", LINE, 2));
+  }
+  for (std::size_t i = 1; i <= 6; ++i) {
+    answer(R"({"key": ""})");
+    EXPECT_EQ(asked_.size(), std::min<std::size_t>(i + 1, 6));
+    EXPECT_LE(pending_.size(), 1U);
+  }
+  for (auto& peer : peers) EXPECT_EQ(peer.replies(), "1=nil 2=nil ");
+  EXPECT_EQ(counted().failed_auths, 6);
+  EXPECT_EQ(records(), 0);
+}
+
+TEST_F(NodeServerTest, HeldRequestKeepsItsOrderAndHoldsUpNobodyElse) {
+  auto peer = connect();
+  peer.send(collectd("known"));
+  accept_key("known");
+  auto slow = connect();
+  slow.send(collectd("slow", "node7.load.load.b 2 1500000000\nnode7.load.lo"));
+  slow.send(support::request(
+      2, "add", {{"key", "slow"}, {"database", "bonding"}, {"data", "x v=1 1\ny v=1 1"}}));
+  slow.send(collectd("slow", "ad.c 3 1500000000\n", 3));
+  listen_to_web_requests();
+  peer.send(collectd("known"));
+  turns();
+  EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
+  queued("bonding");
+  const auto before = records();
+  accept_key("slow");
+  EXPECT_EQ(slow.replies(), "1=nil 2=nil 3=nil ");
+  EXPECT_EQ(queued("bonding"),
+            "load,node=7 b=2i 1500000000000000000\n\nx v=1 1\ny v=1 1\n"
+            "load,node=7 c=3i 1500000000000000000\n");
+  EXPECT_EQ(records() - before, 3) << "the line without an end is not counted";
+}
+
+TEST_F(NodeServerTest, RequestsOfAPeerThatHasGoneAreCountedAndForwarded) {
+  {
+    auto peer = connect();
+    for (std::uint32_t i = 1; i <= 5; ++i) peer.send(collectd("left", LINE, i));
+    listen_to_web_requests();
+  }
+  accept_key("left");
+  EXPECT_EQ(records(), 5);
+  EXPECT_EQ(counted().successful_auths, 1);
+  EXPECT_EQ(server_.connection_count(), 0U);
+}
+
+TEST_F(NodeServerTest, HeldMethodThatFailsIsAFailureOfItsRequest) {
+  auto peer = connect();
+  peer.send(support::request(1, "add", {{"key", "k"}, {"database", "other"}, {"data", "x\n"}}));
+  accept_key("k");
+  EXPECT_EQ(peer.replies(), "1!no database 'other' is configured ");
+  EXPECT_EQ(counted().successful_auths, 1);
+  EXPECT_TRUE(logged("error", "Exception in NodeServer: no database 'other' is configured"));
+}
+
+TEST_F(NodeServerTest, SubmitIsHeldWithItsPoints) {
+  auto peer = connect();
+  skein::MsgpackWriter submit;
+  submit.list(4).natural(0).natural(1).text("submit").map(5);
+  submit.text("key").text("k").text("database").text("bonding").text("name");
+  submit.text("node1.tunnel-2.state").text("columns").nil().text("points");
+  submit.list(1).list(2).integer(1500000000000).text("up");
+  peer.send(support::frame(submit));
+  accept_key("k");
+  EXPECT_EQ(queued("bonding"), "tunnel_state,node=1,tunnel=2 state=\"up\" 1500000000000000000\n");
+  peer.send(support::frame(submit));
+  turns();
+  EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
+}
+
+TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {
+  {
+    auto peer = connect();
+    peer.send(std::string(4, '\0'));
+    turns();
+  }
+  turns();
+  const auto lines = log_.texts("info");
+  ASSERT_EQ(lines.size(), 3U);
+  const std::string address = lines[1].substr(lines[1].rfind("127.0.0.1"));
+  EXPECT_EQ(lines[1], "Accepted skein connection from " + address);
+  EXPECT_EQ(lines[2], "Disconnecting skein connection from " + address);
+  EXPECT_EQ(log_.texts("warning"), std::vector<std::string>{"Closing the connection of " +
+                                                            address.substr(0, address.size() - 1) +
+                                                            ": frame of length 0."});
+  server_.stop();
+  EXPECT_TRUE(logged("info", "Skein socket closed."));
+}
+
+}  // namespace
+}  // namespace pelorus

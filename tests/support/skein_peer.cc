@@ -1,0 +1,100 @@
+#include "support/skein_peer.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/un.h>
+
+#include <array>
+
+#include "skein/encoders/snappyencoder.h"
+#include "skein/framing.h"
+
+namespace support {
+namespace {
+
+std::string shown(skein::Value result) {
+  if (const auto text = result.text()) return std::string(*text);
+  return result.is(skein::Value::Type::MAP) ? "map" : "nil";
+}
+
+}  // namespace
+
+std::string frame(const skein::MsgpackWriter& message) {
+  std::string bytes;
+  const std::size_t begin = skein::begin_frame(bytes);
+  skein::SnappyEncoder::encode(message.bytes(), bytes);
+  skein::end_frame(bytes, begin);
+  return bytes;
+}
+
+std::string request(std::uint32_t msgid, std::string_view name,
+                    const std::vector<std::pair<std::string, std::string>>& args) {
+  skein::MsgpackWriter message;
+  message.list(4).natural(0).natural(msgid).text(name).map(args.size());
+  for (const auto& [key, value] : args) message.text(key).text(value);
+  return frame(message);
+}
+
+SkeinPeer SkeinPeer::tcp(int port) {
+  skein::Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_EQ(::connect(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address),
+            0);
+  skein::send_without_delay(socket.descriptor());
+  return SkeinPeer(std::move(socket));
+}
+
+SkeinPeer SkeinPeer::unix_socket(const std::string& path) {
+  skein::Socket socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  EXPECT_EQ(::connect(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address),
+            0);
+  return SkeinPeer(std::move(socket));
+}
+
+void SkeinPeer::send(std::string_view bytes) {
+  EXPECT_EQ(::send(socket_.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+void SkeinPeer::shut() const { EXPECT_EQ(::shutdown(socket_.descriptor(), SHUT_WR), 0); }
+
+std::string SkeinPeer::replies() {
+  std::array<char, 65536> chunk{};
+  ssize_t count = 0;
+  while ((count = ::recv(socket_.descriptor(), chunk.data(), chunk.size(), MSG_DONTWAIT)) > 0) {
+    received_.append(chunk.data(), static_cast<std::size_t>(count));
+  }
+  std::string text;
+  std::string_view rest = received_;
+  skein::SnappyEncoder snappy;
+  skein::Message message;
+  while (const auto payload = skein::take_frame(rest)) {
+    const std::string_view content = snappy.decode(*payload);
+    skein::MsgpackEncoder::decode(content, message);
+    auto item = message.root().begin();
+    const auto msgid = (*++item).natural();
+    const skein::Value error = *++item;
+    const skein::Value result = *++item;
+    text += std::to_string(msgid) + (error.text() ? "!" : "=") +
+            (error.text() ? std::string(*error.text()) : shown(result)) + " ";
+    last_reply_ = content;
+  }
+  received_ = std::string(rest);
+  return count == 0 ? text + "end" : text;
+}
+
+int bound_port(const skein::Socket& socket) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(::getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+  return ntohs(address.sin_port);
+}
+
+}  // namespace support

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "skein/encoders/msgpackencoder.h"
+#include "skein/socket.h"
+
+namespace support {
+
+/// One message as it goes over the wire.
+std::string frame(const skein::MsgpackWriter& message);
+/// A request whose arguments are texts.
+std::string request(std::uint32_t msgid, std::string_view name,
+                    const std::vector<std::pair<std::string, std::string>>& args = {});
+
+/// The far end of a server under test in the same thread. Never blocks.
+class SkeinPeer {
+ public:
+  static SkeinPeer tcp(int port);
+  static SkeinPeer unix_socket(const std::string& path);
+
+  void send(std::string_view bytes);
+  /// No more will be sent.
+  void shut() const;
+  /// What has come back by now: "msgid=result" or "msgid!error", each with a blank behind it, where
+  /// a result that is no text shows as "nil" or "map"; then "end" at the end of the stream.
+  std::string replies();
+  /// The last reply message, encoded; empty without one.
+  const std::string& last_reply() const noexcept { return last_reply_; }
+
+ private:
+  explicit SkeinPeer(skein::Socket socket) : socket_(std::move(socket)) {}
+
+  skein::Socket socket_;
+  std::string received_;
+  std::string last_reply_;
+};
+
+/// The port that a socket is bound to.
+int bound_port(const skein::Socket& socket);
+
+}  // namespace support
