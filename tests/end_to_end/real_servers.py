@@ -26,7 +26,7 @@ bind-address = "127.0.0.1:{rpc_port}"
 """
 
 COLLECTD_CONFIGURATION = """
-Hostname "m000"
+Hostname "{hostname}"
 FQDNLookup false
 Interval {interval}
 BaseDir "{folder}"
@@ -36,8 +36,8 @@ TypesDB "/usr/share/collectd/types.db"
 PluginDir "{plugin.parent}"
 LoadPlugin {plugin.stem}
 <Plugin {plugin.stem}>
-  <Node "local">
-    Socket "{socket}"
+  <Node "pelorus">
+    {destination}
   </Node>
 </Plugin>
 """
@@ -115,11 +115,21 @@ class Collectd(Process):
     PLUGINS = ("cpu", "df", "disk", "entropy", "interface", "irq", "load", "memory", "processes",
                "swap", "uptime", "vmem")
 
-    def __init__(self, folder, plugin, socket, interval=1):
+    def __init__(self, folder, plugin, address, interval=1, key=None, hostname="m000"):
+        """`address`: the daemon's local socket, or host and port, where `key` is sent too."""
         self.folder = Path(folder)
         self.folder.mkdir()
         configuration = self.folder / "collectd.conf"
         configuration.write_text(COLLECTD_CONFIGURATION.format(
-            folder=self.folder, interval=interval, plugin=plugin, socket=socket,
+            folder=self.folder, interval=interval, plugin=plugin, hostname=hostname,
+            destination=self._destination(address, key),
             plugins="\n".join(f"LoadPlugin {name}" for name in self.PLUGINS)))
         super().__init__(["collectd", "-f", "-C", configuration], self.folder / "output.log")
+
+    def _destination(self, address, key):
+        if not isinstance(address, tuple):
+            return f'Socket "{address}"'
+        key_file = self.folder / "node.key"
+        key_file.touch(mode=0o600)
+        key_file.write_text(key + "\n")
+        return f'Host "{address[0]}"\n    Port "{address[1]}"\n    NodeKeyFile "{key_file}"'

@@ -31,10 +31,12 @@ class SkeinError(Exception):
 class SkeinClient:
     """One connection. Every wait ends after `seconds`."""
 
-    def __init__(self, path, seconds=15):
-        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    def __init__(self, address, seconds=15):
+        """`address`: a path, or a pair of host and port."""
+        over_tcp = isinstance(address, tuple)
+        self._socket = socket.socket(socket.AF_INET if over_tcp else socket.AF_UNIX)
         self._socket.settimeout(seconds)
-        self._socket.connect(str(path))
+        self._socket.connect(address if over_tcp else str(address))
         self._received = b""
         self._msgid = 0
 

@@ -111,7 +111,9 @@ class Pelorus(Process):
         self.folder = Path(folder)
         self.socket = self.folder / "local.socket"
         settings_file = self.folder / "settings.json"
-        settings_file.write_text(json.dumps(_overlay(self._settings(), settings)))
+        settings = _overlay(self._settings(), settings)
+        settings_file.write_text(json.dumps(settings))
+        self.node_address = (settings.get("PELORUS_SERVER"), settings.get("PELORUS_PORT"))
         self.notify = NotifySocket(self.folder / "notify")
         surroundings = {"PELORUS_SETTINGS": str(settings_file), "JOURNAL_STREAM": "1:1",
                         "NOTIFY_SOCKET": self.notify.name, "PELORUS_LOG_LEVEL": None}

@@ -1,0 +1,40 @@
+"""The administration web server's stand-in, where the build under test looks for it."""
+
+import json
+from pathlib import Path
+import re
+
+from support import BUILD, REPOSITORY, WWW_KEY, Process, wait_until
+
+ORIGIN = re.search(r"^PELORUS_TIDEWELL_ORIGIN:\w+=https://127\.0\.0\.1:(\d+)$",
+                   (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
+
+
+class WebServer(Process):
+    """Confirms `keys`; never answers about the keys of `hang`; takes `seconds` for each answer."""
+
+    def __init__(self, folder, keys=(), hang=(), seconds=0):
+        if ORIGIN is None:
+            raise AssertionError(f"{BUILD} asks no port of this machine about keys; "
+                                 "configure it with PELORUS_TIDEWELL_ORIGIN=https://127.0.0.1:PORT")
+        folder = Path(folder)
+        folder.mkdir(exist_ok=True)
+        self._file = folder / "keys.json"
+        self.know(keys, hang, seconds)
+        super().__init__(["/usr/bin/python3", REPOSITORY / "demo" / "tidewell_stand_in.py",
+                          ORIGIN[1], self._file], folder / "web_server.log")
+        wait_until(self._listens, "the web server to listen")
+
+    def know(self, keys=(), hang=(), seconds=0):
+        """From now on."""
+        self._file.write_text(json.dumps({"token": WWW_KEY, "keys": list(keys),
+                                          "hang": list(hang), "seconds": seconds}))
+
+    def answers(self):
+        """One line for each question that was answered."""
+        return [line for line in self.text().splitlines() if line.startswith("key ending")]
+
+    def _listens(self):
+        if not self.running():
+            raise AssertionError(f"the web server ended early:\n{self.text()}")
+        return "listening" in self.text()
