@@ -21,6 +21,8 @@ asan: packages
 bench: packages
 	@scripts/build release
 	@build/release/bin/pelorus_bench
+	@scripts/build dev
+	@bench/node_latency.py build/dev
 
 packages:
 	@scripts/install-packages

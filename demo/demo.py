@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""demo.py BUILD: collectd, pelorus and InfluxDB at work together, and what arrives.
+"""demo.py BUILD: collectd, pelorus and InfluxDB at work together, with nodes of which one is refused,
+and what arrives.
 
 Everything runs on free ports in a temporary folder and goes with it. At a terminal the servers stay
 until Ctrl-C; otherwise the program shows what there is and ends."""
@@ -20,12 +21,21 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
 
 from real_servers import Collectd, Influxd  # noqa: E402
-from support import BUILD, PLUGIN, Pelorus, wait_until  # noqa: E402
+from skein_client import SkeinClient  # noqa: E402
+from support import BUILD, PLUGIN, WARNING, Pelorus, wait_until  # noqa: E402
+from web_server import WebServer  # noqa: E402
 
 DATABASES = ["tidewell", "bonding"]
 SETTINGS = {"PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 50,
             "INFLUX_DATABASES": [{"name": name} for name in DATABASES]}
 STATISTICS = "proxy_messages"
+
+# A real collectd is the first node; the others are a few lines of Python. The last one's key has been
+# withdrawn.
+NODES = {"node1001": "aaaa1111-0000-4000-8000-000000001001",
+         "node1002": "bbbb2222-0000-4000-8000-000000001002",
+         "node1003": "cccc3333-0000-4000-8000-000000001003"}
+WITHDRAWN = "node1003"
 
 
 def heading(text):
@@ -49,7 +59,7 @@ def table(titles, rows):
 
 
 class Demo:
-    """The three servers and the views of what they do."""
+    """The servers, the nodes, and the views of what they do."""
 
     def __init__(self, folder, on_exit):
         """`on_exit` stops the servers, the last one first."""
@@ -61,15 +71,35 @@ class Demo:
                                        "INFLUX_HTTP_CONNECTION": self.influx.address, **SETTINGS})
         on_exit.callback(self.daemon.stop)
         self.daemon.wait_ready()
+        self.web = WebServer(folder / "web", [key.replace("-", "") for name, key in NODES.items()
+                                              if name != WITHDRAWN])
+        on_exit.callback(self.web.stop)
         self.collectd = Collectd(folder / "collectd", PLUGIN, self.daemon.socket)
         on_exit.callback(self.collectd.stop)
+        first, *others = NODES
+        self.node = Collectd(folder / first, PLUGIN, self.daemon.node_address, key=NODES[first],
+                             hostname=first)
+        on_exit.callback(self.node.stop)
+        for name in others:
+            self.send_tunnel_values(name)
+
+    def send_tunnel_values(self, name):
+        """What the bonding software of a node would add to its collectd's values."""
+        now = int(time.time())
+        lines = "".join(f"{name}.tunnel-4.link_{link}.latency.value {12.5 * link} {now - age}\n"
+                        for link in (1, 2) for age in range(5))
+        with SkeinClient(self.daemon.node_address) as client:
+            client.call("collectd", {"key": NODES[name], "metrics": lines})
 
     def show_servers(self):
         heading("What runs")
         table(["server", "where", "what it does"], [
             ("collectd", self.collectd.folder, "reads this machine every second"),
+            ("collectd", self.node.folder, "does the same as a remote node"),
             ("pelorus", self.daemon.socket, "translates, gathers and writes"),
-            ("influxd", self.influx.address, "stores, and wants a password")])
+            ("", "{}:{}".format(*self.daemon.node_address), "and lets nodes in by their keys"),
+            ("influxd", self.influx.address, "stores, and wants a password"),
+            ("web server", "a stand-in", "knows the keys of the nodes")])
 
     def wait_for_statistics(self):
         print("\nWaiting for the daemon's first report about itself (10 seconds) …", flush=True)
@@ -93,6 +123,18 @@ class Demo:
                   zip(series["columns"][1:], values) if value is not None]
         return (time.strftime("%H:%M:%S", time.localtime(moment)),
                 "  ".join(cells[:3] + ["…"] * (len(cells) > 3)))
+
+    def show_nodes(self):
+        heading('What the nodes have brought into the database "bonding"')
+        arrived = self.influx.query("SELECT count(*) FROM /.*/ GROUP BY node", "bonding")
+        refusals = [line for line in self.daemon.lines(WARNING) if "no node found" in line]
+        rows = []
+        for name, key in NODES.items():
+            series = [each for each in arrived if each["tags"]["node"] == name.removeprefix("node")]
+            values = sum(sum(filter(None, each["values"][0][1:])) for each in series)
+            said = next((line for line in refusals if key[-4:] in line), "its key is confirmed")
+            rows.append((name, f"…{key[-4:]}", values, len(series), said))
+        table(["node", "key", "values", "measurements", "the daemon says"], rows)
 
     def show_statistics(self):
         heading("What the daemon counted in its first 10 seconds")
@@ -128,6 +170,7 @@ def main():
         demo.show_servers()
         demo.wait_for_statistics()
         demo.show_measurements()
+        demo.show_nodes()
         demo.show_statistics()
         demo.show_buffers()
         if sys.stdout.isatty():
