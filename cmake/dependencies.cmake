@@ -7,6 +7,7 @@ find_package(spdlog REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(CLI11 REQUIRED)
 pkg_check_modules(libuv REQUIRED IMPORTED_TARGET libuv)
+pkg_check_modules(libcurl REQUIRED IMPORTED_TARGET libcurl>=7.87)
 
 # Header-only; without this definition its headers ask for Boost.
 add_library(msgpack_headers INTERFACE)

@@ -1,0 +1,226 @@
+#include "pelorus/pelorus/listen/key_exchange.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/errors.h"
+
+namespace pelorus {
+namespace {
+
+using FormText = std::unique_ptr<char, decltype(&curl_free)>;
+
+void check(CURLcode code, const char* what) {
+  if (code != CURLE_OK) throw skein::Failure(fmt::format("{}: {}", what, curl_easy_strerror(code)));
+}
+
+std::string form_of(CURL* easy, std::string_view key) {
+  const FormText escaped(curl_easy_escape(easy, key.data(), static_cast<int>(key.size())),
+                         &curl_free);
+  if (!escaped) throw std::bad_alloc();
+  return std::string("key=") + escaped.get();
+}
+
+/// The token as it is now. A byte that would end the header early is refused.
+std::string read_token(const Settings& settings) {
+  auto token = settings.get<std::string>("LOCAL_WWW_KEY");
+  const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+  if (std::any_of(token.begin(), token.end(), is_control)) {
+    throw SettingsError(fmt::format(
+        "Setting LOCAL_WWW_KEY in {} must be text without control bytes", settings.source()));
+  }
+  return token;
+}
+
+/// What libcurl says of a head line that does not end within 100 KiB.
+bool is_endless_line(CURLcode result) { return result == CURLE_OUT_OF_MEMORY; }
+
+/// A fault of this process or of the URL, not of the way to the web server.
+bool is_own_fault(CURLcode result) {
+  return result == CURLE_URL_MALFORMAT || result == CURLE_UNSUPPORTED_PROTOCOL ||
+         result == CURLE_FAILED_INIT;
+}
+
+}  // namespace
+
+KeyExchange::KeyExchange(CurlMulti& multi, const Settings& settings, skein::Loop& loop,
+                         const std::string& url)
+    : multi_(multi),
+      settings_(settings),
+      loop_(loop),
+      easy_(curl_easy_init(), &curl_easy_cleanup),
+      headers_(nullptr, &curl_slist_free_all) {
+  if (!easy_) throw skein::Failure("libcurl cannot be initialised");
+  set(CURLOPT_URL, url.c_str());
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(CURLOPT_CUSTOMREQUEST, "GET");  // with the body that CURLOPT_POSTFIELDS gives it
+  set(CURLOPT_PROXY, "");             // not even one that the environment names
+  // The web server is on this machine, and its certificate is accepted whatever it is. Without
+  // this, the system's authorities would be read anew for each connection, for nothing.
+  set(CURLOPT_SSL_VERIFYPEER, 0L);
+  set(CURLOPT_SSL_VERIFYHOST, 0L);
+  set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_QUICK_EXIT, 1L);  // breaking off does not wait for a name server
+  set_callbacks();
+}
+
+KeyExchange::~KeyExchange() {
+  multi_.remove(easy_.get());
+  wait_timer_.cancel();
+  whole_timer_.cancel();
+  deliver_timer_.cancel();
+}
+
+template <class Value>
+void KeyExchange::set(CURLoption option, Value value) {
+  check(curl_easy_setopt(easy_.get(), option, value), "curl_easy_setopt");
+}
+
+void KeyExchange::set_callbacks() {
+  set(CURLOPT_PRIVATE, static_cast<CurlTransfer*>(this));
+  set(CURLOPT_ERRORBUFFER, error_text_.data());
+  set(CURLOPT_OPENSOCKETFUNCTION, &KeyExchange::on_open_socket);
+  set(CURLOPT_OPENSOCKETDATA, this);
+  set(CURLOPT_PREREQFUNCTION, &KeyExchange::on_connected);
+  set(CURLOPT_PREREQDATA, this);
+  set(CURLOPT_HEADERFUNCTION, &KeyExchange::on_head);
+  set(CURLOPT_HEADERDATA, this);
+  set(CURLOPT_WRITEFUNCTION, &KeyExchange::on_body);
+  set(CURLOPT_WRITEDATA, this);
+}
+
+void KeyExchange::start(std::string_view key, Ended ended) {
+  ended_ = std::move(ended);
+  try {
+    prepare(key);
+    multi_.add(easy_.get());
+    set_connected(false);
+    whole_timer_ = loop_.call_in(EXCHANGE_TIME, [this] { time_out(); });
+  } catch (const std::exception&) {
+    multi_.remove(easy_.get());
+    end(std::current_exception());
+  }
+}
+
+void KeyExchange::prepare(std::string_view key) {
+  error_text_.front() = '\0';
+  received_ = 0;
+  response_ = {};
+  form_ = form_of(easy_.get(), key);
+  const std::string authorization = "X-AUTHORIZATION: Token " + read_token(settings_);
+  for (const char* line : {authorization.c_str(), "Content-Type: application/x-www-form-urlencoded",
+                           "Accept:", "Expect:"}) {  // the last two: not sent
+    curl_slist* longer = curl_slist_append(headers_.get(), line);
+    if (longer == nullptr) throw std::bad_alloc();
+    headers_.release();
+    headers_.reset(longer);
+  }
+  set(CURLOPT_HTTPHEADER, headers_.get());
+  set(CURLOPT_POSTFIELDS, form_.c_str());
+  set(CURLOPT_POSTFIELDSIZE, static_cast<long>(form_.size()));
+}
+
+void KeyExchange::wait_from_now() {
+  wait_timer_.cancel();
+  wait_timer_ = loop_.call_in(NODE_API_TIMEOUT, [this] { time_out(); });
+}
+
+void KeyExchange::set_connected(bool connected) {
+  connected_ = connected;
+  wait_from_now();
+}
+
+/// A request that met a dead connection goes out again on a new one, which has its own time.
+curl_socket_t KeyExchange::on_open_socket(void* self, curlsocktype,
+                                          curl_sockaddr* address) noexcept {
+  auto& exchange = *static_cast<KeyExchange*>(self);
+  try {
+    if (exchange.connected_) exchange.set_connected(false);
+  } catch (const std::exception& failure) {
+    exchange.loop_.report(failure);
+    return CURL_SOCKET_BAD;
+  }
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+int KeyExchange::on_connected(void* self, char*, char*, int, int) noexcept {
+  auto& exchange = *static_cast<KeyExchange*>(self);
+  try {
+    exchange.set_connected(true);
+    return CURL_PREREQFUNC_OK;
+  } catch (const std::exception& failure) {
+    exchange.loop_.report(failure);
+    return CURL_PREREQFUNC_ABORT;
+  }
+}
+
+std::size_t KeyExchange::on_head(const char*, std::size_t, std::size_t count, void* self) noexcept {
+  return static_cast<KeyExchange*>(self)->accept(count) ? count : 0;
+}
+
+std::size_t KeyExchange::on_body(const char* bytes, std::size_t, std::size_t count,
+                                 void* self) noexcept {
+  auto& exchange = *static_cast<KeyExchange*>(self);
+  if (!exchange.accept(count)) return 0;
+  try {
+    exchange.response_.body.append(bytes, count);
+    return count;
+  } catch (const std::exception& failure) {
+    exchange.loop_.report(failure);
+    return 0;
+  }
+}
+
+bool KeyExchange::accept(std::size_t count) noexcept {
+  received_ += count;
+  return received_ <= MAX_ANSWER_BYTES;
+}
+
+/// While connecting, bytes change nothing: connection and TLS share one time.
+void KeyExchange::handle_readable() {
+  if (connected_) wait_from_now();
+}
+
+void KeyExchange::handle_end(CURLcode result) { end(outcome_of(result)); }
+
+KeyOutcome KeyExchange::outcome_of(CURLcode result) {
+  if (result == CURLE_OK) {
+    curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &response_.status);
+    return std::move(response_);
+  }
+  if (result == CURLE_OPERATION_TIMEDOUT) return WebFailure::TIMED_OUT;
+  if (received_ > MAX_ANSWER_BYTES || is_endless_line(result)) return WebFailure::TIMED_OUT;
+  const bool to_connect = !connected_ || result == CURLE_COULDNT_RESOLVE_HOST;
+  if (to_connect && !is_own_fault(result)) return WebFailure::NOT_CONNECTED;
+  const char* text = error_text_.front() != '\0' ? error_text_.data() : curl_easy_strerror(result);
+  return std::make_exception_ptr(skein::Failure(fmt::format("node key verification: {}", text)));
+}
+
+void KeyExchange::time_out() {
+  multi_.remove(easy_.get());
+  end(WebFailure::TIMED_OUT);
+}
+
+void KeyExchange::end(KeyOutcome outcome) {
+  wait_timer_.cancel();
+  whole_timer_.cancel();
+  headers_.reset();
+  form_.clear();
+  deliver_timer_ = loop_.call_in(
+      0, [this, outcome = std::move(outcome)]() mutable { deliver(std::move(outcome)); });
+}
+
+void KeyExchange::deliver(KeyOutcome outcome) {
+  const Ended ended = std::exchange(ended_, nullptr);
+  ended(std::move(outcome));  // may destroy this
+}
+
+}  // namespace pelorus

@@ -1,0 +1,372 @@
+#include "pelorus/pelorus/listen/key_verification.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <optional>
+
+#include "pelorus/influx/stand_in.h"
+#include "pelorus/listen/tls_peer.h"
+#include "pelorus/pelorus/errors.h"
+#include "support/fake_clock.h"
+
+namespace pelorus {
+namespace {
+
+using support::StandIn;
+using support::TlsPeer;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* OK = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody";
+
+std::string text_of(const KeyOutcome& outcome) {
+  if (const auto* response = std::get_if<KeyResponse>(&outcome)) {
+    return std::to_string(response->status) + " " + response->body;
+  }
+  if (const auto* failure = std::get_if<WebFailure>(&outcome)) {
+    return *failure == WebFailure::TIMED_OUT ? "timed out" : "not connected";
+  }
+  try {
+    std::rethrow_exception(std::get<std::exception_ptr>(outcome));
+  } catch (const SettingsError& failure) {
+    return std::string("settings: ") + failure.what();
+  } catch (const skein::Failure& failure) {
+    return std::string("failed: ") + failure.what();
+  }
+}
+
+std::string url_at(std::uint16_t port, const std::string& host = "127.0.0.1") {
+  return "https://" + host + ":" + std::to_string(port) + "/keys/";
+}
+
+/// The web server's hands and the daemon's questions, on a clock that stands still.
+struct KeyVerificationTest : testing::Test {
+  template <class Condition>
+  void until(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain";
+      loop.turn();
+    }
+  }
+  void tick(double seconds) {
+    settle();
+    clock.tick(seconds);
+    settle();
+  }
+  /// Lets the client do all that it can.
+  void settle() {
+    for (int i = 0; i < 10; ++i) loop.turn();
+  }
+
+  void ask_at(const std::string& url) { verification.emplace(settings, loop, url); }
+  void ask(const std::string& key = "k3y") {
+    const auto before = said.size();
+    verification->do_auth_check(key, [this](const KeyOutcome& outcome) {
+      said.push_back(text_of(outcome));
+      if (also) also();
+    });
+    EXPECT_EQ(said.size(), before);
+  }
+  /// The one outcome since the last time.
+  std::string heard() {
+    until([this] { return !said.empty(); });
+    EXPECT_EQ(said.size(), 1U);
+    return said.empty() ? "nothing" : std::exchange(said, {}).front();
+  }
+
+  skein::Socket accept() {
+    skein::Socket socket;
+    until([&] { return static_cast<bool>(socket = server.accept()); });
+    return socket;
+  }
+  TlsPeer accept_tls() {
+    TlsPeer peer(accept());
+    until([&] { return peer.handshake(); });
+    return peer;
+  }
+  /// The next request of a connection, which ends with its key.
+  std::string request(TlsPeer& peer, const std::string& key = "k3y") {
+    std::string text;
+    until([&] { return (text += peer.receive()).ends_with("key=" + key); });
+    return text;
+  }
+  /// Asks, and returns the server's side once the request is there.
+  TlsPeer ask_and_accept() {
+    ask();
+    TlsPeer peer = accept_tls();
+    request(peer);
+    return peer;
+  }
+
+  support::FakeClock clock;
+  skein::Loop loop{clock.clocks()};
+  StandIn server;
+  Settings settings = Settings::from_text(R"({"LOCAL_WWW_KEY": "s3cret"})", "the source");
+  std::vector<std::string> said;
+  std::function<void()> also;  ///< done by the callback
+  std::optional<KeyVerification> verification;
+
+  KeyVerificationTest() { ask_at(url_at(server.port())); }
+};
+
+TEST_F(KeyVerificationTest, RequestIsTheseBytesAndNoMore) {
+  ::setenv("https_proxy", "http://127.0.0.1:1", 1);
+  ask({"a b&c=%+\0\xff-._~Z9", 16});
+  TlsPeer peer = accept_tls();
+  EXPECT_EQ(request(peer, "a%20b%26c%3D%25%2B%00%FF-._~Z9"),
+            "GET /keys/ HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) +
+                "\r\nX-AUTHORIZATION: Token s3cret\r\n"
+                "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 34\r\n\r\n"
+                "key=a%20b%26c%3D%25%2B%00%FF-._~Z9");
+  peer.send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n\x01\xff{}");
+  EXPECT_EQ(heard(), "200 \x01\xff{}");
+  ::unsetenv("https_proxy");
+}
+
+TEST_F(KeyVerificationTest, TokenIsReadWhenTheTurnOfTheKeyComes) {
+  for (const auto& [json, outcome] : std::vector<std::pair<const char*, std::string>>{
+           {"{}", "settings: Setting LOCAL_WWW_KEY is missing in the source"},
+           {R"({"LOCAL_WWW_KEY": "s3\r\ncret"})",
+            "settings: Setting LOCAL_WWW_KEY in the source must be text without control bytes"}}) {
+    ask();
+    settings = Settings::from_text(json, "the source");
+    EXPECT_EQ(heard(), outcome);
+  }
+}
+
+TEST_F(KeyVerificationTest, EveryStatusIsAnAnswer) {
+  for (const auto& [answer, outcome] : std::vector<std::pair<const char*, const char*>>{
+           {OK, "200 body"},
+           {"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno", "404 no"},
+           {"HTTP/1.1 302 Found\r\nLocation: /on\r\nContent-Length: 0\r\n\r\n", "302 "},
+           {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 204 No Content\r\n\r\n", "204 "},
+           {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n1\r\nc\r\n0\r\n\r\n",
+            "200 abc"},
+           {"HTTP/1.0 500 Fault\r\nContent-Encoding: gzip\r\n\r\nraw", "500 raw"}}) {
+    TlsPeer peer = ask_and_accept();
+    peer.send(answer);
+    peer.close();
+    EXPECT_EQ(heard(), outcome);
+  }
+}
+
+TEST_F(KeyVerificationTest, SlowAnswerIsInTimeWhenNoSingleWaitLastsASecond) {
+  ask();
+  TlsPeer peer(accept());
+  tick(0.8);
+  until([&] { return peer.handshake(); });
+  request(peer);
+  tick(0.8);
+  peer.send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n");
+  tick(0.8);
+  peer.send("body");
+  EXPECT_EQ(heard(), "200 body");
+}
+
+TEST_F(KeyVerificationTest, SecondOfSilenceIsATimeOutWhereverItFalls) {
+  const auto expect_time_out = [this](const char* stage) {
+    tick(0.9);
+    EXPECT_THAT(said, IsEmpty()) << stage;
+    tick(0.1);
+    EXPECT_EQ(heard(), "timed out") << stage;
+  };
+  ask();
+  TlsPeer handshaking(accept());
+  expect_time_out("before the handshake");
+  TlsPeer silent = ask_and_accept();
+  expect_time_out("before the answer");
+  TlsPeer half = ask_and_accept();
+  half.send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbo");
+  expect_time_out("in the body");
+  const StandIn deaf(StandIn::Mode::HANGS);
+  ask_at(url_at(deaf.port()));
+  ask();
+  expect_time_out("before the connection");
+}
+
+TEST_F(KeyVerificationTest, ConnectionAndHandshakeShareOneSecond) {
+  ask();
+  const auto peer = accept();
+  tick(0.6);
+  support::answer(peer, "\x16\x03");  // the beginning of a handshake record
+  tick(0.4);
+  EXPECT_EQ(heard(), "timed out");
+}
+
+TEST_F(KeyVerificationTest, EveryByteIsAnAnswerForASecondAndAllTogetherForTen) {
+  TlsPeer peer = ask_and_accept();
+  for (const char byte : std::string_view("HTTP/1.1 20")) {
+    peer.send({&byte, 1});
+    tick(0.9);
+    EXPECT_THAT(said, IsEmpty());
+  }
+  peer.send("0");
+  tick(0.1);
+  EXPECT_EQ(heard(), "timed out");
+}
+
+TEST_F(KeyVerificationTest, AnswerBeyond64KiBIsATimeOut) {
+  const std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+  const std::string limit((64U << 10) - head.size(), 'x');
+  for (const auto& [answer, outcome] : std::vector<std::pair<std::string, std::string>>{
+           {head + limit, "200 " + limit},
+           {head + limit + "x", "timed out"},
+           {"HTTP/1.1 200 OK\r\nX: " + limit + "\r\n\r\n", "timed out"},
+           {"HTTP/1.1 200 OK\r\nX: " + limit + limit, "timed out"}}) {
+    TlsPeer peer = ask_and_accept();
+    peer.send(answer);
+    peer.close();
+    EXPECT_EQ(heard(), outcome);
+  }
+}
+
+TEST_F(KeyVerificationTest, NoConnectionIsWhatItIsFoundToBe) {
+  const StandIn closed(StandIn::Mode::REFUSES);
+  ask_at(url_at(closed.port()));
+  ask();
+  EXPECT_EQ(heard(), "not connected") << "refused";
+  ask_at(url_at(server.port(), "hangs.test"));
+  ask();
+  EXPECT_EQ(heard(), "not connected") << "name not resolved";
+  ask_at(url_at(server.port()));
+  ask();
+  TlsPeer(accept()).reset();
+  EXPECT_EQ(heard(), "not connected") << "reset before the handshake";
+  ask();
+  const auto plain = accept();
+  support::answer(plain, "220 mail\r\n");
+  EXPECT_EQ(heard(), "not connected") << "no TLS";
+}
+
+TEST_F(KeyVerificationTest, ConnectionThatBreaksAfterTheRequestIsAFailureOfItsOwn) {
+  for (const auto& [answer, outcome] : std::vector<std::pair<const char*, const char*>>{
+           {"", "failed: node key verification: Empty reply from server"},
+           {"220 mail\r\n", "failed: node key verification: Received HTTP/0.9 when not allowed"},
+           {"HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbo",
+            "failed: node key verification: transfer closed with 2 bytes remaining to read"}}) {
+    TlsPeer peer = ask_and_accept();
+    if (*answer != '\0') peer.send(answer);
+    peer.close();
+    EXPECT_EQ(heard(), outcome);
+  }
+  ask_and_accept().reset();
+  EXPECT_THAT(heard(), AllOf(StartsWith("failed: node key verification: "),
+                             HasSubstr("reset by peer"), Not(HasSubstr("s3cret"))));
+}
+
+TEST_F(KeyVerificationTest, AnswerIsReadThoughTheConnectionWasResetAfterIt) {
+  TlsPeer peer = ask_and_accept();
+  for (const char* part : {"HTTP/1.1 200 OK\r\n", "Content-Length: 4\r\n\r\n", "bo", "dy"}) {
+    peer.send(part);
+  }
+  peer.reset();
+  EXPECT_EQ(heard(), "200 body");
+}
+
+TEST_F(KeyVerificationTest, ResetWithinTheAnswerOfAPlainServerIsNoticedAtOnce) {
+  ask_at("http://127.0.0.1:" + std::to_string(server.port()));
+  ask();
+  auto peer = accept();
+  until([&] { return support::receive(peer).ends_with("key=k3y"); });
+  support::answer(peer, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbo");
+  TlsPeer(std::move(peer)).reset();
+  EXPECT_THAT(heard(), HasSubstr("reset by peer"));
+}
+
+TEST_F(KeyVerificationTest, HangingNameLookupEndsInTimeAndHoldsNothingUp) {
+  const support::HangingLookups lookups;
+  ask_at(url_at(server.port(), "hangs.test"));
+  ask();
+  tick(1);
+  EXPECT_EQ(heard(), "timed out");
+  ask();
+  settle();
+  verification.reset();
+}
+
+TEST_F(KeyVerificationTest, EightGoOutAtATimeInOrderAndTimeCountsFromThen) {
+  std::vector<TlsPeer> peers;
+  for (char key = '0'; key <= '9'; ++key) ask({key});
+  for (char key = '0'; key <= '7'; ++key) {
+    peers.push_back(accept_tls());
+    request(peers.back(), {key});
+  }
+  tick(0.9);
+  peers[3].send(OK);
+  EXPECT_EQ(heard(), "200 body");
+  request(peers[3], "8");
+  tick(0.1);
+  EXPECT_THAT(said, testing::Each("timed out"));
+  EXPECT_EQ(said.size(), 7U);
+  peers.push_back(accept_tls());
+  request(peers.back(), "9");
+  said.clear();
+  tick(0.8);
+  peers.back().send(OK);
+  EXPECT_EQ(heard(), "200 body");
+  EXPECT_FALSE(server.accept());
+}
+
+TEST_F(KeyVerificationTest, ConnectionIsUsedAgainAndADeadOneReplacedInSilence) {
+  TlsPeer peer = ask_and_accept();
+  peer.send(OK);
+  EXPECT_EQ(heard(), "200 body");
+  ask();
+  request(peer);
+  peer.send(OK);
+  EXPECT_EQ(heard(), "200 body");
+  ask();
+  request(peer);
+  tick(0.9);
+  peer.reset();  // as a server does whose patience with an idle connection ended just then
+  TlsPeer second(accept());
+  tick(0.9);  // a new connection has a new second
+  until([&] { return second.handshake(); });
+  request(second);
+  second.send(OK);
+  EXPECT_EQ(heard(), "200 body");
+  second.close();
+  TlsPeer third = ask_and_accept();
+  third.send(OK);
+  EXPECT_EQ(heard(), "200 body");
+}
+
+TEST_F(KeyVerificationTest, NobodyIsCalledBackAfterTheEnd) {
+  ask();
+  TlsPeer connecting(accept());
+  TlsPeer answering = ask_and_accept();
+  answering.send("HTTP/1.1 200 OK\r\n");
+  for (int i = 0; i < 9; ++i) ask();
+  settle();
+  verification.reset();
+  tick(1);
+  EXPECT_THAT(said, IsEmpty());
+  until([&] { return answering.at_end(); });
+}
+
+TEST_F(KeyVerificationTest, CallbackMayFailAskAgainOrEndItAll) {
+  std::vector<std::string> failures;
+  loop.set_failure_handler([&](const std::exception& e) { failures.emplace_back(e.what()); });
+  also = [this] {
+    if (said.size() == 1) ask();
+    if (said.size() == 2) throw skein::Failure("not this key");
+    if (said.size() == 3) verification.reset();
+  };
+  settings = Settings::from_text("{}", "the source");
+  ask();
+  until([this] { return said.size() == 2; });
+  ask();
+  ask();
+  settle();
+  EXPECT_EQ(said.size(), 3U);
+  EXPECT_THAT(failures, ElementsAre("not this key"));
+}
+
+}  // namespace
+}  // namespace pelorus
