@@ -1,8 +1,6 @@
 #include "skein/client_stream.h"
 
 #include <fmt/format.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/un.h>
 
@@ -83,12 +81,6 @@ int connect_tcp(const Socket& socket, const addrinfo& address, const Waiter& wai
   return outcome;
 }
 
-/// The last piece of a block must not wait for the acknowledgement of the one before it.
-void send_at_once(const Socket& socket) {
-  const int on = 1;
-  ::setsockopt(socket.descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
 Socket connect_first(const Endpoint& endpoint, const Waiter& waiter, Clock::time_point deadline) {
   const Addresses addresses = resolve(endpoint, waiter, deadline);
   int left = 0;
@@ -99,7 +91,7 @@ Socket connect_first(const Endpoint& endpoint, const Waiter& waiter, Clock::time
     Socket socket = Socket::stream(at->ai_family);
     error_number = connect_tcp(socket, *at, waiter, Clock::now() + share);
     if (error_number != 0) continue;
-    send_at_once(socket);
+    send_without_delay(socket.descriptor());
     return socket;
   }
   throw cannot_connect(endpoint, error_number);
