@@ -28,7 +28,7 @@ struct InfluxDatabaseTest : testing::Test {
                                 .ideal_queued_messages = 5,
                                 .max_batch_size = 2,
                                 .discard_size = 4};
-  const skein::LoopOwned request;
+  const skein::LoopOwned request{};
   int requests = 0;
   InfluxDatabase database{"metrics", settings, loop, [this](InfluxDatabase&) {
                             ++requests;
@@ -56,7 +56,8 @@ TEST_F(InfluxDatabaseTest, ShortQueueWaitsUntilMoreThanTheBufferTimeHasPassed) {
   tick(1);
   EXPECT_EQ(requests, 1);
   database.get_data();
-  database.handle_failure();
+  database.handle_close();
+  EXPECT_FALSE(database.has_current_request());
   database.process_data();
   EXPECT_EQ(requests, 1);  // nothing waits
 }

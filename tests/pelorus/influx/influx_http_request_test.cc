@@ -150,6 +150,14 @@ TEST_F(InfluxHTTPRequestTest, RefusedConnectionCountsOneFailureOnALaterTurnAndLo
                               closed.port())));
 }
 
+TEST_F(InfluxHTTPRequestTest, FailureAtTheVeryStartComesOnALaterTurnToo) {
+  connect_to(std::string(300, 'x'), 8086);  // no host name is that long: not even looked up
+  database->add("m value=1 1");
+  EXPECT_TRUE(database->has_current_request());
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 1);
+}
+
 TEST_F(InfluxHTTPRequestTest, TwentySecondsWithoutAByteEndIt) {
   const auto peer = begin();
   receive_to(peer, "1 1");
@@ -188,6 +196,11 @@ TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlon
   EXPECT_TRUE(database->has_current_request());
   answer(peer, NO_CONTENT);
   until_outcome();
+}
+
+TEST(NumericAddress, IsNotLookedUp) {
+  EXPECT_EQ(numeric_address("::1", 8086).at(0).text(), "[::1]:8086");
+  EXPECT_TRUE(numeric_address("several.test", 8086).empty());
 }
 
 TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForTheNext) {
