@@ -61,12 +61,9 @@ KeyExchange::KeyExchange(CurlMulti& multi, const Settings& settings, skein::Loop
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_CUSTOMREQUEST, "GET");  // with the body that CURLOPT_POSTFIELDS gives it
   set(CURLOPT_PROXY, "");             // not even one that the environment names
-  // The web server is on this machine, and its certificate is accepted whatever it is. Without
-  // this, the system's authorities would be read anew for each connection, for nothing.
+  // The web server is on this machine, and its certificate is accepted whatever it is.
   set(CURLOPT_SSL_VERIFYPEER, 0L);
   set(CURLOPT_SSL_VERIFYHOST, 0L);
-  set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
-  set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);  // breaking off does not wait for a name server
   set_callbacks();
@@ -212,6 +209,7 @@ void KeyExchange::time_out() {
 void KeyExchange::end(KeyOutcome outcome) {
   wait_timer_.cancel();
   whole_timer_.cancel();
+  connected_ = false;
   headers_.reset();
   form_.clear();
   deliver_timer_ = loop_.call_in(
