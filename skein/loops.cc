@@ -155,29 +155,38 @@ void Loop::sweep() {
 }
 
 Poll::Poll(Loop& loop, int descriptor, PollTarget& target) {
-  auto handle = std::make_unique<uv_poll_t>();
+  auto handle = std::make_unique<Handle>();
   check(uv_poll_init(loop.uv(), handle.get(), descriptor), "uv_poll_init");
   handle->data = &target;
   handle_.reset(handle.release());
 }
 
 void Poll::watch(int events) {
-  if (events == watched_) return;
-  watched_ = events;
+  if (events == handle_->watched) return;
+  handle_->watched = events;
   if (events == 0) {
     check(uv_poll_stop(handle_.get()), "uv_poll_stop");
   } else {
-    check(uv_poll_start(handle_.get(), events, &Poll::on_events), "uv_poll_start");
+    start(*handle_, events);
   }
 }
 
-void Poll::on_events(uv_poll_t* handle, int status, int events) noexcept {
-  if (handle->data == nullptr) return;
-  auto* loop = static_cast<Loop*>(handle->loop->data);
+void Poll::start(Handle& handle, int events) {
+  check(uv_poll_start(&handle, events, &Poll::on_events), "uv_poll_start");
+}
+
+void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
+  if (uv->data == nullptr) return;
+  auto* loop = static_cast<Loop*>(uv->loop->data);
   try {
-    // An error (EBADF) is the descriptor's own: reading or writing it tells which.
-    static_cast<PollTarget*>(handle->data)
-        ->handle_events(status < 0 ? UV_READABLE | UV_WRITABLE : events);
+    if (status < 0) {
+      // The peer reset the connection, and libuv has stopped the handle. What came before is still
+      // to be read, which may take more than one turn; reading tells the error at last.
+      auto& handle = *static_cast<Handle*>(uv);
+      start(handle, handle.watched);
+      events = UV_READABLE | UV_WRITABLE;
+    }
+    static_cast<PollTarget*>(uv->data)->handle_events(events);
   } catch (const std::exception& failure) {
     loop->report(failure);
   }

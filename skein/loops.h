@@ -126,10 +126,14 @@ class Poll {
   void watch(int events);
 
  private:
+  struct Handle : uv_poll_t {
+    int watched = 0;  ///< asking for the same again would cost a system call
+  };
+
+  static void start(Handle& handle, int events);
   static void on_events(uv_poll_t* handle, int status, int events) noexcept;
 
-  UvHandle<uv_poll_t> handle_;
-  int watched_ = 0;  ///< asking for the same again would cost a system call
+  UvHandle<Handle> handle_;
 };
 
 namespace loops {

@@ -1,6 +1,7 @@
 #include "skein/loops.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -152,6 +153,41 @@ TEST(Loop, PollTellsReadinessAndItsFailuresAreReported) {
   poll.watch(0);
   loop.turn();
   EXPECT_EQ(target.seen, 0);
+}
+
+// After an error libuv stops watching: what came before it must be read all the same.
+TEST(Loop, PollTellsAllThatAPeerSentBeforeItReset) {
+  Loop loop;
+  Socket listening = Socket::stream(AF_INET);
+  bind_tcp(listening, "127.0.0.1", 0);
+  listen(listening, 1);
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  ::getsockname(listening.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+  Socket far(::socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_EQ(::connect(far.descriptor(), reinterpret_cast<sockaddr*>(&address), length), 0);
+  const Socket near(::accept(listening.descriptor(), nullptr, nullptr));
+  struct Target : PollTarget {
+    void handle_events(int) override {
+      char byte = 0;
+      const ssize_t count = ::recv(descriptor, &byte, 1, MSG_DONTWAIT);
+      read += count == 1 ? std::string(1, byte) : "!";
+      if (count != 1) poll->watch(0);
+    }
+    int descriptor = -1;
+    Poll* poll = nullptr;
+    std::string read;
+  } target;
+  Poll poll(loop, near.descriptor(), target);
+  target.descriptor = near.descriptor();
+  target.poll = &poll;
+  poll.watch(UV_READABLE);
+  ASSERT_EQ(::send(far.descriptor(), "abc", 3, 0), 3);
+  const linger at_once{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(far.descriptor(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  far = Socket();
+  for (int i = 0; i < 10; ++i) loop.turn();
+  EXPECT_EQ(target.read, "abc!");
 }
 
 }  // namespace
