@@ -6,7 +6,7 @@ import unittest
 from real_servers import Collectd, Influxd
 from skein_client import SkeinClient
 from support import AUTH, ERROR, PLUGIN, WARNING, WWW_KEY, FolderTest, wait_until
-from web_server import WebServer
+from web_server import WebServer, hold_origin
 
 GOOD_KEY = "11112222-3333-4444-5555-66667777aaaa"
 BAD_KEY = "99998888-7777-6666-5555-44443333bbbb"
@@ -18,6 +18,10 @@ def bare(key):
 
 
 class RemoteNodes(FolderTest):
+    @classmethod
+    def setUpClass(cls):
+        hold_origin()
+
     def start_web_server(self, **known):
         server = WebServer(self.folder / "web", **known)
         self.addCleanup(server.stop)
