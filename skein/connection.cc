@@ -41,8 +41,12 @@ void Connection::read() {
   take({buffer.data(), static_cast<std::size_t>(count)});
 }
 
+void Connection::go_on() {
+  held_ = 0;
+  if (!ended_) watch();
+}
+
 void Connection::resume() {
-  watch();
   const std::string waiting = std::exchange(partial_, {});
   take(waiting);
 }

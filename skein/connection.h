@@ -58,6 +58,8 @@ class Connection : public LoopOwned, private PollTarget {
   void serve_frames(std::string_view& bytes);
   void flush();
   void watch();
+  /// No request is held any more; resume() serves what came meanwhile.
+  void go_on();
   void resume();
   void end();
 

@@ -38,6 +38,16 @@ void read_name_and_args(Value name, Value args, Envelope& envelope) {
   }
 }
 
+/// Bytes of the peer's may stand in an error; as text it must be good for every reader.
+std::string ascii(std::string_view text) {
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    byte >= ' ' && byte < 0x7F ? shown += c : shown += fmt::format("\\x{:02x}", byte);
+  }
+  return shown;
+}
+
 std::string encode_outcome(std::uint32_t msgid, std::string_view error, const Reply* reply) {
   MsgpackWriter writer;
   writer.list(4).natural(REPLY).natural(msgid);
@@ -109,7 +119,7 @@ std::string encode_reply(std::uint32_t msgid, const Reply& reply) {
 }
 
 std::string encode_error(std::uint32_t msgid, std::string_view error) {
-  return encode_outcome(msgid, error, nullptr);
+  return encode_outcome(msgid, ascii(error), nullptr);
 }
 
 }  // namespace skein

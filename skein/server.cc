@@ -113,7 +113,7 @@ void Server::release(std::uint64_t number,
   const auto node = held_.extract(number);
   if (node.empty()) return;  // the connection has ended meanwhile
   const auto& [connection, msgid] = node.mapped();
-  connection->held_ = 0;
+  connection->go_on();
   if (msgid) connection->send(answer(*msgid));
   connection->resume();
 }
@@ -131,7 +131,7 @@ void Server::serve(Connection& connection, std::string_view frame) {
     if (envelope.msgid && !reply.is_later()) connection.send(encode_reply(*envelope.msgid, reply));
   } catch (const std::exception& failure) {
     handle_exception(failure);
-    if (held_.erase(connection.held_) != 0) connection.held_ = 0;
+    if (held_.erase(connection.held_) != 0) connection.go_on();
     if (envelope.msgid) connection.send(encode_error(*envelope.msgid, failure.what()));
   }
   encoders_.snappy.trim();

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string_view>
+#include <unordered_map>
 
 namespace skein {
 namespace {
@@ -43,9 +44,14 @@ Trace Trace::here() noexcept {
 }
 
 std::vector<std::string> Trace::lines() const {
+  // As many as there are calls in the program's code that ever failed.
+  static thread_local std::unordered_map<void*, std::string> known;
   std::vector<std::string> lines;
   for (int i = 1; i < depth_; ++i) {  // frame 0 is here() itself
-    lines.push_back(line_of(frames_[static_cast<std::size_t>(i)]));
+    void* const address = frames_[static_cast<std::size_t>(i)];
+    auto& line = known[address];
+    if (line.empty()) line = line_of(address);
+    lines.push_back(line);
   }
   return lines;
 }

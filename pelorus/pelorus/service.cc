@@ -1,6 +1,7 @@
 #include "pelorus/pelorus/service.h"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <cstdio>
@@ -34,6 +35,15 @@ void log_loop_failures(skein::Loop& loop) {
 void ignore_signals() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGHUP, SIG_IGN);
+}
+
+/// Each node takes a descriptor, and the usual soft limit of 1,024 is kept low for the sake of
+/// programs that use select().
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void print_failure(const std::exception& failure) {
@@ -113,6 +123,7 @@ int run_process(int argument_count, char** arguments) {
     return NOT_LOADED;
   }
   ignore_signals();
+  raise_descriptor_limit();
   log::start();
   skein::Loop& loop = skein::loops::loop();
   log_loop_failures(loop);

@@ -1,11 +1,14 @@
 #include "pelorus/pelorus/stderr_sink.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <ctime>
 #include <string_view>
 
@@ -46,19 +49,44 @@ std::string prefix_of(const spdlog::details::log_msg& message, StderrSink::Prefi
   return fmt::format("{} {} ", local_time(message.time), fmt::string_view(level));
 }
 
-void write_all(int descriptor, std::string_view bytes) noexcept {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-    if (written > 0) bytes.remove_prefix(static_cast<std::size_t>(written));
-    if (written == 0 || (written < 0 && errno != EINTR)) return;
+/// A pipe that polls as writable takes this much without blocking.
+constexpr std::size_t PIECE_BYTES = PIPE_BUF;
+/// How long one line may wait for a reader that has fallen behind.
+constexpr int PATIENCE_MILLISECONDS = 50;
+
+bool writable_within(int descriptor, int milliseconds) noexcept {
+  pollfd state{.fd = descriptor, .events = POLLOUT, .revents = 0};
+  return ::poll(&state, 1, milliseconds) > 0;
+}
+
+/// False when nothing of it could be written.
+bool write_all(int descriptor, std::string_view bytes, int patience) noexcept {
+  bool begun = false;
+  while (!bytes.empty() && writable_within(descriptor, patience)) {
+    const ssize_t written = ::write(descriptor, bytes.data(), std::min(bytes.size(), PIECE_BYTES));
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return begun;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+    begun = true;
   }
+  return begun;
 }
 
 }  // namespace
 
 void StderrSink::log(const spdlog::details::log_msg& message) {
   const std::string_view payload(message.payload.data(), message.payload.size());
-  write_all(descriptor_, prefix_of(message, prefix_) + escape_controls(payload) + "\n");
+  std::string line = prefix_of(message, prefix_) + escape_controls(payload) + "\n";
+  if (dropped_ > 0) {
+    line = fmt::format("{}{} log lines were dropped: nobody read them\n{}",
+                       prefix_of(message, prefix_), dropped_, line);
+  }
+  // Once a reader has been waited for in vain, the lines after it do not wait for it again.
+  if (write_all(descriptor_, line, dropped_ > 0 ? 0 : PATIENCE_MILLISECONDS)) {
+    dropped_ = 0;
+  } else {
+    ++dropped_;
+  }
 }
 
 }  // namespace pelorus::log

@@ -2,13 +2,15 @@
 
 #include <spdlog/sinks/sink.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
 namespace pelorus::log {
 
-/// Writes each record as one line, control bytes escaped, with one write(2). A line that cannot be
-/// written is lost: no failure to write ever reaches who logs.
+/// Writes each record as one line, control bytes escaped. A line that cannot be written is lost: no
+/// failure to write ever reaches who logs, and a reader that has stopped is waited for once, for a
+/// twentieth of a second. The next line that gets out says how many were dropped.
 class StderrSink : public spdlog::sinks::sink {
  public:
   /// What a line begins with.
@@ -29,6 +31,7 @@ class StderrSink : public spdlog::sinks::sink {
  private:
   int descriptor_;
   Prefix prefix_;
+  std::uint64_t dropped_ = 0;  ///< lines since the last one that got out
 };
 
 }  // namespace pelorus::log

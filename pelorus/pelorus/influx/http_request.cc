@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -17,6 +18,17 @@ namespace {
 
 constexpr std::size_t READ_BUFFER_BYTES = 16U << 10;
 constexpr std::size_t EXCERPT_BYTES = 256;
+
+/// Whether `secret` stands in `text`, or begins at its end, where an answer may have been cut.
+bool repeats(std::string_view text, std::string_view secret) {
+  constexpr std::size_t TELLING_BYTES = 4;
+  if (secret.empty()) return false;
+  if (text.find(secret) != std::string_view::npos) return true;
+  for (std::size_t size = std::min(secret.size(), text.size()); size >= TELLING_BYTES; --size) {
+    if (text.ends_with(secret.substr(0, size))) return true;
+  }
+  return false;
+}
 
 std::string error_text(int error) { return std::generic_category().message(error); }
 
@@ -208,7 +220,7 @@ std::string HTTPRequest::excerpt(std::optional<std::string_view> data) const {
   std::string_view text = data.value_or(response_.body());
   if (text.empty()) text = response_.line();
   if (text.empty()) return "";
-  if (!connection_.auth.empty() && text.find(connection_.auth) != std::string_view::npos) {
+  if (repeats(text, connection_.auth)) {
     return ": an answer that repeats the credentials";
   }
   return ": " + translate::display(text.substr(0, EXCERPT_BYTES));

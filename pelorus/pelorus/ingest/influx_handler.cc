@@ -14,6 +14,9 @@
 namespace pelorus {
 namespace {
 
+/// As much of a database's name as an error shows.
+constexpr std::size_t SHOWN_NAME_BYTES = 64;
+
 class LogBadLines : public BadLineReporter {
  public:
   void improperly_formatted(std::string_view line) override {
@@ -54,7 +57,8 @@ InfluxDatabase& InfluxHandler::database(std::string_view name) {
   for (const auto& database : databases_) {
     if (database->name() == name) return *database;
   }
-  throw UnknownDatabaseError(fmt::format("no database '{}' is configured", name));
+  throw UnknownDatabaseError(
+      fmt::format("no database '{}' is configured", name.substr(0, SHOWN_NAME_BYTES)));
 }
 
 void InfluxHandler::add(std::string_view database_name, std::string data,

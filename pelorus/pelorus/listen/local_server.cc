@@ -33,6 +33,7 @@ std::string socket_path(const Settings& settings) {
 
 /// Removes what an earlier run left behind; a symbolic link goes itself, not what it points to.
 void remove_stale(const std::string& path) {
+  if (path.find('\0') != std::string::npos) return;  // names another file; bind refuses it
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return;
   if (::unlink(path.c_str()) != 0) {

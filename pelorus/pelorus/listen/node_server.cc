@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -28,11 +29,17 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
 /// Longer ones are no keys and are not worth a web request.
 constexpr std::size_t MOST_KEY_BYTES = 1024;
 /// As much of a key as may be shown.
-constexpr std::size_t SHOWN_KEY_BYTES = 4;
+constexpr std::size_t SHOWN_KEY_CHARACTERS = 4;
 constexpr long HTTP_OK = 200;
 
+/// The last characters of a key; one of UTF-8 is not cut apart.
 std::string_view key_ending(std::string_view key) {
-  return key.substr(key.size() - std::min(key.size(), SHOWN_KEY_BYTES));
+  std::size_t begin = key.size();
+  for (std::size_t characters = 0; begin > 0 && characters < SHOWN_KEY_CHARACTERS; --begin) {
+    const bool continues = (static_cast<unsigned char>(key[begin - 1]) & 0xC0U) == 0x80;
+    if (!continues) ++characters;
+  }
+  return key.substr(begin);
 }
 
 /// The request's key without its dashes.
@@ -47,14 +54,30 @@ std::string node_key(const skein::Request& request) {
   return key;
 }
 
-/// A body for the log: the key that was asked about may stand in it.
-std::string shown_body(std::string body, const std::string& key) {
-  if (key.size() > SHOWN_KEY_BYTES) {
-    const std::string masked = fmt::format("...{}", key_ending(key));
-    for (auto at = body.find(key); at != std::string::npos; at = body.find(key, at)) {
-      body.replace(at, key.size(), masked);
-      at += masked.size();
+/// `text` without percent-encoding and dashes: a key reads the same in every spelling.
+std::string plain_spelling(std::string_view text) {
+  std::string plain;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    unsigned byte = 0;
+    const char* const digits = text.data() + i + 1;
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+      plain += static_cast<char>(byte);
+      i += 2;
+    } else if (text[i] != '-') {
+      plain += text[i];
     }
+  }
+  return plain;
+}
+
+/// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
+std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
+  const std::string plain = plain_spelling(body);
+  const bool has_key = key_ending(key).size() < key.size() && plain.find(key) != plain.npos;
+  const bool has_token = !token.empty() && plain.find(plain_spelling(token)) != plain.npos;
+  if (has_key || has_token) {
+    return fmt::format("({} bytes that repeat the {})", body.size(), has_key ? "key" : "token");
   }
   return translate::display(body);
 }
@@ -65,6 +88,7 @@ NodeServer::NodeServer(InfluxHandler& influx_handler, const Settings& settings, 
                        std::string verification_url)
     : Server(bind_listen(settings), loop, KEEPALIVE),
       influx_handler_(influx_handler),
+      settings_(settings),
       verification_(settings, loop, std::move(verification_url)) {}
 
 skein::Socket NodeServer::bind_listen(const Settings& settings) {
@@ -256,7 +280,8 @@ bool NodeServer::judge_body(const std::string& key, const std::string& body) con
     log::warning(
         "Received response with unexpected response content {} while trying to authenticate to "
         "web server: {}.",
-        shown_body(body, key), fmt::format("no JSON at byte {}", error.byte));
+        shown_body(body, key, settings_.get<std::string>("LOCAL_WWW_KEY")),
+        fmt::format("no JSON at byte {}", error.byte));
     return false;
   }
   if (!answer.is_object()) throw skein::Failure("the web server's JSON answer is no object");
@@ -265,7 +290,7 @@ bool NodeServer::judge_body(const std::string& key, const std::string& body) con
     log::warning(
         "Received response without \"key\" in response {} while trying to authenticate to web "
         "server.",
-        shown_body(body, key));
+        shown_body(body, key, settings_.get<std::string>("LOCAL_WWW_KEY")));
     return false;
   }
   if (member->is_string() && member->get_ref<const std::string&>() == key) return true;

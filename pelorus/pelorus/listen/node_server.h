@@ -82,6 +82,7 @@ class NodeServer : public skein::Server {
   void forward(const HeldMethod& held);
 
   InfluxHandler& influx_handler_;
+  const Settings& settings_;
   std::unordered_map<const skein::Connection*, skein::Address> connection_addresses_;
   /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
   /// there are as many as there are nodes.

@@ -106,9 +106,19 @@ TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
       {"", 404,
        "Received response with unexpected status code 404 while trying to authenticate to web "
        "server."},
-      {"no abcdef", 200,
-       "Received response with unexpected response content b'no ...cdef' while trying to "
-       "authenticate to web server: no JSON at byte 2."},
+      {"no", 200,
+       "Received response with unexpected response content b'no' while trying to authenticate to "
+       "web "
+       "server: no JSON at byte 2."},
+      {R"({"kex": "ab-cd-ef"})", 200,
+       "Received response without \"key\" in response (19 bytes that repeat the key) while trying "
+       "to authenticate to web server."},
+      {"ab%63def", 200,
+       "Received response with unexpected response content (8 bytes that repeat the key) while "
+       "trying to authenticate to web server: no JSON at byte 1."},
+      {"Token token", 200,
+       "Received response with unexpected response content (11 bytes that repeat the token) while "
+       "trying to authenticate to web server: no JSON at byte 1."},
       {R"({"a": 1})", 200,
        "Received response without \"key\" in response b'{\"a\": 1}' while trying to authenticate "
        "to web server."},

@@ -5,6 +5,7 @@
 #include <spdlog/details/log_msg.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <map>
 #include <stdexcept>
@@ -75,6 +76,20 @@ TEST(Log, LineBeginsWithItsPriorityOrItsTimeAndLevel) {
     EXPECT_EQ(pipe.content(),
               journal + "two\\nlines\n2024-05-01 13:45:00.007 " + plain + "two\\nlines\n");
   }
+}
+
+TEST(Log, ReaderThatHasStoppedIsNotWaitedForAndLearnsHowMuchItMissed) {
+  const Pipe pipe;
+  const std::string text(3000, 'x');
+  const spdlog::details::log_msg message("pelorus", spdlog::level::info, text);
+  log::StderrSink sink(pipe.writer(), log::StderrSink::Prefix::PRIORITY);
+  for (int line = 0; line < 1000; ++line) sink.log(message);
+  const std::string read = pipe.content();
+  const auto got_out = static_cast<std::size_t>(std::ranges::count(read, '\n'));
+  EXPECT_LT(got_out, 1000U);
+  sink.log(message);
+  EXPECT_EQ(pipe.content(), "<6>" + std::to_string(1000 - got_out) +
+                                " log lines were dropped: nobody read them\n<6>" + text + "\n");
 }
 
 TEST(Log, ControlBytesAndBrokenTextAreEscaped) {
