@@ -101,8 +101,7 @@ class Influxd(Process):
             connection.close()
 
     def _answers(self):
-        if not self.running():
-            raise AssertionError(f"influxd ended early:\n{self.text()}")
+        self.expect_running()
         try:
             return self._request("GET", "/ping")[0] == 204
         except OSError:
@@ -124,7 +123,7 @@ class Collectd(Process):
             folder=self.folder, interval=interval, plugin=plugin, hostname=hostname,
             destination=self._destination(address, key),
             plugins="\n".join(f"LoadPlugin {name}" for name in self.PLUGINS)))
-        super().__init__(["collectd", "-f", "-C", configuration], self.folder / "output.log")
+        super().__init__(["collectd", "-f", "-C", configuration], self.folder / "collectd.log")
 
     def _destination(self, address, key):
         if not isinstance(address, tuple):

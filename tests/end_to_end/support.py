@@ -60,6 +60,12 @@ class Process:
     def running(self):
         return self._child.poll() is None
 
+    def expect_running(self):
+        """True; fails with what the program has said when it has ended."""
+        if not self.running():
+            raise AssertionError(f"{self.output.stem} ended early:\n{self.text()}")
+        return True
+
     def send_signal(self, number):
         self._child.send_signal(number)
 
@@ -134,12 +140,8 @@ class Pelorus(Process):
             "INFLUX_AUTH": AUTH, "INFLUX_HTTP_CONNECTION": f"127.0.0.1:{free_port()}"}
 
     def wait_ready(self):
-        def notice():
-            if not self.running():
-                raise AssertionError(f"the daemon ended early:\n{self.text()}")
-            return self.notify.receive()
-
-        state = wait_until(notice, "readiness of the daemon", 30)
+        state = wait_until(lambda: self.expect_running() and self.notify.receive(),
+                           "readiness of the daemon", 30)
         if state != b"READY=1":
             raise AssertionError(f"unexpected notice {state!r}")
 

@@ -54,7 +54,8 @@ class RealServers(FolderTest):
         collectd = Collectd(self.folder / "collectd", PLUGIN, daemon.socket)
         self.addCleanup(collectd.stop)
         expected = {"cpu", "load", "memory", "uptime", "processes", "vmem"}
-        wait_until(lambda: expected <= self.influx.count_values("tidewell").keys(),
+        wait_until(lambda: collectd.expect_running() and
+                   expected <= self.influx.count_values("tidewell").keys(),
                    f"values of {sorted(expected)}", 30, pause=0.3)
         [uptime] = self.influx.query("SELECT last(value) FROM uptime", "tidewell")
         newest, seconds = uptime["values"][0]

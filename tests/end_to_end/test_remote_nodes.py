@@ -111,7 +111,8 @@ class RemoteNodes(FolderTest):
         node = Collectd(self.folder / "collectd", PLUGIN, daemon.node_address, key=GOOD_KEY,
                         hostname="node1234")
         self.addCleanup(node.stop)
-        wait_until(lambda: {"cpu", "load", "memory"} <= influx.count_values("bonding").keys(),
+        wait_until(lambda: node.expect_running() and
+                   {"cpu", "load", "memory"} <= influx.count_values("bonding").keys(),
                    "values of the node", 30, pause=0.3)
         [load] = influx.query("SELECT shortterm FROM load GROUP BY node", "bonding")
         self.assertEqual(load["tags"], {"node": "1234"})

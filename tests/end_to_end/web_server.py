@@ -43,7 +43,8 @@ class WebServer(Process):
         self.know(keys, hang, seconds)
         super().__init__(["/usr/bin/python3", REPOSITORY / "demo" / "tidewell_stand_in.py",
                           ORIGIN[1], self._file], folder / "web_server.log")
-        wait_until(self._listens, "the web server to listen")
+        wait_until(lambda: self.expect_running() and "listening" in self.text(),
+                   "the web server to listen")
 
     def know(self, keys=(), hang=(), seconds=0):
         """From now on."""
@@ -53,8 +54,3 @@ class WebServer(Process):
     def answers(self):
         """One line for each question that was answered."""
         return [line for line in self.text().splitlines() if line.startswith("key ending")]
-
-    def _listens(self):
-        if not self.running():
-            raise AssertionError(f"the web server ended early:\n{self.text()}")
-        return "listening" in self.text()
