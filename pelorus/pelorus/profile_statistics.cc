@@ -33,7 +33,7 @@ Number number(std::string_view text) {
 class Reader {
  public:
   void read(std::string_view line) {
-    const auto equals = std::min(line.find('='), line.size());
+    const auto equals = static_cast<std::size_t>(std::ranges::find(line, '=') - line.begin());
     const std::string_view key = line.substr(0, equals);
     const std::string_view value = line.substr(std::min(equals + 1, line.size()));
     if (key == "fl") {

@@ -74,7 +74,8 @@ SkeinStub::Outcome SkeinStub::reply(const Call& call, const skein::Reply& reply)
 }
 
 SkeinStub::Outcome SkeinStub::error(const Call& call, std::string_view text) {
-  return {frame(skein::encode_error(call.msgid, text))};
+  skein::MsgpackWriter reply;  // not encode_error(): the text goes out as it stands
+  return {frame(reply.list(4).natural(1).natural(call.msgid).text(text).nil().take())};
 }
 
 SkeinStub::SkeinStub(Handler handler)
