@@ -205,23 +205,23 @@ class Requests(RoadTest):
 
     def test_broken_stream_ends_its_connection_and_no_other(self):
         faults = {
-            "length 0": block_frame(b""),
-            "length over the limit": struct.pack(">I", 19_573_451),
-            "no Snappy block": block_frame(b"\xff\xff\xff\xff\xff"),
-            "content over the limit": block_frame(b"\x81\x80\x80\x08" + b"x" * 900_000),
-            "growth that no block has": block_frame(b"\x80\x80\x04" + b"x" * 100),
-            "no MessagePack": content_frame(b"\xc1"),
-            "cut MessagePack": content_frame(b"\x92\x01"),
-            "bytes behind the value": content_frame(b"\x01\x01"),
-            "nested too deep": content_frame(b"\x91" * 33 + b"\x01"),
-            "too many elements": content_frame(b"\xdd\x00\x0f\x42\x41" + b"\xc0" * 1_000_001)}
+            "frame of length 0": block_frame(b""),
+            "frame of 19573451 bytes": struct.pack(">I", 19_573_451),
+            "frame does not decompress": block_frame(b"\xff\xff\xff\xff\xff"),
+            "content of 16777217 bytes": block_frame(b"\x81\x80\x80\x08" + b"x" * 900_000),
+            "103 compressed bytes claim to hold 65536": block_frame(b"\x80\x80\x04" + b"x" * 100),
+            "content is no MessagePack": content_frame(b"\xc1"),
+            "content ends inside a MessagePack value": content_frame(b"\x92\x01"),
+            "1 bytes behind the MessagePack value": content_frame(b"\x01\x01"),
+            "content nested more than 32 deep": content_frame(b"\x91" * 33 + b"\x01"),
+            "content of 1000001 elements": content_frame(b"\xdd\x00\x0f\x42\x41" + b"\xc0" * 1_000_001)}
         for number, (fault, data) in enumerate(faults.items(), 1):
             with self.subTest(fault), self.connect() as broken:
                 broken.send_bytes(data)
                 self.assertIsNone(broken.receive())
                 warnings = self.daemon.lines(WARNING)
                 self.assertEqual(len(warnings), number)
-                self.assertRegex(warnings[-1], r"local peer \(process \d+, user \d+\): .+\.$")
+                self.assertRegex(warnings[-1], rf"local peer \(process \d+, user \d+\): {fault}\b")
         self.client.call("stats")
 
 
