@@ -1,5 +1,5 @@
-"""InfluxDB and collectd as Debian packages them, started by hand on free ports with folders of their
-own."""
+"""InfluxDB and collectd as Debian packages them, started by hand on free ports, with folders of
+their own."""
 
 import base64
 import http.client

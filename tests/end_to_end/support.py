@@ -167,8 +167,8 @@ def _overlay(base, changes):
 
 
 class FolderTest(unittest.TestCase):
-    """A case with a temporary folder and with processes that end with the case. The daemons' logs are
-    shown when it fails."""
+    """A case with a temporary folder and with processes that end with the case. The daemons' logs
+    are shown when it fails."""
 
     def run(self, result=None):
         self._logs = []

@@ -214,7 +214,8 @@ class Requests(RoadTest):
             "content ends inside a MessagePack value": content_frame(b"\x92\x01"),
             "1 bytes behind the MessagePack value": content_frame(b"\x01\x01"),
             "content nested more than 32 deep": content_frame(b"\x91" * 33 + b"\x01"),
-            "content of 1000001 elements": content_frame(b"\xdd\x00\x0f\x42\x41" + b"\xc0" * 1_000_001)}
+            "content of 1000001 elements":
+                content_frame(b"\xdd\x00\x0f\x42\x41" + b"\xc0" * 1_000_001)}
         for number, (fault, data) in enumerate(faults.items(), 1):
             with self.subTest(fault), self.connect() as broken:
                 broken.send_bytes(data)
