@@ -9,6 +9,7 @@
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
+#include "support/turn_until.h"
 
 namespace pelorus {
 namespace {
@@ -29,11 +30,7 @@ struct InfluxHTTPRequestTest : testing::Test {
 
   template <class Condition>
   void until(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain";
-      loop.turn();
-    }
+    support::turn_until(loop, condition);
   }
   void until_outcome() {
     until([this] { return !database->has_current_request(); });

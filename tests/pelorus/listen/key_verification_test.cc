@@ -10,6 +10,7 @@
 #include "pelorus/listen/tls_peer.h"
 #include "pelorus/pelorus/errors.h"
 #include "support/fake_clock.h"
+#include "support/turn_until.h"
 
 namespace pelorus {
 namespace {
@@ -49,11 +50,7 @@ std::string url_at(std::uint16_t port, const std::string& host = "127.0.0.1") {
 struct KeyVerificationTest : testing::Test {
   template <class Condition>
   void until(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain";
-      loop.turn();
-    }
+    support::turn_until(loop, condition);
   }
   void tick(double seconds) {
     settle();
