@@ -108,6 +108,7 @@ GraphiteMessage::Built GraphiteMessage::build(std::string_view block, BadLineRep
   const std::size_t size = tail_.size();
   tail_.append(SCAN_SLACK, '\0');
   add_lines(tail_.data(), tail_.data() + size, reporter);
+  reporter.block_ends();
   if (tail_.capacity() > KEPT_TAIL_BYTES) tail_ = {};
   return {{buffer_.begin(), static_cast<std::size_t>(position_ - buffer_.begin())}, num_metrics_};
 }

@@ -31,13 +31,16 @@ class OutputBuffer {
   std::size_t size_;
 };
 
-/// Hears of the lines of a block that yield no record.
+/// Hears of the lines of a block that yield no record: views, good until block_ends() or the
+/// failure that ends the build.
 class BadLineReporter {
  public:
   virtual ~BadLineReporter() = default;
   /// `line` has not exactly three fields.
   virtual void improperly_formatted(std::string_view line) = 0;
   virtual void not_translated(std::string_view series, translate::Outcome outcome) = 0;
+  /// After the last line.
+  virtual void block_ends() {}
 };
 
 /// Builds line-protocol messages out of blocks of Graphite lines, in one buffer that is reused.
