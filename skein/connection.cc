@@ -17,8 +17,13 @@ void HeldRequest::fail(const std::exception& failure) const {
   server_->fail_held(number_, failure);
 }
 
+Connection* HeldRequest::connection() const noexcept { return server_->held_connection(number_); }
+
 Connection::Connection(Server& server, Loop& loop, Socket socket)
-    : server_(server), socket_(std::move(socket)), poll_(loop, socket_.descriptor(), *this) {
+    : server_(server),
+      traffic_{.since = loop.seconds(), .last_seen = loop.seconds()},
+      socket_(std::move(socket)),
+      poll_(loop, socket_.descriptor(), *this) {
   poll_.watch(UV_READABLE);
 }
 
@@ -38,6 +43,7 @@ void Connection::read() {
   const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count <= 0) return end();  // end of stream, or the peer reset it: nothing more will come
+  traffic_.last_seen = server_.loop_.seconds();
   take({buffer.data(), static_cast<std::size_t>(count)});
 }
 
@@ -84,6 +90,7 @@ void Connection::serve_frames(std::string_view& bytes) {
   while (!ended_ && held_ == 0) {
     const auto payload = take_frame(bytes);
     if (!payload) return;
+    ++traffic_.requests;
     server_.serve(*this, *payload);
   }
 }

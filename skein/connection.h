@@ -23,6 +23,8 @@ class HeldRequest {
   void answer(const Reply& reply) const;
   /// Takes the failure to the server's handle_exception, and its text to the peer. Once.
   void fail(const std::exception& failure) const;
+  /// The connection that it came on; none when that has ended, or once it is answered.
+  Connection* connection() const noexcept;
 
  private:
   friend class Server;
@@ -39,7 +41,15 @@ class Connection : public LoopOwned, private PollTarget {
  public:
   Connection(Server& server, Loop& loop, Socket socket);
 
+  /// What came on a connection. Moments are those of Loop::seconds().
+  struct Traffic {
+    std::uint32_t since = 0;      ///< accepted
+    std::uint32_t last_seen = 0;  ///< bytes came
+    std::uint64_t requests = 0;   ///< good and bad ones
+  };
+
   const Socket& socket() const noexcept { return socket_; }
+  const Traffic& traffic() const noexcept { return traffic_; }
 
   /// Suspends this connection until the request that is being handled is answered: it is not read,
   /// and what has come already waits. The others go on. The handler returns Reply::later().
@@ -64,6 +74,7 @@ class Connection : public LoopOwned, private PollTarget {
   void end();
 
   Server& server_;
+  Traffic traffic_;
   Socket socket_;
   Poll poll_;  // destroyed before the descriptor that it watches is closed
   /// The frame that is still coming; with a held request, all that came behind it. Empty while

@@ -29,12 +29,24 @@ Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
   check(uv_timer_init(&uv_, wake.get()), "uv_timer_init");
   wake->data = this;
   wake_.reset(wake.release());
+  auto before_wait = std::make_unique<uv_prepare_t>();
+  check(uv_prepare_init(&uv_, before_wait.get()), "uv_prepare_init");
+  before_wait->data = this;
+  before_wait_.reset(before_wait.release());
+  check(uv_prepare_start(before_wait_.get(),
+                         [](uv_prepare_t* handle) {
+                           if (handle->data != nullptr)
+                             static_cast<Loop*>(handle->data)->end_work();
+                         }),
+        "uv_prepare_start");
+  uv_unref(reinterpret_cast<uv_handle_t*>(before_wait_.get()));
 }
 
 Loop::~Loop() {
   kept_.clear();
   discarded_.clear();
   wake_.reset();
+  before_wait_.reset();
   terminate_.reset();
   interrupt_.reset();
   uv_run(&uv_, UV_RUN_NOWAIT);  // the close callbacks free the handles
@@ -68,7 +80,15 @@ void Loop::wake_at_first_due() {
         "uv_timer_start");
 }
 
+void Loop::end_work() noexcept {
+  if (work_began_ == 0) return;
+  uv_update_time(&uv_);
+  turns_.note(uv_now(&uv_), uv_now(&uv_) - work_began_);
+  work_began_ = 0;
+}
+
 void Loop::run_due_timers() {
+  begin_work();
   wake_due_ = std::chrono::steady_clock::time_point::max();
   const auto now = clocks_.monotonic();
   const auto last = timers_made_;  // what a callback arms waits for the next turn
@@ -178,6 +198,7 @@ void Poll::start(Handle& handle, int events) {
 void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
   if (uv->data == nullptr) return;
   auto* loop = static_cast<Loop*>(uv->loop->data);
+  loop->begin_work();
   try {
     if (status < 0) {
       // The peer reset the connection, and libuv has stopped the handle. What came before is still

@@ -12,6 +12,7 @@
 
 #include "skein/timer.h"
 #include "skein/uv_handle.h"
+#include "skein/worst_of_minute.h"
 
 namespace skein {
 
@@ -78,12 +79,24 @@ class Loop {
   void discard(std::unique_ptr<LoopOwned> object);
 
   const Clocks& clocks() const noexcept { return clocks_; }
+  /// Whole seconds of a clock that never steps, as of the begin of the present turn: costs nothing.
+  std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
+  /// The longest turn of the last minute: so long an event had to wait for others at worst.
+  std::chrono::milliseconds longest_turn() const noexcept {
+    return std::chrono::milliseconds(turns_.worst(uv_now(&uv_)));
+  }
   uv_loop_t* uv() noexcept { return &uv_; }
 
  private:
   friend class Timer;
+  friend class Poll;
   using TimerKey = Timer::Key;
 
+  /// The present turn has something to do. A turn that has nothing is not measured.
+  void begin_work() noexcept {
+    if (work_began_ == 0) work_began_ = uv_now(&uv_);
+  }
+  void end_work() noexcept;
   void run_due_timers();
   void wake_at_first_due();
   void sweep();
@@ -97,6 +110,9 @@ class Loop {
   /// leaves nothing behind.
   std::map<TimerKey, Callback> timers_;
   std::uint64_t timers_made_ = 0;
+  WorstOfMinute turns_;           ///< milliseconds of each turn that had work
+  std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
+  UvHandle<uv_prepare_t> before_wait_;
   UvHandle<uv_timer_t> wake_;
   std::chrono::steady_clock::time_point wake_due_ = std::chrono::steady_clock::time_point::max();
   UvHandle<uv_signal_t> terminate_;

@@ -99,6 +99,11 @@ HeldRequest Server::hold(Connection& connection) {
   return {*this, held_made_};
 }
 
+Connection* Server::held_connection(std::uint64_t number) const noexcept {
+  const auto held = held_.find(number);
+  return held == held_.end() ? nullptr : held->second.connection;
+}
+
 void Server::answer_held(std::uint64_t number, const Reply& reply) {
   release(number, [&](std::uint32_t msgid) { return encode_reply(msgid, reply); });
 }

@@ -54,6 +54,8 @@ class Server : private PollTarget {
   void close();
 
   std::size_t connection_count() const noexcept { return connections_.size(); }
+  /// The open ones, in no order that means anything.
+  std::span<const std::unique_ptr<Connection>> connections() const noexcept { return connections_; }
   const Socket& socket() const noexcept { return socket_; }
 
  protected:
@@ -75,6 +77,7 @@ class Server : private PollTarget {
   void serve(Connection& connection, std::string_view frame);
   void end(Connection& connection);
   HeldRequest hold(Connection& connection);
+  Connection* held_connection(std::uint64_t number) const noexcept;
   void answer_held(std::uint64_t number, const Reply& reply);
   void fail_held(std::uint64_t number, const std::exception& failure);
   void release(std::uint64_t number, const std::function<std::string(std::uint32_t)>& answer);

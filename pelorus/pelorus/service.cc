@@ -96,7 +96,7 @@ void Service::main() {
       },
       loop_);
   NodeServer node_server(handler, settings_, loop_);
-  LocalServer local_server(handler, settings_, loop_);
+  LocalServer local_server(handler, settings_, loop_, &node_server);
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
   loop_.run();

@@ -198,12 +198,16 @@ void HTTPRequest::fail(std::string error) {
 }
 
 void HTTPRequest::handle_failure(std::optional<std::string_view> data) {
+  log::warning("InfluxDB write ({} database) failed: {}; {} messages lost ({} bytes)",
+               database_name_, failure_text(data), messages_, data_length_.value_or(0));
+}
+
+std::string HTTPRequest::failure_text(std::optional<std::string_view> data) const {
   std::string reason = error_;
   if (response_.status() != 0) {
     reason = fmt::format("status {}{}{}", response_.status(), reason.empty() ? "" : ", ", reason);
   }
-  log::warning("InfluxDB write ({} database) failed: {}{}; {} messages lost ({} bytes)",
-               database_name_, reason, excerpt(data), messages_, data_length_.value_or(0));
+  return reason + excerpt(data);
 }
 
 void HTTPRequest::handle_close() {

@@ -48,6 +48,8 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   /// it and hands this request to the loop to be destroyed.
   virtual void handle_close();
 
+  /// Why this has failed: "status 400: b'…'", "could not connect to …". No secret in it.
+  std::string failure_text(std::optional<std::string_view> data) const;
   /// The connection has been established (and may have ended since).
   bool connected() const noexcept { return connected_; }
 

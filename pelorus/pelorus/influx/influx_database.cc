@@ -29,6 +29,7 @@ InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings,
 InfluxDatabase::~InfluxDatabase() { stop_process_data_timer(); }
 
 void InfluxDatabase::add(std::string message) {
+  counters_.queued += {1, message.size()};
   pending_data_.push_back(std::move(message));
   process_data();
 }
@@ -60,22 +61,26 @@ void InfluxDatabase::send_request() { current_request_ = make_request_(*this); }
 std::string InfluxDatabase::get_data() {
   const auto end = pending_data_.begin() + static_cast<std::ptrdiff_t>(std::min(
                                                settings_.max_batch_size, pending_data_.size()));
-  std::size_t bytes = 0;
-  for (auto message = pending_data_.begin(); message != end; ++message)
-    bytes += message->size() + 1;
+  const Amount taken = amount_of(std::min(settings_.max_batch_size, pending_data_.size()));
   std::string data;
-  data.reserve(bytes);
+  data.reserve(taken.bytes + taken.messages);
   for (auto message = pending_data_.begin(); message != end; ++message) {
     if (message != pending_data_.begin()) data += '\n';
     data += *message;
   }
   pending_data_.erase(pending_data_.begin(), end);
+  counters_.queued -= taken;
+  counters_.in_flight += taken;
+  counters_.largest_body = std::max<std::uint64_t>(counters_.largest_body, data.size());
   return data;
 }
 
 void InfluxDatabase::discard_old_data() {
   log::warning("Queue filled up, discarding data");
   const auto count = std::min(settings_.discard_size, pending_data_.size());
+  const Amount dropped = amount_of(count);
+  counters_.queued -= dropped;
+  counters_.discarded += dropped;
   pending_data_.erase(pending_data_.begin(),
                       pending_data_.begin() + static_cast<std::ptrdiff_t>(count));
 }
@@ -92,12 +97,48 @@ void InfluxDatabase::handle_success() {
   if (failure_count_ != 0) log::info("Connected to InfluxDB API ({} database)", name_);
   failure_count_ = 0;
   last_sent_time_ = loop_.clocks().wall();
+  counters_.sent += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
 }
 
 void InfluxDatabase::handle_failure() {
   ++failure_count_;
+  counters_.failed += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
+}
+
+void InfluxDatabase::note_failure(std::string text, std::optional<std::string_view> answer) {
+  counters_.last_failure = {loop_.clocks().wall(), std::move(text)};
+  if (!answer) return;
+  if (const auto dropped = dropped_points(*answer)) {
+    ++counters_.partial_writes;
+    counters_.dropped_points += *dropped;
+  }
+}
+
+Amount InfluxDatabase::amount_of(std::size_t messages) const {
+  Amount amount{messages, 0};
+  for (std::size_t i = 0; i < messages; ++i) amount.bytes += pending_data_[i].size();
+  return amount;
+}
+
+double InfluxDatabase::monotonic_seconds() const {
+  const auto now = loop_.clocks().monotonic().time_since_epoch();
+  return std::chrono::duration<double>(now).count();
+}
+
+std::int64_t InfluxDatabase::backlog() const noexcept {
+  return static_cast<std::int64_t>(pending_data_.size() + counters_.discarded.messages);
+}
+
+void InfluxDatabase::sample_queue() { growth_.sample(monotonic_seconds(), backlog()); }
+
+std::optional<double> InfluxDatabase::seconds_until_full() const {
+  const auto growth = growth_.per_second(monotonic_seconds(), backlog());
+  if (!growth || *growth <= 0) return std::nullopt;
+  const auto room = static_cast<double>(settings_.max_pending_messages) -
+                    static_cast<double>(pending_data_.size());
+  return std::max(room, 0.0) / *growth;
 }
 
 void InfluxDatabase::handle_close() { current_request_ = nullptr; }

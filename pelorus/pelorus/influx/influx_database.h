@@ -4,8 +4,12 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 
+#include "pelorus/pelorus/influx/queue_growth.h"
+#include "pelorus/pelorus/influx/write_counters.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/loops.h"
 
@@ -49,18 +53,31 @@ class InfluxDatabase {
   /// The connection of the request in flight is over. Comes with the request's outcome, in the
   /// same callback: when a newer request stands there, the close of the older one is past.
   void handle_close();
+  /// Why the last request failed, for the status. `answer`: what InfluxDB said, if it did.
+  void note_failure(std::string text, std::optional<std::string_view> answer);
+  /// Looks how long the queue is. Every ten seconds, so that seconds_until_full() can be told.
+  void sample_queue();
 
   const std::string& name() const noexcept { return name_; }
   bool has_current_request() const noexcept { return current_request_ != nullptr; }
   std::size_t pending_data_len() const noexcept { return pending_data_.size(); }
   std::int64_t failure_count() const noexcept { return failure_count_; }
   double last_sent_time() const noexcept { return last_sent_time_; }
+  std::size_t max_pending_messages() const noexcept { return settings_.max_pending_messages; }
+  const WriteCounters& counters() const noexcept { return counters_; }
+  /// If the queue goes on as in the last minute. None while it does not grow, or is not known to.
+  std::optional<double> seconds_until_full() const;
 
  private:
   bool should_send() const;
   bool should_drop_data() const;
   void send_request();
   void reset_process_data_timer();
+  /// Of the messages from the front on.
+  Amount amount_of(std::size_t messages) const;
+  double monotonic_seconds() const;
+  /// Those that wait and all that were discarded: grows as long as more comes than is written.
+  std::int64_t backlog() const noexcept;
 
   const std::string name_;
   const BufferSettings& settings_;
@@ -71,6 +88,8 @@ class InfluxDatabase {
   std::deque<std::string> pending_data_;  ///< messages not yet handed to a request, oldest first
   double last_sent_time_;  ///< seconds since the epoch: of construction, then of the last success
   skein::Timer process_data_timer_;
+  WriteCounters counters_;
+  QueueGrowth growth_;
 };
 
 }  // namespace pelorus

@@ -32,6 +32,7 @@ void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_succ
 
 void InfluxHTTPRequest::handle_failure(std::optional<std::string_view> data) {
   database_.handle_failure();
+  database_.note_failure(failure_text(data), data);
   HTTPRequest::handle_failure(data);
 }
 

@@ -17,23 +17,40 @@ namespace {
 /// As much of a database's name as an error shows.
 constexpr std::size_t SHOWN_NAME_BYTES = 64;
 
+/// As much of a warning as is kept for the status.
+constexpr std::size_t KEPT_WARNING_BYTES = 160;
+
+/// Logs each bad line, and notes it for the connection that it came on.
 class LogBadLines : public BadLineReporter {
  public:
+  explicit LogBadLines(Ingested& ingested) : ingested_(ingested) {}
+
   void improperly_formatted(std::string_view line) override {
-    if (log::enabled(spdlog::level::warn)) {
-      log::warning("Improperly formatted metric: \"{}\"", translate::display(line));
-    }
+    if (line.empty() && !log::enabled(spdlog::level::warn)) return;
+    const auto text = fmt::format("Improperly formatted metric: \"{}\"", translate::display(line));
+    log::warning("{}", text);
+    if (!line.empty()) note(text);
   }
 
   void not_translated(std::string_view series, translate::Outcome outcome) override {
+    const std::string text = failure_text(outcome, series);
+    note(text);
     if (!is_unexpected(outcome)) {
-      log::warning("{}", failure_text(outcome, series));
+      log::warning("{}", text);
       return;
     }
-    const translate::UnexpectedSeriesError failure(failure_text(outcome, series));
+    const translate::UnexpectedSeriesError failure(text);
     log::warning("Unexpected error occurred when translating series");
     log::exception(failure.what(), failure);
   }
+
+ private:
+  void note(const std::string& text) {
+    ++ingested_.bad_lines;
+    ingested_.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
+  }
+
+  Ingested& ingested_;
 };
 
 }  // namespace
@@ -69,27 +86,47 @@ void InfluxHandler::add(std::string_view database_name, std::string data,
   database(database_name).add(std::move(data));
 }
 
-void InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
+Ingested InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
   PROFILE_SCOPE();
-  LogBadLines reporter;
+  Ingested ingested;
+  LogBadLines reporter(ingested);
   const auto built = graphite_message_.build(metrics, reporter);
+  ingested.records = built.num_metrics;
   add(database_name, std::string(built.message), built.num_metrics);
+  return ingested;
 }
 
-void InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
-                               skein::Value points) {
+Ingested InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
+                                   skein::Value points) {
   PROFILE_SCOPE();
-  const bool read = submit_messages(
-      name, points, [&](std::string line) { add(database_name, std::move(line), 1); });
+  Ingested ingested;
+  const bool read = submit_messages(name, points, [&](std::string line) {
+    add(database_name, std::move(line), 1);
+    ++ingested.records;
+  });
   if (!read) {
-    log::warning("Could not translate \"{}\": No match for series", translate::display(name));
+    const auto text =
+        fmt::format("Could not translate \"{}\": No match for series", translate::display(name));
+    log::warning("{}", text);
+    ingested.bad_lines = 1;
+    ingested.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
   }
+  return ingested;
+}
+
+Statistics InfluxHandler::totals() const noexcept {
+  return {reported_.messages + statistics_.messages, reported_.records + statistics_.records,
+          reported_.successful_auths + statistics_.successful_auths,
+          reported_.failed_auths + statistics_.failed_auths};
 }
 
 void InfluxHandler::send_stats() {
   PROFILE_SCOPE();
+  for (const auto& database : databases_) database->sample_queue();
   const Nanoseconds now = timestamp_to_influx(loop_.clocks().wall());
+  const Statistics totals = this->totals();
   add(TIDEWELL_DATABASE, statistics_message(statistics_, now), STATISTICS_RECORDS);
+  reported_ = totals;
   statistics_ = {};
   loop_.call_in(STATS_INTERVAL, [this] { send_stats(); });
 }

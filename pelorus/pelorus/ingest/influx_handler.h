@@ -10,6 +10,7 @@
 
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/graphite_message.h"
+#include "pelorus/pelorus/ingest/ingested.h"
 #include "pelorus/pelorus/ingest/line_protocol.h"
 #include "skein/loops.h"
 #include "skein/value.h"
@@ -34,12 +35,12 @@ class InfluxHandler {
 
   /// Adds a block of Graphite lines as one message, even when no line yields a record. Bad lines
   /// are logged and left out. Throws what add() throws, and OutputBufferFullError.
-  void add_graphite(std::string_view database, std::string_view metrics);
+  Ingested add_graphite(std::string_view database, std::string_view metrics);
 
   /// Adds data of the legacy submit method (event database): one message per point. A name or
   /// point that cannot be read ends the call with a warning; ArgumentTypeError is thrown for
   /// points and times of another kind. `columns` and `time_precision` are not used.
-  void add_submit(std::string_view database, std::string_view name, skein::Value points);
+  Ingested add_submit(std::string_view database, std::string_view name, skein::Value points);
 
   void handle_successful_auth() noexcept { ++statistics_.successful_auths; }
   void increment_failed_auths() noexcept { ++statistics_.failed_auths; }
@@ -54,12 +55,15 @@ class InfluxHandler {
   /// In the order of construction.
   std::span<const std::unique_ptr<InfluxDatabase>> databases() const noexcept { return databases_; }
   const Statistics& statistics() const noexcept { return statistics_; }
+  /// All that was counted since the start, without the daemon's records about itself.
+  Statistics totals() const noexcept;
 
  private:
   InfluxDatabase& database(std::string_view name);
 
   skein::Loop& loop_;
   Statistics statistics_;  ///< since the last statistics record
+  Statistics reported_;    ///< all that statistics records have told
   std::vector<std::unique_ptr<InfluxDatabase>> databases_;
   GraphiteMessage graphite_message_;
 };

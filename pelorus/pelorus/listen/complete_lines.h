@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "pelorus/pelorus/listen/connection_counters.h"
 #include "skein/connection.h"
 
 namespace pelorus {
@@ -14,6 +15,7 @@ class CollectdConnection : public skein::Connection {
 
   /// The begin of a line whose end has not come yet; never holds a "\n".
   std::string graphite_remainder;
+  ConnectionCounters counters;
 };
 
 /// The complete lines that a peer has sent: what remained of the last request, then `data` up to

@@ -12,15 +12,17 @@
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/listen/complete_lines.h"
+#include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
 
 namespace pelorus {
 namespace {
 
-constexpr std::array<skein::RequestRow, 3> REQUESTS{{
+constexpr std::array<skein::RequestRow, 4> REQUESTS{{
     {"collectd", skein::RequestHandler<&LocalServer::req_collectd>::handle},
     {"stats", skein::RequestHandler<&LocalServer::req_stats>::handle},
+    {"status", skein::RequestHandler<&LocalServer::req_status>::handle},
     {"fail", skein::RequestHandler<&LocalServer::req_fail>::handle},
 }};
 
@@ -47,9 +49,9 @@ std::string peer_name(const skein::Connection& connection) {
   socklen_t length = sizeof peer;
   if (::getsockopt(connection.socket().descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &length) !=
       0) {
-    return "local peer";
+    return "unknown process";
   }
-  return fmt::format("local peer (process {}, user {})", peer.pid, peer.uid);
+  return fmt::format("process {}, user {}", peer.pid, peer.uid);
 }
 
 }  // namespace
@@ -64,10 +66,13 @@ LocalServer::Owner LocalServer::Owner::look_up() {
   return owner;
 }
 
-LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop)
+LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
+                         const NodeServer* node_server)
     : Server(bind_listen(settings, Owner::look_up()), loop),
       influx_handler_(influx_handler),
-      settings_(settings) {}
+      settings_(settings),
+      node_server_(node_server),
+      started_(StartTime::now(loop.clocks())) {}
 
 skein::Socket LocalServer::bind_listen(const Settings& settings, const Owner& owner) {
   const std::string path = socket_path(settings);
@@ -110,18 +115,20 @@ void LocalServer::handle_exception(const std::exception& failure) {
 
 void LocalServer::handle_protocol_error(skein::Connection& connection,
                                         const skein::ProtocolError& fault) {
-  log::warning("Closing the connection of a {}: {}.", peer_name(connection), fault.what());
+  log::warning("Closing the connection of a local peer ({}): {}.", peer_name(connection),
+               fault.what());
 }
 
 skein::Reply LocalServer::req_collectd(const skein::Request& request) {
   PROFILE_SCOPE();
-  auto& remainder = static_cast<CollectdConnection&>(request.connection).graphite_remainder;
+  auto& connection = static_cast<CollectdConnection&>(request.connection);
+  auto& remainder = connection.graphite_remainder;
   const std::string_view metrics = request.text("metrics");
   if (metrics.empty() && remainder.empty()) {
     throw skein::RequestError("argument 'metrics' of request 'collectd' is empty");
   }
   const CompleteLines complete(remainder, metrics);
-  influx_handler_.add_graphite(TIDEWELL_DATABASE, complete.lines());
+  connection.counters.count(influx_handler_.add_graphite(TIDEWELL_DATABASE, complete.lines()));
   return {};
 }
 
@@ -137,6 +144,19 @@ skein::Reply LocalServer::req_stats(const skein::Request&) {
     stats.text("last_sent_time").real(database->last_sent_time());
   }
   return skein::Reply(std::move(stats));
+}
+
+skein::Reply LocalServer::req_status(const skein::Request& request) {
+  PROFILE_SCOPE();
+  std::vector<ConnectionGroup> groups;
+  if (node_server_ != nullptr) {
+    groups.push_back({"nodes", node_server_->connections(), [this](const skein::Connection& node) {
+                        return node_server_->address(node);
+                      }});
+  }
+  groups.push_back({"local", connections(), peer_name});
+  const StatusSources sources{influx_handler_, loop(), started_, groups};
+  return skein::Reply(write_status(sources, ConnectionChoice::of(request)));
 }
 
 skein::Reply LocalServer::req_fail(const skein::Request&) {

@@ -6,18 +6,21 @@
 #include <string>
 
 #include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/listen/status.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/server.h"
 
 namespace pelorus {
 
 /// Receives what the server's own collectd measures, over the unix socket INFLUX_UNIX_SOCKET, and
-/// answers the operator's tool there. The socket is its owner's alone. Borrows handler, settings
-/// and loop.
+/// answers the operator's tool there. The socket is its owner's alone. Borrows handler, settings,
+/// loop and the server of the nodes.
 class LocalServer : public skein::Server {
  public:
-  /// Binds and listens at once. Throws SettingsError, skein::SystemFailure.
-  LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop);
+  /// Binds and listens at once. `node_server`: whose connections the status lists as well; may be
+  /// none. Throws SettingsError, skein::SystemFailure.
+  LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
+              const NodeServer* node_server = nullptr);
 
   /// Closes the server and removes the socket file.
   void stop();
@@ -31,6 +34,8 @@ class LocalServer : public skein::Server {
   skein::Reply req_collectd(const skein::Request& request);
   /// "stats": the state of every write buffer, by database.
   skein::Reply req_stats(const skein::Request& request);
+  /// "status": what the daemon has done since its start, and for whom.
+  skein::Reply req_status(const skein::Request& request);
   /// "fail": fails on purpose, so that the way of a failure can be looked at.
   skein::Reply req_fail(const skein::Request& request);
 
@@ -49,6 +54,8 @@ class LocalServer : public skein::Server {
 
   InfluxHandler& influx_handler_;
   const Settings& settings_;
+  const NodeServer* node_server_;
+  const StartTime started_;
 };
 
 }  // namespace pelorus

@@ -28,18 +28,10 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
 
 /// Longer ones are no keys and are not worth a web request.
 constexpr std::size_t MOST_KEY_BYTES = 1024;
-/// As much of a key as may be shown.
-constexpr std::size_t SHOWN_KEY_CHARACTERS = 4;
 constexpr long HTTP_OK = 200;
 
-/// The last characters of a key; one of UTF-8 is not cut apart.
-std::string_view key_ending(std::string_view key) {
-  std::size_t begin = key.size();
-  for (std::size_t characters = 0; begin > 0 && characters < SHOWN_KEY_CHARACTERS; --begin) {
-    const bool continues = (static_cast<unsigned char>(key[begin - 1]) & 0xC0U) == 0x80;
-    if (!continues) ++characters;
-  }
-  return key.substr(begin);
+ConnectionCounters& counters_of(skein::Connection& connection) {
+  return static_cast<CollectdConnection&>(connection).counters;
 }
 
 /// The request's key without its dashes.
@@ -51,6 +43,7 @@ std::string node_key(const skein::Request& request) {
   }
   std::string key(given);
   std::erase(key, '-');
+  counters_of(request.connection).note_key(key);
   return key;
 }
 
@@ -143,6 +136,12 @@ void NodeServer::handle_protocol_error(skein::Connection& connection,
   log::warning("Closing the connection of {}:{}: {}.", host, port, fault.what());
 }
 
+std::string NodeServer::address(const skein::Connection& connection) const {
+  const auto known = connection_addresses_.find(&connection);
+  if (known == connection_addresses_.end()) return "";
+  return fmt::format("{}:{}", known->second.host, known->second.port);
+}
+
 skein::Reply NodeServer::req_add(const skein::Request& request) {
   PROFILE_SCOPE();
   const std::string key = node_key(request);
@@ -151,10 +150,15 @@ skein::Reply NodeServer::req_add(const skein::Request& request) {
   // Kept: a last line without its line end is not counted.
   const auto num_metrics = static_cast<std::int64_t>(std::ranges::count(data, '\n'));
   return dispatch(
-      request, key, [&] { influx_handler_.add(database, std::string(data), num_metrics); },
+      request, key,
+      [&] {
+        influx_handler_.add(database, std::string(data), num_metrics);
+        return Ingested{.records = num_metrics};
+      },
       [&]() -> Method {
         return [this, database = std::string(database), data = std::string(data), num_metrics] {
           influx_handler_.add(database, data, num_metrics);
+          return Ingested{.records = num_metrics};
         };
       });
 }
@@ -167,11 +171,11 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
   request.get("columns");
   const skein::Value points = request.get("points");
   return dispatch(
-      request, key, [&] { influx_handler_.add_submit(database, name, points); },
+      request, key, [&] { return influx_handler_.add_submit(database, name, points); },
       [&]() -> Method {
         return [this, database = std::string(database), name = std::string(name),
                 points = std::make_shared<skein::OwnedValue>(points)] {
-          influx_handler_.add_submit(database, name, points->value());
+          return influx_handler_.add_submit(database, name, points->value());
         };
       });
 }
@@ -184,10 +188,11 @@ skein::Reply NodeServer::req_collectd(const skein::Request& request) {
   auto& remainder = static_cast<CollectdConnection&>(request.connection).graphite_remainder;
   const CompleteLines complete(remainder, metrics);
   return dispatch(
-      request, key, [&] { influx_handler_.add_graphite(BONDING_DATABASE, complete.lines()); },
+      request, key,
+      [&] { return influx_handler_.add_graphite(BONDING_DATABASE, complete.lines()); },
       [&]() -> Method {
         return [this, lines = std::string(complete.lines())] {
-          influx_handler_.add_graphite(BONDING_DATABASE, lines);
+          return influx_handler_.add_graphite(BONDING_DATABASE, lines);
         };
       });
 }
@@ -197,7 +202,7 @@ skein::Reply NodeServer::dispatch(const skein::Request& request, const std::stri
                                   MakeOwned&& owned) {
   const bool behind_others = is_waiting(key);
   if (!behind_others && valid_key(key)) {
-    now();
+    counters_of(request.connection).count(now());
     return {};
   }
   waiting_[key].held.push_back({owned(), request.connection.hold()});
@@ -299,6 +304,7 @@ bool NodeServer::judge_body(const std::string& key, const std::string& body) con
 }
 
 void NodeServer::validate(const std::string& key, const HeldMethod& held, bool is_valid) {
+  count_auth(held, is_valid);
   if (!is_valid) {
     influx_handler_.increment_failed_auths();
     held.request.answer({});  // dropped in silence
@@ -309,9 +315,16 @@ void NodeServer::validate(const std::string& key, const HeldMethod& held, bool i
   forward(held);
 }
 
+void NodeServer::count_auth(const HeldMethod& held, bool accepted) {
+  if (auto* connection = held.request.connection()) counters_of(*connection).count_auth(accepted);
+}
+
 void NodeServer::forward(const HeldMethod& held) {
   try {
-    held.method();
+    Ingested ingested = held.method();
+    if (auto* connection = held.request.connection()) {
+      counters_of(*connection).count(std::move(ingested));
+    }
   } catch (const std::exception& failure) {
     held.request.fail(failure);
     return;

@@ -33,6 +33,9 @@ class NodeServer : public skein::Server {
   void handle_protocol_error(skein::Connection& connection,
                              const skein::ProtocolError& fault) override;
 
+  /// "10.1.2.3:40000"; empty for a connection that has ended.
+  std::string address(const skein::Connection& connection) const;
+
   /// "add": records of line protocol in "data" for "database".
   skein::Reply req_add(const skein::Request& request);
   /// "submit": points of the legacy API, from nodes before 2016.1.
@@ -46,7 +49,7 @@ class NodeServer : public skein::Server {
 
  private:
   /// An ingest operation with its complete argument list.
-  using Method = std::function<void()>;
+  using Method = std::function<Ingested()>;
   /// A request that waits for its key.
   struct HeldMethod {
     Method method;
@@ -80,6 +83,7 @@ class NodeServer : public skein::Server {
   void validate(const std::string& key, const HeldMethod& held, bool is_valid);
   /// Runs a held method; its failure is the request's.
   void forward(const HeldMethod& held);
+  static void count_auth(const HeldMethod& held, bool accepted);
 
   InfluxHandler& influx_handler_;
   const Settings& settings_;

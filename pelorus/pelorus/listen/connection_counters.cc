@@ -1,0 +1,39 @@
+#include "pelorus/pelorus/listen/connection_counters.h"
+
+#include <algorithm>
+
+namespace pelorus {
+namespace {
+
+/// As much of a key as may be shown.
+constexpr std::size_t SHOWN_KEY_CHARACTERS = 4;
+
+bool continues_character(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80; }
+
+}  // namespace
+
+std::string_view key_ending(std::string_view key) {
+  std::size_t begin = key.size();
+  for (std::size_t characters = 0; begin > 0 && characters < SHOWN_KEY_CHARACTERS; --begin) {
+    if (!continues_character(key[begin - 1])) ++characters;
+  }
+  return key.substr(begin);
+}
+
+void ConnectionCounters::note_key(std::string_view key) noexcept {
+  std::string_view ending = pelorus::key_ending(key);
+  if (ending.size() == key.size()) ending = {};
+  if (ending.size() > key_ending_.size()) {
+    ending.remove_prefix(ending.size() - key_ending_.size());
+    while (!ending.empty() && continues_character(ending.front())) ending.remove_prefix(1);
+  }
+  key_ending_ = {};
+  std::ranges::copy(ending, key_ending_.begin());
+}
+
+std::string_view ConnectionCounters::key_ending() const noexcept {
+  const auto end = std::ranges::find(key_ending_, '\0');
+  return {key_ending_.begin(), end};
+}
+
+}  // namespace pelorus

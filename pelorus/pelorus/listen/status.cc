@@ -1,0 +1,188 @@
+#include "pelorus/pelorus/listen/status.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <limits>
+#include <vector>
+
+#include "pelorus/pelorus/listen/complete_lines.h"
+#include "skein/errors.h"
+
+namespace pelorus {
+namespace {
+
+using skein::Connection;
+using skein::MsgpackWriter;
+using skein::Value;
+
+constexpr std::size_t USUAL_CONNECTIONS = 100;
+/// A row takes less than 500 bytes: even two groups of this many stay below 16 MiB.
+constexpr std::size_t MOST_CONNECTIONS = 10'000;
+
+const ConnectionCounters& counters_of(const Connection& connection) {
+  return static_cast<const CollectdConnection&>(connection).counters;
+}
+
+const ConnectionCounters::Trouble& trouble_of(const Connection& connection) {
+  static const ConnectionCounters::Trouble NONE;
+  const auto* trouble = counters_of(connection).trouble_if_any();
+  return trouble == nullptr ? NONE : *trouble;
+}
+
+constexpr std::uint64_t LAST = std::numeric_limits<std::uint64_t>::max();
+
+struct OrderRow {
+  std::string_view name;
+  ConnectionChoice::Rank rank;
+};
+
+using Ranks = std::array<std::uint64_t, 2>;
+
+/// The first one is the order that is taken unless the asker names one.
+constexpr std::array<OrderRow, 4> ORDERS{{
+    {"trouble",
+     [](const Connection& c) {
+       return Ranks{trouble_of(c).bad_lines + trouble_of(c).refused_auths,
+                    LAST - c.traffic().last_seen};
+     }},
+    {"records",
+     [](const Connection& c) {
+       return Ranks{counters_of(c).records(), c.traffic().requests};
+     }},
+    {"silent",
+     [](const Connection& c) {
+       return Ranks{LAST - c.traffic().last_seen, 0};
+     }},
+    {"newest",
+     [](const Connection& c) {
+       return Ranks{c.traffic().since, 0};
+     }},
+}};
+
+ConnectionChoice::Rank rank_named(std::string_view name) {
+  for (const OrderRow& row : ORDERS) {
+    if (row.name == name) return row.rank;
+  }
+  throw skein::RequestError(
+      "argument 'order' of request 'status' must be trouble, records, silent or newest");
+}
+
+/// The chosen connections of a group, in order.
+std::vector<const Connection*> choose(const ConnectionGroup& group,
+                                      const ConnectionChoice& choice) {
+  std::vector<const Connection*> all;
+  all.reserve(group.connections.size());
+  for (const auto& connection : group.connections) all.push_back(connection.get());
+  const std::size_t count = std::min(choice.most, all.size());
+  std::partial_sort(
+      all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count), all.end(),
+      [&](const Connection* a, const Connection* b) { return choice.rank(*a) > choice.rank(*b); });
+  all.resize(count);
+  return all;
+}
+
+void write_moment(MsgpackWriter& out, std::uint32_t moment, const skein::Loop& loop) {
+  const std::uint32_t now = loop.seconds();
+  out.real(loop.clocks().wall() - static_cast<double>(now - std::min(now, moment)));
+}
+
+void write_connection(MsgpackWriter& out, const Connection& connection,
+                      const ConnectionGroup& group, const skein::Loop& loop) {
+  const ConnectionCounters& counters = counters_of(connection);
+  const ConnectionCounters::Trouble& trouble = trouble_of(connection);
+  out.map(10).text("address").text(group.address(connection));
+  write_moment(out.text("since"), connection.traffic().since, loop);
+  write_moment(out.text("last_seen"), connection.traffic().last_seen, loop);
+  out.text("requests").natural(connection.traffic().requests);
+  out.text("records").natural(counters.records());
+  out.text("bad_lines").natural(trouble.bad_lines);
+  out.text("last_warning").text(trouble.last_warning);
+  out.text("accepted_auths").natural(counters.accepted_auths());
+  out.text("refused_auths").natural(trouble.refused_auths);
+  out.text("key_ending").text(counters.key_ending());
+}
+
+void write_group(MsgpackWriter& out, const ConnectionGroup& group, const ConnectionChoice& choice,
+                 const skein::Loop& loop) {
+  const auto chosen = choose(group, choice);
+  out.text(group.name).map(2).text("open").natural(group.connections.size());
+  out.text("connections").list(chosen.size());
+  for (const Connection* connection : chosen) write_connection(out, *connection, group, loop);
+}
+
+void write_amount(MsgpackWriter& out, std::string_view name, const Amount& amount) {
+  out.text(name).map(2).text("messages").natural(amount.messages);
+  out.text("bytes").natural(amount.bytes);
+}
+
+void write_database(MsgpackWriter& out, const InfluxDatabase& database) {
+  const WriteCounters& counters = database.counters();
+  out.text(database.name()).map(14);
+  out.text("max_pending").natural(database.max_pending_messages());
+  write_amount(out, "queued", counters.queued);
+  write_amount(out, "in_flight", counters.in_flight);
+  write_amount(out, "sent", counters.sent);
+  write_amount(out, "failed", counters.failed);
+  write_amount(out, "discarded", counters.discarded);
+  out.text("failure_count").integer(database.failure_count());
+  out.text("last_sent_time").real(database.last_sent_time());
+  out.text("largest_body").natural(counters.largest_body);
+  out.text("partial_writes").natural(counters.partial_writes);
+  out.text("dropped_points").natural(counters.dropped_points);
+  out.text("last_failure").text(counters.last_failure ? counters.last_failure->text : "");
+  const double failed_at = counters.last_failure ? counters.last_failure->time : 0;
+  counters.last_failure ? out.text("last_failure_time").real(failed_at)
+                        : out.text("last_failure_time").nil();
+  const auto seconds = database.seconds_until_full();
+  seconds ? out.text("seconds_until_full").real(*seconds) : out.text("seconds_until_full").nil();
+}
+
+void write_databases(MsgpackWriter& out, const InfluxHandler& influx_handler) {
+  out.text("databases").map(influx_handler.databases().size());
+  for (const auto& database : influx_handler.databases()) write_database(out, *database);
+}
+
+void write_totals(MsgpackWriter& out, const InfluxHandler& influx_handler) {
+  const Statistics totals = influx_handler.totals();
+  out.text("totals").map(4);
+  out.text("messages").integer(totals.messages).text("records").integer(totals.records);
+  out.text("accepted_auths").integer(totals.successful_auths);
+  out.text("refused_auths").integer(totals.failed_auths);
+}
+
+}  // namespace
+
+ConnectionChoice ConnectionChoice::of(const skein::Request& request) {
+  ConnectionChoice choice{USUAL_CONNECTIONS, ORDERS.front().rank};
+  if (const auto most = request.args.find("connections")) {
+    if (!most->is(Value::Type::UNSIGNED)) {
+      throw skein::RequestError("argument 'connections' of request 'status' is no number");
+    }
+    choice.most = std::min<std::uint64_t>(most->natural(), MOST_CONNECTIONS);
+  }
+  if (request.args.find("order")) choice.rank = rank_named(request.text("order"));
+  return choice;
+}
+
+MsgpackWriter write_status(const StatusSources& sources, const ConnectionChoice& choice) {
+  const skein::Clocks& clocks = sources.loop.clocks();
+  const std::chrono::duration<double> uptime = clocks.monotonic() - sources.started.monotonic;
+  const std::chrono::duration<double> longest_turn = sources.loop.longest_turn();
+  MsgpackWriter out;
+  out.map(6 + sources.groups.size());
+  out.text("version").text(PELORUS_VERSION);
+  out.text("started").real(sources.started.wall);
+  out.text("uptime").real(uptime.count());
+  out.text("loop_delay").real(longest_turn.count());
+  write_totals(out, sources.influx_handler);
+  write_databases(out, sources.influx_handler);
+  for (const ConnectionGroup& group : sources.groups) {
+    write_group(out, group, choice, sources.loop);
+  }
+  return out;
+}
+
+}  // namespace pelorus
