@@ -1,0 +1,85 @@
+"""The pages say what the programs do: every log line can be looked up, and nothing else stands there;
+settings and their example agree; manual pages are well formed."""
+
+import json
+from pathlib import Path
+import re
+import subprocess
+import tempfile
+import unittest
+
+REPOSITORY = Path(__file__).resolve().parents[2]
+OPERATIONS = REPOSITORY / "doc" / "operations.md"
+LITERAL = r'"((?:[^"\\]|\\.)*)"'
+LOG_CALL = re.compile(r"(?<![\w.>])(?:log::)?(?:debug|info|warning|error|exception)\(\s*"
+                      rf"(?:fmt::format\(\s*)?{LITERAL}")
+
+
+def sources():
+    """Text of all sources, with literals that the compiler joins in one piece."""
+    files = [*(REPOSITORY / "pelorus").rglob("*.cc"), *(REPOSITORY / "skein").rglob("*.cc"),
+             *(REPOSITORY / "pelorus").rglob("*.h")]
+    return re.sub(r'(?<!\\)"\s*\n\s*"', "", "\n".join(file.read_text() for file in files))
+
+
+def spelled(literal):
+    return literal.replace('\\"', '"')
+
+
+def documented_lines():
+    """The log lines that doc/operations.md explains, without a full stop at the end."""
+    section = OPERATIONS.read_text().partition("## Log lines")[2].partition("\n## ")[0]
+    rows = [line.split(" | ") for line in section.splitlines() if line.startswith("|")]
+    titles = [cell.strip("| ") for cell in rows[0]]
+    cells = [row[titles.index("line")] for row in rows[2:] if "line" in titles and len(row) > 2]
+    return [span.rstrip(".") for cell in cells for span in re.findall(r"`([^`]+)`", cell)]
+
+
+def pieces(text, placeholder):
+    return [piece for piece in re.split(placeholder, text) if piece.strip(" .:;()[]\"'")]
+
+
+class Pages(unittest.TestCase):
+    def test_every_log_line_can_be_looked_up(self):
+        lines = documented_lines()
+        logged = {spelled(text).rstrip(".") for text in LOG_CALL.findall(sources())}
+        self.assertGreater(len(logged), 20)
+        for text in sorted(logged):
+            if pieces(text, r"\{[^}]*\}"):  # else the text comes from elsewhere
+                shape = ".+".join(map(re.escape, re.split(r"\{[^}]*\}", text)))
+                with self.subTest(text):
+                    self.assertTrue(any(re.fullmatch(shape, line) for line in lines),
+                                    f"{text!r} stands in no row of {OPERATIONS.name}")
+
+    def test_no_row_tells_of_a_line_that_is_not_logged(self):
+        literals = [re.sub(r"\{[^}]*\}", "…", spelled(text))
+                    for text in re.findall(LITERAL, sources())]
+        for line in documented_lines():
+            longest = max(pieces(re.sub(r"b'.*'", "…", line), "…"), key=len).strip()
+            with self.subTest(line):
+                self.assertTrue(any(longest in text for text in literals), longest)
+
+    def test_example_has_every_setting_that_the_page_lists_and_no_other(self):
+        page = (REPOSITORY / "doc" / "settings.md").read_text()
+        listed = set(re.findall(r"(?m)^\| `([A-Z_]+)` \|", page.partition("## Environment")[0]))
+        example = json.loads((REPOSITORY / "packaging" / "settings.example.json").read_text())
+        self.assertEqual({key for key in example if not key.startswith("_")}, listed)
+        explained = {key.removeprefix("_") for key in example if key.startswith("_")} - {""}
+        self.assertLessEqual(explained, listed)
+        [shown] = re.findall(r"(?s)```json\n(.*?)```", page)
+        self.assertEqual({key: value for key, value in example.items() if key in listed},
+                         json.loads(shown))
+
+    def test_manual_pages_are_well_formed(self):
+        with tempfile.TemporaryDirectory() as folder:
+            subprocess.run([REPOSITORY / "scripts" / "manual", folder], check=True, timeout=60)
+            pages = sorted(path.name for path in Path(folder).rglob("*.[0-9]"))
+            self.assertLessEqual({"pelorus-settings.5", "pelorus.8", "write_skein.5"}, set(pages))
+            for path in Path(folder).rglob("*.[0-9]"):
+                done = subprocess.run(["groff", "-k", "-man", "-t", "-ww", "-z", "-Tutf8", path],
+                                      check=True, timeout=60, stderr=subprocess.PIPE, text=True)
+                self.assertEqual(done.stderr, "")
+
+
+if __name__ == "__main__":
+    unittest.main()
