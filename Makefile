@@ -1,5 +1,5 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo asan bench packages format tidy clean
+.PHONY: build check demo asan bench fuzz packages format tidy clean
 .NOTPARALLEL:
 
 build: packages
@@ -9,6 +9,8 @@ check: build
 	@scripts/format
 	@scripts/tidy build/dev
 	@ctest --preset dev
+	@scripts/build fuzz
+	@ctest --preset fuzz
 
 demo: build
 	@demo/demo.py build/dev
@@ -23,6 +25,12 @@ bench: packages
 	@build/release/bin/pelorus_bench
 	@scripts/build dev
 	@bench/node_latency.py build/dev
+
+# Every fuzz target for so many seconds; `make check` replays their committed inputs.
+fuzz: SECONDS ?= 60
+fuzz: packages
+	@scripts/build fuzz
+	@fuzz/run.py $(SECONDS)
 
 packages:
 	@scripts/install-packages

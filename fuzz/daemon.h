@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/settings.h"
+#include "skein/server.h"
+#include "support/fake_clock.h"
+
+namespace fuzz {
+
+/// The token for the web server, which must never be logged.
+constexpr std::string_view TOKEN = "t0ken-of-the-web-server";
+
+/// What a server of the daemon stands on: its loop, and databases that keep all they get.
+struct Daemon {
+  Daemon();
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  /// Sends the messages that lie behind each other in `values` over one connection that ends then,
+  /// and demands of every server: one reply for each numbered request, in order, up to the first
+  /// message that is none; no connection is left; the token is not logged.
+  void serve(skein::Server& server, std::string_view values);
+
+  /// Messages that wait, of all databases.
+  std::size_t queued() const;
+  void require_unlogged(std::string_view secret) const;
+
+  std::string log;  ///< all that was logged, save debug
+  support::FakeClock clock;
+  skein::Loop loop{clock.clocks()};
+  const pelorus::Settings& settings;
+  pelorus::BufferSettings buffer_settings{.max_pending_messages = 1U << 20,
+                                          .max_buffer_time = 1e9,
+                                          .ideal_queued_messages = 1U << 20,
+                                          .max_batch_size = 1U << 20,
+                                          .discard_size = 1};
+  pelorus::InfluxHandler handler;
+};
+
+}  // namespace fuzz

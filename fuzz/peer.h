@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "skein/loops.h"
+#include "skein/server.h"
+#include "skein/socket.h"
+
+namespace fuzz {
+
+/// A peer of a server in this process. The network is left out: what the server accepts is one end
+/// of a socket pair, and its listening socket is neither bound nor does it listen. The connection
+/// that serves it is the real one.
+class Peer {
+ public:
+  Peer(skein::Server& server, skein::Loop& loop);
+
+  /// Sends the bytes and lets the loop turn, so that they are read by themselves.
+  void send(std::string_view bytes);
+  /// Sends no more, and turns the loop until the server has ended the connection.
+  void finish();
+
+  /// All that came back.
+  const std::string& received() const noexcept { return received_; }
+  /// The messages in it, decompressed. A broken frame is a finding.
+  std::vector<std::string> messages() const;
+
+ private:
+  bool receive();
+
+  skein::Loop& loop_;
+  skein::Socket socket_;
+  std::string received_;
+};
+
+/// A message as it goes over the wire.
+std::string frame(std::string_view message);
+
+/// Takes one MessagePack value off the front of `bytes`; the whole rest where none begins there.
+std::string_view take_value(std::string_view& bytes);
+
+}  // namespace fuzz

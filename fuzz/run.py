@@ -1,0 +1,110 @@
+#!/usr/bin/python3
+"""Runs the fuzz targets of build/fuzz and prints what came of it.
+
+run.py SECONDS [TARGET...]   each target for SECONDS; new inputs go to build/fuzz/corpus, those
+                             that break something to build/fuzz/findings. Exit status 1 with one.
+run.py keep [TARGET...]      replaces the committed inputs, save seeds, by the fewest of theirs and
+                             of build/fuzz/corpus that reach the same code.
+"""
+import argparse
+import concurrent.futures
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+
+FUZZ = pathlib.Path(__file__).resolve().parent
+BUILD = FUZZ.parent / "build/fuzz"
+COMMITTED = FUZZ / "corpus"
+DICTIONARIES = {
+    "requests": ["frames", "local_requests", "node_requests", "submit"],
+    "graphite": ["translate", "graphite_block", "remainder"],
+    "http": ["http_response"],
+    "json": ["key_answer", "settings"],
+    None: ["write_buffer"],
+}
+TARGETS = {target: name for name, targets in DICTIONARIES.items() for target in targets}
+LONGEST_INPUT = 4096  # bytes
+LONGEST_EXECUTION = 10  # seconds
+KEPT_BYTES = 4096  # longest input that is committed
+
+
+def run(target, *arguments):
+    """The exit status of a target and all that it printed."""
+    command = [BUILD / "bin" / f"fuzz_{target}", *arguments]
+    result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    return result.returncode, result.stdout.decode(errors="replace")
+
+
+def fuzz(target, seconds):
+    """One row of the table, and the report of a finding."""
+    found, findings = BUILD / "corpus" / target, BUILD / "findings" / target
+    for folder in (found, findings):
+        folder.mkdir(parents=True, exist_ok=True)
+    arguments = [f"-max_total_time={seconds}", f"-timeout={LONGEST_EXECUTION}",
+                 f"-max_len={LONGEST_INPUT}", "-print_final_stats=1", "-verbosity=0",
+                 f"-artifact_prefix={findings}/"]
+    if TARGETS[target]:
+        arguments.append(f"-dict={FUZZ / 'dictionaries' / TARGETS[target]}.dict")
+    before = set(findings.iterdir())
+    status, printed = run(target, *arguments, found, COMMITTED / target)
+    new = sorted(set(findings.iterdir()) - before)
+    stats = dict(re.findall(r"stat::(\w+): *(\d+)", printed))
+    row = [target] + [stats.get(name, "?") for name in (
+        "number_of_executed_units", "average_exec_per_sec", "new_units_added")]
+    report = "" if status == 0 else f"== {target}\n{printed}\n{''.join(f'{f}{chr(10)}' for f in new)}"
+    return row + [str(max(len(new), status != 0))], report
+
+
+def keep(target):
+    """Minimises the committed corpus of a target."""
+    kept = BUILD / "kept" / target
+    shutil.rmtree(kept, ignore_errors=True)
+    kept.mkdir(parents=True)
+    sources = [folder for folder in (COMMITTED / target, BUILD / "corpus" / target)
+               if folder.is_dir()]
+    status, printed = run(target, "-set_cover_merge=1", "-use_counters=0",
+                          f"-max_len={KEPT_BYTES}", kept, *sources)
+    if status != 0:
+        sys.exit(f"== {target}\n{printed}")
+    for replaced in COMMITTED.glob(f"{target}/*"):
+        if not replaced.name.startswith("seed"):
+            replaced.unlink()
+    shutil.copytree(kept, COMMITTED / target, dirs_exist_ok=True)
+    inputs = list((COMMITTED / target).iterdir())
+    print(f"{target:16} {len(inputs):5} inputs {sum(i.stat().st_size for i in inputs):7} bytes")
+
+
+def print_table(rows):
+    print(f"{'target':16} {'executions':>12} {'a second':>10} {'new inputs':>10} {'findings':>8}")
+    for target, executions, rate, new, findings in rows:
+        print(f"{target:16} {executions:>12} {rate:>10} {new:>10} {findings:>8}")
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("what")
+    parser.add_argument("targets", nargs="*")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="targets at a time")
+    arguments = parser.parse_args()
+    targets = arguments.targets or list(TARGETS)
+    if not set(targets) <= set(TARGETS):
+        parser.error(f"the targets are {', '.join(TARGETS)}")
+    if arguments.what == "keep":
+        for target in targets:
+            keep(target)
+        return 0
+    if not arguments.what.isdecimal():
+        parser.error(f"'{arguments.what}' is no number of seconds")
+    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+        results = list(pool.map(lambda target: fuzz(target, int(arguments.what)), targets))
+    for _, report in results:
+        print(report, end="")
+    print_table(row for row, _ in results)
+    return 1 if any(report for _, report in results) else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
