@@ -1,10 +1,26 @@
 // The block path beside the least that any program has to do with the same lines: find their ends,
 // split them in three fields, and copy out as many bytes.
+//
+//   pelorus_bench [--pairs N] [LINES...]
+//
+// One row for each count of lines in a block (1000 and 24 unless told): both sides take the whole
+// corpus in turn, N times (15 unless told). A row is one line of JSON on standard output:
+//   {"lines_per_block": 1000, "pairs": 15, "floor_ns": …, "add_graphite_ns": …,
+//    "ratio": …, "ratio_low": …, "ratio_high": …}
+// Nanoseconds are CPU time per line (user and system), medians over the pairs; the ratio is the
+// median of the pairs' ratios, low and high their quartiles. The corpus is bench/corpus.h's.
 
-#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <malloc.h>
 #include <spdlog/sinks/null_sink.h>
+#include <time.h>
 
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "bench/corpus.h"
@@ -13,12 +29,12 @@
 
 namespace {
 
-void report_lines(benchmark::State& state, std::size_t lines, std::size_t bytes_out) {
-  const auto rounds = static_cast<double>(state.iterations());
-  state.counters["ns/line"] =
-      benchmark::Counter(rounds * static_cast<double>(lines) * 1e-9,
-                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-  state.counters["bytes/line"] = static_cast<double>(bytes_out) / static_cast<double>(lines);
+using Blocks = std::vector<std::string_view>;
+
+double cpu_nanoseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
 /// Finds the next `wanted` from `at`, or `end`.
@@ -33,7 +49,8 @@ char* copy(char* out, const char* begin, const char* end) {
   return out + size;
 }
 
-char* scan_split_copy(std::string_view block, char* out) {
+/// Returns the end of what it wrote: about as much as the records of the block are.
+[[gnu::noinline]] char* scan_split_copy(std::string_view block, char* out) {
   const char* const end = block.data() + block.size();
   for (const char* line = block.data(); line != end;) {
     const char* const line_end = find(line, end, '\n');
@@ -49,55 +66,93 @@ char* scan_split_copy(std::string_view block, char* out) {
   return out;
 }
 
-void BM_ScanSplitCopy(benchmark::State& state) {
-  const auto blocks = bench::blocks_of(static_cast<std::size_t>(state.range(0)));
-  std::vector<char> out(64U << 20);
-  std::size_t bytes_out = 0;
-  for (auto _ : state) {
-    bytes_out = 0;
-    for (const auto block : blocks) {
-      char* const end = scan_split_copy(block, out.data());
-      benchmark::DoNotOptimize(out.data());
-      benchmark::ClobberMemory();
-      bytes_out += static_cast<std::size_t>(end - out.data());
-    }
-  }
-  report_lines(state, bench::line_count(blocks), bytes_out);
+/// The daemon's handler, with buffers that never write and hold no more than a few messages.
+class Handler {
+ public:
+  void add(std::string_view block) { handler_.add_graphite("bonding", block); }
+
+ private:
+  skein::Loop loop_;
+  const pelorus::BufferSettings buffer_settings_{.max_pending_messages = 20,
+                                                 .max_buffer_time = 1e9,
+                                                 .ideal_queued_messages = 1000,
+                                                 .max_batch_size = 1000,
+                                                 .discard_size = 20};
+  const pelorus::InfluxConnection connection_{};
+  const std::vector<std::string> names_{"tidewell", "bonding"};
+  pelorus::InfluxHandler handler_{names_,
+                                  [this](const std::string& name) {
+                                    return std::make_unique<pelorus::InfluxDatabase>(
+                                        name, buffer_settings_, connection_, loop_);
+                                  },
+                                  loop_};
+};
+
+/// Calls `work` with each block; CPU nanoseconds per line.
+template <class Work>
+double per_line(const Blocks& blocks, std::size_t lines, Work work) {
+  const double begin = cpu_nanoseconds();
+  for (const auto block : blocks) work(block);
+  return (cpu_nanoseconds() - begin) / static_cast<double>(lines);
 }
 
-void BM_AddGraphite(benchmark::State& state) {
-  using namespace pelorus;
-  log::set_sink(std::make_shared<spdlog::sinks::null_sink_st>());
-  log::logger().set_level(spdlog::level::err);
-  const auto blocks = bench::blocks_of(static_cast<std::size_t>(state.range(0)));
-  skein::Loop loop;
-  const BufferSettings buffer_settings{.max_pending_messages = 20,
-                                       .max_buffer_time = 1e9,
-                                       .ideal_queued_messages = 1000,
-                                       .max_batch_size = 1000,
-                                       .discard_size = 20};
-  const InfluxConnection connection{};
-  const std::vector<std::string> names{"tidewell", "bonding"};
-  InfluxHandler handler(
-      names,
-      [&](const std::string& name) {
-        return std::make_unique<InfluxDatabase>(name, buffer_settings, connection, loop);
-      },
-      loop);
-  for (auto _ : state) {
-    for (const auto block : blocks) handler.add_graphite("bonding", block);
-  }
-  GraphiteMessage message;
-  class Silent : public BadLineReporter {
-    void improperly_formatted(std::string_view) override {}
-    void not_translated(std::string_view, translate::Outcome) override {}
-  } silent;
-  std::size_t bytes_out = 0;
-  for (const auto block : blocks) bytes_out += message.build(block, silent).message.size();
-  report_lines(state, bench::line_count(blocks), bytes_out);
+double quantile(std::vector<double> values, double share) {
+  std::ranges::sort(values);
+  return values[static_cast<std::size_t>(share * static_cast<double>(values.size() - 1) + 0.5)];
 }
 
-BENCHMARK(BM_ScanSplitCopy)->Arg(1000)->Arg(24)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_AddGraphite)->Arg(1000)->Arg(24)->Unit(benchmark::kMillisecond);
+void measure(std::size_t lines_per_block, int pairs) {
+  const Blocks blocks = bench::blocks_of(lines_per_block);
+  const std::size_t lines = bench::line_count(blocks);
+  std::vector<char> out(2 * blocks.front().size() + (1U << 20));
+  Handler handler;
+  std::vector<double> floors;
+  std::vector<double> figures;
+  std::vector<double> ratios;
+  for (int pair = -1; pair < pairs; ++pair) {  // the first one warms up
+    const double floor = per_line(blocks, lines, [&](std::string_view block) {
+      const char* const end = scan_split_copy(block, out.data());
+      asm volatile("" : : "r"(end) : "memory");  // what is written counts as read
+    });
+    const double figure =
+        per_line(blocks, lines, [&](std::string_view block) { handler.add(block); });
+    if (pair < 0) continue;
+    floors.push_back(floor);
+    figures.push_back(figure);
+    ratios.push_back(figure / floor);
+  }
+  fmt::print(
+      "{{\"lines_per_block\": {}, \"pairs\": {}, \"floor_ns\": {:.1f}, \"add_graphite_ns\": "
+      "{:.1f}, "
+      "\"ratio\": {:.3f}, \"ratio_low\": {:.3f}, \"ratio_high\": {:.3f}}}\n",
+      lines_per_block, pairs, quantile(floors, 0.5), quantile(figures, 0.5), quantile(ratios, 0.5),
+      quantile(ratios, 0.25), quantile(ratios, 0.75));
+  std::fflush(stdout);
+}
+
+int number(const std::string& text) {
+  int value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc{} || end != text.data() + text.size() || value < 1) {
+    fmt::print(stderr, "pelorus_bench: '{}' is no whole number above 0\n", text);
+    std::exit(2);
+  }
+  return value;
+}
 
 }  // namespace
+
+int main(int argc, char** argv) {
+  pelorus::log::set_sink(std::make_shared<spdlog::sinks::null_sink_st>());
+  pelorus::log::logger().set_level(spdlog::level::err);
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  int pairs = 15;
+  if (arguments.size() > 1 && arguments.front() == "--pairs") {
+    pairs = number(arguments[1]);
+    arguments.erase(arguments.begin(), arguments.begin() + 2);
+  }
+  if (arguments.empty()) arguments = {"1000", "24"};
+  for (const std::string& lines : arguments) {
+    measure(static_cast<std::size_t>(number(lines)), pairs);
+  }
+}

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "pelorus/translate/rules.h"
@@ -16,9 +19,6 @@ struct RuleRow {
   std::string_view literal;
   Rule rule;
 
-  constexpr bool matches(std::string_view plugin) const noexcept {
-    return test == RuleTest::STARTS_WITH ? plugin.starts_with(literal) : plugin == literal;
-  }
   /// Whether every part that `later` takes is taken here already.
   constexpr bool hides(const RuleRow& later) const noexcept {
     return test == RuleTest::STARTS_WITH ? later.literal.starts_with(literal)
@@ -69,30 +69,71 @@ consteval bool every_row_reachable() {
 }
 static_assert(every_row_reachable());
 
-/// The rows whose literal begins with a given byte, in the order of the table. As every literal
-/// begins with some byte, looking at these alone finds the same row as looking at all.
-struct RowsOfByte {
-  std::uint8_t count = 0;
-  std::array<std::uint8_t, 5> rows{};
+/// A row whose literal's first bytes are compared as one word: most rows are told by these alone.
+struct WordRow {
+  static constexpr std::size_t BYTES = 8;
+  static_assert(BYTES <= PIECE_SLACK);
+
+  RuleRow row;
+  std::uint64_t word;  ///< the first bytes
+  std::uint64_t mask;  ///< which of them the literal has
+
+  bool matches(std::uint64_t first_bytes, Piece plugin) const noexcept {
+    const std::size_t size = row.literal.size();
+    if ((first_bytes & mask) != word) return false;
+    if (row.test == EQUALS ? plugin.size != size : plugin.size < size) return false;
+    return size <= BYTES ||
+           std::memcmp(plugin.data + BYTES, row.literal.data() + BYTES, size - BYTES) == 0;
+  }
 };
 
-consteval std::array<RowsOfByte, 256> rows_by_first_byte() {
-  std::array<RowsOfByte, 256> index{};
-  for (std::size_t row = 0; row < RULES.size(); ++row) {
-    RowsOfByte& of_byte = index[static_cast<unsigned char>(RULES[row].literal.front())];
-    of_byte.rows.at(of_byte.count++) = static_cast<std::uint8_t>(row);
+consteval WordRow word_row(const RuleRow& row) {
+  std::array<unsigned char, WordRow::BYTES> word{};
+  std::array<unsigned char, WordRow::BYTES> mask{};
+  for (std::size_t i = 0; i < std::min(row.literal.size(), WordRow::BYTES); ++i) {
+    word[i] = static_cast<unsigned char>(row.literal[i]);
+    mask[i] = 0xFF;
   }
-  return index;
+  return {row, std::bit_cast<std::uint64_t>(word), std::bit_cast<std::uint64_t>(mask)};
 }
 
-/// The rule for a plugin part; null when no row matches.
+/// The table as it is looked up: the rows whose literal begins with a given byte stand together, in
+/// the order of the table. As every literal begins with some byte, looking at these alone finds the
+/// same row as looking at all.
+struct RulesByFirstByte {
+  struct Range {
+    std::uint8_t begin = 0;
+    std::uint8_t end = 0;
+  };
+  std::array<WordRow, RULES.size()> rows;
+  std::array<Range, 256> of_byte{};
+};
+
+consteval RulesByFirstByte rules_by_first_byte() {
+  RulesByFirstByte by_byte{};
+  std::uint8_t row_count = 0;
+  for (std::size_t byte = 0; byte < 256; ++byte) {
+    by_byte.of_byte[byte].begin = row_count;
+    for (const RuleRow& row : RULES) {
+      if (static_cast<unsigned char>(row.literal.front()) == byte) {
+        by_byte.rows[row_count++] = word_row(row);
+      }
+    }
+    by_byte.of_byte[byte].end = row_count;
+  }
+  return by_byte;
+}
+
+/// The rule for a plugin part, which has PIECE_SLACK readable bytes behind its begin; null when no
+/// row matches.
 inline Rule choose_rule(Piece plugin) noexcept {
-  static constexpr auto INDEX = rows_by_first_byte();
-  if (plugin.size == 0) return nullptr;
-  const RowsOfByte& of_byte = INDEX[static_cast<unsigned char>(*plugin.data)];
-  for (std::size_t i = 0; i < of_byte.count; ++i) {
-    const RuleRow& row = RULES[of_byte.rows[i]];
-    if (row.matches(plugin.view())) return row.rule;
+  static constexpr RulesByFirstByte BY_BYTE = rules_by_first_byte();
+  std::uint64_t first_bytes = 0;
+  std::memcpy(&first_bytes, plugin.data, sizeof first_bytes);
+  const auto range = BY_BYTE.of_byte[static_cast<unsigned char>(*plugin.data)];
+  for (std::size_t i = range.begin; i != range.end; ++i) {
+    const WordRow& row = BY_BYTE.rows[i];
+    if (row.matches(first_bytes, plugin)) return row.row.rule;
   }
   return nullptr;
 }

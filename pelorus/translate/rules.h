@@ -1,46 +1,54 @@
 #pragma once
 
-#include "pelorus/translate/series.h"
+#include "pelorus/translate/parts.h"
+#include "pelorus/translate/record.h"
 
-// One rule per plugin. Each adds its tags to those it is given and names measurement and field key;
-// the parts begin with the plugin part. Fixed offsets are applied blindly: collectd's naming is
-// taken for granted, whatever bytes stand there. No state, nothing is thrown.
-namespace translate::rules {
+// One rule per plugin. Each names its record's measurement, field key and tags, in this order; the
+// parts begin with the plugin part. Fixed offsets are applied blindly: collectd's naming is taken
+// for granted, whatever bytes stand there. No state, nothing is thrown.
+namespace translate {
 
-Match aggfail(Tags& tags, Parts& parts);
-Match aggregator(Tags& tags, Parts& parts);
-Match aggregation_cpu_average(Tags& tags, Parts& parts);
-Match bridge(Tags& tags, Parts& parts);
-Match conntrack(Tags& tags, Parts& parts);
-Match cpu(Tags& tags, Parts& parts);
-Match cpufreq(Tags& tags, Parts& parts);
-Match df(Tags& tags, Parts& parts);
-Match disk(Tags& tags, Parts& parts);
-Match entropy(Tags& tags, Parts& parts);
-Match filecount_influxdb(Tags& tags, Parts& parts);
-Match interface(Tags& tags, Parts& parts);
-Match irq(Tags& tags, Parts& parts);
-Match load(Tags& tags, Parts& parts);
-Match link_packet_loss(Tags& tags, Parts& parts);
-Match memory(Tags& tags, Parts& parts);
-Match nginx(Tags& tags, Parts& parts);
-Match ntpd(Tags& tags, Parts& parts);
-Match postgresql(Tags& tags, Parts& parts);
-Match process(Tags& tags, Parts& parts);
-Match processes(Tags& tags, Parts& parts);
-Match redis(Tags& tags, Parts& parts);
-Match status(Tags& tags, Parts& parts);
-Match swap(Tags& tags, Parts& parts);
-Match tunnel(Tags& tags, Parts& parts);
+using Rule = Outcome (*)(Record& record, Parts& parts);
+
+namespace rules {
+
+Outcome aggfail(Record& record, Parts& parts);
+Outcome aggregator(Record& record, Parts& parts);
+Outcome aggregation_cpu_average(Record& record, Parts& parts);
+Outcome bridge(Record& record, Parts& parts);
+Outcome conntrack(Record& record, Parts& parts);
+Outcome cpu(Record& record, Parts& parts);
+Outcome cpufreq(Record& record, Parts& parts);
+Outcome df(Record& record, Parts& parts);
+Outcome disk(Record& record, Parts& parts);
+Outcome entropy(Record& record, Parts& parts);
+Outcome filecount_influxdb(Record& record, Parts& parts);
+Outcome interface(Record& record, Parts& parts);
+Outcome irq(Record& record, Parts& parts);
+Outcome load(Record& record, Parts& parts);
+Outcome link_packet_loss(Record& record, Parts& parts);
+Outcome memory(Record& record, Parts& parts);
+Outcome nginx(Record& record, Parts& parts);
+Outcome ntpd(Record& record, Parts& parts);
+Outcome postgresql(Record& record, Parts& parts);
+Outcome process(Record& record, Parts& parts);
+Outcome processes(Record& record, Parts& parts);
+Outcome redis(Record& record, Parts& parts);
+Outcome status(Record& record, Parts& parts);
+Outcome swap(Record& record, Parts& parts);
+Outcome tunnel(Record& record, Parts& parts);
+Outcome uptime(Record& record, Parts& parts);
+Outcome vmem(Record& record, Parts& parts);
+
 // These run behind `tunnel`, on the parts behind the plugin part.
-Match tunnel_interface_statistics(Tags& tags, Parts& parts);
-Match tunnel_balancer(Tags& tags, Parts& parts);
-Match tunnel_compressor(Tags& tags, Parts& parts);
-Match tunnel_link(Tags& tags, Parts& parts);
-Match tunnel_packet_protocols(Tags& tags, Parts& parts);
-Match tunnel_reorderer(Tags& tags, Parts& parts);
-Match tunnel_statistics(Tags& tags, Parts& parts);
-Match uptime(Tags& tags, Parts& parts);
-Match vmem(Tags& tags, Parts& parts);
+using TunnelTag = Tag<"tunnel">;
+Outcome tunnel_interface_statistics(Record& record, Parts& parts, TunnelTag tunnel);
+Outcome tunnel_balancer(Record& record, Parts& parts, TunnelTag tunnel);
+Outcome tunnel_compressor(Record& record, Parts& parts, TunnelTag tunnel);
+Outcome tunnel_link(Record& record, Parts& parts, TunnelTag tunnel);
+Outcome tunnel_packet_protocols(Record& record, Parts& parts, TunnelTag tunnel);
+Outcome tunnel_reorderer(Record& record, Parts& parts, TunnelTag tunnel);
+Outcome tunnel_statistics(Record& record, Parts& parts, TunnelTag tunnel);
 
-}  // namespace translate::rules
+}  // namespace rules
+}  // namespace translate

@@ -8,10 +8,12 @@ using namespace literals;
 
 namespace {
 
+using TunnelRule = Outcome (*)(Record& record, Parts& parts, TunnelTag tunnel);
+
 /// One row of a choice by the first byte of a part.
 struct SelectorRow {
   char selector;
-  Rule rule;
+  TunnelRule rule;
 };
 
 constexpr std::array<SelectorRow, 6> TUNNEL_RULES{{
@@ -23,154 +25,162 @@ constexpr std::array<SelectorRow, 6> TUNNEL_RULES{{
     {'b', tunnel_balancer},
 }};
 
-using BridgeChoice = Match (*)(Parts& parts);
+using BridgeTag = Tag<"bridge">;
 
 /// One row of a choice by the whole of a part.
 struct BridgeRow {
   std::string_view type;
-  BridgeChoice choice;
+  Outcome (*rule)(Record& record, Parts& parts, BridgeTag bridge);
 };
 
-constexpr std::array<BridgeRow, 6> BRIDGE_CHOICES{{
+constexpr std::array<BridgeRow, 6> BRIDGE_RULES{{
     {"failures",
-     [](Parts& parts) {
-       return Match{"bridge_failures"_p, parts[2]};
+     [](Record& record, Parts& parts, BridgeTag bridge) {
+       return record.write("bridge_failures"_p, parts[2], bridge);
      }},
     {"local_message_queue_size",
-     [](Parts&) {
-       return Match{"bridge_local_message_queue"_p, "size"_p};
+     [](Record& record, Parts&, BridgeTag bridge) {
+       return record.write("bridge_local_message_queue"_p, "size"_p, bridge);
      }},
     {"open_connections",
-     [](Parts&) {
-       return Match{"bridge_connections"_p, "open"_p};
+     [](Record& record, Parts&, BridgeTag bridge) {
+       return record.write("bridge_connections"_p, "open"_p, bridge);
      }},
     {"outside_connection_queues",
-     [](Parts& parts) {
+     [](Record& record, Parts& parts, BridgeTag bridge) {
        // The single gauge of the older form has no name of its own.
        const Piece name = parts[2];
-       return Match{"bridge_outside_connection_queues"_p, name == "value" ? "legacy"_p : name};
+       return record.write("bridge_outside_connection_queues"_p,
+                           name == "value" ? "legacy"_p : name, bridge);
      }},
     {"pending_connections",
-     [](Parts&) {
-       return Match{"bridge_connections"_p, "pending"_p};
+     [](Record& record, Parts&, BridgeTag bridge) {
+       return record.write("bridge_connections"_p, "pending"_p, bridge);
      }},
     {"traffic_bytes",
-     [](Parts& parts) {
+     [](Record& record, Parts& parts, BridgeTag bridge) {
        const Piece name = parts[2];  // outside_tx → bridge_outside_bytes tx
-       return Match{Text("bridge_"_p, without_last(name, 3), "_bytes"_p), last(name, 2)};
+       return record.write(text("bridge_"_p, without_last(name, 3), "_bytes"_p), last(name, 2),
+                           bridge);
      }},
 }};
 
 }  // namespace
 
 // tunnel-4.… → tunnel=4, and a rule for what is behind it
-Match tunnel(Tags& tags, Parts& parts) {
-  tags.set("tunnel"_p, past(parts[0], "tunnel-"));
+Outcome tunnel(Record& record, Parts& parts) {
+  const auto id = tag<"tunnel">(past(parts[0], "tunnel-"));
   parts.remove_first();
   const Piece type = parts[0];
-  if (parts[1] == "interface_statistics") return tunnel_interface_statistics(tags, parts);
-  if (type.size == 0) return no_match();
+  if (parts[1] == "interface_statistics") return tunnel_interface_statistics(record, parts, id);
+  if (type.size == 0) return Outcome::REFUSED;
   for (const SelectorRow& row : TUNNEL_RULES) {
-    if (row.selector == *type.data) return row.rule(tags, parts);
+    if (row.selector == *type.data) return row.rule(record, parts, id);
   }
-  return no_match();
+  return Outcome::REFUSED;
 }
 
 // link-2.interface_statistics.rx_packets → link_interface_statistics,link=2 rx_packets
-// Kept: the tag's key comes from the data, the text before the dash.
-Match tunnel_interface_statistics(Tags& tags, Parts& parts) {
+// Kept: the tag's key comes from the data, the text before the dash. A key that is there already
+// keeps its place and gets the new value.
+Outcome tunnel_interface_statistics(Record& record, Parts& parts, TunnelTag tunnel) {
   const auto pieces = split_at_dash(parts[0]);
-  if (!pieces) return {.outcome = Outcome::NOT_TWO_PIECES};
+  if (!pieces) return Outcome::NOT_TWO_PIECES;
   const auto [kind, instance] = *pieces;
-  tags.set(kind, instance);
-  return Match{Text(kind, "_interface_statistics"_p), parts[2]};
+  const auto measurement = text(kind, "_interface_statistics"_p);
+  if (kind == "tunnel") return record.write(measurement, parts[2], tag<"tunnel">(instance));
+  if (kind == "node" && record.has_node()) {
+    record.set_node(instance);
+    return record.write(measurement, parts[2], tunnel);
+  }
+  return record.write(measurement, parts[2], tunnel, tag(kind, instance));
 }
 
 // link_2.latency.value → link_latency,link=2 value
-Match tunnel_link(Tags& tags, Parts& parts) {
-  tags.set("link"_p, past(parts[0], "link_"));
-  parts.remove_first();
-  const Piece type = parts[0];
-  return Match{starts_with(type, "link_") ? Text(type) : Text("link_"_p, type), parts[1]};
+Outcome tunnel_link(Record& record, Parts& parts, TunnelTag tunnel) {
+  const auto link = tag<"link">(past(parts[0], "link_"));
+  const Piece type = parts[1];
+  const Piece key = parts[2];
+  if (starts_with(type, "link_")) return record.write(type, key, tunnel, link);
+  return record.write(text("link_"_p, type), key, tunnel, link);
 }
 
 // tun_traffic.rx → tunnel_traffic rx
-Match tunnel_statistics(Tags&, Parts& parts) {
+Outcome tunnel_statistics(Record& record, Parts& parts, TunnelTag tunnel) {
   const Piece type = parts[0];
-  return Match{starts_with(type, "tun_") ? Text("tunnel_"_p, past(type, "tun_")) : Text(type),
-               parts[1]};
+  if (!starts_with(type, "tun_")) return record.write(type, parts[1], tunnel);
+  return record.write(text("tunnel_"_p, past(type, "tun_")), parts[1], tunnel);
 }
 
 // reorderer.drops.count → tunnel_reorderer_drops count
-Match tunnel_reorderer(Tags&, Parts& parts) {
-  return Match{Text("tunnel_reorderer_"_p, parts[1]), parts[2]};
+Outcome tunnel_reorderer(Record& record, Parts& parts, TunnelTag tunnel) {
+  return record.write(text("tunnel_reorderer_"_p, parts[1]), parts[2], tunnel);
 }
 
 // compressor.ratios.in → tunnel_compressor_ratio in
 // Kept: one byte, the plural's "s", goes here and not in tunnel_reorderer.
-Match tunnel_compressor(Tags&, Parts& parts) {
-  return Match{Text("tunnel_compressor_"_p, without_last(parts[1], 1)), parts[2]};
+Outcome tunnel_compressor(Record& record, Parts& parts, TunnelTag tunnel) {
+  return record.write(text("tunnel_compressor_"_p, without_last(parts[1], 1)), parts[2], tunnel);
 }
 
 // packet_protocols_udp.value → tunnel_packet_protocols udp
-Match tunnel_packet_protocols(Tags&, Parts& parts) {
-  return Match{"tunnel_packet_protocols"_p, past(parts[0], "packet_protocols_")};
+Outcome tunnel_packet_protocols(Record& record, Parts& parts, TunnelTag tunnel) {
+  return record.write("tunnel_packet_protocols"_p, past(parts[0], "packet_protocols_"), tunnel);
 }
 
 // balancer.flows.active.value → tunnel_balancer_flows active
-Match tunnel_balancer(Tags&, Parts& parts) {
-  return Match{"tunnel_balancer_flows"_p, parts.last_but_one()};
+Outcome tunnel_balancer(Record& record, Parts& parts, TunnelTag tunnel) {
+  return record.write("tunnel_balancer_flows"_p, parts.last_but_one(), tunnel);
 }
 
 // link-7.packet_loss.value → link_packet_loss,link=7 value
-Match link_packet_loss(Tags& tags, Parts& parts) {
-  tags.set("link"_p, past(parts[0], "link-"));
-  return Match{"link_packet_loss"_p, "value"_p};
+Outcome link_packet_loss(Record& record, Parts& parts) {
+  return record.write("link_packet_loss"_p, "value"_p, tag<"link">(past(parts[0], "link-")));
 }
 
 // aggregation-cpu-average.cpu-idle → aggregation_cpu_average idle
-Match aggregation_cpu_average(Tags&, Parts& parts) {
-  return Match{"aggregation_cpu_average"_p, past(parts[1], "cpu-")};
+Outcome aggregation_cpu_average(Record& record, Parts& parts) {
+  return record.write("aggregation_cpu_average"_p, past(parts[1], "cpu-"));
 }
 
 // aggregator.tun_sent.bytes → aggregator_tunnel_sent bytes; aggregator.flows.open →
 // aggregator_flows
-Match aggregator(Tags&, Parts& parts) {
+Outcome aggregator(Record& record, Parts& parts) {
   const Piece type = parts[1];
-  return Match{starts_with(type, "tun") ? Text("aggregator_tunnel_"_p, past(type, "tun_"))
-                                        : Text("aggregator_"_p, type),
-               parts[2]};
+  return record.write(starts_with(type, "tun") ? text("aggregator_tunnel_"_p, past(type, "tun_"))
+                                               : text("aggregator_"_p, type),
+                      parts[2]);
 }
 
 // aggfail.gauge-link1_failed_checks → aggfail link1_failures
 // Kept: cut by the marker's length at the end, wherever the marker stands.
-Match aggfail(Tags&, Parts& parts) {
+Outcome aggfail(Record& record, Parts& parts) {
   constexpr std::string_view FAILED = "failed_checks";
   constexpr std::string_view SUCCESSFUL = "successful_checks";
   const Piece name = past(parts[1], "gauge-");
   if (name.view().find(FAILED) != std::string_view::npos) {
-    return Match{parts[0], Text(without_last(name, FAILED.size()), "failures"_p)};
+    return record.write(parts[0], text(without_last(name, FAILED.size()), "failures"_p));
   }
   if (name.view().find(SUCCESSFUL) != std::string_view::npos) {
-    return Match{parts[0], Text(without_last(name, SUCCESSFUL.size()), "successes"_p)};
+    return record.write(parts[0], text(without_last(name, SUCCESSFUL.size()), "successes"_p));
   }
-  return Match{parts[0], name};
+  return record.write(parts[0], name);
 }
 
 // status.config_updates.sent → config_updates sent
-Match status(Tags&, Parts& parts) {
-  if (!starts_with(parts[1], "config_updates")) return no_match();
-  return Match{"config_updates"_p, parts[2]};
+Outcome status(Record& record, Parts& parts) {
+  if (!starts_with(parts[1], "config_updates")) return Outcome::REFUSED;
+  return record.write("config_updates"_p, parts[2]);
 }
 
 // bridge-main.open_connections.value → bridge_connections,bridge=main open
-Match bridge(Tags& tags, Parts& parts) {
-  tags.set("bridge"_p, past(parts[0], "bridge-"));
+Outcome bridge(Record& record, Parts& parts) {
+  const auto id = tag<"bridge">(past(parts[0], "bridge-"));
   const Piece type = parts[1];
-  for (const BridgeRow& row : BRIDGE_CHOICES) {
-    if (type.view() == row.type) return row.choice(parts);
+  for (const BridgeRow& row : BRIDGE_RULES) {
+    if (type.view() == row.type) return row.rule(record, parts, id);
   }
-  return no_match();
+  return Outcome::REFUSED;
 }
 
 }  // namespace translate::rules

@@ -8,15 +8,13 @@
 namespace translate {
 namespace {
 
-using namespace literals;
-
 constexpr std::size_t SOURCE_TYPE_BYTES = 4;
 
 /// The first part names who sent the value: "node" + identifier, or "m…" for a host.
-Outcome read_source(Piece source, Tags& tags) noexcept {
+Outcome read_source(Piece source, Record& record) noexcept {
   if (source.size < SOURCE_TYPE_BYTES) return Outcome::SHORT_SOURCE;
   if (*source.data == 'n') {
-    tags.set("node"_p, Piece{source.data + SOURCE_TYPE_BYTES, source.size - SOURCE_TYPE_BYTES});
+    record.set_node({source.data + SOURCE_TYPE_BYTES, source.size - SOURCE_TYPE_BYTES});
   } else if (*source.data != 'm') {
     return Outcome::INVALID_SOURCE_TYPE;
   }
@@ -38,17 +36,6 @@ std::string reason(Outcome outcome, std::string_view series) {
   }
 }
 
-/// A part that is missing comes before whatever else the rule made of the name.
-Match checked(Rule rule, Tags& tags, Parts& parts) noexcept {
-  Match match = rule(tags, parts);
-  if (parts.fault() != Outcome::TRANSLATED) {
-    match.outcome = parts.fault();
-  } else if (match.outcome == Outcome::TRANSLATED && match.key.empty()) {
-    match.outcome = Outcome::KEY_MISSING;
-  }
-  return match;
-}
-
 }  // namespace
 
 std::string failure_text(Outcome outcome, std::string_view series) {
@@ -66,35 +53,48 @@ std::string failure_text(Outcome outcome, std::string_view series) {
   }
 }
 
-Match GraphiteSeriesTranslator::translate(std::string_view series, const Cuts& cuts,
-                                          Tags& tags) const noexcept {
-  Parts parts(series, cuts);
-  const Outcome source = read_source(parts[0], tags);
-  if (source != Outcome::TRANSLATED) return {.outcome = source};
+NamesWritten GraphiteSeriesTranslator::translate(std::string_view series, PartEnds ends, char* out,
+                                                 NameSizes* sizes) const noexcept {
+  Parts parts(series, ends);
+  Record record(parts, out, sizes);
+  const Outcome source = read_source(parts[0], record);
+  if (source != Outcome::TRANSLATED) return {out, source};
   parts.remove_first();
   const Piece plugin = parts[0];
-  if (parts.fault() != Outcome::TRANSLATED) return {.outcome = parts.fault()};
+  if (parts.fault() != Outcome::TRANSLATED) return {out, parts.fault()};
   const Rule rule = choose_rule(plugin);
-  if (rule == nullptr) return {.outcome = Outcome::NO_RULE};
-  return checked(rule, tags, parts);
+  if (rule == nullptr) return {out, Outcome::NO_RULE};
+  const Outcome outcome = rule(record, parts);
+  // A part that is missing comes before whatever else the rule finds wrong.
+  if (parts.fault() != Outcome::TRANSLATED) return {out, parts.fault()};
+  return {record.end(), outcome};
 }
 
 TranslatedSeries GraphiteSeriesTranslator::translate(std::string_view series) const {
   std::string padded(series);
   padded.append(PIECE_SLACK, '\0');
-  const std::string_view name(padded.data(), series.size());
-  Tags tags;
-  const Match match = translate(name, Cuts::of(name), tags);
-  if (is_unexpected(match.outcome)) {
-    throw UnexpectedSeriesError(failure_text(match.outcome, series));
+  std::string names(names_bytes_at_most(series.size()), '\0');
+  NameSizes sizes;
+  const auto written =
+      translate({padded.data(), series.size()}, UNKNOWN_ENDS, names.data(), &sizes);
+  if (is_unexpected(written.outcome)) {
+    throw UnexpectedSeriesError(failure_text(written.outcome, series));
   }
-  if (match.outcome != Outcome::TRANSLATED) {
-    throw GraphiteSeriesTranslationError(failure_text(match.outcome, series));
+  if (written.outcome != Outcome::TRANSLATED) {
+    throw GraphiteSeriesTranslationError(failure_text(written.outcome, series));
   }
-  TranslatedSeries translated{match.measurement.str(), match.key.str(), {}};
-  for (const Tags::Tag& tag : tags) {
-    translated.tags.emplace_back(tag.key.view(), tag.value.str());
+  std::size_t at = 0;
+  const auto next = [&](std::size_t size) {  // and the byte that ends it
+    const std::string piece = names.substr(at, size);
+    at += size + 1;
+    return piece;
+  };
+  TranslatedSeries translated{next(sizes.measurement), "", {}};
+  for (const auto& [key, value] : sizes.tags) {
+    std::string tag_key = next(key);
+    translated.tags.emplace_back(std::move(tag_key), next(value));
   }
+  translated.key = next(sizes.key);
   return translated;
 }
 

@@ -6,7 +6,8 @@
 #include <vector>
 
 #include "pelorus/translate/errors.h"
-#include "pelorus/translate/series.h"
+#include "pelorus/translate/outcome.h"
+#include "pelorus/translate/record.h"
 
 namespace translate {
 
@@ -20,6 +21,18 @@ struct TranslatedSeries {
   std::vector<std::pair<std::string, std::string>> tags;  ///< in their order on the wire
 };
 
+/// Room for the names of a series of so many bytes: a rule writes each byte seven times at most,
+/// next to literals, and in steps that reach somewhat further.
+constexpr std::size_t names_bytes_at_most(std::size_t series_bytes) {
+  return 8 * series_bytes + 256;
+}
+
+/// Where the names of a record end; they begin where they were asked for. Good when TRANSLATED.
+struct NamesWritten {
+  char* end;
+  Outcome outcome;
+};
+
 /// Handles the conversion of Graphite series names to line-protocol measurement, field key and
 /// tags. Holds no state: one serves any number of callers.
 class GraphiteSeriesTranslator {
@@ -29,10 +42,12 @@ class GraphiteSeriesTranslator {
   /// for a name that its rule does not check for.
   TranslatedSeries translate(std::string_view series) const;
 
-  /// The same without throwing, allocating or copying, for the road of each line. `cuts` are those
-  /// of `series`, which has PIECE_SLACK readable bytes behind it; `tags` comes in empty. The result
-  /// and the tags are views over the series.
-  Match translate(std::string_view series, const Cuts& cuts, Tags& tags) const noexcept;
+  /// The same without throwing or allocating, for the road of each line: writes
+  /// "measurement,tag=value… key=" to `out`, which has room for names_bytes_at_most, and nothing if
+  /// the name cannot be translated. `series` has PIECE_SLACK readable bytes behind it, and `ends`
+  /// are those of its parts.
+  NamesWritten translate(std::string_view series, PartEnds ends, char* out,
+                         NameSizes* sizes = nullptr) const noexcept;
 };
 
 }  // namespace translate

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "pelorus/pelorus/ingest/line_scanner.h"
+#include "pelorus/translate/outcome.h"
 #include "pelorus/translate/series_translator.h"
 
 namespace pelorus {
@@ -58,15 +59,20 @@ class GraphiteMessage {
   /// value is "nan", which are skipped silently. A block that ends in "\n" has a last, empty line.
   /// Throws OutputBufferFullError when a record does not fit the buffer.
   Built build(std::string_view block, BadLineReporter& reporter);
+  /// The same without the processor's vector instructions.
+  Built build_plainly(std::string_view block, BadLineReporter& reporter);
 
  private:
+  template <class Scanner>
+  Built build_with(std::string_view block, BadLineReporter& reporter);
+  template <class Scanner>
   void add_lines(const char* begin, const char* end, BadLineReporter& reporter);
+  bool add_usual_line(const UsualLine& line, BadLineReporter& reporter);
   void add_line(const ScannedLine& line, BadLineReporter& reporter);
-  void add_record(const translate::Match& match, const translate::Tags& tags,
-                  const ScannedLine& line);
 
   OutputBuffer buffer_;
-  std::string tail_;  ///< the last lines of a block, with room to read on behind them
+  std::string tail_;   ///< the last lines of a block, with room to read on behind them
+  std::string names_;  ///< of a record that is not written to the buffer at once
   char* position_ = nullptr;
   std::int64_t num_metrics_ = 0;
   translate::GraphiteSeriesTranslator series_translator_;

@@ -4,12 +4,13 @@
 #include <cstddef>
 #include <string_view>
 
-#include "pelorus/translate/series.h"
+#include "pelorus/translate/parts.h"
 
 namespace pelorus {
 
-/// Bytes behind the end of a line that the scanner may read, not use.
+/// Bytes behind the end of a line that a scanner may read, not use.
 constexpr std::size_t SCAN_SLACK = 64;
+static_assert(SCAN_SLACK >= translate::PIECE_SLACK);
 
 /// One Graphite line, cut into its fields. Views over the block.
 struct ScannedLine {
@@ -17,26 +18,34 @@ struct ScannedLine {
   /// Runs of bytes between white space (blank, \t, \r, \v, \f); 4 stands for more than three.
   std::size_t field_count = 0;
   std::array<std::string_view, 3> fields;  ///< series, value, timestamp; the first three at most
-  translate::Cuts cuts;                    ///< the dots of the series
 };
 
-/// Scans the line that begins at `begin`, up to the first "\n", which must be there, with
-/// SCAN_SLACK readable bytes behind it. Returns the byte behind the "\n". One pass over the bytes.
+/// Cuts the line that begins at `begin`, up to the first "\n", which must be there. Any line, on
+/// any processor. Returns the byte behind the "\n".
 const char* scan_line(const char* begin, ScannedLine& line) noexcept;
 
-/// Whether all bytes of `text` are decimal digits; true for none. Reads up to 16 bytes behind it.
+/// Whether all bytes of `text` are decimal digits; true for none.
 bool all_digits(std::string_view text) noexcept;
 
-/// Which of 64 bytes are white space, dots and line ends: bit 0 stands for the first byte.
-struct ByteMasks {
-  std::uint64_t blank;  ///< line ends included
-  std::uint64_t dot;
-  std::uint64_t newline;
+/// Seconds since the epoch, from 2001 to 2286.
+constexpr std::size_t TIMESTAMP_BYTES = 10;
+
+/// A line of the usual form: series, a blank, value, a blank, timestamp of TIMESTAMP_BYTES, "\n". A
+/// scanner's `scan` tells whether the line that begins at `begin` is one, if it can, and cuts it;
+/// its end stands within SCAN_SLACK bytes before the last that may be read.
+struct UsualLine {
+  std::string_view series;
+  translate::PartEnds ends;  ///< of its parts
+  std::string_view value;
+  bool integer;  ///< all digits
+  const char* timestamp;
+
+  const char* end() const noexcept { return timestamp + TIMESTAMP_BYTES; }
 };
 
-/// For 64 readable bytes. With the processor's vector instructions where there are some.
-ByteMasks masks_of(const char* bytes) noexcept;
-/// The same byte by byte, for every processor.
-ByteMasks plain_masks_of(const char* bytes) noexcept;
+/// Scans no line by itself: leaves all to scan_line, on any processor.
+struct PlainScanner {
+  static bool scan(const char*, UsualLine&) noexcept { return false; }
+};
 
 }  // namespace pelorus

@@ -8,7 +8,7 @@
 
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/value_text.h"
-#include "pelorus/translate/series.h"
+#include "pelorus/translate/parts.h"
 
 namespace pelorus {
 namespace {
@@ -22,8 +22,7 @@ constexpr std::int64_t NANOSECONDS_PER_MILLISECOND = 1'000'000;
 /// "link_state,node=12,tunnel=7,link=wan1 overall" of "node12.tunnel_7.link_wan1.overall_state";
 /// none when the name has fewer than three parts.
 std::optional<std::string> names_of(std::string_view name) {
-  const translate::Cuts cuts = translate::Cuts::of(name);
-  translate::Parts parts(name, cuts);
+  translate::Parts parts(name);
   const Piece node = past(parts[0], "node");
   const Piece tunnel = past(parts[1], "tunnel-");
   const Piece third = parts[2];
@@ -32,7 +31,7 @@ std::optional<std::string> names_of(std::string_view name) {
   std::string names = fmt::format("{},node={},tunnel={}", of_link ? "link_state" : "tunnel_state",
                                   node.view(), tunnel.view());
   if (of_link) names += fmt::format(",link={}", past(third, "link-").view());
-  const std::string_view last = name.substr(cuts.last + 1);
+  const std::string_view last = name.substr(name.rfind('.') + 1);
   return fmt::format("{} {}", names, last == "overall_state" ? "overall" : last);
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -22,16 +23,23 @@ class BadLines : public BadLineReporter {
   std::vector<std::string> lines;
 };
 
+/// Builds each block on both roads, with and without vector instructions, which must agree.
 class GraphiteMessageTest : public ::testing::Test {
  protected:
   std::string build(std::string_view block) {
     bad_ = {};
     const auto built = message_.build(block, bad_);
     count_ = built.num_metrics;
+    BadLines bad;
+    const auto plain = plain_message_.build_plainly(block, bad);
+    EXPECT_EQ(built.message, plain.message);
+    EXPECT_EQ(count_, plain.num_metrics);
+    EXPECT_EQ(bad_.lines, bad.lines);
     return std::string(built.message);
   }
 
   GraphiteMessage message_{4096};
+  GraphiteMessage plain_message_{4096};
   BadLines bad_;
   std::int64_t count_ = 0;
 };
@@ -122,6 +130,32 @@ TEST_F(GraphiteMessageTest, LinesAreTheSameWhereverTheyStandInTheBlock) {
     EXPECT_EQ(build({copy.data(), copy.size()}), expected);
     block += line;
     expected += record;
+  }
+}
+
+// Lines of every kind of oddity, beside and between usual ones.
+TEST_F(GraphiteMessageTest, BothRoadsAgreeOnMixedBlocks) {
+  const std::string_view lines[] = {
+      "node7.tunnel-4.link_2.latency.value 1.25 1500000000",
+      "node7.tunnel-4.node-9.interface_statistics.rx_bytes 77 1500000000",
+      "m000.ntpd.delay-1.2.3.4.5.6.7.8.9.value 0.1 1500000000",
+      "m000.interface-a_rather_long_name_of_an_interface.if_octets_and_something_more.rx 1 "
+      "1500000000",
+      "m000.load.load.a 123456789012345678901234567890 1500000000",
+      "m000.load.load.a 1.5 15000000001234567",
+      "m000.load.load.a 1.5 150",
+      "m000.load.load.a\t1.5 1500000000",
+      "m000.load.load.a 1.5 1500000000\r",
+      "m000.load.load nan 1500000000",
+      "m000.load.load\x01 7 1500000000",
+      "m000.tunnel-4.x.y 1 1500000000",
+      "",
+  };
+  std::mt19937 random(1);
+  for (int round = 0; round < 200; ++round) {
+    std::string block;
+    while (block.size() < 2000) block.append(lines[random() % std::size(lines)]).append("\n");
+    build(block);
   }
 }
 

@@ -1,0 +1,92 @@
+#pragma once
+
+#include "pelorus/pelorus/ingest/line_scanner.h"
+
+#ifdef __SSE2__
+
+#include <emmintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace pelorus {
+
+/// Scans with the vector instructions that every x86-64 has: a bit for each of 64 bytes at once,
+/// from which all cuts are drawn.
+class VectorScanner {
+ public:
+  static bool scan(const char* begin, UsualLine& line) noexcept {
+    const std::uint64_t blanks = bits_of_64(begin, at_most_blank);
+    if (blanks == 0) return false;
+    const std::size_t series_size = lowest(blanks);
+    const std::uint64_t behind_series = blanks & (0 - blanks);
+    std::uint64_t later_blanks = blanks ^ behind_series;
+    const char* window = begin;
+    if (later_blanks == 0) [[unlikely]] {
+      if (begin[series_size] != ' ') return false;  // else the line goes on behind the 64 bytes
+      window += WINDOW;
+      later_blanks = bits_of_64(window, at_most_blank);
+      if (later_blanks == 0) return false;
+    }
+    const char* const value = begin + series_size + 1;
+    const char* const value_end = window + lowest(later_blanks);
+    const auto value_size = static_cast<std::size_t>(value_end - value);
+    line.timestamp = value_end + 1;
+    const unsigned timestamp_blanks = bits(at_most_blank(load(line.timestamp)));
+    if (series_size == 0 || value_size == 0 || begin[series_size] != ' ' || *value_end != ' ' ||
+        (timestamp_blanks & TIMESTAMP_MASK) != 1U << TIMESTAMP_BYTES || *line.end() != '\n')
+        [[unlikely]] {
+      return false;
+    }
+    line.series = {begin, series_size};
+    line.ends = (bits_of_64(begin, is_dot) & (behind_series - 1)) | behind_series;
+    line.value = {value, value_size};
+    line.integer = value_size <= STEP
+                       ? (~bits(is_digit(load(value))) & ((1U << value_size) - 1)) == 0
+                       : all_digits(line.value);
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t STEP = sizeof(__m128i);
+  static constexpr std::size_t WINDOW = 64;
+  static_assert(WINDOW <= SCAN_SLACK);
+  static constexpr unsigned TIMESTAMP_MASK = (2U << TIMESTAMP_BYTES) - 1;  ///< and a byte behind it
+  static_assert(TIMESTAMP_BYTES < STEP);
+
+  static __m128i load(const char* bytes) noexcept {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+  }
+  static unsigned bits(__m128i matches) noexcept {
+    return static_cast<unsigned>(_mm_movemask_epi8(matches));
+  }
+  static std::size_t lowest(std::uint64_t word) noexcept {
+    return static_cast<std::size_t>(__builtin_ctzll(word));
+  }
+
+  /// White space, and other control characters, which make a line unusual.
+  static __m128i at_most_blank(__m128i chunk) noexcept {
+    return _mm_cmpeq_epi8(_mm_min_epu8(chunk, _mm_set1_epi8(' ')), chunk);
+  }
+  static __m128i is_dot(__m128i chunk) noexcept {
+    return _mm_cmpeq_epi8(chunk, _mm_set1_epi8('.'));
+  }
+  static __m128i is_digit(__m128i chunk) noexcept {
+    const __m128i above_zero = _mm_sub_epi8(chunk, _mm_set1_epi8('0'));
+    return _mm_cmpeq_epi8(_mm_min_epu8(above_zero, _mm_set1_epi8(9)), above_zero);
+  }
+
+  template <class Test>
+  static std::uint64_t bits_of_64(const char* bytes, Test test) noexcept {
+    std::uint64_t word = 0;
+#pragma GCC unroll 4
+    for (std::size_t i = 0; i < WINDOW; i += STEP) {
+      word |= std::uint64_t{bits(test(load(bytes + i)))} << i;
+    }
+    return word;
+  }
+};
+
+}  // namespace pelorus
+
+#endif
