@@ -1,13 +1,16 @@
 #!/usr/bin/python3
 """demo.py BUILD: collectd, pelorus and InfluxDB at work together, with nodes of which one is refused,
-and what arrives.
+and what arrives, with charts of it.
 
-Everything runs on free ports in a temporary folder and goes with it. At a terminal the servers stay
-until Ctrl-C; otherwise the program shows what there is and ends."""
+Everything runs on free ports in a temporary folder and goes with it, but for the charts, which stay in
+the build folder. At a terminal the servers stay until Ctrl-C; otherwise the program shows what there is
+and ends."""
 
 from contextlib import ExitStack
+import math
 import os
 from pathlib import Path
+import random
 import signal
 import subprocess
 import sys
@@ -20,6 +23,7 @@ os.environ["PELORUS_BUILD"] = os.path.abspath(sys.argv[1] if len(sys.argv) > 1
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
 
+import charts  # noqa: E402
 from real_servers import Collectd, Influxd  # noqa: E402
 from skein_client import SkeinClient  # noqa: E402
 from support import BUILD, PLUGIN, WARNING, Pelorus, wait_until  # noqa: E402
@@ -28,7 +32,8 @@ from web_server import WebServer  # noqa: E402
 DATABASES = ["tidewell", "bonding"]
 SETTINGS = {"PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 50,
             "INFLUX_DATABASES": [{"name": name} for name in DATABASES]}
-STATISTICS = "proxy_messages"
+RUN = 42  # seconds: four of the daemon's reports about itself, one every ten seconds
+CHARTS = BUILD / "demo" / "charts.png"
 
 # A real collectd is the first node; the others are a few lines of Python. The last one's key has been
 # withdrawn.
@@ -58,6 +63,12 @@ def table(titles, rows):
         print("  " + "   ".join(row).rstrip())
 
 
+def latency(link, second):
+    """Milliseconds, made up: each link has its own, the third one is in trouble for ten seconds."""
+    trouble = 60 if link == 3 and 20 <= second < 30 else 0
+    return 15 * link + trouble + 3 * math.sin(second / 4 + link) + random.random() * 2
+
+
 class Demo:
     """The servers, the nodes, and the views of what they do."""
 
@@ -76,20 +87,24 @@ class Demo:
         on_exit.callback(self.web.stop)
         self.collectd = Collectd(folder / "collectd", PLUGIN, self.daemon.socket)
         on_exit.callback(self.collectd.stop)
-        first, *others = NODES
+        first, *self.others = NODES
         self.node = Collectd(folder / first, PLUGIN, self.daemon.node_address, key=NODES[first],
                              hostname=first)
         on_exit.callback(self.node.stop)
-        for name in others:
-            self.send_tunnel_values(name)
 
-    def send_tunnel_values(self, name):
-        """What the bonding software of a node would add to its collectd's values."""
-        now = int(time.time())
-        lines = "".join(f"{name}.tunnel-4.link_{link}.latency.value {12.5 * link} {now - age}\n"
-                        for link in (1, 2) for age in range(5))
-        with SkeinClient(self.daemon.node_address) as client:
-            client.call("collectd", {"key": NODES[name], "metrics": lines})
+    def send_values_of_links(self):
+        """What the bonding software of nodes adds to the values of their collectd: one value of each
+        link a second, for as long as the demonstration runs."""
+        clients = {name: SkeinClient(self.daemon.node_address) for name in self.others}
+        for second in range(RUN):
+            for name, client in clients.items():
+                lines = "".join(f"{name}.tunnel-4.link_{link}.latency.value "
+                                f"{latency(link, second):.1f} {int(time.time())}\n"
+                                for link in (1, 2, 3))
+                client.call("collectd", {"key": NODES[name], "metrics": lines})
+            time.sleep(1)
+        for client in clients.values():
+            client.close()
 
     def show_servers(self):
         heading("What runs")
@@ -101,9 +116,10 @@ class Demo:
             ("influxd", self.influx.address, "stores, and wants a password"),
             ("web server", "a stand-in", "knows the keys of the nodes")])
 
-    def wait_for_statistics(self):
-        print("\nWaiting for the daemon's first report about itself (10 seconds) …", flush=True)
-        wait_until(lambda: self.influx.query(f"SELECT last(value) FROM {STATISTICS}", "tidewell"),
+    def gather(self):
+        print(f"\nNodes and collectd send, for {RUN} seconds …", flush=True)
+        self.send_values_of_links()
+        wait_until(lambda: self.influx.query("SELECT last(value) FROM proxy_messages", "tidewell"),
                    "the daemon's statistics", 30)
 
     def show_measurements(self):
@@ -148,6 +164,12 @@ class Demo:
                                stdout=subprocess.PIPE)
         print("\n".join("  " + line for line in reply.stdout.splitlines()))
 
+    def draw_charts(self):
+        CHARTS.parent.mkdir(exist_ok=True)
+        charts.draw(self.influx, CHARTS)
+        heading("Charts, drawn out of InfluxDB")
+        print(f"  {CHARTS}")
+
     def pelorusctl(self):
         return [str(BUILD / "bin" / "pelorusctl"), "--socket", str(self.daemon.socket), "stats"]
 
@@ -168,11 +190,12 @@ def main():
         folder = on_exit.enter_context(tempfile.TemporaryDirectory(prefix="pelorus-demo-"))
         demo = Demo(Path(folder), on_exit)
         demo.show_servers()
-        demo.wait_for_statistics()
+        demo.gather()
         demo.show_measurements()
         demo.show_nodes()
         demo.show_statistics()
         demo.show_buffers()
+        demo.draw_charts()
         if sys.stdout.isatty():
             demo.show_commands()
             print("\nEverything stays until Ctrl-C, and leaves nothing behind.", flush=True)
