@@ -35,7 +35,10 @@ class SkeinClient:
         """`address`: a path, or a pair of host and port."""
         over_tcp = isinstance(address, tuple)
         self._socket = socket.socket(socket.AF_INET if over_tcp else socket.AF_UNIX)
+        self._seconds = seconds
         self._socket.settimeout(seconds)
+        if over_tcp:
+            self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._socket.connect(address if over_tcp else str(address))
         self._received = b""
         self._msgid = 0
@@ -51,6 +54,26 @@ class SkeinClient:
 
     def send_bytes(self, data):
         self._socket.sendall(data)
+
+    def send_now(self, data):
+        """As much as fits at this moment. Returns how many bytes that is."""
+        self._socket.setblocking(False)
+        try:
+            return self._socket.send(data)
+        except BlockingIOError:
+            return 0
+        finally:
+            self._socket.settimeout(self._seconds)
+
+    def half_close(self):
+        """Says that nothing more will be sent; replies can still come."""
+        try:
+            self._socket.shutdown(socket.SHUT_WR)
+        except OSError:  # the daemon was faster
+            pass
+
+    def apply(self, function):
+        function(self._socket)
 
     def send(self, message):
         self.send_bytes(frame(message))

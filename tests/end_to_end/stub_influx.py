@@ -34,16 +34,18 @@ class Request:
 
 class StubInflux:
     """Listens until closed. `answer` may be changed at any time and holds for requests that are
-    complete from then on."""
+    complete from then on. A `conduct` (see conduct.py) replaces all of it for the connections that
+    begin from then on."""
 
-    def __init__(self, port=0, answer=NO_CONTENT):
+    def __init__(self, port=0, answer=NO_CONTENT, conduct=None):
         self.answer = answer
+        self.conduct = conduct
         self.requests = []
         self._sockets = []
         self._lock = threading.Lock()
         self._listener = socket.create_server(("127.0.0.1", port))
         self.port = self._listener.getsockname()[1]
-        self._threads = [threading.Thread(target=self._accept)]
+        self._threads = [threading.Thread(target=self._accept, daemon=True)]
         self._threads[0].start()
 
     @property
@@ -82,13 +84,16 @@ class StubInflux:
                 self._sockets.append(accepted)
             request = Request()
             self.requests.append(request)
-            thread = threading.Thread(target=self._serve, args=(accepted, request))
+            thread = threading.Thread(target=self._serve, args=(accepted, request),
+                                      daemon=True)
             self._threads.append(thread)
             thread.start()
 
     def _serve(self, accepted, request):
         answered = False
         with accepted:
+            if (conduct := self.conduct) is not None:
+                return conduct(accepted)
             while data := _receive(accepted):
                 request.bytes += data
                 if answered or not request.complete or (answer := self.answer) is HANG:

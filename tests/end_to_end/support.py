@@ -57,6 +57,10 @@ class Process:
                 stdin=subprocess.DEVNULL, stdout=stream, stderr=subprocess.STDOUT,
                 start_new_session=True, **options)
 
+    @property
+    def pid(self):
+        return self._child.pid
+
     def running(self):
         return self._child.poll() is None
 
@@ -113,8 +117,9 @@ class Pelorus(Process):
     """The daemon with settings of its own. Unless told otherwise its log lines carry the journal's
     priorities and every message is written at once."""
 
-    def __init__(self, folder, settings=None, arguments=(), environment=None):
-        """`settings` and `environment` are put over the usual ones; None removes an entry."""
+    def __init__(self, folder, settings=None, arguments=(), environment=None, wrapper=()):
+        """`settings` and `environment` are put over the usual ones; None removes an entry.
+        `wrapper`: a command that changes its own surroundings and then becomes the daemon."""
         self.folder = Path(folder)
         self.socket = self.folder / "local.socket"
         settings_file = self.folder / "settings.json"
@@ -124,8 +129,8 @@ class Pelorus(Process):
         self.notify = NotifySocket(self.folder / "notify")
         surroundings = {"PELORUS_SETTINGS": str(settings_file), "JOURNAL_STREAM": "1:1",
                         "NOTIFY_SOCKET": self.notify.name, "PELORUS_LOG_LEVEL": None}
-        super().__init__([BUILD / "bin" / "pelorus", *arguments], self.folder / "pelorus.log",
-                         cwd=self.folder,
+        super().__init__([*wrapper, BUILD / "bin" / "pelorus", *arguments],
+                         self.folder / "pelorus.log", cwd=self.folder,
                          env=_overlay({**os.environ, **surroundings}, environment))
 
     def _settings(self):
