@@ -24,7 +24,7 @@ struct Model {
   bool writing = false;
   int requests = 0;
   std::int64_t failures = 0;
-  std::size_t added = 0, pulled = 0, dropped = 0;
+  std::size_t added = 0, dropped = 0, in_flight = 0, acknowledged = 0, lost = 0;
 
   void add(const std::string& message) {
     queue.push_back(message);
@@ -54,7 +54,7 @@ struct Model {
   }
   std::string pull() {
     std::string data;
-    for (std::size_t i = 0; i < settings.max_batch_size && !queue.empty(); ++i, ++pulled) {
+    for (std::size_t i = 0; i < settings.max_batch_size && !queue.empty(); ++i, ++in_flight) {
       if (i > 0) data += '\n';
       data += queue.front();
       queue.pop_front();
@@ -65,10 +65,12 @@ struct Model {
     writing = false;
     failures = 0;
     last_sent = wall;
+    acknowledged += std::exchange(in_flight, 0);
   }
   void fail() {
     writing = false;
     ++failures;
+    lost += std::exchange(in_flight, 0);
   }
 };
 
@@ -128,7 +130,15 @@ class Run {
     require(requests_ == model_.requests, "as many writes as the model's");
     require(database_.failure_count() == model_.failures, "the failures of the model");
     require(database_.last_sent_time() == model_.last_sent, "the time of the last success");
-    require(model_.added == model_.pulled + model_.dropped + model_.queue.size(),
+    const auto& counted = database_.counters();
+    require(counted.queued.messages == model_.queue.size() &&
+                counted.in_flight.messages == model_.in_flight &&
+                counted.sent.messages == model_.acknowledged &&
+                counted.failed.messages == model_.lost &&
+                counted.discarded.messages == model_.dropped,
+            "the counters of the model");
+    require(model_.added == model_.queue.size() + model_.in_flight + model_.acknowledged +
+                                model_.lost + model_.dropped,
             "every message is accounted for");
   }
 
