@@ -1,6 +1,6 @@
-#include <nlohmann/json.hpp>
+#include "pelorus/ctl/json.h"
 
-#include "pelorus/ctl/stats.h"
+#include <nlohmann/json.hpp>
 
 namespace pelorus::ctl {
 namespace {

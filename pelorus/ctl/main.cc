@@ -3,13 +3,19 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <string_view>
 
+#include "pelorus/ctl/check.h"
 #include "pelorus/ctl/exit_status.h"
 #include "pelorus/ctl/send.h"
 #include "pelorus/ctl/server_options.h"
 #include "pelorus/ctl/stats.h"
+#include "pelorus/ctl/status.h"
+#include "pelorus/ctl/thresholds.h"
+#include "pelorus/ctl/translate.h"
 
 namespace {
 
@@ -21,19 +27,39 @@ ExitStatus complain(std::string_view text, ExitStatus status) {
   return status;
 }
 
-ExitStatus run(int argc, char** argv) {
-  CLI::App app("Asks and feeds a running pelorus.", "pelorusctl");
-  ctl::ServerOptions server;
+void add_version(CLI::App& app) {
   app.set_version_flag("--version", "pelorusctl " PELORUS_VERSION, "Print the version and exit");
+}
+
+/// Whether a monitoring system reads the exit status: 2 means that something is critical, then.
+bool monitoring(int argc, char** argv) {
+  return std::any_of(argv, argv + argc, [](std::string_view argument) {
+    return argument.starts_with("--warn") || argument.starts_with("--crit");
+  });
+}
+
+ExitStatus run(int argc, char** argv) {
+  CLI::App app("Asks and feeds a running pelorus, and looks at what it would be given.",
+               "pelorusctl");
+  ctl::ServerOptions server;
   app.require_subcommand(1);
   app.footer(ctl::exit_status_help());
   server.add_local(app);
   ctl::add_stats(app, server);
+  ctl::add_status(app, server);
+  ctl::add_translate(app);
+  ctl::add_check(app);
   ctl::add_send(app, server);
+  add_version(app);
+  for (CLI::App* command : app.get_subcommands({})) add_version(*command);
   try {
     app.parse(argc, argv);
+  } catch (const CLI::RuntimeError& ended) {
+    return static_cast<ExitStatus>(ended.get_exit_code());
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? ExitStatus::SUCCESS : ExitStatus::USAGE;
+    if (app.exit(error) == 0) return ExitStatus::SUCCESS;
+    return monitoring(argc, argv) ? static_cast<ExitStatus>(ctl::Health::UNKNOWN)
+                                  : ExitStatus::USAGE;
   }
   return ExitStatus::SUCCESS;
 }

@@ -45,6 +45,24 @@ void ServerOptions::add_remote(CLI::App& command) {
       ->needs(with_host);
 }
 
+CLI::Option* add_watch(CLI::App& command, double& seconds) {
+  const auto take = [&seconds](const std::string& text) {
+    constexpr double USUAL_SECONDS = 2;
+    constexpr double LEAST_SECONDS = 0.1;
+    seconds = USUAL_SECONDS;
+    if (text.empty()) return;
+    if (!CLI::detail::lexical_cast(text, seconds) || !(seconds >= LEAST_SECONDS) ||
+        seconds > MAX_TIMEOUT) {
+      throw CLI::ValidationError("--watch", "must be 0.1 to 86400 seconds");
+    }
+  };
+  return command
+      .add_option_function<std::string>(
+          "--watch", take, "Show it again and again, in place on a terminal; usually every 2 s")
+      ->type_name("[SECONDS]")
+      ->expected(0, 1);
+}
+
 skein::Endpoint ServerOptions::endpoint() const {
   if (host.empty()) return skein::Endpoint::unix_socket(socket.empty() ? DEFAULT_SOCKET : socket);
   if (!socket.empty()) throw UsageError("--socket and --host exclude each other");

@@ -7,7 +7,8 @@
 
 namespace CLI {
 class App;
-}
+class Option;
+}  // namespace CLI
 
 namespace pelorus::ctl {
 
@@ -37,5 +38,8 @@ struct ServerOptions {
   /// socket. Throws UsageError when there is none, skein::Failure when the file holds none.
   std::string key() const;
 };
+
+/// Adds --watch [SECONDS], which sets `seconds`.
+CLI::Option* add_watch(CLI::App& command, double& seconds);
 
 }  // namespace pelorus::ctl

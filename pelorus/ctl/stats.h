@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "pelorus/ctl/terminal.h"
 #include "skein/value.h"
 
 namespace CLI {
@@ -12,15 +13,12 @@ namespace pelorus::ctl {
 
 struct ServerOptions;
 
-/// Adds "stats": asks the local daemon about its buffers. Borrows `server` for as long as `app`
-/// parses.
+/// Adds "stats": asks the local daemon about its buffers, for people, programs and monitoring.
+/// Borrows `server` for as long as `app` parses.
 void add_stats(CLI::App& app, ServerOptions& server);
 
 /// The reply to "stats" as a table, one line per database in the order of the reply. A value that
 /// is missing or of a foreign type shows as "?".
-std::string stats_table(skein::Value databases);
-
-/// Any value as JSON, maps in their order, with a newline at the end.
-std::string to_json(skein::Value value);
+std::string stats_table(skein::Value databases, const Palette& palette);
 
 }  // namespace pelorus::ctl
