@@ -8,17 +8,16 @@ namespace fuzz {
 
 void run(std::string_view input) {
   const auto seed = take_byte(input);
-  std::string remainder;
+  pelorus::Remainder remainder;
   std::string lines;
   for (const auto piece : pieces(input, seed)) {
-    const pelorus::CompleteLines complete(remainder, piece);
+    const pelorus::CompleteLines complete(remainder, piece, input.size());
     require(complete.lines().empty() || complete.lines().ends_with('\n'), "lines are complete");
-    require(remainder.find('\n') == std::string::npos, "what remains is the begin of a line");
     lines += complete.lines();
   }
   const auto cut = input.rfind('\n') + 1;
   require(lines == input.substr(0, cut), "the same lines for every cutting");
-  require(remainder == input.substr(cut), "nothing is lost behind the last line");
+  require(remainder.take() == input.substr(cut), "nothing is lost behind the last line");
 }
 
 }  // namespace fuzz

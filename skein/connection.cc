@@ -1,11 +1,11 @@
 #include "skein/connection.h"
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "skein/errors.h"
 #include "skein/framing.h"
 #include "skein/server.h"
 
@@ -19,23 +19,43 @@ void HeldRequest::fail(const std::exception& failure) const {
 
 Connection* HeldRequest::connection() const noexcept { return server_->held_connection(number_); }
 
+bool HeldRequest::give_up(const LimitError& reason) const {
+  Connection* const ending = connection();
+  if (ending != nullptr) ending->give_up(reason);
+  return ending != nullptr;
+}
+
 Connection::Connection(Server& server, Loop& loop, Socket socket)
     : server_(server),
-      traffic_{.since = loop.seconds(), .last_seen = loop.seconds()},
       socket_(std::move(socket)),
-      poll_(loop, socket_.descriptor(), *this) {
+      poll_(loop, socket_.descriptor(), static_cast<PollTarget&>(*this)),
+      traffic_{.since = loop.seconds(), .last_seen = loop.seconds()} {
   poll_.watch(UV_READABLE);
 }
 
-void Connection::handle_events(int events) {
-  if (!ended_ && (events & UV_WRITABLE) != 0) flush();
-  if (!ended_ && held_ == 0 && (events & UV_READABLE) != 0) read();
+void Connection::set_valid() {
+  if (!is_valid()) server_.quota().set_valid(*this);
 }
 
-HeldRequest Connection::hold() {
-  const HeldRequest held = server_.hold(*this);
-  watch();
-  return held;
+void Connection::handle_events(int events) {
+  if (!ended_ && (events & UV_WRITABLE) != 0) {
+    flush();
+    queue_up();
+    settle();
+  }
+  const bool waits = buffers_ && buffers_->queued;
+  if (!ended_ && (events & UV_READABLE) != 0 && may_go_on() && !waits) read();
+}
+
+void Connection::give_up(const LimitError& reason) {
+  server_.handle_protocol_error(*this, reason);
+  end();
+}
+
+HeldRequest Connection::hold() { return server_.hold(*this); }
+
+bool Connection::may_go_on() const noexcept {
+  return !ended_ && held_ == 0 && unread() <= server_.limits().unread_reply_bytes;
 }
 
 void Connection::read() {
@@ -44,90 +64,168 @@ void Connection::read() {
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count <= 0) return end();  // end of stream, or the peer reset it: nothing more will come
   traffic_.last_seen = server_.loop_.seconds();
-  take({buffer.data(), static_cast<std::size_t>(count)});
+  Share share{server_.limits().requests_per_turn, false};
+  take({buffer.data(), static_cast<std::size_t>(count)}, share);
 }
 
-void Connection::go_on() {
-  held_ = 0;
-  if (!ended_) watch();
+bool Connection::serve_waiting(bool large) {
+  Share share{server_.limits().requests_per_turn, large};
+  take({}, share);
+  return share.large;
 }
 
 void Connection::resume() {
-  const std::string waiting = std::exchange(partial_, {});
-  take(waiting);
+  if (ended_ || serving_) return;
+  serve_waiting(false);
 }
 
-void Connection::take(std::string_view bytes) {
+void Connection::take(std::string_view bytes, Share& share) {
   serving_ = true;
   try {
-    while (!partial_.empty() && !bytes.empty() && !ended_ && held_ == 0) {
-      const std::size_t count = std::min(missing_to_frame(partial_), bytes.size());
-      partial_.append(bytes.substr(0, count));
-      bytes.remove_prefix(count);
-      if (missing_to_frame(partial_) != 0) continue;
-      const std::string frame = std::exchange(partial_, {});
-      std::string_view whole = frame;
-      serve_frames(whole);
-    }
-    serve_frames(bytes);
-    if (!ended_ && !bytes.empty()) {
-      // A length that is refused is refused before its frame has come; behind a held request it
-      // waits for its turn.
-      if (held_ == 0) missing_to_frame(bytes);
-      partial_.append(bytes);
-    }
+    take_or_throw(bytes, share);
     serving_ = false;
-    if (!ended_ && !unsent_.empty()) flush();
+    if (unread() != 0) flush();
+    if (buffers_ && !buffers_->is_empty()) buffers_->progress = server_.now();
+    queue_up();
+    settle();
   } catch (const ProtocolError& fault) {
     serving_ = false;
-    if (!unsent_.empty()) flush();  // what was asked before is answered
+    if (ended_) return;
+    if (unread() != 0) flush();  // what was asked before is answered
     server_.handle_protocol_error(*this, fault);
-    if (!ended_) end();
+    end();
   }
 }
 
-void Connection::serve_frames(std::string_view& bytes) {
-  while (!ended_ && held_ == 0) {
-    const auto payload = take_frame(bytes);
+void Connection::take_or_throw(std::string_view bytes, Share& share) {
+  if (has_kept()) serve_kept(bytes, share);
+  if (!has_kept()) serve_frames(bytes, share);
+  if (ended_) return;
+  if (!bytes.empty()) buffers().in.append(bytes);
+  // A length that is refused is refused before its frame has come; behind a held request it waits
+  // for its turn.
+  if (has_kept() && held_ == 0) missing_to_frame(buffers_->waiting());
+}
+
+void Connection::serve_kept(std::string_view& bytes, Share& share) {
+  Buffers& kept = *buffers_;
+  while (has_kept() && may_go_on() && share.requests > 0) {
+    const std::size_t count = std::min(missing_to_frame(kept.waiting()), bytes.size());
+    kept.in.append(bytes.substr(0, count));
+    bytes.remove_prefix(count);
+    std::string_view waiting = kept.waiting();
+    const std::size_t before = waiting.size();
+    serve_frames(waiting, share);
+    kept.served = kept.in.size() - waiting.size();
+    if (waiting.size() == before) return;
+    if (waiting.empty()) kept.drop_served();
+  }
+}
+
+void Connection::serve_frames(std::string_view& bytes, Share& share) {
+  while (may_go_on() && share.requests > 0) {
+    std::string_view rest = bytes;
+    const auto payload = take_frame(rest);
     if (!payload) return;
+    const bool large = payload->size() >= LARGE_FRAME_BYTES;
+    if (large && !share.large) {
+      share.requests = 0;
+      return;
+    }
+    share.large = share.large && !large;
+    --share.requests;
+    bytes = rest;
     ++traffic_.requests;
     server_.serve(*this, *payload);
   }
 }
 
+void Connection::queue_up() {
+  if (!has_kept() || !may_go_on() || missing_to_frame(buffers_->waiting()) != 0) return;
+  server_.backlog_.add(*this);
+}
+
 void Connection::send(std::string_view message) {
   if (ended_ || deaf_) return;
-  const std::size_t begin = begin_frame(unsent_);
-  SnappyEncoder::encode(message, unsent_);
-  end_frame(unsent_, begin);
-  if (!serving_) flush();
+  std::string& out = buffers().out;
+  const std::size_t begin = begin_frame(out);
+  SnappyEncoder::encode(message, out);
+  end_frame(out, begin);
+  if (serving_) return;
+  flush();
+  settle();
 }
 
 void Connection::flush() {
-  while (sent_ < unsent_.size()) {
+  if (!buffers_) return;
+  Buffers& kept = *buffers_;
+  const std::size_t before = kept.sent;
+  while (kept.unread() != 0) {
     const ssize_t count =
-        ::send(socket_.descriptor(), unsent_.data() + sent_, unsent_.size() - sent_, MSG_NOSIGNAL);
+        ::send(socket_.descriptor(), kept.out.data() + kept.sent, kept.unread(), MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0 && errno == EAGAIN) return watch();
+    if (count < 0 && errno == EAGAIN) {
+      if (kept.sent != before) kept.progress = server_.now();
+      return kept.drop_sent();
+    }
     if (count < 0) {
       deaf_ = true;  // reading what it sent before it went will meet its end
       break;
     }
-    sent_ += static_cast<std::size_t>(count);
+    kept.sent += static_cast<std::size_t>(count);
   }
-  unsent_ = {};
-  sent_ = 0;
+  kept.out.clear();
+  kept.sent = 0;
+}
+
+void Connection::settle() {
+  if (ended_) return;
+  if (buffers_) {
+    if (buffers_->is_empty()) {
+      server_.take_back(*this);
+    } else {
+      if (!buffers_->queued && held_ == 0) buffers_->drop_served();
+      server_.progress_.add(*this);
+    }
+  }
   watch();
+  server_.quota().hold(*this, kept_bytes() + (buffers_ ? buffers_->bytes() : 0));
+  server_.enforce_quota();
 }
 
 void Connection::watch() {
-  poll_.watch((held_ == 0 ? UV_READABLE : 0) | (unsent_.empty() ? 0 : UV_WRITABLE));
+  poll_.watch((may_go_on() ? UV_READABLE : 0) | (unread() != 0 ? UV_WRITABLE : 0));
 }
 
 void Connection::end() {
+  if (ended_) return;
   ended_ = true;
-  poll_.watch(0);
+  poll_.close();
   server_.end(*this);
+}
+
+Buffers& Connection::buffers() {
+  if (!buffers_) buffers_ = server_.fresh_buffers();
+  return *buffers_;
+}
+
+std::chrono::steady_clock::time_point Connection::due() const {
+  const Limits& limits = server_.limits();
+  if (unread() > limits.unread_reply_bytes) return buffers_->progress + limits.unread_reply_wait;
+  const bool half_frame = has_kept() && held_ == 0 && !buffers_->queued;
+  if (half_frame) return buffers_->progress + limits.half_frame_wait;
+  return std::chrono::steady_clock::time_point::max();
+}
+
+void Connection::time_out() {
+  const Limits& limits = server_.limits();
+  if (unread() > limits.unread_reply_bytes) {
+    return give_up(LimitError(
+        fmt::format("{} bytes of replies, {} are allowed, and none taken for {} seconds", unread(),
+                    limits.unread_reply_bytes, limits.unread_reply_wait.count())));
+  }
+  give_up(LimitError(fmt::format("{} bytes of a half frame and no more for {} seconds",
+                                 buffers_->waiting().size(), limits.half_frame_wait.count())));
 }
 
 }  // namespace skein

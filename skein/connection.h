@@ -1,13 +1,16 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <list>
 #include <memory>
-#include <string>
 #include <string_view>
 
+#include "skein/buffers.h"
 #include "skein/loops.h"
+#include "skein/quota.h"
 #include "skein/request.h"
 #include "skein/socket.h"
 
@@ -26,6 +29,9 @@ class HeldRequest {
   /// The connection that it came on; none when that has ended, or once it is answered.
   Connection* connection() const noexcept;
 
+  /// Reports that a limit ends the connection, and ends it. False: it has ended before.
+  bool give_up(const LimitError& reason) const;
+
  private:
   friend class Server;
   HeldRequest(Server& server, std::uint64_t number) : server_(&server), number_(number) {}
@@ -37,7 +43,9 @@ class HeldRequest {
 /// One accepted stream: bytes in, complete frames to the server, replies out.
 /// Owned by its server until it ends, then by the loop until the next turn. A server that keeps
 /// state with a connection derives from this class (Server::make_connection).
-class Connection : public LoopOwned, private PollTarget {
+///
+/// Small while it idles: whatever waits lies in its Buffers, which it has only then.
+class Connection : public LoopOwned, public Holder, private PollTarget {
  public:
   Connection(Server& server, Loop& loop, Socket socket);
 
@@ -58,34 +66,66 @@ class Connection : public LoopOwned, private PollTarget {
   /// Sends one message. Order is kept; what the peer does not take yet waits here.
   void send(std::string_view message);
 
+  /// The peer has shown a valid key, or needs none.
+  void set_valid();
+
+  /// Reports that a limit ends this connection, and ends it.
+  void give_up(const LimitError& reason) override;
+
+ protected:
+  /// Bytes that a subclass keeps for the peer.
+  virtual std::size_t kept_bytes() const { return 0; }
+
  private:
   friend class Server;
+  friend class Quota;
+  friend class Backlog;
+  friend class ProgressWatch;
+
+  /// What may still be served before the others have their turn.
+  struct Share {
+    std::size_t requests;
+    bool large;  ///< a large frame, too
+  };
 
   void handle_events(int events) override;
+  bool may_go_on() const noexcept;
   void read();
-  /// Serves every complete frame of `bytes` and keeps the rest.
-  void take(std::string_view bytes);
-  void serve_frames(std::string_view& bytes);
+  /// Serves its share of what waits; whether a large frame may be served by others after that.
+  bool serve_waiting(bool large);
+  /// Serves what waits, then `bytes`, as far as it may, and keeps the rest.
+  void take(std::string_view bytes, Share& share);
+  void take_or_throw(std::string_view bytes, Share& share);
+  void serve_kept(std::string_view& bytes, Share& share);
+  void serve_frames(std::string_view& bytes, Share& share);
+  /// Comes back on the next turn where whole frames wait that may be served.
+  void queue_up();
   void flush();
+  /// After bytes have come or gone: gives back what is empty, and keeps account of the rest.
+  void settle();
   void watch();
   /// No request is held any more; resume() serves what came meanwhile.
-  void go_on();
+  void go_on() noexcept { held_ = 0; }
   void resume();
   void end();
 
+  bool has_kept() const noexcept { return buffers_ && buffers_->in.size() > buffers_->served; }
+  std::size_t unread() const noexcept { return buffers_ ? buffers_->unread() : 0; }
+  Buffers& buffers();
+  /// When the peer will have made no progress for too long; max() while it owes none.
+  std::chrono::steady_clock::time_point due() const;
+  void time_out();
+
   Server& server_;
-  Traffic traffic_;
   Socket socket_;
-  Poll poll_;  // destroyed before the descriptor that it watches is closed
-  /// The frame that is still coming; with a held request, all that came behind it. Empty while
-  /// idle.
-  std::string partial_;
-  std::string unsent_;
-  std::size_t sent_ = 0;    ///< bytes at the front of unsent_ that are out
-  std::size_t index_ = 0;   ///< place among the server's connections
-  std::uint64_t held_ = 0;  ///< number of the held request; 0: none
-  bool serving_ = false;    ///< replies wait for the end of the present read
-  bool deaf_ = false;       ///< the peer takes no replies any more; what it sent is still served
+  std::uint32_t index_ = 0;  ///< place among the server's connections
+  Poll poll_;                // destroyed before the descriptor that it watches is closed
+  Traffic traffic_;
+  std::unique_ptr<Buffers> buffers_;
+  std::list<Connection*>::iterator newcomer_;  ///< place in the quota's list until it is valid
+  std::uint64_t held_ = 0;                     ///< number of the held request; 0: none
+  bool serving_ = false;                       ///< replies wait for the end of the present read
+  bool deaf_ = false;  ///< the peer takes no replies any more; what it sent is still served
   bool ended_ = false;
 };
 

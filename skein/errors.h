@@ -43,6 +43,13 @@ class ProtocolError : public Failure {
   using Failure::Failure;
 };
 
+/// A peer takes up more than a limit allows; the text names the limit and the size seen. The
+/// connection ends.
+class LimitError : public ProtocolError {
+ public:
+  using ProtocolError::ProtocolError;
+};
+
 /// The terminal's interrupt (SIGINT) ended Loop::run().
 class KeyboardInterrupt {};
 

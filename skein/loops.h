@@ -140,6 +140,8 @@ class Poll {
 
   /// Watches for `events` (UV_READABLE, UV_WRITABLE) from now on; 0 pauses.
   void watch(int events);
+  /// Watches no more; the descriptor may be closed. Nothing but destruction is left after this.
+  void close() noexcept { handle_.reset(); }
 
  private:
   struct Handle : uv_poll_t {

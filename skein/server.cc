@@ -1,55 +1,82 @@
 #include "skein/server.h"
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
 namespace skein {
 namespace {
 
-/// Bytes taken from one connection before the others have their turn.
-constexpr std::size_t READ_BUFFER_BYTES = 256U << 10;
-/// Connections accepted before the open ones have their turn.
-constexpr int ACCEPTS_PER_TURN = 64;
-/// Rest after the process ran out of descriptors or memory: the listening socket stays readable.
-constexpr double ACCEPT_PAUSE_SECONDS = 0.1;
 /// Nodes of a decoded message that are kept for the next one: 24 bytes each.
 constexpr std::size_t KEPT_NODES = 4096;
+/// Capacity of a connection's buffers that is kept for the next one.
+constexpr std::size_t KEPT_BUFFER_BYTES = 64U << 10;
 
 bool peer_has_gone(int error_number) {
   return error_number == ECONNABORTED || error_number == EPROTO || error_number == ENOTCONN;
 }
 
+void make_empty(std::string& buffer) {
+  buffer.clear();
+  if (buffer.capacity() > KEPT_BUFFER_BYTES) buffer.shrink_to_fit();
+}
+
 }  // namespace
 
-Server::Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive)
+Server::Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive,
+               std::shared_ptr<Quota> quota)
     : loop_(loop),
       socket_(std::move(sock)),
       poll_(std::make_unique<Poll>(loop, socket_.descriptor(), static_cast<PollTarget&>(*this))),
+      quota_(quota ? std::move(quota) : std::make_shared<Quota>()),
+      accept_pause_(limits().accept_pause),
+      accept_reports_(limits().shortage_report_interval),
+      quota_reports_(limits().shortage_report_interval),
+      backlog_(loop),
+      progress_(loop),
       connection_keepalive_(connection_keepalive),
-      read_buffer_(std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES)) {
+      read_buffer_(std::make_unique_for_overwrite<char[]>(limits().bytes_per_turn)) {
   poll_->watch(UV_READABLE);
 }
 
-Server::~Server() { resume_listening_.cancel(); }
+Server::~Server() {
+  resume_listening_.cancel();
+  for (const auto& connection : connections_) quota_->dismiss(*connection);
+}
 
 void Server::handle_events(int) {
   try {
-    for (int i = 0; i < ACCEPTS_PER_TURN && poll_ && handle_read() != nullptr; ++i) {
+    for (int i = 0; i < limits().accepts_per_turn && poll_ && handle_read() != nullptr; ++i) {
+      accept_pause_ = limits().accept_pause;
     }
   } catch (const std::exception& failure) {
-    pause_listening();
-    handle_exception(failure);
+    pause_listening(failure.what());
   }
 }
 
-void Server::pause_listening() {
+void Server::pause_listening(const std::string& reason) {
   if (!poll_) return;
   poll_->watch(0);
-  resume_listening_ = loop_.call_in(ACCEPT_PAUSE_SECONDS, [this] {
+  resume_listening_ = loop_.call_in(accept_pause_, [this] {
     if (poll_) poll_->watch(UV_READABLE);
   });
+  accept_pause_ = std::min(2 * accept_pause_, limits().longest_accept_pause);
+  report_shortage(accept_reports_, "no connection can be accepted: " + reason);
+}
+
+void Server::report_shortage(Throttle& throttle, const std::string& text) {
+  const auto left_out = throttle.pass(now());
+  if (!left_out) return;
+  handle_shortage(*left_out == 0 ? text
+                                 : fmt::format("{} ({} times more before)", text, *left_out));
+}
+
+void Server::enforce_short_quota() {
+  const std::string shortage = quota_->enforce();
+  if (!shortage.empty()) report_shortage(quota_reports_, shortage);
 }
 
 Connection* Server::handle_read() {
@@ -61,7 +88,8 @@ Connection* Server::handle_read() {
   send_without_delay(accepted.descriptor());
   if (connection_keepalive_) connection_keepalive_->apply(accepted.descriptor());
   auto& connection = *connections_.emplace_back(make_connection(std::move(accepted)));
-  connection.index_ = connections_.size() - 1;
+  connection.index_ = static_cast<std::uint32_t>(connections_.size() - 1);
+  quota_->admit(connection);
   try {
     add_connection(connection);
   } catch (const SystemFailure& failure) {
@@ -69,7 +97,8 @@ Connection* Server::handle_read() {
     if (!peer_has_gone(failure.error_number())) handle_exception(failure);
     return nullptr;
   }
-  return &connection;
+  quota_->make_room(connection);
+  return connection.ended_ ? nullptr : &connection;
 }
 
 std::unique_ptr<Connection> Server::make_connection(Socket socket) {
@@ -85,12 +114,34 @@ void Server::end(Connection& connection) {
   auto owned = std::move(connections_[place]);
   if (place + 1 < connections_.size()) {
     connections_[place] = std::move(connections_.back());
-    connections_[place]->index_ = place;
+    connections_[place]->index_ = static_cast<std::uint32_t>(place);
   }
   connections_.pop_back();
   held_.erase(connection.held_);
+  forget_buffers(connection);
+  quota_->dismiss(connection);
   loop_.discard(std::move(owned));
   remove_connection(connection);
+  connection.socket_ = Socket();  // at once: descriptors are few
+}
+
+std::unique_ptr<Buffers> Server::fresh_buffers() {
+  return spare_buffers_ ? std::move(spare_buffers_) : std::make_unique<Buffers>();
+}
+
+void Server::take_back(Connection& connection) {
+  forget_buffers(connection);
+  Buffers& buffers = *connection.buffers_;
+  make_empty(buffers.in);
+  make_empty(buffers.out);
+  buffers.served = buffers.sent = 0;
+  spare_buffers_ = std::move(connection.buffers_);
+}
+
+void Server::forget_buffers(Connection& connection) {
+  if (!connection.buffers_) return;
+  backlog_.remove(connection);
+  progress_.remove(connection);
 }
 
 HeldRequest Server::hold(Connection& connection) {
@@ -123,7 +174,9 @@ void Server::release(std::uint64_t number,
   connection->resume();
 }
 
-std::span<char> Server::read_buffer() noexcept { return {read_buffer_.get(), READ_BUFFER_BYTES}; }
+std::span<char> Server::read_buffer() noexcept {
+  return {read_buffer_.get(), limits().bytes_per_turn};
+}
 
 void Server::serve(Connection& connection, std::string_view frame) {
   encoders_.msgpack.decode(encoders_.snappy.decode(frame), message_);
@@ -134,6 +187,8 @@ void Server::serve(Connection& connection, std::string_view frame) {
     const Request request{envelope.name, *envelope.args, connection};
     const Reply reply = dispatch(requests(), *this, request);
     if (envelope.msgid && !reply.is_later()) connection.send(encode_reply(*envelope.msgid, reply));
+  } catch (const LimitError&) {
+    throw;
   } catch (const std::exception& failure) {
     handle_exception(failure);
     if (held_.erase(connection.held_) != 0) connection.go_on();

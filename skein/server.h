@@ -5,10 +5,12 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "skein/backlog.h"
 #include "skein/connection.h"
 #include "skein/dispatcher.h"
 #include "skein/encoders/msgpackencoder.h"
@@ -16,7 +18,10 @@
 #include "skein/errors.h"
 #include "skein/keepalive.h"
 #include "skein/loops.h"
+#include "skein/progress_watch.h"
+#include "skein/quota.h"
 #include "skein/socket.h"
+#include "skein/throttle.h"
 
 namespace skein {
 
@@ -28,12 +33,15 @@ struct Encoders {
 };
 
 /// A listening end point on the loop: accepts connections, decodes their requests and runs the
-/// operation that the subclass names for them. Owns its connections. Borrows the loop.
+/// operation that the subclass names for them. Owns its connections. Borrows the loop. No peer gets
+/// more of it than the quota's limits allow, however it behaves.
 class Server : private PollTarget {
  public:
   /// Takes a socket that is bound and listens already. With a `connection_keepalive`, every
-  /// accepted TCP connection gets it. Throws SystemFailure.
-  Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive = std::nullopt);
+  /// accepted TCP connection gets it. Servers of one process share a `quota`; one without has its
+  /// own. Throws SystemFailure.
+  Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive = std::nullopt,
+         std::shared_ptr<Quota> quota = nullptr);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   virtual ~Server();
@@ -47,8 +55,13 @@ class Server : private PollTarget {
   virtual void remove_connection(Connection& connection);
   /// Called with a failure of a request handler or of the server's own I/O. The server goes on.
   virtual void handle_exception(const std::exception& failure) = 0;
-  /// Called with the fault of a peer that broke the protocol; its connection ends after this.
+  /// Called with the fault of a peer that broke the protocol, or went beyond a limit (a
+  /// LimitError); its connection ends after this.
   virtual void handle_protocol_error(Connection& connection, const ProtocolError& fault) = 0;
+
+  /// Called when the process is short of something, and goes on with what it has: once in
+  /// Limits::shortage_report_interval. `text` says of what.
+  virtual void handle_shortage(const std::string& text) { handle_exception(Failure(text)); }
 
   /// Stops listening, ends every connection and leaves the loop. Again: nothing.
   void close();
@@ -64,19 +77,32 @@ class Server : private PollTarget {
   /// A subclass that keeps state with its connections makes its own kind here.
   virtual std::unique_ptr<Connection> make_connection(Socket socket);
   Loop& loop() noexcept { return loop_; }
+  Quota& quota() noexcept { return *quota_; }
+  const Limits& limits() const noexcept { return quota_->limits(); }
 
  private:
   friend class Connection;
   friend class HeldRequest;
 
   void handle_events(int events) override;
-  void pause_listening();
+  void pause_listening(const std::string& reason);
+  void report_shortage(Throttle& throttle, const std::string& text);
+  void enforce_quota() {
+    if (quota_->is_short()) enforce_short_quota();
+  }
+  void enforce_short_quota();
+  std::chrono::steady_clock::time_point now() const { return loop_.clocks().monotonic(); }
+  /// Lends buffers to a connection, and takes them back when nothing waits in them.
+  std::unique_ptr<Buffers> fresh_buffers();
+  void take_back(Connection& connection);
+  void forget_buffers(Connection& connection);
   std::span<char> read_buffer() noexcept;
   /// Decodes one frame and answers the request in it. Throws ProtocolError for bytes that are
   /// none; every other failure is the request's.
   void serve(Connection& connection, std::string_view frame);
   void end(Connection& connection);
   HeldRequest hold(Connection& connection);
+  /// None when it has ended.
   Connection* held_connection(std::uint64_t number) const noexcept;
   void answer_held(std::uint64_t number, const Reply& reply);
   void fail_held(std::uint64_t number, const std::exception& failure);
@@ -86,6 +112,12 @@ class Server : private PollTarget {
   Socket socket_;
   std::unique_ptr<Poll> poll_;  // none once closed
   Timer resume_listening_;
+  std::shared_ptr<Quota> quota_;  // the process's other servers own it, too
+  std::chrono::milliseconds accept_pause_;
+  Throttle accept_reports_;
+  Throttle quota_reports_;
+  Backlog backlog_;
+  ProgressWatch progress_;
   std::optional<Keepalive> connection_keepalive_;
   Encoders encoders_;
   Message message_;
@@ -100,6 +132,8 @@ class Server : private PollTarget {
   std::uint64_t held_made_ = 0;
   std::optional<std::uint32_t> msgid_;   ///< of the request that is being handled
   std::unique_ptr<char[]> read_buffer_;  ///< shared by all connections: each empties it at once
+  /// Those of one connection after the other, so that a frame does not cost an allocation.
+  std::unique_ptr<Buffers> spare_buffers_;
 };
 
 }  // namespace skein

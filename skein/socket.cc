@@ -8,7 +8,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -35,23 +34,17 @@ Socket Socket::stream(int family) {
   return made;
 }
 
+std::string Address::host() const {
+  return fmt::format("{}.{}.{}.{}", ip >> 24U, ip >> 16U & 0xFFU, ip >> 8U & 0xFFU, ip & 0xFFU);
+}
+
 Address peer_address(int descriptor) {
-  sockaddr_storage storage{};
-  socklen_t length = sizeof storage;
-  auto* address = reinterpret_cast<sockaddr*>(&storage);
-  if (::getpeername(descriptor, address, &length) != 0) throw SystemFailure("getpeername", errno);
-  std::array<char, INET6_ADDRSTRLEN> host{};
-  if (storage.ss_family == AF_INET) {
-    const auto* v4 = reinterpret_cast<const sockaddr_in*>(&storage);
-    inet_ntop(AF_INET, &v4->sin_addr, host.data(), host.size());
-    return {host.data(), ntohs(v4->sin_port)};
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    throw SystemFailure("getpeername", errno);
   }
-  if (storage.ss_family == AF_INET6) {
-    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&storage);
-    inet_ntop(AF_INET6, &v6->sin6_addr, host.data(), host.size());
-    return {host.data(), ntohs(v6->sin6_port)};
-  }
-  return {};
+  return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
 }
 
 void bind_unix(const Socket& socket, const std::string& path) {

@@ -27,13 +27,17 @@ class Socket {
   int descriptor_ = -1;
 };
 
-/// Address and port of an IPv4 or IPv6 end point; a unix peer has an empty host and port 0.
+/// An IPv4 end point, in 8 bytes: there is one for each connection.
 struct Address {
-  std::string host;
-  int port = 0;
+  std::uint32_t ip = 0;  ///< the first byte of the dotted form is the highest
+  std::uint16_t port = 0;
+
+  /// The dotted form.
+  std::string host() const;
 };
 
-/// The far end of a connected socket. Throws SystemFailure (ENOTCONN: the peer has gone already).
+/// The far end of a connected TCP socket. Throws SystemFailure (ENOTCONN: the peer has gone
+/// already).
 Address peer_address(int descriptor);
 
 /// Binds to a filesystem path. Throws SystemFailure; a path that is too long for a socket address

@@ -89,6 +89,8 @@ class OwnedValue {
   OwnedValue& operator=(const OwnedValue&) = delete;
 
   Value value() const noexcept { return Value(nodes_.front()); }
+  /// Memory that it takes up.
+  std::size_t bytes() const noexcept { return nodes_.size() * sizeof nodes_[0] + bytes_.size(); }
 
  private:
   std::vector<Value::Node> nodes_;

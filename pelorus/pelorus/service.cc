@@ -95,8 +95,10 @@ void Service::main() {
         return std::make_unique<InfluxDatabase>(name, buffer_settings_, influx_connection_, loop_);
       },
       loop_);
-  NodeServer node_server(handler, settings_, loop_);
-  LocalServer local_server(handler, settings_, loop_, &node_server);
+  const auto quota = std::make_shared<skein::Quota>();
+  NodeServer node_server(handler, settings_, loop_, std::string(NODE_KEY_VERIFICATION_API_URL),
+                         quota);
+  LocalServer local_server(handler, settings_, loop_, &node_server, quota);
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
   loop_.run();

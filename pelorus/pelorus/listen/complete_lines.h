@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -8,24 +10,43 @@
 
 namespace pelorus {
 
+/// The begin of a line whose end has not come yet; never holds a "\n". Takes up one pointer while
+/// there is none.
+class Remainder {
+ public:
+  std::size_t size() const noexcept { return text_ ? text_->size() : 0; }
+  bool empty() const noexcept { return size() == 0; }
+
+  void append(std::string_view more);
+  /// What there was; none is left.
+  std::string take();
+
+ private:
+  std::unique_ptr<std::string> text_;
+};
+
 /// A connection that sends Graphite lines.
 class CollectdConnection : public skein::Connection {
  public:
   using Connection::Connection;
 
-  /// The begin of a line whose end has not come yet; never holds a "\n".
-  std::string graphite_remainder;
+  Remainder graphite_remainder;
   ConnectionCounters counters;
+
+ private:
+  std::size_t kept_bytes() const override { return graphite_remainder.size(); }
 };
 
 /// The complete lines that a peer has sent: what remained of the last request, then `data` up to
 /// its last "\n". What is behind that becomes the new remainder.
 ///
 /// Without a remainder, and with the "\n" at the end, nothing is copied: `lines` is a view of
-/// `data`.
+/// `data`. However long the remainder is, taking more costs time for what is new alone.
 class CompleteLines {
  public:
-  CompleteLines(std::string& remainder, std::string_view data);
+  /// Throws LimitError, and leaves the remainder as it is, when it would exceed `most_remainder`
+  /// bytes.
+  CompleteLines(Remainder& remainder, std::string_view data, std::size_t most_remainder);
   CompleteLines(const CompleteLines&) = delete;
   CompleteLines& operator=(const CompleteLines&) = delete;
 

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/listen/complete_lines.h"
@@ -67,8 +68,8 @@ LocalServer::Owner LocalServer::Owner::look_up() {
 }
 
 LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
-                         const NodeServer* node_server)
-    : Server(bind_listen(settings, Owner::look_up()), loop),
+                         const NodeServer* node_server, std::shared_ptr<skein::Quota> quota)
+    : Server(bind_listen(settings, Owner::look_up()), loop, std::nullopt, std::move(quota)),
       influx_handler_(influx_handler),
       settings_(settings),
       node_server_(node_server),
@@ -109,6 +110,12 @@ skein::Connection* LocalServer::handle_read() {
   return accepted;
 }
 
+// Whoever may open the socket needs no key.
+void LocalServer::add_connection(skein::Connection& connection) {
+  Server::add_connection(connection);
+  connection.set_valid();
+}
+
 void LocalServer::handle_exception(const std::exception& failure) {
   log::exception(fmt::format("Exception in LocalServer: {}", failure.what()), failure);
 }
@@ -119,6 +126,10 @@ void LocalServer::handle_protocol_error(skein::Connection& connection,
                fault.what());
 }
 
+void LocalServer::handle_shortage(const std::string& text) {
+  log::warning("Local socket: {}.", text);
+}
+
 skein::Reply LocalServer::req_collectd(const skein::Request& request) {
   PROFILE_SCOPE();
   auto& connection = static_cast<CollectdConnection&>(request.connection);
@@ -127,7 +138,7 @@ skein::Reply LocalServer::req_collectd(const skein::Request& request) {
   if (metrics.empty() && remainder.empty()) {
     throw skein::RequestError("argument 'metrics' of request 'collectd' is empty");
   }
-  const CompleteLines complete(remainder, metrics);
+  const CompleteLines complete(remainder, metrics, limits().remainder_bytes);
   connection.counters.count(influx_handler_.add_graphite(TIDEWELL_DATABASE, complete.lines()));
   return {};
 }

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -20,15 +21,18 @@ class LocalServer : public skein::Server {
   /// Binds and listens at once. `node_server`: whose connections the status lists as well; may be
   /// none. Throws SettingsError, skein::SystemFailure.
   LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
-              const NodeServer* node_server = nullptr);
+              const NodeServer* node_server = nullptr,
+              std::shared_ptr<skein::Quota> quota = nullptr);
 
   /// Closes the server and removes the socket file.
   void stop();
 
   skein::Connection* handle_read() override;
+  void add_connection(skein::Connection& connection) override;
   void handle_exception(const std::exception& failure) override;
   void handle_protocol_error(skein::Connection& connection,
                              const skein::ProtocolError& fault) override;
+  void handle_shortage(const std::string& text) override;
 
   /// "collectd": Graphite lines in the text "metrics", which may be cut anywhere between requests.
   skein::Reply req_collectd(const skein::Request& request);

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -29,6 +30,8 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
 /// Longer ones are no keys and are not worth a web request.
 constexpr std::size_t MOST_KEY_BYTES = 1024;
 constexpr long HTTP_OK = 200;
+/// What a held request takes up besides its arguments, roughly.
+constexpr std::size_t HELD_OVERHEAD_BYTES = 512;
 
 ConnectionCounters& counters_of(skein::Connection& connection) {
   return static_cast<CollectdConnection&>(connection).counters;
@@ -78,8 +81,8 @@ std::string shown_body(const std::string& body, const std::string& key, const st
 }  // namespace
 
 NodeServer::NodeServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
-                       std::string verification_url)
-    : Server(bind_listen(settings), loop, KEEPALIVE),
+                       std::string verification_url, std::shared_ptr<skein::Quota> quota)
+    : Server(bind_listen(settings), loop, KEEPALIVE, std::move(quota)),
       influx_handler_(influx_handler),
       settings_(settings),
       verification_(settings, loop, std::move(verification_url)) {}
@@ -113,14 +116,14 @@ void NodeServer::add_connection(skein::Connection& connection) {
   Server::add_connection(connection);
   const auto address = skein::peer_address(connection.socket().descriptor());
   connection_addresses_[&connection] = address;
-  log::info("Accepted skein connection from {}:{}.", address.host, address.port);
+  log::info("Accepted skein connection from {}:{}.", address.host(), address.port);
 }
 
 void NodeServer::remove_connection(skein::Connection& connection) {
   const auto known = connection_addresses_.find(&connection);
   if (known != connection_addresses_.end()) {
-    const auto& [host, port] = known->second;
-    log::info("Disconnecting skein connection from {}:{}.", host, port);
+    const skein::Address address = known->second;
+    log::info("Disconnecting skein connection from {}:{}.", address.host(), address.port);
     connection_addresses_.erase(known);
   }
   Server::remove_connection(connection);
@@ -132,14 +135,18 @@ void NodeServer::handle_exception(const std::exception& failure) {
 
 void NodeServer::handle_protocol_error(skein::Connection& connection,
                                        const skein::ProtocolError& fault) {
-  const auto& [host, port] = connection_addresses_[&connection];
-  log::warning("Closing the connection of {}:{}: {}.", host, port, fault.what());
+  const skein::Address address = connection_addresses_[&connection];
+  log::warning("Closing the connection of {}:{}: {}.", address.host(), address.port, fault.what());
+}
+
+void NodeServer::handle_shortage(const std::string& text) {
+  log::warning("Node socket: {}.", text);
 }
 
 std::string NodeServer::address(const skein::Connection& connection) const {
   const auto known = connection_addresses_.find(&connection);
   if (known == connection_addresses_.end()) return "";
-  return fmt::format("{}:{}", known->second.host, known->second.port);
+  return fmt::format("{}:{}", known->second.host(), known->second.port);
 }
 
 skein::Reply NodeServer::req_add(const skein::Request& request) {
@@ -155,11 +162,12 @@ skein::Reply NodeServer::req_add(const skein::Request& request) {
         influx_handler_.add(database, std::string(data), num_metrics);
         return Ingested{.records = num_metrics};
       },
-      [&]() -> Method {
-        return [this, database = std::string(database), data = std::string(data), num_metrics] {
-          influx_handler_.add(database, data, num_metrics);
-          return Ingested{.records = num_metrics};
-        };
+      [&]() -> OwnedMethod {
+        return {[this, database = std::string(database), data = std::string(data), num_metrics] {
+                  influx_handler_.add(database, data, num_metrics);
+                  return Ingested{.records = num_metrics};
+                },
+                database.size() + data.size()};
       });
 }
 
@@ -172,11 +180,13 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
   const skein::Value points = request.get("points");
   return dispatch(
       request, key, [&] { return influx_handler_.add_submit(database, name, points); },
-      [&]() -> Method {
-        return [this, database = std::string(database), name = std::string(name),
-                points = std::make_shared<skein::OwnedValue>(points)] {
-          return influx_handler_.add_submit(database, name, points->value());
-        };
+      [&]() -> OwnedMethod {
+        auto owned = std::make_shared<skein::OwnedValue>(points);
+        const std::size_t bytes = database.size() + name.size() + owned->bytes();
+        return {[this, database = std::string(database), name = std::string(name), owned] {
+                  return influx_handler_.add_submit(database, name, owned->value());
+                },
+                bytes};
       });
 }
 
@@ -186,28 +196,69 @@ skein::Reply NodeServer::req_collectd(const skein::Request& request) {
   const std::string_view metrics = request.text("metrics");
   // Kept: what remains of the last line is carried over before the key is looked at.
   auto& remainder = static_cast<CollectdConnection&>(request.connection).graphite_remainder;
-  const CompleteLines complete(remainder, metrics);
+  const CompleteLines complete(remainder, metrics, limits().remainder_bytes);
   return dispatch(
       request, key,
       [&] { return influx_handler_.add_graphite(BONDING_DATABASE, complete.lines()); },
-      [&]() -> Method {
-        return [this, lines = std::string(complete.lines())] {
-          return influx_handler_.add_graphite(BONDING_DATABASE, lines);
-        };
+      [&]() -> OwnedMethod {
+        return {[this, lines = std::string(complete.lines())] {
+                  return influx_handler_.add_graphite(BONDING_DATABASE, lines);
+                },
+                complete.lines().size()};
       });
 }
 
 template <class Now, class MakeOwned>
 skein::Reply NodeServer::dispatch(const skein::Request& request, const std::string& key, Now&& now,
                                   MakeOwned&& owned) {
+  skein::Connection& connection = request.connection;
   const bool behind_others = is_waiting(key);
   if (!behind_others && valid_key(key)) {
-    counters_of(request.connection).count(now());
+    connection.set_valid();
+    counters_of(connection).count(now());
     return {};
   }
-  waiting_[key].held.push_back({owned(), request.connection.hold()});
+  if (!behind_others && !connection.is_valid() && waiting_.size() >= limits().waiting_keys) {
+    throw skein::LimitError(fmt::format("{} keys wait for verification, {} are allowed",
+                                        waiting_.size(), limits().waiting_keys));
+  }
+  auto& queue = waiting_[key].held;
+  queue.emplace_back(*this, key, connection, owned(), connection.hold());
+  queue.back().place = std::prev(queue.end());
   if (!behind_others) check_auth(key);
   return skein::Reply::later();
+}
+
+NodeServer::HeldMethod::HeldMethod(NodeServer& server, const std::string& key,
+                                   const skein::Connection& connection, OwnedMethod owned,
+                                   skein::HeldRequest held)
+    : Holder(connection.is_valid()),
+      server_(server),
+      key_(key),
+      method_(std::move(owned.method)),
+      request_(held) {
+  server_.quota().hold(*this, HELD_OVERHEAD_BYTES + owned.bytes);
+}
+
+void NodeServer::HeldMethod::give_up(const skein::LimitError& reason) {
+  if (!request_.give_up(reason)) {
+    log::warning("Dropping a request whose peer has gone: {}.", reason.what());
+  }
+  method_ = nullptr;
+  server_.forget(key_, *this);
+}
+
+void NodeServer::forget(const std::string& key, const HeldMethod& held) {
+  auto& queue = waiting_[key];
+  const bool asked = queue.asking && &queue.held.front() == &held;
+  if (!asked) queue.held.erase(held.place);
+}
+
+std::list<NodeServer::HeldMethod> NodeServer::take_first(KeyQueue& queue) {
+  std::list<HeldMethod> first;
+  first.splice(first.begin(), queue.held, queue.held.begin());
+  quota().hold(first.front(), 0);
+  return first;
 }
 
 bool NodeServer::is_waiting(const std::string& key) const {
@@ -235,12 +286,11 @@ void NodeServer::check_auth(const std::string& key) {
 void NodeServer::handle_outcome(const std::string& key, const KeyOutcome& outcome) {
   KeyQueue& queue = waiting_[key];
   queue.asking = false;
-  const HeldMethod first = std::move(queue.held.front());
-  queue.held.pop_front();
+  const auto first = take_first(queue);
   try {
-    validate(key, first, judge(key, outcome));
+    validate(key, first.front(), judge(key, outcome));
   } catch (const std::exception& failure) {
-    first.request.fail(failure);
+    first.front().request().fail(failure);
   }
   serve_waiting(key);
 }
@@ -249,9 +299,8 @@ void NodeServer::serve_waiting(const std::string& key) {
   KeyQueue& queue = waiting_[key];
   while (!queue.asking && !queue.held.empty()) {
     if (!valid_key(key)) return check_auth(key);
-    const HeldMethod next = std::move(queue.held.front());
-    queue.held.pop_front();
-    forward(next);
+    const auto next = take_first(queue);
+    forward(next.front());
   }
   if (!queue.asking) waiting_.erase(key);
 }
@@ -307,7 +356,7 @@ void NodeServer::validate(const std::string& key, const HeldMethod& held, bool i
   count_auth(held, is_valid);
   if (!is_valid) {
     influx_handler_.increment_failed_auths();
-    held.request.answer({});  // dropped in silence
+    held.request().answer({});  // dropped in silence
     return;
   }
   influx_handler_.handle_successful_auth();
@@ -316,20 +365,21 @@ void NodeServer::validate(const std::string& key, const HeldMethod& held, bool i
 }
 
 void NodeServer::count_auth(const HeldMethod& held, bool accepted) {
-  if (auto* connection = held.request.connection()) counters_of(*connection).count_auth(accepted);
+  if (auto* connection = held.request().connection()) counters_of(*connection).count_auth(accepted);
 }
 
 void NodeServer::forward(const HeldMethod& held) {
+  if (auto* connection = held.request().connection()) connection->set_valid();
   try {
-    Ingested ingested = held.method();
-    if (auto* connection = held.request.connection()) {
+    Ingested ingested = held.run();
+    if (auto* connection = held.request().connection()) {
       counters_of(*connection).count(std::move(ingested));
     }
   } catch (const std::exception& failure) {
-    held.request.fail(failure);
+    held.request().fail(failure);
     return;
   }
-  held.request.answer({});
+  held.request().answer({});
 }
 
 }  // namespace pelorus

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <deque>
 #include <functional>
+#include <list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,7 +24,8 @@ class NodeServer : public skein::Server {
   /// Binds to PELORUS_SERVER:PELORUS_PORT and listens at once. Throws SettingsError,
   /// skein::Failure.
   NodeServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
-             std::string verification_url = std::string(NODE_KEY_VERIFICATION_API_URL));
+             std::string verification_url = std::string(NODE_KEY_VERIFICATION_API_URL),
+             std::shared_ptr<skein::Quota> quota = nullptr);
 
   void stop();
 
@@ -32,6 +34,7 @@ class NodeServer : public skein::Server {
   void handle_exception(const std::exception& failure) override;
   void handle_protocol_error(skein::Connection& connection,
                              const skein::ProtocolError& fault) override;
+  void handle_shortage(const std::string& text) override;
 
   /// "10.1.2.3:40000"; empty for a connection that has ended.
   std::string address(const skein::Connection& connection) const;
@@ -50,14 +53,37 @@ class NodeServer : public skein::Server {
  private:
   /// An ingest operation with its complete argument list.
   using Method = std::function<Ingested()>;
-  /// A request that waits for its key.
-  struct HeldMethod {
+  /// A method for later and how many bytes it holds.
+  struct OwnedMethod {
     Method method;
-    skein::HeldRequest request;
+    std::size_t bytes;
   };
+
+  /// A request that waits for its key. Outlives its connection.
+  class HeldMethod : public skein::Holder {
+   public:
+    HeldMethod(NodeServer& server, const std::string& key, const skein::Connection& connection,
+               OwnedMethod owned, skein::HeldRequest held);
+    ~HeldMethod() { server_.quota().hold(*this, 0); }
+
+    /// Nothing, when it had to be given up.
+    Ingested run() const { return method_ ? method_() : Ingested(); }
+    const skein::HeldRequest& request() const noexcept { return request_; }
+
+    std::list<HeldMethod>::iterator place;  ///< in its queue
+
+   private:
+    void give_up(const skein::LimitError& reason) override;
+
+    NodeServer& server_;
+    std::string key_;
+    Method method_;
+    skein::HeldRequest request_;
+  };
+
   /// The requests of one key that is being verified, in order of arrival.
   struct KeyQueue {
-    std::deque<HeldMethod> held;
+    std::list<HeldMethod> held;
     bool asking = false;  ///< the web server is being asked for the first of them
   };
 
@@ -81,6 +107,10 @@ class NodeServer : public skein::Server {
   bool judge(const std::string& key, const KeyOutcome& outcome) const;
   bool judge_body(const std::string& key, const std::string& body) const;
   void validate(const std::string& key, const HeldMethod& held, bool is_valid);
+  /// Takes the first one out of its queue: a list of one. Its bytes are not counted any more.
+  std::list<HeldMethod> take_first(KeyQueue& queue);
+  /// One that is not being asked for leaves its queue.
+  void forget(const std::string& key, const HeldMethod& held);
   /// Runs a held method; its failure is the request's.
   void forward(const HeldMethod& held);
   static void count_auth(const HeldMethod& held, bool accepted);

@@ -17,17 +17,18 @@ TEST(CompleteLines, CutBehindTheLastLineEndAndCarryTheRest) {
       {"x", "\n", "x\n", ""},       {"", "", "", ""},
   };
   for (const auto& row : rows) {
-    std::string remainder = row.remainder;
-    const CompleteLines complete(remainder, row.data);
+    Remainder remainder;
+    remainder.append(row.remainder);
+    const CompleteLines complete(remainder, row.data, 100);
     EXPECT_EQ(complete.lines(), row.lines) << row.remainder << "+" << row.data;
-    EXPECT_EQ(remainder, row.left) << row.remainder << "+" << row.data;
+    EXPECT_EQ(remainder.take(), row.left) << row.remainder << "+" << row.data;
   }
 }
 
 TEST(CompleteLines, WholeLinesAreNotCopied) {
-  std::string remainder;
+  Remainder remainder;
   const std::string data = "a\nb\nc";
-  EXPECT_EQ(CompleteLines(remainder, data).lines().data(), data.data());
+  EXPECT_EQ(CompleteLines(remainder, data, 100).lines().data(), data.data());
 }
 
 }  // namespace

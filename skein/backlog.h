@@ -1,0 +1,34 @@
+#pragma once
+
+#include <list>
+
+#include "skein/loops.h"
+
+namespace skein {
+
+class Connection;
+
+/// The connections of a server that have more to be served than their share of one turn of the
+/// loop: each gets its share on every turn. Large frames are served here alone, one per turn.
+class Backlog {
+ public:
+  explicit Backlog(Loop& loop) : loop_(loop) {}
+  Backlog(const Backlog&) = delete;
+  Backlog& operator=(const Backlog&) = delete;
+  ~Backlog() { timer_.cancel(); }
+
+  /// Serves `connection` on the next turn. One that waits already keeps its place.
+  void add(Connection& connection);
+  void remove(Connection& connection);
+
+ private:
+  void arm();
+  void run();
+
+  Loop& loop_;
+  Timer timer_;
+  bool armed_ = false;
+  std::list<Connection*> waiting_;
+};
+
+}  // namespace skein

@@ -1,0 +1,58 @@
+#include "skein/progress_watch.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "skein/connection.h"
+
+namespace skein {
+namespace {
+
+/// However many due times there are, all connections are looked through no more often than this.
+constexpr std::chrono::seconds SHORTEST_REST{1};
+
+}  // namespace
+
+void ProgressWatch::add(Connection& connection) {
+  std::size_t& place = connection.buffers_->place;
+  if (place == Buffers::NOWHERE) {
+    place = watched_.size();
+    watched_.push_back(&connection);
+  }
+  wake_at(connection.due());
+}
+
+void ProgressWatch::remove(Connection& connection) {
+  const std::size_t place = std::exchange(connection.buffers_->place, Buffers::NOWHERE);
+  if (place == Buffers::NOWHERE) return;
+  watched_[place] = watched_.back();
+  watched_.pop_back();
+  if (place < watched_.size()) watched_[place]->buffers_->place = place;
+}
+
+/// The timer is only ever moved to an earlier moment: one that finds nobody due sets it anew.
+void ProgressWatch::wake_at(Time due) {
+  if (due >= wake_) return;
+  timer_.cancel();
+  wake_ = due;
+  timer_ = loop_.call_in(due - loop_.clocks().monotonic(), [this] { look(); });
+}
+
+void ProgressWatch::look() {
+  wake_ = Time::max();
+  const Time now = loop_.clocks().monotonic();
+  Time next = Time::max();
+  std::vector<Connection*> overdue;
+  for (Connection* connection : watched_) {
+    const Time due = connection->due();
+    if (due <= now) {
+      overdue.push_back(connection);
+    } else {
+      next = std::min(next, due);
+    }
+  }
+  for (Connection* connection : overdue) connection->time_out();
+  if (next != Time::max()) wake_at(std::max(next, now + SHORTEST_REST));
+}
+
+}  // namespace skein
