@@ -1,5 +1,6 @@
-// Blocks of Graphite lines, with an output buffer that is small and guarded at its end: the message
-// is that of the plain road, byte for byte, and nothing is written past the buffer.
+// Blocks of Graphite lines, with an output buffer that is small and guarded at its end: with and
+// without vector instructions the message is that of the plainest road, byte for byte, and nothing
+// is written past the buffer.
 #include <sanitizer/asan_interface.h>
 #include <unistd.h>
 
@@ -26,10 +27,13 @@ class CountBadLines : public pelorus::BadLineReporter {
   std::int64_t untranslated = 0;
 };
 
-PlainGraphite::Built build(pelorus::GraphiteMessage& message, std::string_view block) {
+using Build = pelorus::GraphiteMessage::Built (pelorus::GraphiteMessage::*)(
+    std::string_view, pelorus::BadLineReporter&);
+
+PlainGraphite::Built build(Build road, pelorus::GraphiteMessage& message, std::string_view block) {
   CountBadLines bad;
   try {
-    const auto built = message.build(block, bad);
+    const auto built = (message.*road)(block, bad);
     return {.message = built.message,
             .num_metrics = built.num_metrics,
             .improperly_formatted = bad.improper,
@@ -58,16 +62,19 @@ class Guard {
 
 void run(std::string_view input) {
   const auto size = BUFFER_BYTES[take_byte(input) % BUFFER_BYTES.size()];
-  pelorus::GraphiteMessage message(size);
-  PlainGraphite plain(size);
-  const Guard guard(build(message, "").message.data(), size);
   const auto end = input.find('\0');
   const std::array blocks{input.substr(0, end), end == input.npos ? "" : input.substr(end + 1)};
-  for (const auto block : blocks) {  // the second one meets what the first one left in the buffer
-    const auto built = build(message, block);
-    const auto wanted = plain.build(block);
-    require(built.full == wanted.full, "a block fails when, and only when, it does not fit");
-    require(built.full || built == wanted, "the plain road's message, count and bad lines");
+  for (const Build road :
+       {&pelorus::GraphiteMessage::build, &pelorus::GraphiteMessage::build_plainly}) {
+    pelorus::GraphiteMessage message(size);
+    PlainGraphite plain(size);
+    const Guard guard(build(road, message, "").message.data(), size);
+    for (const auto block : blocks) {  // the second one meets what the first one left in the buffer
+      const auto built = build(road, message, block);
+      const auto wanted = plain.build(block);
+      require(built.full == wanted.full, "a block fails when, and only when, it does not fit");
+      require(built.full || built == wanted, "the plain road's message, count and bad lines");
+    }
   }
 }
 

@@ -8,8 +8,9 @@
 
 namespace pelorus {
 
-/// Bytes behind the end of a line that a scanner may read, not use.
-constexpr std::size_t SCAN_SLACK = 64;
+/// Bytes behind the end of a line that a scanner may read, not use: one that takes 64 bytes for a
+/// series and a value, and the next 16 for a timestamp, may find the line's end in the first.
+constexpr std::size_t SCAN_SLACK = 64 + 16;
 static_assert(SCAN_SLACK >= translate::PIECE_SLACK);
 
 /// One Graphite line, cut into its fields. Views over the block.

@@ -50,7 +50,7 @@ class VectorScanner {
  private:
   static constexpr std::size_t STEP = sizeof(__m128i);
   static constexpr std::size_t WINDOW = 64;
-  static_assert(WINDOW <= SCAN_SLACK);
+  static_assert(WINDOW + STEP <= SCAN_SLACK);
   static constexpr unsigned TIMESTAMP_MASK = (2U << TIMESTAMP_BYTES) - 1;  ///< and a byte behind it
   static_assert(TIMESTAMP_BYTES < STEP);
 
