@@ -16,9 +16,9 @@ LOG_CALL = re.compile(r"(?<![\w.>])(?:log::)?(?:debug|info|warning|error|excepti
 
 
 def sources():
-    """Text of all sources, with literals that the compiler joins in one piece."""
-    files = [*(REPOSITORY / "pelorus").rglob("*.cc"), *(REPOSITORY / "skein").rglob("*.cc"),
-             *(REPOSITORY / "pelorus").rglob("*.h")]
+    """Text of the daemon's sources, with literals that the compiler joins in one piece."""
+    files = [file for folder in ("pelorus", "skein") for file in (REPOSITORY / folder).rglob("*.*")
+             if file.suffix in (".cc", ".h") and "ctl" not in file.parts]
     return re.sub(r'(?<!\\)"\s*\n\s*"', "", "\n".join(file.read_text() for file in files))
 
 
