@@ -46,7 +46,7 @@ void add_status(CLI::App& app, ServerOptions& server) {
   command
       ->add_option("--connections", options->connections,
                    "List at most so many connections of nodes, and as many local ones; the daemon "
-                   "lists 10000 at most")
+                   "lists 2000 at most")
       ->type_name("N")
       ->capture_default_str();
   command

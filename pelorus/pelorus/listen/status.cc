@@ -19,8 +19,8 @@ using skein::MsgpackWriter;
 using skein::Value;
 
 constexpr std::size_t USUAL_CONNECTIONS = 100;
-/// A row takes less than 500 bytes: even two groups of this many stay below 16 MiB.
-constexpr std::size_t MOST_CONNECTIONS = 10'000;
+/// Listing so many takes a few milliseconds, and less than 2 MiB.
+constexpr std::size_t MOST_CONNECTIONS = 2000;
 
 const ConnectionCounters& counters_of(const Connection& connection) {
   return static_cast<const CollectdConnection&>(connection).counters;
