@@ -18,7 +18,7 @@ LOG_CALL = re.compile(r"(?<![\w.>])(?:log::)?(?:debug|info|warning|error|excepti
 def sources():
     """Text of the daemon's sources, with literals that the compiler joins in one piece."""
     files = [file for folder in ("pelorus", "skein") for file in (REPOSITORY / folder).rglob("*.*")
-             if file.suffix in (".cc", ".h") and "ctl" not in file.parts]
+             if file.suffix in (".cc", ".h") and "ctl" not in file.relative_to(REPOSITORY).parts]
     return re.sub(r'(?<!\\)"\s*\n\s*"', "", "\n".join(file.read_text() for file in files))
 
 
