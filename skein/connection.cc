@@ -165,7 +165,8 @@ void Connection::flush() {
         ::send(socket_.descriptor(), kept.out.data() + kept.sent, kept.unread(), MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) {
-      if (kept.sent != before) kept.progress = server_.now();
+      const bool is_new = kept.progress == decltype(kept.progress)();
+      if (is_new || kept.sent != before) kept.progress = server_.now();
       return kept.drop_sent();
     }
     if (count < 0) {

@@ -29,6 +29,10 @@ Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
   check(uv_timer_init(&uv_, wake.get()), "uv_timer_init");
   wake->data = this;
   wake_.reset(wake.release());
+  auto due_now = std::make_unique<uv_idle_t>();
+  check(uv_idle_init(&uv_, due_now.get()), "uv_idle_init");
+  due_now->data = this;
+  due_now_.reset(due_now.release());
   auto before_wait = std::make_unique<uv_prepare_t>();
   check(uv_prepare_init(&uv_, before_wait.get()), "uv_prepare_init");
   before_wait->data = this;
@@ -46,6 +50,7 @@ Loop::~Loop() {
   kept_.clear();
   discarded_.clear();
   wake_.reset();
+  due_now_.reset();
   before_wait_.reset();
   terminate_.reset();
   interrupt_.reset();
@@ -65,18 +70,29 @@ Timer Loop::call_in(double delay, Callback callback) {
 
 /// The one libuv timer wakes the loop when the first of ours is due. It is only ever moved to an
 /// earlier moment: cancelling leaves it alone, and a wake-up that finds nothing due re-arms it.
+/// What is due already waits for the next turn: a libuv timer without a delay would run on and on
+/// before descriptors have their turn.
 void Loop::wake_at_first_due() {
   if (timers_.empty() || timers_.begin()->first.due >= wake_due_) return;
   wake_due_ = timers_.begin()->first.due;
   const auto wait =
       std::chrono::ceil<std::chrono::milliseconds>(wake_due_ - clocks_.monotonic()).count();
+  if (wait <= 0) {
+    check(uv_idle_start(due_now_.get(),
+                        [](uv_idle_t* handle) {
+                          if (handle->data != nullptr)
+                            static_cast<Loop*>(handle->data)->run_due_timers();
+                        }),
+          "uv_idle_start");
+    return;
+  }
   uv_update_time(&uv_);  // the cached clock lies back by the length of the present callback
   check(uv_timer_start(
             wake_.get(),
             [](uv_timer_t* handle) {
               if (handle->data != nullptr) static_cast<Loop*>(handle->data)->run_due_timers();
             },
-            wait > 0 ? static_cast<std::uint64_t>(wait) : 0, 0),
+            static_cast<std::uint64_t>(wait), 0),
         "uv_timer_start");
 }
 
@@ -89,6 +105,7 @@ void Loop::end_work() noexcept {
 
 void Loop::run_due_timers() {
   begin_work();
+  uv_idle_stop(due_now_.get());
   wake_due_ = std::chrono::steady_clock::time_point::max();
   const auto now = clocks_.monotonic();
   const auto last = timers_made_;  // what a callback arms waits for the next turn

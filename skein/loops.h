@@ -114,6 +114,7 @@ class Loop {
   std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
   UvHandle<uv_prepare_t> before_wait_;
   UvHandle<uv_timer_t> wake_;
+  UvHandle<uv_idle_t> due_now_;  ///< active while a timer is due on the next turn
   std::chrono::steady_clock::time_point wake_due_ = std::chrono::steady_clock::time_point::max();
   UvHandle<uv_signal_t> terminate_;
   UvHandle<uv_signal_t> interrupt_;

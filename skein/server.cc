@@ -135,6 +135,7 @@ void Server::take_back(Connection& connection) {
   make_empty(buffers.in);
   make_empty(buffers.out);
   buffers.served = buffers.sent = 0;
+  buffers.progress = {};
   spare_buffers_ = std::move(connection.buffers_);
 }
 

@@ -156,6 +156,18 @@ TEST(Loop, PollTellsReadinessAndItsFailuresAreReported) {
 }
 
 // After an error libuv stops watching: what came before it must be read all the same.
+TEST_F(LoopTest, TimerThatArmsItselfWithoutDelayLetsOthersHaveTheirTurn) {
+  int calls = 0;
+  std::function<void()> again = [&] {
+    ++calls;
+    loop_.call_in(0, again);
+  };
+  again();
+  for (int i = 0; i < 3; ++i) loop_.turn();
+  EXPECT_GE(calls, 3);
+  EXPECT_LE(calls, 10);
+}
+
 TEST(Loop, PollTellsAllThatAPeerSentBeforeItReset) {
   Loop loop;
   Socket listening = Socket::stream(AF_INET);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
@@ -46,10 +47,12 @@ class TestServer : public Server {
   void handle_protocol_error(Connection&, const ProtocolError& fault) override {
     faults.emplace_back(fault.what());
   }
+  void handle_shortage(const std::string& text) override { shortages.push_back(text); }
 
   std::vector<HeldRequest> held;
   std::vector<std::string> exceptions;
   std::vector<std::string> faults;
+  std::vector<std::string> shortages;
   int added = 0;
   int removed = 0;
   bool refuse = false;
@@ -72,6 +75,10 @@ std::string request(std::uint32_t msgid, std::string_view name, std::string text
 class ServerTest : public ::testing::Test {
  protected:
   ServerTest() { server_.emplace(listening(), loop_, KEEPALIVE); }
+
+  void restart(const Limits& limits) {
+    server_.emplace(listening(), loop_, KEEPALIVE, std::make_shared<Quota>(limits));
+  }
 
   static constexpr Keepalive KEEPALIVE{.count = 4, .idle = 300, .interval = 8};
 
@@ -225,6 +232,121 @@ TEST_F(ServerTest, KeepaliveIsSetOnAcceptedConnections) {
   const auto peer = support::SkeinPeer::tcp(support::bound_port(reading.socket()));
   turns();
   EXPECT_EQ(reading.values, (std::vector<int>{4, 300, 8}));
+}
+
+TEST_F(ServerTest, OneTurnServesAShareOfEachAndTheRestGoesOnByItself) {
+  restart({.requests_per_turn = 2});
+  auto busy = connect();
+  auto quiet = connect();
+  std::string stream;
+  for (std::uint32_t i = 1; i <= 5; ++i) stream += request(i, "echo");
+  busy.send(stream);
+  quiet.send(request(1, "echo"));
+  turns(1);
+  EXPECT_EQ(busy.replies() + quiet.replies(), "1=x 2=x 1=x ");
+  turns();
+  EXPECT_EQ(busy.replies(), "3=x 4=x 5=x ");
+  busy.send(request(6, "wait") + stream);
+  turns();
+  busy.replies();
+  server_->held.front().answer({});
+  turns();
+  EXPECT_EQ(busy.replies(), "6=nil 1=x 2=x 3=x 4=x 5=x ");
+}
+
+TEST_F(ServerTest, LargestHolderWithoutAValidKeyGoesFirst) {
+  restart({.held_bytes = 4000});
+  auto valid = connect();
+  auto small = connect();
+  auto large = connect();
+  server_->connections()[0]->set_valid();
+  const std::string half = request(1, "echo", support::noise(20'000));
+  send(valid, half.substr(0, 2000));
+  send(small, half.substr(0, 300));
+  send(large, half.substr(0, 1500));
+  ASSERT_EQ(server_->faults.size(), 1U);
+  EXPECT_EQ(large.replies(), "end");
+  send(valid, half.substr(2000, 2500));
+  EXPECT_EQ(small.replies(), "end");
+  EXPECT_EQ(server_->shortages.size(), 1U) << "only valid ones are left";
+  auto second = connect();
+  server_->connections()[1]->set_valid();
+  send(second, half.substr(0, 3900));
+  EXPECT_EQ(valid.replies(), "end") << "beyond twice the limit";
+  EXPECT_EQ(second.replies(), "");
+}
+
+TEST_F(ServerTest, OldestConnectionWithoutAValidKeyMakesRoom) {
+  restart({.connections = 2});
+  auto valid = connect();
+  server_->connections()[0]->set_valid();
+  auto oldest = connect();
+  auto newest = connect();
+  EXPECT_EQ(oldest.replies(), "end");
+  EXPECT_EQ(server_->faults.size(), 1U);
+  send(newest, request(1, "echo"));
+  send(valid, request(1, "echo"));
+  EXPECT_EQ(newest.replies() + valid.replies(), "1=x 1=x ");
+}
+
+TEST_F(ServerTest, HalfFrameEndsWhenNothingMoreComesAndIdlenessNever) {
+  auto half = connect();
+  auto drip = connect();
+  auto idle = connect();
+  const std::string frame = request(1, "echo");
+  send(idle, frame);
+  send(half, frame.substr(0, 5));
+  for (const char byte : frame.substr(0, 4)) {
+    clock_.tick(119);
+    send(drip, {&byte, 1});
+  }
+  turns();
+  EXPECT_EQ(half.replies(), "end");
+  EXPECT_EQ(drip.replies() + idle.replies(), "1=x ");
+  EXPECT_EQ(server_->faults,
+            std::vector<std::string>{"5 bytes of a half frame and no more for 120 seconds"});
+}
+
+TEST_F(ServerTest, PeerThatTakesNoRepliesIsNotReadAndEnds) {
+  restart({.unread_reply_bytes = 10'000, .requests_per_turn = 1000});
+  auto peer = connect();
+  const std::string text = support::noise(30'000);
+  std::string stream;
+  for (std::uint32_t i = 0; i < 1000; ++i) stream += request(i, "echo", text);
+  std::size_t sent = 0;
+  for (int in_vain = 0; in_vain < 10 && sent < stream.size(); turns()) {
+    const std::size_t taken = peer.send_now(std::string_view(stream).substr(sent));
+    in_vain = taken == 0 ? in_vain + 1 : 0;
+    sent += taken;
+  }
+  EXPECT_LT(sent, stream.size());
+  clock_.tick(61);
+  turns();
+  ASSERT_EQ(server_->faults.size(), 1U);
+  EXPECT_TRUE(server_->faults[0].ends_with("10000 are allowed, and none taken for 60 seconds"));
+}
+
+TEST_F(ServerTest, AcceptRestsWhileThereAreNoDescriptorsAndRecovers) {
+  auto old = connect();
+  rlimit usual{};
+  ::getrlimit(RLIMIT_NOFILE, &usual);
+  auto peer = support::SkeinPeer::tcp(support::bound_port(server_->socket()));
+  rlimit none = usual;
+  none.rlim_cur = 0;
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  for (int i = 0; i < 5; ++i) {
+    turns();
+    clock_.tick(1.1);
+  }
+  send(old, request(1, "echo"));
+  EXPECT_EQ(old.replies(), "1=x ");
+  EXPECT_EQ(server_->shortages,
+            std::vector<std::string>{"no connection can be accepted: accept: Too many open files"});
+  ::setrlimit(RLIMIT_NOFILE, &usual);
+  clock_.tick(1.1);
+  turns();
+  send(peer, request(1, "echo"));
+  EXPECT_EQ(peer.replies(), "1=x ");
 }
 
 TEST_F(ServerTest, CloseEndsEveryConnectionOnce) {

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 
 #include <array>
+#include <random>
 
 #include "skein/encoders/snappyencoder.h"
 #include "skein/framing.h"
@@ -36,6 +37,13 @@ std::string request(std::uint32_t msgid, std::string_view name,
   return frame(message);
 }
 
+std::string noise(std::size_t size) {
+  std::minstd_rand random;
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random() >> 8U);
+  return bytes;
+}
+
 SkeinPeer SkeinPeer::tcp(int port) {
   skein::Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
@@ -61,6 +69,12 @@ SkeinPeer SkeinPeer::unix_socket(const std::string& path) {
 void SkeinPeer::send(std::string_view bytes) {
   EXPECT_EQ(::send(socket_.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
             static_cast<ssize_t>(bytes.size()));
+}
+
+std::size_t SkeinPeer::send_now(std::string_view bytes) {
+  const ssize_t sent =
+      ::send(socket_.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  return sent < 0 ? 0 : static_cast<std::size_t>(sent);
 }
 
 void SkeinPeer::shut() const { EXPECT_EQ(::shutdown(socket_.descriptor(), SHUT_WR), 0); }

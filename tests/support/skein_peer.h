@@ -17,6 +17,9 @@ std::string frame(const skein::MsgpackWriter& message);
 std::string request(std::uint32_t msgid, std::string_view name,
                     const std::vector<std::pair<std::string, std::string>>& args = {});
 
+/// Bytes that do not compress, always the same ones.
+std::string noise(std::size_t size);
+
 /// The far end of a server under test in the same thread. Never blocks.
 class SkeinPeer {
  public:
@@ -24,6 +27,8 @@ class SkeinPeer {
   static SkeinPeer unix_socket(const std::string& path);
 
   void send(std::string_view bytes);
+  /// As much as goes at once; returns how much.
+  std::size_t send_now(std::string_view bytes);
   /// No more will be sent.
   void shut() const;
   /// What has come back by now: "msgid=result" or "msgid!error", each with a blank behind it, where

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "skein/errors.h"
+
 namespace pelorus {
 namespace {
 
@@ -23,6 +25,13 @@ TEST(CompleteLines, CutBehindTheLastLineEndAndCarryTheRest) {
     EXPECT_EQ(complete.lines(), row.lines) << row.remainder << "+" << row.data;
     EXPECT_EQ(remainder.take(), row.left) << row.remainder << "+" << row.data;
   }
+}
+
+TEST(CompleteLines, RemainderBeyondTheLimitIsRefused) {
+  Remainder remainder;
+  CompleteLines(remainder, "12345", 5);
+  EXPECT_THROW(CompleteLines(remainder, "6", 5), skein::LimitError);
+  EXPECT_EQ(CompleteLines(remainder, "6\n", 5).lines(), "123456\n");
 }
 
 TEST(CompleteLines, WholeLinesAreNotCopied) {

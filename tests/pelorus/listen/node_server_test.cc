@@ -246,6 +246,35 @@ TEST_F(NodeServerTest, SubmitIsHeldWithItsPoints) {
   EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
 }
 
+TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {
+  NodeServer server(handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port()),
+                    std::make_shared<skein::Quota>(skein::Limits{.held_bytes = 20'000}));
+  const auto connect_to = [&] {
+    auto peer = support::SkeinPeer::tcp(support::bound_port(server.socket()));
+    turns();
+    return peer;
+  };
+  auto first = connect_to();
+  auto second = connect_to();
+  auto third = connect_to();
+  first.send(collectd("bad", std::string(8000, 'x') + "\n"));
+  turns();
+  {
+    auto gone = connect_to();
+    gone.send(collectd("bad", std::string(6000, 'x') + "\n"));
+    turns();
+  }
+  second.send(collectd("bad", std::string(7000, 'x') + "\n"));
+  turns();
+  EXPECT_EQ(first.replies(), "end") << "the one that is being asked about";
+  third.send(collectd("other", std::string(7000, 'x') + "\n"));
+  turns();
+  EXPECT_EQ(second.replies() + third.replies(), "end");
+  for (int i = 0; i < 2; ++i) answer(R"({"key": ""})");
+  EXPECT_EQ(asked_.size(), 3U);
+  EXPECT_GE(log_.texts("warning").size(), 2U);
+}
+
 TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {
   {
     auto peer = connect();
