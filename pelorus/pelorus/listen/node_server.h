@@ -60,7 +60,7 @@ class NodeServer : public skein::Server {
   };
 
   /// A request that waits for its key. Outlives its connection.
-  class HeldMethod : public skein::Holder {
+  class HeldMethod final : public skein::Holder {
    public:
     HeldMethod(NodeServer& server, const std::string& key, const skein::Connection& connection,
                OwnedMethod owned, skein::HeldRequest held);
