@@ -15,6 +15,7 @@
 #include "pelorus/pelorus/listen/local_server.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/memory.h"
 #include "pelorus/pelorus/profile.h"
 #include "pelorus/pelorus/systemd_notify.h"
 
@@ -126,6 +127,7 @@ int run_process(int argument_count, char** arguments) {
   }
   ignore_signals();
   raise_descriptor_limit();
+  keep_freed_memory();
   log::start();
   skein::Loop& loop = skein::loops::loop();
   log_loop_failures(loop);
