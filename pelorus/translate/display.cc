@@ -1,5 +1,7 @@
 #include "pelorus/translate/display.h"
 
+#include <algorithm>
+
 namespace translate {
 namespace {
 
@@ -36,15 +38,27 @@ void append_byte(std::string& text, char byte, char quote) {
 
 }  // namespace
 
-std::string display(std::string_view bytes) {
+void append_display(std::string& text, std::string_view bytes) {
   const bool only_single = bytes.find('\'') != bytes.npos && bytes.find('"') == bytes.npos;
   const char quote = only_single ? '"' : '\'';
-  std::string text;
-  text.reserve(bytes.size() + 3);  // b and two quotes; escapes are rare
   text += 'b';
   text += quote;
-  for (const char byte : bytes) append_byte(text, byte, quote);
+  const auto is_plain = [quote](char byte) {
+    return is_printable(byte) && byte != '\\' && byte != quote;
+  };
+  for (const char* at = bytes.data(); at != bytes.data() + bytes.size();) {
+    const char* const odd = std::find_if_not(at, bytes.data() + bytes.size(), is_plain);
+    text.append(at, odd);
+    at = odd;
+    if (at != bytes.data() + bytes.size()) append_byte(text, *at++, quote);
+  }
   text += quote;
+}
+
+std::string display(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size() + 3);  // b and two quotes; escapes are rare
+  append_display(text, bytes);
   return text;
 }
 

@@ -9,5 +9,6 @@ namespace translate {
 /// \t, \n, \r, \\ or \xNN. The quotes are single; double where the bytes hold a single quote and no
 /// double quote. Where they hold both, the single quotes inside are written \'.
 std::string display(std::string_view bytes);
+void append_display(std::string& text, std::string_view bytes);
 
 }  // namespace translate

@@ -26,7 +26,7 @@ class Parts {
   /// TRANSLATED as long as every part that was asked for is there.
   Outcome fault() const noexcept { return fault_; }
 
-  Piece operator[](std::size_t index) noexcept {
+  [[gnu::always_inline]] Piece operator[](std::size_t index) noexcept {
     PartEnds before = UNKNOWN_ENDS;
     PartEnds ends = ends_;
 #pragma GCC unroll 4

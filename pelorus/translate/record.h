@@ -2,8 +2,6 @@
 
 #include <array>
 #include <cstddef>
-#include <string_view>
-#include <vector>
 
 #include "pelorus/translate/parts.h"
 #include "pelorus/translate/text.h"
@@ -26,7 +24,7 @@ struct Tag {
   Value value;
 
   static constexpr std::size_t key_size() noexcept { return KEY.SIZE; }
-  char* write(char* out) const noexcept {
+  [[gnu::always_inline]] char* write(char* out) const noexcept {
     static constexpr auto BEGIN = tag_begin<KEY>();
     return value.write(copy_in_steps(out, BEGIN.piece()));
   }
@@ -38,7 +36,7 @@ struct AnyTag {
   Text<1> value;
 
   std::size_t key_size() const noexcept { return key.size; }
-  char* write(char* out) const noexcept {
+  [[gnu::always_inline]] char* write(char* out) const noexcept {
     *out++ = ',';
     out = copy_in_steps(out, key);
     *out++ = '=';
@@ -59,12 +57,13 @@ inline AnyTag tag(Piece key, Piece value) noexcept { return {key, text(value)}; 
 /// Sizes of what a record's names consist of, by which they can be told apart.
 struct NameSizes {
   struct OfTag {
-    std::size_t key;
-    std::size_t value;
+    std::size_t key = 0;
+    std::size_t value = 0;
   };
   std::size_t measurement = 0;
-  std::vector<OfTag> tags;
   std::size_t key = 0;
+  std::array<OfTag, 3> tags{};  ///< the node, and at most two of a rule
+  std::size_t tag_count = 0;
 };
 
 /// Where a rule writes the names of its record, "measurement,tag=value… key=", the tags in the
@@ -82,7 +81,8 @@ class Record {
   /// Nothing is written, and the fault is returned, if one of the parts was missing or the key is
   /// empty.
   template <class Measurement, class Key, class... Tags>
-  Outcome write(const Measurement& measurement, const Key& key, const Tags&... tags) noexcept {
+  [[gnu::always_inline]] Outcome write(const Measurement& measurement, const Key& key,
+                                       const Tags&... tags) noexcept {
     return write_texts(as_text(measurement), as_text(key), tags...);
   }
 
@@ -97,8 +97,8 @@ class Record {
   }
 
   template <class Measurement, class Key, class... Tags>
-  Outcome write_texts(const Measurement& measurement, const Key& key,
-                      const Tags&... tags) noexcept {
+  [[gnu::always_inline]] Outcome write_texts(const Measurement& measurement, const Key& key,
+                                             const Tags&... tags) noexcept {
     using namespace literals;
     if (parts_.fault() != Outcome::TRANSLATED) return parts_.fault();
     if (key.size() == 0) return Outcome::KEY_MISSING;
@@ -110,9 +110,12 @@ class Record {
     *out++ = '=';
     out_ = out;
     if (sizes_ != nullptr) [[unlikely]] {
-      *sizes_ = {measurement.size(), {}, key.size()};
-      if (has_node()) sizes_->tags.push_back({"node"_p.size, node_.size});
-      (sizes_->tags.push_back({tags.key_size(), tags.value.size()}), ...);
+      std::size_t count = 0;
+      if (has_node()) sizes_->tags[count++] = {"node"_p.size, node_.size};
+      ((sizes_->tags[count++] = {tags.key_size(), tags.value.size()}), ...);
+      sizes_->measurement = measurement.size();
+      sizes_->key = key.size();
+      sizes_->tag_count = count;
     }
     return Outcome::TRANSLATED;
   }

@@ -69,32 +69,38 @@ consteval bool every_row_reachable() {
 }
 static_assert(every_row_reachable());
 
-/// A row whose literal's first bytes are compared as one word: most rows are told by these alone.
+/// The first bytes of a plugin part, or of a literal, as words: compared in one step.
+struct FirstBytes {
+  static constexpr std::size_t SIZE = 16;
+  static_assert(SIZE <= PIECE_SLACK);
+
+  std::array<std::uint64_t, 2> words;
+};
+
+/// A row as it is looked up. Few literals are longer than FirstBytes.
 struct WordRow {
-  static constexpr std::size_t BYTES = 8;
-  static_assert(BYTES <= PIECE_SLACK);
-
   RuleRow row;
-  std::uint64_t word;  ///< the first bytes
-  std::uint64_t mask;  ///< which of them the literal has
+  FirstBytes literal;
+  FirstBytes mask;  ///< which of these bytes the literal has
 
-  bool matches(std::uint64_t first_bytes, Piece plugin) const noexcept {
+  bool matches(const FirstBytes& first, Piece plugin) const noexcept {
+    const auto differing = ((first.words[0] & mask.words[0]) ^ literal.words[0]) |
+                           ((first.words[1] & mask.words[1]) ^ literal.words[1]);
+    if (differing != 0) return false;
     const std::size_t size = row.literal.size();
-    if ((first_bytes & mask) != word) return false;
     if (row.test == EQUALS ? plugin.size != size : plugin.size < size) return false;
-    return size <= BYTES ||
-           std::memcmp(plugin.data + BYTES, row.literal.data() + BYTES, size - BYTES) == 0;
+    return size <= FirstBytes::SIZE || plugin.view().starts_with(row.literal);
   }
 };
 
 consteval WordRow word_row(const RuleRow& row) {
-  std::array<unsigned char, WordRow::BYTES> word{};
-  std::array<unsigned char, WordRow::BYTES> mask{};
-  for (std::size_t i = 0; i < std::min(row.literal.size(), WordRow::BYTES); ++i) {
-    word[i] = static_cast<unsigned char>(row.literal[i]);
+  std::array<unsigned char, FirstBytes::SIZE> literal{};
+  std::array<unsigned char, FirstBytes::SIZE> mask{};
+  for (std::size_t i = 0; i < std::min(row.literal.size(), FirstBytes::SIZE); ++i) {
+    literal[i] = static_cast<unsigned char>(row.literal[i]);
     mask[i] = 0xFF;
   }
-  return {row, std::bit_cast<std::uint64_t>(word), std::bit_cast<std::uint64_t>(mask)};
+  return {row, std::bit_cast<FirstBytes>(literal), std::bit_cast<FirstBytes>(mask)};
 }
 
 /// The table as it is looked up: the rows whose literal begins with a given byte stand together, in
@@ -128,12 +134,12 @@ consteval RulesByFirstByte rules_by_first_byte() {
 /// row matches.
 inline Rule choose_rule(Piece plugin) noexcept {
   static constexpr RulesByFirstByte BY_BYTE = rules_by_first_byte();
-  std::uint64_t first_bytes = 0;
-  std::memcpy(&first_bytes, plugin.data, sizeof first_bytes);
+  FirstBytes first;
+  std::memcpy(&first, plugin.data, sizeof first);
   const auto range = BY_BYTE.of_byte[static_cast<unsigned char>(*plugin.data)];
   for (std::size_t i = range.begin; i != range.end; ++i) {
     const WordRow& row = BY_BYTE.rows[i];
-    if (row.matches(first_bytes, plugin)) return row.row.rule;
+    if (row.matches(first, plugin)) return row.row.rule;
   }
   return nullptr;
 }

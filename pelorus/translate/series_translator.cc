@@ -1,7 +1,5 @@
 #include "pelorus/translate/series_translator.h"
 
-#include <fmt/format.h>
-
 #include "pelorus/translate/display.h"
 #include "pelorus/translate/rule_table.h"
 
@@ -21,36 +19,46 @@ Outcome read_source(Piece source, Record& record) noexcept {
   return Outcome::TRANSLATED;
 }
 
-std::string reason(Outcome outcome, std::string_view series) {
+/// What stands in a failure's text before and behind the series.
+struct FailureTexts {
+  std::string_view before = "Could not translate \"";
+  std::string_view behind;
+};
+
+FailureTexts failure_texts(Outcome outcome) {
   switch (outcome) {
     case Outcome::SHORT_SOURCE:
-      return "Could not determine source type";
+      return {.behind = "\": Could not determine source type"};
     case Outcome::INVALID_SOURCE_TYPE:
-      return "Invalid source type " + display(series.substr(0, SOURCE_TYPE_BYTES));
+      return {.behind = "\": Invalid source type "};
     case Outcome::NO_RULE:
-      return "No match for series";
+      return {.behind = "\": No match for series"};
     case Outcome::KEY_MISSING:
-      return "Field key is missing";
+      return {.behind = "\": Field key is missing"};
+    case Outcome::PART_MISSING:
+      return {"series ", " has too few parts for its rule"};
+    case Outcome::NOT_TWO_PIECES:
+      return {"series ", " has no \"-\" where its rule splits it"};
+    case Outcome::KEY_UNASSIGNED:
+      return {"series ", ": local variable 'key' referenced before assignment"};
     default:
-      return "";
+      return {.behind = "\": "};
   }
 }
 
 }  // namespace
 
 std::string failure_text(Outcome outcome, std::string_view series) {
-  switch (outcome) {
-    case Outcome::PART_MISSING:
-      return fmt::format("series {} has too few parts for its rule", display(series));
-    case Outcome::NOT_TWO_PIECES:
-      return fmt::format("series {} has no \"-\" where its rule splits it", display(series));
-    case Outcome::KEY_UNASSIGNED:
-      return fmt::format("series {}: local variable 'key' referenced before assignment",
-                         display(series));
-    default:
-      return fmt::format("Could not translate \"{}\": {}", display(series),
-                         reason(outcome, series));
+  const auto [before, behind] = failure_texts(outcome);
+  std::string text;
+  text.reserve(before.size() + series.size() + behind.size() + 8);  // the quotes of the series
+  text += before;
+  append_display(text, series);
+  text += behind;
+  if (outcome == Outcome::INVALID_SOURCE_TYPE) {
+    append_display(text, series.substr(0, SOURCE_TYPE_BYTES));
   }
+  return text;
 }
 
 NamesWritten GraphiteSeriesTranslator::translate(std::string_view series, PartEnds ends, char* out,
@@ -90,9 +98,9 @@ TranslatedSeries GraphiteSeriesTranslator::translate(std::string_view series) co
     return piece;
   };
   TranslatedSeries translated{next(sizes.measurement), "", {}};
-  for (const auto& [key, value] : sizes.tags) {
-    std::string tag_key = next(key);
-    translated.tags.emplace_back(std::move(tag_key), next(value));
+  for (std::size_t i = 0; i < sizes.tag_count; ++i) {
+    std::string tag_key = next(sizes.tags[i].key);
+    translated.tags.emplace_back(std::move(tag_key), next(sizes.tags[i].value));
   }
   translated.key = next(sizes.key);
   return translated;

@@ -24,7 +24,7 @@ struct Piece {
 
 /// Copies a piece in steps of PIECE_SLACK bytes: writes up to 15 bytes behind its end, which is
 /// returned. Most pieces take one step.
-inline char* copy_in_steps(char* out, Piece piece) noexcept {
+[[gnu::always_inline]] inline char* copy_in_steps(char* out, Piece piece) noexcept {
   std::memcpy(out, piece.data, PIECE_SLACK);
   for (std::size_t done = PIECE_SLACK; done < piece.size; done += PIECE_SLACK) [[unlikely]] {
       std::memcpy(out + done, piece.data + done, PIECE_SLACK);
@@ -61,7 +61,7 @@ struct Text {
     return total;
   }
   /// Copies in steps; returns the text's end.
-  char* write(char* out) const noexcept {
+  [[gnu::always_inline]] char* write(char* out) const noexcept {
     for (const Piece& piece : pieces) out = copy_in_steps(out, piece);
     return out;
   }
@@ -75,7 +75,7 @@ struct Replaced {
   char to;
 
   std::size_t size() const noexcept { return text.size(); }
-  char* write(char* out) const noexcept {
+  [[gnu::always_inline]] char* write(char* out) const noexcept {
     char* const end = text.write(out);
     std::replace(out, end, from, to);
     return end;
