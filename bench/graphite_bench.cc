@@ -11,7 +11,6 @@
 // median of the pairs' ratios, low and high their quartiles. The corpus is bench/corpus.h's.
 
 #include <fmt/format.h>
-#include <malloc.h>
 #include <spdlog/sinks/null_sink.h>
 #include <time.h>
 
@@ -26,6 +25,7 @@
 #include "bench/corpus.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/memory.h"
 
 namespace {
 
@@ -143,6 +143,7 @@ int number(const std::string& text) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  pelorus::keep_freed_memory();  // as the daemon does
   pelorus::log::set_sink(std::make_shared<spdlog::sinks::null_sink_st>());
   pelorus::log::logger().set_level(spdlog::level::err);
   std::vector<std::string> arguments(argv + 1, argv + argc);
