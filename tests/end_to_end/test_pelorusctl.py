@@ -137,7 +137,9 @@ class Pelorusctl(FolderTest):
                                    env={**os.environ, "TERM": "xterm", **environment})
             shown = b""
             while shown.count(b"\033[H") < 3:
-                shown += os.read(run.stdout.fileno(), 4096)
+                more = os.read(run.stdout.fileno(), 4096)
+                self.assertTrue(more, shown)
+                shown += more
             run.terminate()
             run.stdout.close()
             run.wait(15)
