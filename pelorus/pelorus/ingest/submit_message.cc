@@ -35,14 +35,24 @@ std::optional<std::string> names_of(std::string_view name) {
   return fmt::format("{} {}", names, last == "overall_state" ? "overall" : last);
 }
 
+/// A product that fits 64 bits, as nearly all do, is printed at a fraction of the cost.
+template <class Milliseconds>
+std::string nanoseconds_text_of(Milliseconds time) {
+  std::int64_t product = 0;
+  if (!__builtin_mul_overflow(time, NANOSECONDS_PER_MILLISECOND, &product)) {
+    return fmt::format_int(product).str();
+  }
+  return fmt::format("{}", __int128{time} * NANOSECONDS_PER_MILLISECOND);
+}
+
 /// Nanoseconds of a time in milliseconds, printed whole; none for NaN.
 std::optional<std::string> nanoseconds_text(skein::Value time) {
   switch (time.type()) {
     case Type::BOOLEAN:  // counts as 0 or 1
     case Type::INTEGER:
-      return fmt::format("{}", __int128{time.integer()} * NANOSECONDS_PER_MILLISECOND);
+      return nanoseconds_text_of(time.integer());
     case Type::UNSIGNED:
-      return fmt::format("{}", __int128{time.natural()} * NANOSECONDS_PER_MILLISECOND);
+      return nanoseconds_text_of(time.natural());
     case Type::REAL:
       break;
     default:
