@@ -1,5 +1,5 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo asan bench fuzz packages format tidy clean
+.PHONY: build check demo deb asan bench fuzz packages format tidy clean
 .NOTPARALLEL:
 
 build: packages
@@ -14,6 +14,10 @@ check: build
 
 demo: build
 	@demo/demo.py build/dev
+
+deb: packages
+	@scripts/build-packages build/deb
+	@ls build/deb/*.deb
 
 # The suite under the address and undefined-behaviour sanitizers.
 asan: packages

@@ -4,6 +4,7 @@ install(PROGRAMS packaging/pelorus-export-settings DESTINATION lib/pelorus)
 install(FILES packaging/pelorus.service DESTINATION lib/systemd/system)
 install(FILES packaging/pelorus.sysusers DESTINATION lib/sysusers.d RENAME pelorus.conf)
 install(FILES packaging/settings.example.json DESTINATION share/doc/pelorus/examples)
+install(FILES packaging/write_skein.conf DESTINATION share/doc/collectd-plugin-pelorus/examples)
 install(DIRECTORY packaging/grafana DESTINATION share/doc/pelorus/examples)
 install(DIRECTORY doc/ DESTINATION share/doc/pelorus FILES_MATCHING PATTERN "*.md")
 install(FILES packaging/completions/pelorusctl.bash
