@@ -158,8 +158,8 @@ class Demo:
               [(series["name"], series["values"][0][1]) for series in
                self.influx.query("SELECT first(value) FROM /^proxy_/", "tidewell")])
 
-    def show_buffers(self):
-        heading("How the daemon's buffers fare (pelorusctl stats)")
+    def show_status(self):
+        heading("What the daemon says of itself (pelorusctl status)")
         reply = subprocess.run(self.pelorusctl(), check=True, timeout=20, text=True,
                                stdout=subprocess.PIPE)
         print("\n".join("  " + line for line in reply.stdout.splitlines()))
@@ -171,7 +171,7 @@ class Demo:
         print(f"  {CHARTS}")
 
     def pelorusctl(self):
-        return [str(BUILD / "bin" / "pelorusctl"), "--socket", str(self.daemon.socket), "stats"]
+        return [str(BUILD / "bin" / "pelorusctl"), "--socket", str(self.daemon.socket), "status"]
 
     def show_commands(self):
         name, password = self.influx.ADMINISTRATOR
@@ -194,7 +194,7 @@ def main():
         demo.show_measurements()
         demo.show_nodes()
         demo.show_statistics()
-        demo.show_buffers()
+        demo.show_status()
         demo.draw_charts()
         if sys.stdout.isatty():
             demo.show_commands()
