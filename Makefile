@@ -1,5 +1,5 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo deb asan bench fuzz packages format tidy clean
+.PHONY: build check demo deb asan bench fuzz chaos soak packages format tidy clean
 .NOTPARALLEL:
 
 build: packages
@@ -35,6 +35,15 @@ fuzz: SECONDS ?= 60
 fuzz: packages
 	@scripts/build fuzz
 	@fuzz/run.py $(SECONDS)
+
+# Every fault that a peer, InfluxDB, the web server or the machine can have, on the real daemon.
+chaos: build
+	@tests/chaos/chaos.py build/dev
+
+# Good and bad peers together for so many minutes.
+soak: MINUTES ?= 20
+soak: build
+	@tests/chaos/soak.py build/dev $(MINUTES)
 
 packages:
 	@scripts/install-packages

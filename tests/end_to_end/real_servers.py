@@ -58,9 +58,14 @@ class Influxd(Process):
         self.folder.mkdir()
         self.port = free_port()
         self.address = f"127.0.0.1:{self.port}"
+        self._rpc_port = free_port()
+        self.start()
+
+    def start(self, http=""):
+        """Also again, once it has ended. `http`: more of that section of its configuration."""
         configuration = self.folder / "influxdb.conf"
         configuration.write_text(INFLUXD_CONFIGURATION.format(
-            folder=self.folder, http_port=self.port, rpc_port=free_port()))
+            folder=self.folder, http_port=self.port, rpc_port=self._rpc_port) + http + "\n")
         super().__init__(["influxd", "run", "-config", configuration],
                          self.folder / "influxd.log")
 
@@ -71,9 +76,12 @@ class Influxd(Process):
                    .format(*self.ADMINISTRATOR))
         self.query("CREATE USER {} WITH PASSWORD '{}'".format(*self.WRITER))
         for name in databases:
-            self.query(f"CREATE DATABASE {name}")
-            self.query(f"GRANT WRITE ON {name} TO {self.WRITER[0]}")
+            self.add_database(name)
         return _base64(*self.WRITER)
+
+    def add_database(self, name):
+        self.query(f"CREATE DATABASE {name}")
+        self.query(f"GRANT WRITE ON {name} TO {self.WRITER[0]}")
 
     def query(self, text, database=""):
         """The series of the answer: maps with "name", "columns" and "values"."""

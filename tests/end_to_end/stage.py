@@ -75,14 +75,14 @@ class Web:
 class Stage:
     """The daemon, its two far ends and the bystanders. `web` may be shared with other stages."""
 
-    def __init__(self, web, settings=None, **options):
+    def __init__(self, web, settings=None, influx_host="127.0.0.1", **options):
         self.web = web
         self._folder = tempfile.TemporaryDirectory(prefix="pelorus-")
         self.influx = StubInflux()
         self.daemon = Pelorus(Path(self._folder.name), {
             "PELORUS_BUFFER_TIME": 0.05, "PELORUS_IDEAL_QUEUED_MESSAGES": 500,
             "PELORUS_MAX_PENDING_MESSAGES": 100_000, "PELORUS_MAX_BATCH_SIZE": 1000,
-            "INFLUX_HTTP_CONNECTION": self.influx.address, **(settings or {})}, **options)
+            "INFLUX_HTTP_CONNECTION": f"{influx_host}:{self.influx.port}", **(settings or {})}, **options)
         self.keys = {BARE_KEY}
         try:
             self.daemon.wait_ready()
@@ -127,7 +127,7 @@ class Stage:
         return wait_until(lambda: re.search(f"(?m)^.*{expression}.*$", self.daemon.text()[before:]),
                           f"log line with {expression!r}", seconds, pause=0.05)[0]
 
-    def wait_written_again(self, seconds=15):
+    def wait_written_again(self, seconds=45):
         """Until a block that was handed over after this call has reached the far end."""
         begin, sent = len(self.influx.requests), self.bystander.look()["sent"]
         wanted = record_of(sent + 1)

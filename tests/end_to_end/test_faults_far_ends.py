@@ -46,12 +46,12 @@ INFLUX_ODDITIES = [
 ]
 
 
-def failing(conduct, warning):
+def failing(conduct, warning, seconds=15):
     def attempt(stage):
         before = len(stage.daemon.text())
         stage.influx.conduct = forgiving(conduct)
-        return stage.wait_logged_again(
-            rf"InfluxDB write \(\w+ database\) failed: .*{warning}", before).split("failed: ")[1]
+        line = rf"InfluxDB write \(\w+ database\) failed: .*{warning}"
+        return stage.wait_logged_again(line, before, seconds).split("failed: ")[1]
     return attempt
 
 

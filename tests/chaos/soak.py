@@ -1,0 +1,173 @@
+#!/usr/bin/python3
+"""soak.py BUILD MINUTES: good and bad peers together, an InfluxDB that fails now and then, and a
+quiet node and a quiet local peer that watch. Every 10 seconds a line; at the end a table, and
+status 1 if the daemon grew, kept a descriptor or kept a quiet peer waiting."""
+
+import os
+from pathlib import Path
+import sys
+import tempfile
+import time
+
+from surroundings import bring_loopback_up, own_namespaces, use_build
+
+own_namespaces()
+bring_loopback_up()
+use_build(sys.argv[1])
+
+from bystander import Bystander  # noqa: E402
+from report import Report  # noqa: E402
+from skein_client import SkeinClient  # noqa: E402
+from support import AUTH, WWW_KEY, Pelorus, Process, free_port, wait_until  # noqa: E402
+from web_server import WebServer  # noqa: E402
+
+PERIOD = 10         # seconds between two lines
+WORST_DELAY = 250   # milliseconds
+MOST_GROWTH = 0.25  # MiB a minute after the warm-up, of which an hour would make 15
+MOST_MEMORY = 400   # MiB
+KEPT_DESCRIPTORS = 12  # most that the daemon keeps open for later: to the web server, and for a write
+KEYS = [f"key-{number:04}" for number in range(200)]
+QUIET_KEY = "quiet-0000-1111"
+
+
+class Sampler:
+    """What the daemon takes, as the kernel tells it."""
+
+    def __init__(self, daemon, bystander):
+        self._daemon, self._bystander = daemon, bystander
+        self._processor, self._moment = self._processor_seconds(), time.monotonic()
+        self.rows = []  # seconds, MiB, descriptors, share of a processor, worst delay in ms
+
+    def sample(self, begin):
+        processor, now = self._processor_seconds(), time.monotonic()
+        share = (processor - self._processor) / (now - self._moment)
+        self._processor, self._moment = processor, now
+        looked = self._bystander.look()
+        row = (now - begin, self._memory("VmRSS"), self.descriptors(), share,
+               max(looked["node"], looked["local"]))
+        self.rows.append(row)
+        print("%6.0f s  RSS %6.1f MiB  %5d descriptors  %3.0f %% of a processor  "
+              "worst delay %6.1f ms" % (row[0], row[1], row[2], row[3] * 100, row[4]), flush=True)
+
+    def _memory(self, what):
+        for line in Path(f"/proc/{self._daemon.pid}/status").read_text().splitlines():
+            if line.startswith(what + ":"):
+                return int(line.split()[1]) / 1024
+        raise AssertionError(f"no {what}")
+
+    def peak(self):
+        return self._memory("VmHWM")
+
+    def descriptors(self):
+        """-1 where only root may count them: the daemon's memory is nobody else's business."""
+        try:
+            return len(os.listdir(f"/proc/{self._daemon.pid}/fd"))
+        except PermissionError:
+            return -1
+
+    def _processor_seconds(self):
+        return int(Path(f"/proc/{self._daemon.pid}/schedstat").read_text().split()[0]) / 1e9
+
+
+def slope(rows):
+    """MiB a minute, by least squares, behind the warm-up, which is the first third. Of three rows
+    in turn the smallest counts: a bomb that is just being served is no growth."""
+    rows = rows[len(rows) // 3:]
+    rows = [min(rows[at:at + 3], key=lambda row: row[1]) for at in range(0, len(rows) - 2, 3)]
+    if len(rows) < 3:
+        return 0.0
+    times, sizes = [row[0] / 60 for row in rows], [row[1] for row in rows]
+    mean_time, mean_size = sum(times) / len(rows), sum(sizes) / len(rows)
+    return (sum((t - mean_time) * (s - mean_size) for t, s in zip(times, sizes))
+            / sum((t - mean_time) ** 2 for t in times))
+
+
+def status(daemon):
+    with SkeinClient(daemon.socket, 60) as local:
+        return local.call("status")
+
+
+def account(daemon):
+    """Whether every message of each database is accounted for, and the sums."""
+    known = status(daemon)
+    sums = {}
+    for buffer in known["databases"].values():
+        for name in ("queued", "in_flight", "sent", "failed", "discarded"):
+            sums[name] = sums.get(name, 0) + buffer[name]["messages"]
+    return sums
+
+
+def soak(folder, minutes, report):
+    port = free_port()
+    influx = Process(["/usr/bin/python3", Path(__file__).with_name("moody_influx.py"), port],
+                     folder / "influx.log")
+    web = WebServer(folder / "web", keys=[QUIET_KEY.replace("-", ""),
+                                          *(key.replace("-", "") for key in KEYS)], seconds=0.005)
+    (folder / "daemon").mkdir()
+    daemon = Pelorus(folder / "daemon", {
+        "PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 200,
+        "PELORUS_MAX_BATCH_SIZE": 500, "PELORUS_MAX_PENDING_MESSAGES": 2000,
+        "PELORUS_DISCARD_SIZE": 200, "INFLUX_HTTP_CONNECTION": f"127.0.0.1:{port}"})
+    daemon.wait_ready()
+    bystander = Bystander(daemon, QUIET_KEY)
+    sampler = Sampler(daemon, bystander)
+    begin = time.monotonic()
+    bystander.look()
+    descriptors = sampler.descriptors()
+    crowd = Process(["/usr/bin/python3", Path(__file__).with_name("crowd.py"),
+                     *daemon.node_address, daemon.socket, ",".join(KEYS)], folder / "crowd.log")
+    while time.monotonic() - begin < minutes * 60:
+        time.sleep(PERIOD)
+        daemon.expect_running()
+        crowd.expect_running()
+        influx.expect_running()
+        sampler.sample(begin)
+    crowd.stop()
+    wait_until(lambda: account(daemon)["queued"] + account(daemon)["in_flight"] < 50,
+               "the queues to empty", 60, pause=0.5)
+    wait_until(lambda: sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS,
+               "the descriptors to be closed", 60, pause=0.5)
+    judge(report, sampler, descriptors, account(daemon), crowd, influx)
+    bystander.close()
+    code = daemon.stop()
+    text = daemon.text()
+    shown = [name for name, secret in (("INFLUX_AUTH", AUTH), ("LOCAL_WWW_KEY", WWW_KEY),
+                                       ("a key", QUIET_KEY), ("a key", QUIET_KEY.replace("-", "")),
+                                       *(("a key", key) for key in KEYS)) if secret in text]
+    report.add("secrets in the log", "none", shown or "none", not shown)
+    report.add("exit status", "0", code, code == 0)
+    web.stop()
+    influx.stop()
+
+
+def judge(report, sampler, descriptors, sums, crowd, influx):
+    rows = sampler.rows
+    growth, worst = slope(rows), max(row[4] for row in rows)
+    report.add("memory after the warm-up", f"grows by less than {MOST_GROWTH} MiB a minute",
+               f"{growth:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at "
+               "the end", growth < MOST_GROWTH or len(rows) < 12)
+    report.add("peak memory", f"below {MOST_MEMORY} MiB", f"{sampler.peak():.0f} MiB",
+               sampler.peak() < MOST_MEMORY)
+    report.add("descriptors", f"at most {KEPT_DESCRIPTORS} more at the end",
+               f"{descriptors} at the start, most {max(row[2] for row in rows)}, "
+               f"{sampler.descriptors()} at the end", sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS)
+    report.add("worst delay of a quiet peer", f"below {WORST_DELAY} ms", f"{worst:.0f} ms",
+               worst < WORST_DELAY)
+    report.add("processor", "", f"{sum(row[3] for row in rows) / len(rows) * 100:.0f} % of one",
+               True)
+    report.add("messages", "sent, failed, discarded or queued", sums, sums["sent"] > 0)
+    report.add("what the bad peers did", "", crowd.text().splitlines()[-1:], True)
+    report.add("what InfluxDB did", "", influx.text().splitlines()[-1:], True)
+
+
+def main():
+    report = Report()
+    minutes = float(sys.argv[2])
+    with tempfile.TemporaryDirectory(prefix="pelorus-soak-") as folder:
+        report.run("soak", f"{minutes:g} minutes of good and bad peers",
+                   lambda: soak(Path(folder), minutes, report) or "to the end")
+    return report.finish()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
