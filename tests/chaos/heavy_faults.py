@@ -59,6 +59,15 @@ def big_bombs(stage):
                                        {"key": "unknown", "metrics": content}]))
 
 
+def flood_of_bombs(stage):
+    """Small enough to pass as ordinary requests, and one behind another."""
+    data = bomb(size=1 << 20) * 20
+    crowd = Crowd(many(stage.node, 64), send_some(data))
+    time.sleep(5)  # of full flood, beside the bystanders
+    crowd.stop()
+    return f"{len(data) // 20_000} KB become 1 MiB; {expect_memory(stage)}"
+
+
 def local_bombs(stage):
     """Lines without an end by 64 local peers, who are trusted."""
     for client in (clients := many(stage.local, 64)):
@@ -281,6 +290,7 @@ SERVED = "quiet peers are served"
 HEAVY = [
     Fault("bombs of 787 KB from 64 nodes whose keys are being verified", BOUNDED, small_bombs),
     Fault("bombs of 16 MB from 64 nodes whose keys are being verified", BOUNDED, big_bombs),
+    Fault("a flood of bombs of 50 KB from 64 nodes", SERVED, flood_of_bombs),
     Fault("lines without an end from 64 local peers", "kept, 4 MiB each", local_bombs),
     Fault("half frames of 200 peers without a key", BOUNDED, half_frames_of_200),
     Fault("endless lines without a key from 200 peers", BOUNDED, lines_of_200),
