@@ -78,7 +78,8 @@ def local_bombs(stage):
 
 
 def half_frames_of_200(stage):
-    """200 peers without a key begin a frame of 19 MB, and each sends 1.5 MB of it."""
+    """200 peers without a key begin a frame of 19 MB, and each sends 1.5 MB of it, which is more
+    than all of them may make the daemon hold."""
     head, piece = struct.pack(">I", 19_000_000), b"x" * 100_000
     clients = many(stage.node, 200)
     for client in clients:
@@ -86,6 +87,7 @@ def half_frames_of_200(stage):
     for _ in range(15):
         for client in clients:
             pour(client, piece)
+    stage.wait_logged("bytes are held for all connections", seconds=60)
     seen = expect_memory(stage)
     for client in clients:
         client.close()
