@@ -25,8 +25,9 @@ std::size_t length_of(std::string_view prefix) {
 }  // namespace
 
 std::optional<std::string_view> take_frame(std::string_view& bytes) {
-  if (missing_to_frame(bytes) != 0) return std::nullopt;
+  if (bytes.size() < FRAME_PREFIX_BYTES) return std::nullopt;
   const std::size_t length = length_of(bytes);
+  if (bytes.size() - FRAME_PREFIX_BYTES < length) return std::nullopt;
   const std::string_view payload = bytes.substr(FRAME_PREFIX_BYTES, length);
   bytes.remove_prefix(FRAME_PREFIX_BYTES + length);
   return payload;

@@ -15,6 +15,18 @@ namespace {
 constexpr std::size_t KEPT_BUFFER_BYTES = 1U << 20;
 constexpr std::size_t FIRST_BUFFER_BYTES = 64U << 10;
 
+/// The longest content whose literal tells its length in its tag.
+constexpr std::size_t SHORT_BYTES = 60;
+
+/// A block of one literal: the content as it stands. Worth it for a reply of a few bytes, for which
+/// a compressor only sets up its tables.
+void append_literal(std::string_view content, std::string& out) {
+  out += static_cast<char>(content.size());
+  if (content.empty()) return;
+  out += static_cast<char>((content.size() - 1) << 2U);
+  out += content;
+}
+
 }  // namespace
 
 std::string_view SnappyEncoder::decode(std::string_view block) {
@@ -41,6 +53,7 @@ std::string_view SnappyEncoder::decode(std::string_view block) {
 }
 
 void SnappyEncoder::encode(std::string_view content, std::string& out) {
+  if (content.size() <= SHORT_BYTES) return append_literal(content, out);
   const std::size_t begin = out.size();
   out.resize(begin + snappy::MaxCompressedLength(content.size()));
   std::size_t size = 0;

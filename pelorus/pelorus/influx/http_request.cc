@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
@@ -130,7 +131,7 @@ void HTTPRequest::finish_connect() {
 void HTTPRequest::await_progress() {
   const auto idle = now() - last_progress_;
   if (idle >= PROGRESS_TIME) {
-    const bool sending = sent_ < send_buf_.size();
+    const bool sending = unsent() > 0;
     return fail(fmt::format("no progress for {} seconds while {}", PROGRESS_TIME.count(),
                             sending ? "sending" : "waiting for the answer"));
   }
@@ -143,7 +144,7 @@ void HTTPRequest::handle_events(int) {
   read();  // first: an endpoint may refuse a batch before it has taken all of it
   if (!ended_) write();
   if (ended_) return;
-  const bool more = write_error_.empty() && sent_ < send_buf_.size();
+  const bool more = write_error_.empty() && unsent() > 0;
   poll_->watch(more ? UV_READABLE | UV_WRITABLE : UV_READABLE);
 }
 
@@ -163,9 +164,8 @@ void HTTPRequest::read() {
 }
 
 void HTTPRequest::write() {
-  while (write_error_.empty() && sent_ < send_buf_.size()) {
-    const ssize_t count = ::send(socket_.descriptor(), send_buf_.data() + sent_,
-                                 send_buf_.size() - sent_, MSG_NOSIGNAL);
+  while (write_error_.empty() && unsent() > 0) {
+    const ssize_t count = send_rest();
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) return;
     if (count < 0) {
@@ -175,6 +175,19 @@ void HTTPRequest::write() {
     sent_ += static_cast<std::size_t>(count);
     last_progress_ = now();
   }
+}
+
+/// One call for what is left of head and body.
+ssize_t HTTPRequest::send_rest() const noexcept {
+  const auto left = [](const std::string& part, std::size_t sent) {
+    return iovec{const_cast<char*>(part.data()) + sent, part.size() - sent};  // it is only read
+  };
+  const std::size_t of_head = std::min(sent_, send_head_.size());
+  std::array<iovec, 2> parts{left(send_head_, of_head), left(send_body_, sent_ - of_head)};
+  msghdr message{};
+  message.msg_iov = parts.data();
+  message.msg_iovlen = parts.size();
+  return ::sendmsg(socket_.descriptor(), &message, MSG_NOSIGNAL);
 }
 
 // The outcome and handle_close() come in one go, from here or from fail(): the database hears of

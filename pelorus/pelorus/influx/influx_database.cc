@@ -85,13 +85,28 @@ void InfluxDatabase::discard_old_data() {
                       pending_data_.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
+/// Every message puts the look off. Only its moment moves: the timer that is armed stays, and waits
+/// for the rest when it fires before that moment.
 void InfluxDatabase::reset_process_data_timer() {
-  stop_process_data_timer();
-  process_data_timer_ =
-      loop_.call_in(settings_.check_for_process_data_time, [this] { process_data(); });
+  const auto now = loop_.clocks().monotonic();
+  look_again_ = now + std::chrono::duration_cast<Moment::duration>(
+                          std::chrono::duration<double>(settings_.check_for_process_data_time));
+  if (!timer_armed_) arm_process_data_timer(now);
 }
 
-void InfluxDatabase::stop_process_data_timer() { process_data_timer_.cancel(); }
+void InfluxDatabase::arm_process_data_timer(Moment now) {
+  timer_armed_ = true;
+  process_data_timer_ = loop_.call_in(look_again_ - now, [this] {
+    timer_armed_ = false;
+    const auto fired = loop_.clocks().monotonic();
+    fired < look_again_ ? arm_process_data_timer(fired) : process_data();
+  });
+}
+
+void InfluxDatabase::stop_process_data_timer() {
+  process_data_timer_.cancel();
+  timer_armed_ = false;
+}
 
 void InfluxDatabase::handle_success() {
   if (failure_count_ != 0) log::info("Connected to InfluxDB API ({} database)", name_);

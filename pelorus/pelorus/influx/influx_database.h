@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -69,10 +70,13 @@ class InfluxDatabase {
   std::optional<double> seconds_until_full() const;
 
  private:
+  using Moment = std::chrono::steady_clock::time_point;
+
   bool should_send() const;
   bool should_drop_data() const;
   void send_request();
   void reset_process_data_timer();
+  void arm_process_data_timer(Moment now);
   /// Of the messages from the front on.
   Amount amount_of(std::size_t messages) const;
   double monotonic_seconds() const;
@@ -88,6 +92,8 @@ class InfluxDatabase {
   std::deque<std::string> pending_data_;  ///< messages not yet handed to a request, oldest first
   double last_sent_time_;  ///< seconds since the epoch: of construction, then of the last success
   skein::Timer process_data_timer_;
+  Moment look_again_{};  ///< when the timer is to look, if it is armed
+  bool timer_armed_ = false;
   WriteCounters counters_;
   QueueGrowth growth_;
 };

@@ -19,13 +19,10 @@ std::string InfluxHTTPRequest::get_headers() const {
 
 void InfluxHTTPRequest::send_request() {
   const std::size_t waiting = database_.pending_data_len();
-  const std::string data = database_.get_data();
+  send_body_ = database_.get_data();
   messages_ = waiting - database_.pending_data_len();
-  data_length_ = data.size();
-  const std::string head =
-      get_headers() + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
-  send_buf_.reserve(head.size() + data.size());
-  send_buf_.append(head).append(data);
+  data_length_ = send_body_.size();
+  send_head_ = get_headers() + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
 }
 
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }
