@@ -1,5 +1,5 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo deb asan bench fuzz chaos soak packages format tidy clean
+.PHONY: build check demo scale-demo deb asan bench fuzz chaos soak packages format tidy clean
 .NOTPARALLEL:
 
 build: packages
@@ -15,6 +15,10 @@ check: build
 demo: build
 	@demo/demo.py build/dev
 
+# Two daemons behind HAProxy, one of them killed under way, and one VictoriaMetrics.
+scale-demo: build
+	@demo/scale/scale_demo.py build/dev
+
 deb: packages
 	@scripts/build-packages build/deb
 	@ls build/deb/*.deb
@@ -25,10 +29,8 @@ asan: packages
 	@ctest --preset asan
 
 bench: packages
-	@scripts/build release
-	@build/release/bin/pelorus_bench
-	@scripts/build dev
-	@bench/node_latency.py build/dev
+	@scripts/build bench
+	@bench/table.py
 
 # Every fuzz target for so many seconds; `make check` replays their committed inputs.
 fuzz: SECONDS ?= 60

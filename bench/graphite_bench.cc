@@ -17,12 +17,12 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/corpus.h"
+#include "bench/line_floor.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/memory.h"
@@ -35,35 +35,6 @@ double cpu_nanoseconds() {
   timespec now{};
   ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
-}
-
-/// Finds the next `wanted` from `at`, or `end`.
-const char* find(const char* at, const char* end, char wanted) {
-  const void* found = std::memchr(at, wanted, static_cast<std::size_t>(end - at));
-  return found == nullptr ? end : static_cast<const char*>(found);
-}
-
-char* copy(char* out, const char* begin, const char* end) {
-  const auto size = static_cast<std::size_t>(end - begin);
-  std::memcpy(out, begin, size);
-  return out + size;
-}
-
-/// Returns the end of what it wrote: about as much as the records of the block are.
-[[gnu::noinline]] char* scan_split_copy(std::string_view block, char* out) {
-  const char* const end = block.data() + block.size();
-  for (const char* line = block.data(); line != end;) {
-    const char* const line_end = find(line, end, '\n');
-    const char* const value = find(line, line_end, ' ');
-    const char* const timestamp = find(value + 1, line_end, ' ');
-    out = copy(out, line, value);
-    out = copy(out, value, timestamp);
-    out = copy(out, timestamp, line_end);
-    std::memcpy(out, "000000000\n", 10);
-    out += 10;
-    line = line_end + 1;
-  }
-  return out;
 }
 
 /// The daemon's handler, with buffers that never write and hold no more than a few messages.
@@ -111,7 +82,7 @@ void measure(std::size_t lines_per_block, int pairs) {
   std::vector<double> ratios;
   for (int pair = -1; pair < pairs; ++pair) {  // the first one warms up
     const double floor = per_line(blocks, lines, [&](std::string_view block) {
-      const char* const end = scan_split_copy(block, out.data());
+      const char* const end = bench::scan_split_copy(block, out.data());
       asm volatile("" : : "r"(end) : "memory");  // what is written counts as read
     });
     const double figure =
