@@ -13,9 +13,10 @@ import time
 
 sys.dont_write_bytecode = True
 
+from setting import REPOSITORY, Setting  # first: it says where the others' modules lie
 from rows import MEASUREMENTS, PAIRS  # noqa: E402
-from setting import REPOSITORY, Setting  # noqa: E402
 
+GIVEN = dict(os.environ)  # before a corpus is made
 PAGE = REPOSITORY / "doc" / "performance.md"
 BEGIN, END = "<!-- table: begin -->", "<!-- table: end -->"
 HEAD = ["#", "ratio or figure", "goal", "measured", "spread", ""]
@@ -94,6 +95,5 @@ def main(wanted):
         print(f"\nThe table stands in {PAGE.relative_to(REPOSITORY)}.")
 
 
-GIVEN = dict(os.environ)
 if __name__ == "__main__":
     main({int(argument) for argument in sys.argv[1:]})
