@@ -3,15 +3,20 @@
 #include <fmt/format.h>
 #include <spdlog/logger.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 // The one logger of the daemon, named "pelorus". Control bytes in whatever is logged are escaped
-// by the sink, and a line never breaks in two. Loop thread only.
+// by the sink, and a line never breaks in two. To log never waits: see StderrSink. Loop thread only.
 namespace pelorus::log {
+
+class StderrSink;
 
 spdlog::logger& logger();
 
@@ -21,6 +26,15 @@ spdlog::logger& logger();
 /// Ignores SIGPIPE: a log without a reader loses its lines and nothing else.
 void start();
 
+/// Writes out what still waits, at the end of the process: gives up after half a second.
+void finish();
+
+/// Counts lines as dropped that would have come now. For who has more to say at once than the log
+/// takes (QUEUE_LINES, QUEUE_BYTES): it leaves the older ones unsaid, which the sink would drop.
+void drop(std::uint64_t lines);
+
+/// Where start() has the lines go; none where a test has them go elsewhere.
+StderrSink* stderr_sink();
 /// Replaces where lines go. For tests.
 void set_sink(std::shared_ptr<spdlog::sinks::sink> sink);
 
@@ -51,11 +65,13 @@ void error(fmt::format_string<Args...> text, Args&&... args) {
 /// where it is a skein::Failure, else the present one.
 void exception(std::string_view text, const std::exception& failure);
 
-/// The lines of that trace, the failure's kind and text first, as exception() logs them.
+/// The same with a trace that was taken before, for failures that many lines share.
+void exception(std::string_view text, std::span<const std::string> trace);
+
+/// The lines of a failure's trace, its kind and text first, as exception() logs them.
 std::vector<std::string> trace_lines(const std::exception& failure);
 
-/// `text` with every control byte as \xNN (\t, \n, \r in their short form), the C1 controls of
-/// UTF-8 and bytes that are no UTF-8 included.
-std::string escape_controls(std::string_view text);
+/// Writes those lines as they stand, without priority or time.
+void print_trace(const std::exception& failure);
 
 }  // namespace pelorus::log

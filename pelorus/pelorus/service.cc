@@ -1,7 +1,10 @@
 #include "pelorus/pelorus/service.h"
 
 #include <fmt/format.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -16,7 +19,9 @@
 #include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/memory.h"
+#include "pelorus/pelorus/log_pacer.h"
 #include "pelorus/pelorus/profile.h"
+#include "pelorus/pelorus/service_status.h"
 #include "pelorus/pelorus/systemd_notify.h"
 
 namespace pelorus {
@@ -30,6 +35,17 @@ void log_loop_failures(skein::Loop& loop) {
     log::exception(fmt::format("Exception in event loop: {}", failure.what()), failure);
   });
 }
+
+/// What the process opens must not become its standard output by chance, and be written to.
+void open_standard_descriptors() {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);  // takes the lowest number
+  }
+}
+
+/// The settings hold secrets, and so does the memory of whoever has read them: no core is written,
+/// and nobody but root looks into it.
+void keep_memory_private() { ::prctl(PR_SET_DUMPABLE, 0); }
 
 /// A peer that has gone is noticed by the call that writes to it, and a terminal that has gone is
 /// no reason to stop.
@@ -47,19 +63,28 @@ void raise_descriptor_limit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void print_failure(const std::exception& failure) {
-  for (const std::string& line : log::trace_lines(failure)) {
-    fmt::print(stderr, "{}\n", log::escape_controls(line));
-  }
-}
+/// Whatever ends the process, its log gets out as far as anybody reads it.
+struct LastWords {
+  LastWords() = default;
+  LastWords(const LastWords&) = delete;
+  LastWords& operator=(const LastWords&) = delete;
+  ~LastWords() { log::finish(); }
+};
 
 std::optional<Service> load_service(skein::Loop& loop) {
   try {
     return Service(Settings::load(), loop);
   } catch (const std::exception& failure) {
-    print_failure(failure);
+    log::print_trace(failure);
     return std::nullopt;
   }
+}
+
+/// What the service manager shows.
+std::string description(const InfluxHandler& handler) {
+  std::size_t queued = 0;
+  for (const auto& database : handler.databases()) queued += database->pending_data_len();
+  return fmt::format("{} databases, {} messages queued", handler.databases().size(), queued);
 }
 
 void run_service(Service& service, bool profiled) {
@@ -102,7 +127,13 @@ void Service::main() {
   LocalServer local_server(handler, settings_, loop_, &node_server, quota);
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
-  loop_.run();
+  const auto describe = [&handler] { return description(handler); };
+  {
+    const log::Pacer pacer(log::stderr_sink(), loop_);
+    const ServiceStatus status(describe, loop_);
+    loop_.run();
+  }
+  systemd_notify("STOPPING=1");
   handler.stop();
   local_server.close();
   node_server.close();
@@ -114,6 +145,8 @@ void Service::profile() {
 }
 
 int run_process(int argument_count, char** arguments) {
+  open_standard_descriptors();
+  keep_memory_private();
   bool profiled = false;
   try {
     const std::span<char* const> given(arguments, static_cast<std::size_t>(argument_count));
@@ -129,6 +162,7 @@ int run_process(int argument_count, char** arguments) {
   raise_descriptor_limit();
   keep_freed_memory();
   log::start();
+  const LastWords last_words;
   skein::Loop& loop = skein::loops::loop();
   log_loop_failures(loop);
   loop.watch_signals();

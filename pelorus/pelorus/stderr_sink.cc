@@ -1,18 +1,11 @@
 #include "pelorus/pelorus/stderr_sink.h"
 
-#include <fmt/format.h>
-#include <poll.h>
-#include <unistd.h>
+#include <fmt/compile.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <chrono>
-#include <climits>
-#include <ctime>
-#include <string_view>
+#include <iterator>
 
-#include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/escape.h"
 
 namespace pelorus::log {
 namespace {
@@ -32,60 +25,113 @@ int priority(spdlog::level::level_enum level) {
   }
 }
 
-/// "2024-05-01 13:45:00.123"
-std::string local_time(spdlog::log_clock::time_point moment) {
-  const std::time_t seconds = spdlog::log_clock::to_time_t(moment);
+/// "2024-05-01 13:45:00"
+std::string local_time(std::time_t second) {
   std::tm parts{};
-  localtime_r(&seconds, &parts);
+  localtime_r(&second, &parts);
   std::array<char, sizeof("2024-05-01 13:45:00") + 8> text{};  // room for a year of more digits
   const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
-  const auto since_epoch = std::chrono::floor<std::chrono::milliseconds>(moment.time_since_epoch());
-  return fmt::format("{}.{:03}", std::string_view(text.data(), length), since_epoch.count() % 1000);
+  return {text.data(), length};
 }
 
-std::string prefix_of(const spdlog::details::log_msg& message, StderrSink::Prefix prefix) {
-  if (prefix == StderrSink::Prefix::PRIORITY) return fmt::format("<{}>", priority(message.level));
-  const auto level = spdlog::level::to_string_view(message.level);
-  return fmt::format("{} {} ", local_time(message.time), fmt::string_view(level));
-}
-
-/// A pipe that polls as writable takes this much without blocking.
-constexpr std::size_t PIECE_BYTES = PIPE_BUF;
-/// How long one line may wait for a reader that has fallen behind.
-constexpr int PATIENCE_MILLISECONDS = 50;
-
-bool writable_within(int descriptor, int milliseconds) noexcept {
-  pollfd state{.fd = descriptor, .events = POLLOUT, .revents = 0};
-  return ::poll(&state, 1, milliseconds) > 0;
-}
-
-/// False when nothing of it could be written.
-bool write_all(int descriptor, std::string_view bytes, int patience) noexcept {
-  bool begun = false;
-  while (!bytes.empty() && writable_within(descriptor, patience)) {
-    const ssize_t written = ::write(descriptor, bytes.data(), std::min(bytes.size(), PIECE_BYTES));
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return begun;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-    begun = true;
-  }
-  return begun;
-}
+/// Lines that have gathered so far are written without waiting for the next pace.
+constexpr std::size_t GATHERED_BYTES = 64U << 10;
 
 }  // namespace
 
 void StderrSink::log(const spdlog::details::log_msg& message) {
-  const std::string_view payload(message.payload.data(), message.payload.size());
-  std::string line = prefix_of(message, prefix_) + escape_controls(payload) + "\n";
-  if (dropped_ > 0) {
-    line = fmt::format("{}{} log lines were dropped: nobody read them\n{}",
-                       prefix_of(message, prefix_), dropped_, line);
+  std::string_view payload(message.payload.data(), message.payload.size());
+  std::string& text = queue_.text();
+  append_prefix(text, message.level, message.time);
+  const std::size_t left_out = payload.size() > LINE_BYTES ? payload.size() - LINE_BYTES : 0;
+  payload.remove_suffix(left_out);
+  append_escaped(text, payload);
+  if (left_out > 0) text += fmt::format(" ({} bytes left out)", left_out);
+  text += '\n';
+  queue_.end_line();
+}
+
+void StderrSink::append_prefix(std::string& text, spdlog::level::level_enum level,
+                               spdlog::log_clock::time_point moment) {
+  if (prefix_ == Prefix::PRIORITY) {
+    text += {'<', static_cast<char>('0' + priority(level)), '>'};
+    return;
   }
-  // Once a reader has been waited for in vain, the lines after it do not wait for it again.
-  if (write_all(descriptor_, line, dropped_ > 0 ? 0 : PATIENCE_MILLISECONDS)) {
-    dropped_ = 0;
-  } else {
-    ++dropped_;
+  const std::time_t second = spdlog::log_clock::to_time_t(moment);
+  if (second != second_) second_text_ = local_time(second);
+  second_ = second;
+  const auto since_epoch = std::chrono::floor<std::chrono::milliseconds>(moment.time_since_epoch());
+  const auto name = spdlog::level::to_string_view(level);
+  fmt::format_to(std::back_inserter(text), FMT_COMPILE("{}.{:03} {} "), second_text_,
+                 since_epoch.count() % 1000, std::string_view(name.data(), name.size()));
+}
+
+void StderrSink::flush() {
+  queue_.end_record();
+  const bool at_once = !paced_ || !wrote_ || queue_.next().size() >= GATHERED_BYTES;
+  if (at_once && !stuck_) write_out();
+}
+
+void StderrSink::print(std::string_view line) {
+  append_escaped(queue_.text(), line);
+  queue_.text() += '\n';
+  queue_.end_line();
+  flush();
+}
+
+void StderrSink::drop(std::uint64_t lines) {
+  if (!stuck_) write_out();
+  queue_.drop(lines);
+}
+
+void StderrSink::set_paced(bool paced) {
+  paced_ = paced;
+  pace();
+}
+
+bool StderrSink::pace() {
+  const bool all = write_out();
+  wrote_ = false;
+  return all;
+}
+
+bool StderrSink::write_out() {
+  wrote_ = true;
+  stuck_ = true;
+  while (!queue_.next().empty()) {
+    if (queue_.dropped() > 0 && !queue_.begun() && !tell_dropped()) return false;
+    const std::string_view next = queue_.next();
+    const std::size_t taken = put(next);
+    const bool all = taken == next.size();
+    queue_.took(taken);
+    if (!all) return false;
+  }
+  stuck_ = false;
+  return true;
+}
+
+/// False when not a byte of it was taken.
+bool StderrSink::tell_dropped() {
+  std::string line;
+  append_prefix(line, spdlog::level::warn, spdlog::log_clock::now());
+  line += fmt::format("{} log lines were dropped: more than could be written\n", queue_.dropped());
+  const std::size_t taken = put(line);
+  if (taken > 0) queue_.told(std::string_view(line).substr(taken));
+  return taken > 0;
+}
+
+std::size_t StderrSink::put(std::string_view bytes) {
+  const std::size_t taken = outlet_.put(bytes);
+  written_ += taken;
+  return taken;
+}
+
+void StderrSink::finish(std::chrono::milliseconds longest) {
+  const auto end = std::chrono::steady_clock::now() + longest;
+  while (!pace() && outlet_.full()) {
+    const auto left = end - std::chrono::steady_clock::now();
+    if (left <= left.zero()) return;
+    outlet_.wait(std::chrono::ceil<std::chrono::milliseconds>(left));
   }
 }
 

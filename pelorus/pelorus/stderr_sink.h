@@ -2,15 +2,25 @@
 
 #include <spdlog/sinks/sink.h>
 
+#include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
+
+#include "pelorus/pelorus/line_queue.h"
+#include "pelorus/pelorus/log_outlet.h"
 
 namespace pelorus::log {
 
-/// Writes each record as one line, control bytes escaped. A line that cannot be written is lost: no
-/// failure to write ever reaches who logs, and a reader that has stopped is waited for once, for a
-/// twentieth of a second. The next line that gets out says how many were dropped.
+/// Writes each record as one line, control bytes escaped, and never waits for who reads it: what is
+/// not taken at once waits here, within the limits of LineQueue, and the next line that gets out
+/// says how many were dropped.
+///
+/// log() adds a line to the present record and flush() ends the record. It is written at once then,
+/// unless write-outs are paced: then only the first record between two paces is, and the others
+/// are written together at the next pace, or when much has gathered.
 class StderrSink : public spdlog::sinks::sink {
  public:
   /// What a line begins with.
@@ -20,18 +30,44 @@ class StderrSink : public spdlog::sinks::sink {
   };
 
   /// The descriptor stays the caller's.
-  StderrSink(int descriptor, Prefix prefix) : descriptor_(descriptor), prefix_(prefix) {}
+  StderrSink(int descriptor, Prefix prefix) : outlet_(descriptor), prefix_(prefix) {}
 
   void log(const spdlog::details::log_msg& message) override;
-  void flush() override {}
+  void flush() override;
   /// The form of a line is settled: this does nothing, and neither does set_formatter().
   void set_pattern(const std::string&) override {}
   void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
 
+  /// A record of one line that stands as it is, control bytes escaped.
+  void print(std::string_view line);
+  /// Counts lines as dropped that would have come now, and drops what waits before them.
+  void drop(std::uint64_t lines);
+
+  /// From now on pace() is called often, until this is called again with false.
+  void set_paced(bool paced);
+  /// Writes out what waits. False when not all of it was taken.
+  bool pace();
+  /// Bytes that were written so far.
+  std::uint64_t written() const noexcept { return written_; }
+  /// Writes out what waits, waiting for the reader, though not beyond `longest`.
+  void finish(std::chrono::milliseconds longest);
+
  private:
-  int descriptor_;
+  void append_prefix(std::string& text, spdlog::level::level_enum level,
+                     spdlog::log_clock::time_point moment);
+  bool write_out();
+  bool tell_dropped();
+  std::size_t put(std::string_view bytes);
+
+  Outlet outlet_;
   Prefix prefix_;
-  std::uint64_t dropped_ = 0;  ///< lines since the last one that got out
+  LineQueue queue_;
+  std::uint64_t written_ = 0;
+  bool paced_ = false;
+  bool wrote_ = false;  ///< a record was written since the last pace
+  bool stuck_ = false;  ///< not all of it was taken: the next pace tries again
+  std::time_t second_ = -1;  ///< the one that `second_text_` shows
+  std::string second_text_;
 };
 
 }  // namespace pelorus::log

@@ -27,20 +27,24 @@ int send_datagram(std::string_view name, std::string_view state) {
 
   const skein::Socket socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
-  const auto sent = ::sendto(socket.descriptor(), state.data(), state.size(), MSG_NOSIGNAL,
-                             reinterpret_cast<const sockaddr*>(&address), length);
+  const auto sent =
+      ::sendto(socket.descriptor(), state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr*>(&address), length);
   return sent < 0 ? errno : 0;
 }
 
 }  // namespace
 
 void systemd_notify(std::string_view state) {
-  const char* name = std::getenv("NOTIFY_SOCKET");
-  if (name == nullptr || *name == '\0') return;
-  if (const int error = send_datagram(name, state)) {
-    log::warning("Cannot notify the service manager at {} of {}: {}", name, state,
-                 std::generic_category().message(error));
+  if (const int error = systemd_notify_quietly(state)) {
+    log::warning("Cannot notify the service manager at {} of {}: {}", std::getenv("NOTIFY_SOCKET"),
+                 state, std::generic_category().message(error));
   }
+}
+
+int systemd_notify_quietly(std::string_view state) {
+  const char* name = std::getenv("NOTIFY_SOCKET");
+  return name == nullptr || *name == '\0' ? 0 : send_datagram(name, state);
 }
 
 }  // namespace pelorus

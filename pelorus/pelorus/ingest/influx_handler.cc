@@ -6,6 +6,7 @@
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/errors.h"
+#include "pelorus/pelorus/ingest/bad_lines.h"
 #include "pelorus/pelorus/ingest/submit_message.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
@@ -16,42 +17,6 @@ namespace {
 
 /// As much of a database's name as an error shows.
 constexpr std::size_t SHOWN_NAME_BYTES = 64;
-
-/// As much of a warning as is kept for the status.
-constexpr std::size_t KEPT_WARNING_BYTES = 160;
-
-/// Logs each bad line, and notes it for the connection that it came on.
-class LogBadLines : public BadLineReporter {
- public:
-  explicit LogBadLines(Ingested& ingested) : ingested_(ingested) {}
-
-  void improperly_formatted(std::string_view line) override {
-    if (line.empty() && !log::enabled(spdlog::level::warn)) return;
-    const auto text = fmt::format("Improperly formatted metric: \"{}\"", translate::display(line));
-    log::warning("{}", text);
-    if (!line.empty()) note(text);
-  }
-
-  void not_translated(std::string_view series, translate::Outcome outcome) override {
-    const std::string text = failure_text(outcome, series);
-    note(text);
-    if (!is_unexpected(outcome)) {
-      log::warning("{}", text);
-      return;
-    }
-    const translate::UnexpectedSeriesError failure(text);
-    log::warning("Unexpected error occurred when translating series");
-    log::exception(failure.what(), failure);
-  }
-
- private:
-  void note(const std::string& text) {
-    ++ingested_.bad_lines;
-    ingested_.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
-  }
-
-  Ingested& ingested_;
-};
 
 }  // namespace
 
@@ -89,8 +54,8 @@ void InfluxHandler::add(std::string_view database_name, std::string data,
 Ingested InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
   PROFILE_SCOPE();
   Ingested ingested;
-  LogBadLines reporter(ingested);
-  const auto built = graphite_message_.build(metrics, reporter);
+  BadLines bad_lines(ingested);
+  const auto built = graphite_message_.build(metrics, bad_lines);
   ingested.records = built.num_metrics;
   add(database_name, std::string(built.message), built.num_metrics);
   return ingested;
@@ -105,9 +70,9 @@ Ingested InfluxHandler::add_submit(std::string_view database_name, std::string_v
     ++ingested.records;
   });
   if (!read) {
-    const auto text =
-        fmt::format("Could not translate \"{}\": No match for series", translate::display(name));
-    log::warning("{}", text);
+    const auto text = fmt::format("Could not translate \"{}\": No match for series",
+                                  translate::display(name.substr(0, SHOWN_BYTES)));
+    log::warning("{}", with_left_out(text, name));
     ingested.bad_lines = 1;
     ingested.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
   }

@@ -1,0 +1,107 @@
+#include "pelorus/pelorus/ingest/bad_lines.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "pelorus/pelorus/line_queue.h"
+#include "pelorus/pelorus/log.h"
+#include "pelorus/translate/display.h"
+#include "pelorus/translate/series_translator.h"
+
+namespace pelorus {
+namespace {
+
+using translate::Outcome;
+
+/// Each bad line takes a line of the log at least.
+constexpr std::size_t RING_SIZE = log::QUEUE_LINES;
+static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it still fits a line");
+
+bool warns() { return log::enabled(spdlog::level::warn); }
+
+}  // namespace
+
+void BadLines::improperly_formatted(std::string_view line) {
+  if (!line.empty()) note({line});
+  if (warns()) add({line});
+}
+
+void BadLines::not_translated(std::string_view series, Outcome outcome) {
+  note({series, outcome});
+  const bool unexpected = is_unexpected(outcome);
+  if (unexpected && trace_.empty()) {
+    trace_ = log::trace_lines(translate::UnexpectedSeriesError(""));
+    for (const std::string& line : trace_) trace_bytes_ += line.size();
+    kind_ = trace_.front();
+  }
+  if (unexpected || warns()) add({series, outcome});
+}
+
+void BadLines::note(BadLine line) {
+  ++ingested_.bad_lines;
+  last_ = line;
+}
+
+void BadLines::add(BadLine line) {
+  lines_ += lines_of(line);
+  bytes_ += bytes_of(line);
+  while (begin_ < end_ && (lines_ > log::QUEUE_LINES || bytes_ > log::QUEUE_BYTES)) skip_oldest();
+  if (ring_.size() < RING_SIZE) {
+    ring_.push_back(line);
+  } else {
+    ring_[end_ % RING_SIZE] = line;
+  }
+  ++end_;
+}
+
+void BadLines::skip_oldest() {
+  const BadLine& oldest = ring_[begin_++ % RING_SIZE];
+  skipped_ += lines_of(oldest);
+  lines_ -= lines_of(oldest);
+  bytes_ -= bytes_of(oldest);
+}
+
+std::size_t BadLines::lines_of(const BadLine& line) const {
+  if (!is_unexpected(line.outcome)) return 1;
+  return (warns() ? 1U : 0U) + 1 + trace_.size();
+}
+
+std::size_t BadLines::bytes_of(const BadLine& line) const {
+  const std::size_t shown = std::min(line.text.size(), SHOWN_BYTES);
+  return shown + (is_unexpected(line.outcome) ? trace_bytes_ : 0);
+}
+
+void BadLines::block_ends() {
+  if (skipped_ > 0) log::drop(std::exchange(skipped_, 0));
+  while (begin_ < end_) log(ring_[begin_++ % RING_SIZE]);
+  lines_ = bytes_ = 0;
+  if (last_.text.empty()) return;
+  ingested_.last_warning = text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);
+  last_ = {};
+}
+
+std::string BadLines::text_of(const BadLine& line, std::size_t shown_bytes) {
+  const auto shown = line.text.substr(0, shown_bytes);
+  if (line.outcome != Outcome::TRANSLATED) return failure_text(line.outcome, shown);
+  return fmt::format("Improperly formatted metric: \"{}\"", translate::display(shown));
+}
+
+void BadLines::log(const BadLine& line) {
+  const auto text = with_left_out(text_of(line, SHOWN_BYTES), line.text);
+  is_unexpected(line.outcome) ? log_unexpected(text) : log::warning("{}", text);
+}
+
+void BadLines::log_unexpected(const std::string& text) {
+  log::warning("Unexpected error occurred when translating series");
+  trace_.front() = kind_ + text;
+  log::exception(text, trace_);
+}
+
+std::string with_left_out(std::string text, std::string_view shown) {
+  if (shown.size() <= SHOWN_BYTES) return text;
+  return fmt::format("{} ({} bytes left out)", text, shown.size() - SHOWN_BYTES);
+}
+
+}  // namespace pelorus
