@@ -117,9 +117,11 @@ class Pelorus(Process):
     """The daemon with settings of its own. Unless told otherwise its log lines carry the journal's
     priorities and every message is written at once."""
 
-    def __init__(self, folder, settings=None, arguments=(), environment=None, wrapper=()):
+    def __init__(self, folder, settings=None, arguments=(), environment=None, wrapper=(),
+                 **options):
         """`settings` and `environment` are put over the usual ones; None removes an entry.
-        `wrapper`: a command that changes its own surroundings and then becomes the daemon."""
+        `wrapper`: a command that changes its own surroundings and then becomes the daemon.
+        `options` are those of subprocess.Popen."""
         self.folder = Path(folder)
         self.socket = self.folder / "local.socket"
         settings_file = self.folder / "settings.json"
@@ -131,7 +133,7 @@ class Pelorus(Process):
                         "NOTIFY_SOCKET": self.notify.name, "PELORUS_LOG_LEVEL": None}
         super().__init__([*wrapper, BUILD / "bin" / "pelorus", *arguments],
                          self.folder / "pelorus.log", cwd=self.folder,
-                         env=_overlay({**os.environ, **surroundings}, environment))
+                         env=_overlay({**os.environ, **surroundings}, environment), **options)
 
     def _settings(self):
         return {
@@ -162,8 +164,10 @@ class Pelorus(Process):
                    seconds)
 
     def stop(self, seconds=15):
-        self.notify.close()
-        return super().stop(seconds)
+        try:
+            return super().stop(seconds)
+        finally:
+            self.notify.close()
 
 
 def _overlay(base, changes):

@@ -1,6 +1,8 @@
 """The life of the daemon's process: start, readiness, signals, failures at start, profiling."""
 
 import os
+import resource
+import select
 import shutil
 import signal
 import socket
@@ -11,7 +13,8 @@ import unittest
 
 from skein_client import SkeinClient
 from stub_influx import HANG, StubInflux
-from support import (AUTH, BUILD, INFO, PLUGIN, WWW_KEY, FolderTest, NotifySocket, wait_until)
+from support import (AUTH, BUILD, INFO, PLUGIN, WWW_KEY, FolderTest, NotifySocket, Process,
+                     wait_until)
 
 LOAD = "m000.load.load.shortterm 0.5 1700000000\n"
 
@@ -64,6 +67,35 @@ class Life(FolderTest):
         self.start_pelorus(environment={"NOTIFY_SOCKET": manager.name}, ready=False)
         self.assertEqual(wait_until(manager.receive, "readiness"), b"READY=1")
 
+    def test_service_manager_hears_signs_of_life_the_status_and_the_end(self):
+        alive = b"WATCHDOG=1\nSTATUS=2 databases, 0 messages queued"
+        for surroundings, expected in [({"WATCHDOG_USEC": "100000"}, [alive] * 3),
+                                       ({"WATCHDOG_USEC": "100000", "WATCHDOG_PID": "1"},
+                                        [alive.splitlines()[1]])]:
+            daemon = self.start_pelorus(environment=surroundings)
+            heard = [wait_until(daemon.notify.receive, "a notice") for _ in expected]
+            self.assertEqual(heard, expected)
+            daemon.send_signal(signal.SIGTERM)
+            self.assertEqual(daemon.wait(), 0)
+            while (state := daemon.notify.receive()) == alive:
+                pass
+            self.assertEqual(state, b"STOPPING=1")
+
+    def test_no_core_is_left_that_could_hold_the_secrets(self):
+        def allow_cores():
+            resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY,) * 2)
+
+        control = Process(["sleep", "100"], self.folder / "control.log", cwd=self.folder,
+                          preexec_fn=allow_cores)
+        daemon = self.start_pelorus(preexec_fn=allow_cores, ready=False)
+        daemon.wait_ready()
+        for process in control, daemon:
+            process.send_signal(signal.SIGQUIT)
+            self.assertEqual(process.wait(), -signal.SIGQUIT)
+        if not list(self.folder.glob("core*")):
+            self.skipTest("this system leaves no cores in the working directory")
+        self.assertEqual(list(daemon.folder.glob("core*")), [])
+
     def test_log_has_a_level_and_outside_the_journal_a_time(self):
         daemon = self.start_pelorus(
             environment={"JOURNAL_STREAM": None, "PELORUS_LOG_LEVEL": "warning"})
@@ -110,6 +142,64 @@ class StartUpFailures(FolderTest):
                 self.assertEqual(code, 0, text)
                 self.assertRegex(text, f"(?m)^<3>Unhandled exception: .*{expected}")
                 self.assertNotIn("Quitting.", text)
+
+
+class LogReaders(FolderTest):
+    """What becomes of the log, and of the daemon, when nobody takes what it logs."""
+
+    def start_on_pipe(self):
+        """A daemon that does not write to InfluxDB, nor logs that it cannot, and its log."""
+        reader, writer = os.pipe()
+        daemon = self.start_pelorus({"PELORUS_IDEAL_QUEUED_MESSAGES": 900,
+                                     "PELORUS_BUFFER_TIME": 1000},
+                                    preexec_fn=lambda: os.dup2(writer, 2))
+        os.close(writer)
+        self.addCleanup(os.close, reader)
+        return daemon, reader
+
+    def test_stopped_reader_misses_exactly_as_many_lines_as_it_is_told(self):
+        daemon, reader = self.start_on_pipe()
+        with SkeinClient(daemon.socket) as client:
+            for block in (LOAD + "x\n" * 3000, "\n" * 2**20, "n123.irq 1 1\n" * 2000 + "last\n"):
+                client.collectd(block)
+            client.call("stats")
+        text = b""
+        while not text.endswith(b"\"b'last'\"\n<4>Improperly formatted metric: \"b''\"\n"):
+            self.assertIn(reader, select.select([reader], [], [], 15)[0], "the rest of the log")
+            text += os.read(reader, 2**20)
+        lines = text.decode().splitlines()
+        told = [int(line.split()[0][3:]) for line in lines if line.endswith("could be written")]
+        come = len(lines) - len(told)
+        trace = [line for line in lines if line.startswith("<3>")]
+        size = next(i for i, line in enumerate(trace[1:], 1) if line.startswith("<3>series"))
+        # Four lines of the start; of each block its bad lines and the empty one at its end.
+        self.assertEqual(come + sum(told), 4 + 3001 + 2**20 + 1 + 2000 * (1 + size) + 2)
+        self.assertEqual(lines[0], "<6>Starting.")
+
+    def test_dead_reader_does_not_hold_up_the_end(self):
+        daemon, _ = self.start_on_pipe()
+        with SkeinClient(daemon.socket) as client:
+            client.collectd("x\n" * 10_000)
+        begin = time.monotonic()
+        self.assertEqual(daemon.stop(), 0)
+        self.assertLess(time.monotonic() - begin, 1)
+
+    def test_full_disk_gone_reader_and_closed_descriptors_change_nothing(self):
+        reader, gone = os.pipe()
+        os.close(reader)
+        full = os.open("/dev/full", os.O_WRONLY)
+        for name, prepare in {"full": lambda: os.dup2(full, 2), "gone": lambda: os.dup2(gone, 2),
+                              "closed": lambda: os.closerange(0, 3)}.items():
+            with self.subTest(name):
+                daemon = self.start_pelorus(preexec_fn=prepare)
+                with SkeinClient(daemon.socket) as client:
+                    client.collectd("x\n" * 100_000)
+                    self.assertEqual(client.call("stats")["bonding"]["failure_count"], 0)
+                if name == "closed":
+                    self.assertEqual({os.readlink(f"/proc/{daemon.pid}/fd/{i}") for i in range(3)},
+                                     {"/dev/null"})
+                daemon.send_signal(signal.SIGTERM)
+                self.assertEqual(daemon.wait(), 0)
 
 
 class Profiling(FolderTest):

@@ -1,8 +1,11 @@
 #include "pelorus/pelorus/ingest/influx_handler.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "pelorus/pelorus/errors.h"
+#include "pelorus/pelorus/ingest/bad_lines.h"
+#include "pelorus/pelorus/line_queue.h"
 #include "skein/encoders/msgpackencoder.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
@@ -97,6 +100,44 @@ TEST_F(InfluxHandlerTest, BadLinesAreLoggedWhereTheyStand) {
                                       "Unexpected error occurred when translating series",
                                       R"(Improperly formatted metric: "b''")"}));
   EXPECT_GT(log_.texts("error").size(), 1U) << "the failure with its trace";
+}
+
+TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
+  const std::size_t kept = log::QUEUE_LINES;
+  handler_.add_graphite("bonding", std::string(kept + 41, '\n') + "last");
+  ASSERT_EQ(log_.lines().size(), 1 + kept);
+  EXPECT_EQ(log_.lines().front().text, "42 log lines were dropped");
+  EXPECT_EQ(log_.lines()[1].text, R"(Improperly formatted metric: "b''")");
+  EXPECT_EQ(log_.lines().back().text, R"(Improperly formatted metric: "b'last'")");
+
+  log_.clear();
+  handler_.add_graphite("bonding", "node0.irq 1 1");
+  const std::size_t of_each = log_.lines().size();  // a warning, the failure and its trace
+  ASSERT_GT(of_each, 3U);
+  log_.clear();
+  std::string block;
+  for (std::size_t line = 0; line < kept; ++line) block += fmt::format("node{}.irq 1 1\n", line);
+  handler_.add_graphite("bonding", block);
+  const auto lines = log_.lines();
+  const std::size_t come = (kept - 1) / of_each * of_each + 1;  // whole ones, and the last line
+  EXPECT_EQ(lines.size(), 1 + come);
+  EXPECT_EQ(lines.front().text,
+            fmt::format("{} log lines were dropped", kept * of_each + 1 - come));
+  EXPECT_EQ(lines[1].text, "Unexpected error occurred when translating series");
+  EXPECT_EQ(lines[lines.size() - of_each + 1].text,
+            fmt::format("translate::UnexpectedSeriesError: series b'node{}.irq' has too few parts "
+                        "for its rule",
+                        kept - 1));
+}
+
+TEST_F(InfluxHandlerTest, LongLinesAreShownInPart) {
+  handler_.add_graphite("bonding", std::string(SHOWN_BYTES + 7, 'x'));
+  handler_.add_graphite("bonding", "m000.foo." + std::string(SHOWN_BYTES, 'x') + " 1 1");
+  const auto warnings = log_.texts("warning");
+  ASSERT_EQ(warnings.size(), 2U);
+  EXPECT_EQ(warnings[0].size(), SHOWN_BYTES + 53);
+  EXPECT_TRUE(warnings[0].ends_with("xxx'\" (7 bytes left out)"));
+  EXPECT_TRUE(warnings[1].ends_with("xxx'\": No match for series (9 bytes left out)"));
 }
 
 TEST_F(InfluxHandlerTest, BlockThatOutgrowsTheBufferQueuesNothing) {
