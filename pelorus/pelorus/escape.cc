@@ -39,8 +39,8 @@ std::string escaped(char byte) {
 
 void append_escaped(std::string& out, std::string_view text) {
   while (!text.empty()) {
-    const auto plain =
-        static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
+    const auto plain = static_cast<std::size_t>(
+        std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
     out.append(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) return;

@@ -14,13 +14,13 @@ constexpr std::size_t QUEUE_LINES = 16'384;
 /// Most bytes that wait to be written, in memory: some 40,000 ordinary lines.
 constexpr std::size_t QUEUE_BYTES = 4U << 20;
 
-/// Longest text of one line, before its control bytes are escaped; of a longer one the line says how
-/// many bytes were left out. What is shown of a metric that cannot be used fits.
+/// Longest text of one line, before its control bytes are escaped; of a longer one the line says
+/// how many bytes were left out. What is shown of a metric that cannot be used fits.
 constexpr std::size_t LINE_BYTES = 272U << 10;
 
 /// Lines that wait to be written. Past its limits the oldest are dropped, and counted. The lines of
-/// one record stay together: they are dropped together, and once the first byte of a record has been
-/// written the rest of it stays. Pure.
+/// one record stay together: they are dropped together, and once the first byte of a record has
+/// been written the rest of it stays. Pure.
 class LineQueue {
  public:
   /// The text that the next line is to be appended to, "\n" included; then end_line().
@@ -52,10 +52,10 @@ class LineQueue {
   void drop_front();
   void tidy();
 
-  std::string begun_;          ///< the rest of what was written in part; not in `text_` any more
-  std::string text_;           ///< the records, behind `head_` bytes that are no longer needed
-  std::size_t head_ = 0;       ///< where the first record begins
-  std::size_t tail_ = 0;       ///< where the record that is still being added to begins
+  std::string begun_;           ///< the rest of what was written in part; not in `text_` any more
+  std::string text_;            ///< the records, behind `head_` bytes that are no longer needed
+  std::size_t head_ = 0;        ///< where the first record begins
+  std::size_t tail_ = 0;        ///< where the record that is still being added to begins
   std::size_t open_lines_ = 0;  ///< of that record
   std::deque<Record> records_;
   std::size_t lines_ = 0;  ///< of the records

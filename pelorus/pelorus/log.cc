@@ -78,9 +78,13 @@ void set_sink(std::shared_ptr<spdlog::sinks::sink> sink) { logger().sinks() = {s
 
 StderrSink* stderr_sink() { return dynamic_cast<StderrSink*>(logger().sinks().front().get()); }
 
+void hold(bool held) {
+  if (auto* sink = stderr_sink()) sink->hold(held);
+}
+
 void drop(std::uint64_t lines) {
   if (auto* sink = stderr_sink()) return sink->drop(lines);
-  warning("{} log lines were dropped", lines);
+  warning("{} log lines were dropped: more than could be written", lines);
 }
 
 void write(spdlog::level::level_enum level, fmt::string_view text, fmt::format_args arguments) {

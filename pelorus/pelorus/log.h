@@ -13,7 +13,8 @@
 #include <vector>
 
 // The one logger of the daemon, named "pelorus". Control bytes in whatever is logged are escaped
-// by the sink, and a line never breaks in two. To log never waits: see StderrSink. Loop thread only.
+// by the sink, and a line never breaks in two. To log never waits: see StderrSink. Loop thread
+// only.
 namespace pelorus::log {
 
 class StderrSink;
@@ -32,6 +33,9 @@ void finish();
 /// Counts lines as dropped that would have come now. For who has more to say at once than the log
 /// takes (QUEUE_LINES, QUEUE_BYTES): it leaves the older ones unsaid, which the sink would drop.
 void drop(std::uint64_t lines);
+
+/// Between hold(true) and hold(false) lines gather, to be written in one go.
+void hold(bool held);
 
 /// Where start() has the lines go; none where a test has them go elsewhere.
 StderrSink* stderr_sink();

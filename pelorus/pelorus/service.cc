@@ -1,7 +1,7 @@
 #include "pelorus/pelorus/service.h"
 
-#include <fmt/format.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>

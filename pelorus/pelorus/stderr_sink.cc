@@ -36,6 +36,9 @@ std::string local_time(std::time_t second) {
 
 /// Lines that have gathered so far are written without waiting for the next pace.
 constexpr std::size_t GATHERED_BYTES = 64U << 10;
+/// Records that are written by themselves between two paces: what one connection may cause in a
+/// turn of the loop, so that a peer that is answered finds what was logged about it.
+constexpr int WRITE_OUTS = 32;
 
 }  // namespace
 
@@ -68,8 +71,9 @@ void StderrSink::append_prefix(std::string& text, spdlog::level::level_enum leve
 
 void StderrSink::flush() {
   queue_.end_record();
-  const bool at_once = !paced_ || !wrote_ || queue_.next().size() >= GATHERED_BYTES;
-  if (at_once && !stuck_) write_out();
+  if (stuck_) return;
+  const bool at_once = !held_ && (!paced_ || write_outs_ < WRITE_OUTS);
+  if (at_once || queue_.next().size() >= GATHERED_BYTES) write_out();
 }
 
 void StderrSink::print(std::string_view line) {
@@ -84,6 +88,11 @@ void StderrSink::drop(std::uint64_t lines) {
   queue_.drop(lines);
 }
 
+void StderrSink::hold(bool held) {
+  held_ = held;
+  flush();
+}
+
 void StderrSink::set_paced(bool paced) {
   paced_ = paced;
   pace();
@@ -91,12 +100,12 @@ void StderrSink::set_paced(bool paced) {
 
 bool StderrSink::pace() {
   const bool all = write_out();
-  wrote_ = false;
+  write_outs_ = 0;
   return all;
 }
 
 bool StderrSink::write_out() {
-  wrote_ = true;
+  ++write_outs_;
   stuck_ = true;
   while (!queue_.next().empty()) {
     if (queue_.dropped() > 0 && !queue_.begun() && !tell_dropped()) return false;

@@ -19,8 +19,8 @@ namespace pelorus::log {
 /// says how many were dropped.
 ///
 /// log() adds a line to the present record and flush() ends the record. It is written at once then,
-/// unless write-outs are paced: then only the first record between two paces is, and the others
-/// are written together at the next pace, or when much has gathered.
+/// unless write-outs are paced: then only the first few records between two paces are, and the
+/// others are written together at the next pace, or when much has gathered.
 class StderrSink : public spdlog::sinks::sink {
  public:
   /// What a line begins with.
@@ -43,6 +43,8 @@ class StderrSink : public spdlog::sinks::sink {
   /// Counts lines as dropped that would have come now, and drops what waits before them.
   void drop(std::uint64_t lines);
 
+  /// While it is held, only what has gathered is written: for many records that come in one go.
+  void hold(bool held);
   /// From now on pace() is called often, until this is called again with false.
   void set_paced(bool paced);
   /// Writes out what waits. False when not all of it was taken.
@@ -64,8 +66,9 @@ class StderrSink : public spdlog::sinks::sink {
   LineQueue queue_;
   std::uint64_t written_ = 0;
   bool paced_ = false;
-  bool wrote_ = false;  ///< a record was written since the last pace
-  bool stuck_ = false;  ///< not all of it was taken: the next pace tries again
+  bool held_ = false;
+  int write_outs_ = 0;       ///< since the last pace
+  bool stuck_ = false;       ///< not all of it was taken: the next pace tries again
   std::time_t second_ = -1;  ///< the one that `second_text_` shows
   std::string second_text_;
 };

@@ -75,7 +75,9 @@ std::size_t BadLines::bytes_of(const BadLine& line) const {
 
 void BadLines::block_ends() {
   if (skipped_ > 0) log::drop(std::exchange(skipped_, 0));
+  log::hold(true);
   while (begin_ < end_) log(ring_[begin_++ % RING_SIZE]);
+  log::hold(false);
   lines_ = bytes_ = 0;
   if (last_.text.empty()) return;
   ingested_.last_warning = text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);

@@ -15,9 +15,9 @@ constexpr std::size_t SHOWN_BYTES = 64U << 10;
 /// As much of a warning as is kept for the status.
 constexpr std::size_t KEPT_WARNING_BYTES = 160;
 
-/// Logs the bad lines of one block, in order, when the block ends: only as many of the newest as the
-/// log can take are put into words, and the log is told the number of the others. So a block of a
-/// million line ends costs next to nothing. All lines that fail in an unexpected way fail in the
+/// Logs the bad lines of one block, in order, when the block ends: only as many of the newest as
+/// the log can take are put into words, and the log is told the number of the others. So a block of
+/// a million line ends costs next to nothing. All lines that fail in an unexpected way fail in the
 /// same place: the trace is taken once. What was bad is noted for the status, whatever is logged.
 class BadLines : public BadLineReporter {
  public:
@@ -33,7 +33,7 @@ class BadLines : public BadLineReporter {
 
  private:
   struct BadLine {
-    std::string_view text;  ///< the line, or its series
+    std::string_view text;                                        ///< the line, or its series
     translate::Outcome outcome = translate::Outcome::TRANSLATED;  ///< that of a malformed line
   };
 

@@ -106,7 +106,7 @@ TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
   const std::size_t kept = log::QUEUE_LINES;
   handler_.add_graphite("bonding", std::string(kept + 41, '\n') + "last");
   ASSERT_EQ(log_.lines().size(), 1 + kept);
-  EXPECT_EQ(log_.lines().front().text, "42 log lines were dropped");
+  EXPECT_EQ(log_.lines().front().text, "42 log lines were dropped: more than could be written");
   EXPECT_EQ(log_.lines()[1].text, R"(Improperly formatted metric: "b''")");
   EXPECT_EQ(log_.lines().back().text, R"(Improperly formatted metric: "b'last'")");
 
@@ -121,8 +121,8 @@ TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
   const auto lines = log_.lines();
   const std::size_t come = (kept - 1) / of_each * of_each + 1;  // whole ones, and the last line
   EXPECT_EQ(lines.size(), 1 + come);
-  EXPECT_EQ(lines.front().text,
-            fmt::format("{} log lines were dropped", kept * of_each + 1 - come));
+  EXPECT_EQ(lines.front().text, fmt::format("{} log lines were dropped: more than could be written",
+                                            kept * of_each + 1 - come));
   EXPECT_EQ(lines[1].text, "Unexpected error occurred when translating series");
   EXPECT_EQ(lines[lines.size() - of_each + 1].text,
             fmt::format("translate::UnexpectedSeriesError: series b'node{}.irq' has too few parts "

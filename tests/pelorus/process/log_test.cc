@@ -75,8 +75,7 @@ TEST(Log, LineBeginsWithItsPriorityOrItsTimeAndLevel) {
                         {spdlog::level::err, "<3>", "error "}}) {
     const Pipe pipe;
     const spdlog::details::log_msg message(moment, {}, "pelorus", level, "two\nlines");
-    for (const auto prefix :
-         {log::StderrSink::Prefix::PRIORITY, log::StderrSink::Prefix::TIME}) {
+    for (const auto prefix : {log::StderrSink::Prefix::PRIORITY, log::StderrSink::Prefix::TIME}) {
       log::StderrSink sink(pipe.writer(), prefix);
       sink.log(message);
       sink.flush();
@@ -104,7 +103,8 @@ class NumberedLines {
     sink_.drop(lines);
     logged += lines;
   }
-  /// Reads what is there. Every line that is missing stands in the count of the notice in its place.
+  /// Reads what is there. Every line that is missing stands in the count of the notice in its
+  /// place.
   void read() {
     text_ += pipe_.content();
     for (std::size_t end = 0; (end = text_.find('\n')) != text_.npos; text_.erase(0, end + 1)) {
@@ -167,14 +167,16 @@ TEST(Log, PacedRecordsGoOutAtTheEndOfTheTurnAndWhenTheReaderComesBack) {
   };
   const log::Pacer pacer(&sink, loop);
   loop.call_in(1000, [] {});  // a loop that has nothing to wait for has no turns
-  for (const char* text : {"a", "b", "c"}) log_line(text);
-  EXPECT_EQ(pipe.content(), "<6>a\n") << "the first one at once";
+  std::string first;
+  while (log_line("a"), !(first = pipe.content()).empty()) EXPECT_EQ(first, "<6>a\n") << "at once";
+  log_line("b");
   loop.turn();
-  EXPECT_EQ(pipe.content(), "<6>b\n<6>c\n");
+  EXPECT_EQ(pipe.content(), "<6>a\n<6>b\n");
   const std::string text(3000, 'x');
   for (int line = 0; line < 100; ++line) log_line(text);
   std::string read;
-  support::turn_until(loop, [&] { return (read += pipe.content()).size() == 100 * (3 + 3000 + 1); });
+  support::turn_until(loop,
+                      [&] { return (read += pipe.content()).size() == 100 * (3 + 3000 + 1); });
 }
 
 TEST(Log, AbsurdlyLongLineSaysHowMuchIsLeftOut) {
