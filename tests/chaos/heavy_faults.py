@@ -73,8 +73,12 @@ def local_bombs(stage):
     for client in (clients := many(stage.local, 64)):
         pour(client, bomb(key="", size=4 << 20))
     for client in clients:
+        assert client.receive()[2] is None
+    held = stage.memory("VmRSS")
+    assert held > 64 * 4, f"{held} MiB"
+    for client in clients:
         client.close()
-    return expect_memory(stage, 64 * 4 + 150)
+    return expect_memory(stage)
 
 
 def half_frames_of_200(stage):
