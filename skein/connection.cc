@@ -10,6 +10,14 @@
 #include "skein/server.h"
 
 namespace skein {
+namespace {
+
+/// A half frame of this length gets room for the whole at once. Growing by doubling, those of many
+/// peers would be copied to a new place in the same turn again and again; and a peer that has sent
+/// less has not earned the room that it claims.
+constexpr std::size_t LONG_HALF_FRAME_BYTES = 256U << 10;
+
+}  // namespace
 
 void HeldRequest::answer(const Reply& reply) const { server_->answer_held(number_, reply); }
 
@@ -110,7 +118,9 @@ void Connection::take_or_throw(std::string_view bytes, Share& share) {
 void Connection::serve_kept(std::string_view& bytes, Share& share) {
   Buffers& kept = *buffers_;
   while (has_kept() && may_go_on() && share.requests > 0) {
-    const std::size_t count = std::min(missing_to_frame(kept.waiting()), bytes.size());
+    const std::size_t missing = missing_to_frame(kept.waiting());
+    const std::size_t count = std::min(missing, bytes.size());
+    if (kept.in.size() >= LONG_HALF_FRAME_BYTES) kept.in.reserve(kept.in.size() + missing);
     kept.in.append(bytes.substr(0, count));
     bytes.remove_prefix(count);
     std::string_view waiting = kept.waiting();
