@@ -1,6 +1,8 @@
 #include "pelorus/pelorus/influx/http_request.h"
 
 #include <fmt/format.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -19,6 +21,8 @@ namespace {
 
 constexpr std::size_t READ_BUFFER_BYTES = 16U << 10;
 constexpr std::size_t EXCERPT_BYTES = 256;
+/// Between two looks at what the kernel still holds.
+constexpr std::chrono::seconds PROGRESS_CHECK_TIME{5};
 
 /// Whether `secret` stands in `text`, or begins at its end, where an answer may have been cut.
 bool repeats(std::string_view text, std::string_view secret) {
@@ -127,15 +131,26 @@ void HTTPRequest::finish_connect() {
   send_request();
 }
 
+/// Bytes that the kernel has been given and the endpoint has not yet taken.
+int HTTPRequest::untaken() const {
+  int bytes = 0;
+  return ::ioctl(socket_.descriptor(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+}
+
 /// One timer for the whole exchange: it looks how long ago the last byte was, and comes back.
+/// A slow endpoint may take for minutes what the kernel holds before there is room for more.
 void HTTPRequest::await_progress() {
+  const int before = std::exchange(untaken_, untaken());
+  if (untaken_ < before) last_progress_ = now();
   const auto idle = now() - last_progress_;
   if (idle >= PROGRESS_TIME) {
     const bool sending = unsent() > 0;
     return fail(fmt::format("no progress for {} seconds while {}", PROGRESS_TIME.count(),
                             sending ? "sending" : "waiting for the answer"));
   }
-  timer_ = loop_.call_in(PROGRESS_TIME - idle, [this] { await_progress(); });
+  timer_ = loop_.call_in(
+      std::min<std::chrono::steady_clock::duration>(PROGRESS_TIME - idle, PROGRESS_CHECK_TIME),
+      [this] { await_progress(); });
 }
 
 void HTTPRequest::handle_events(int) {
@@ -167,7 +182,7 @@ void HTTPRequest::write() {
   while (write_error_.empty() && unsent() > 0) {
     const ssize_t count = send_rest();
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0 && errno == EAGAIN) return;
+    if (count < 0 && errno == EAGAIN) break;
     if (count < 0) {
       write_error_ = "sending: " + error_text(errno) + ", then ";
       return;
@@ -175,6 +190,7 @@ void HTTPRequest::write() {
     sent_ += static_cast<std::size_t>(count);
     last_progress_ = now();
   }
+  untaken_ = untaken();
 }
 
 /// One call for what is left of head and body.

@@ -17,7 +17,7 @@ namespace pelorus {
 
 /// Longest time to a connection: the name lookup and all addresses together.
 constexpr std::chrono::seconds CONNECT_TIME{5};
-/// Longest time in which neither a byte goes out nor one comes in, once connected.
+/// Longest time in which the endpoint neither takes a byte nor sends one, once connected.
 constexpr std::chrono::seconds PROGRESS_TIME{20};
 
 /// One HTTP/1.1 request to InfluxDB on a connection of its own, and the judging of its answer.
@@ -68,6 +68,7 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   void note_failed_address(int error);
   void give_up_address();
   void finish_connect();
+  int untaken() const;
   void await_progress();
   void handle_events(int events) override;
   void read();
@@ -93,6 +94,7 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   bool ended_ = false;
   std::size_t sent_ = 0;     ///< bytes of head and body that are out
   std::string write_error_;  ///< why no more can be sent; the answer is read all the same
+  int untaken_ = 0;          ///< bytes in the kernel's hands at the last look
   std::chrono::steady_clock::time_point last_progress_;
   HTTPResponse response_;
   std::string error_;  ///< of a failed request, for the log
