@@ -40,12 +40,12 @@ fuzz: packages
 
 # Every fault that a peer, InfluxDB, the web server or the machine can have, on the real daemon.
 chaos: build
-	@tests/chaos/chaos.py build/dev
+	@chaos/chaos.py build/dev
 
 # Good and bad peers together for so many minutes.
 soak: MINUTES ?= 20
 soak: build
-	@tests/chaos/soak.py build/dev $(MINUTES)
+	@chaos/soak.py build/dev $(MINUTES)
 
 packages:
 	@scripts/install-packages

@@ -11,7 +11,7 @@ import struct
 import sys
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "end_to_end"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "end_to_end"))
 
 from bad_peers import BROKEN, bomb, odd_shapes  # noqa: E402
 from graphite_lines import collectd_lines  # noqa: E402

@@ -10,7 +10,7 @@ import struct
 import subprocess
 import sys
 
-REPOSITORY = Path(__file__).resolve().parents[2]
+REPOSITORY = Path(__file__).resolve().parents[1]
 INSIDE = "PELORUS_CHAOS_INSIDE"
 IFF_UP, SIOCSIFFLAGS = 1, 0x8914
 
