@@ -158,6 +158,7 @@ class Stage:
         expected = [record_of(number) for number in range(1, sent + 1)]
         if lines[:sent] != expected:
             raise AssertionError(f"{sent} blocks sent, {len(set(lines) & set(expected))} written")
+        return f"{sent} blocks, each written once"
 
     def expect_no_secret(self):
         text = self.daemon.text()
