@@ -5,8 +5,8 @@ import signal
 import time
 import unittest
 
-from bad_peers import (BROKEN, CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, SNAPPY_CLAIMS, Crowd, bomb,
-                       expect_each_ends, expect_end, many, odd_shapes, pour, reset_flood, send_some)
+from bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, SNAPPY_CLAIMS, Crowd, bomb,
+                       expect_each_ends, many, odd_shapes, pour, reset_flood, send_some)
 from skein_client import REPLY, REQUEST, frame
 from stage import KEY, Fault, Stage, Web, run_faults
 from support import FolderTest, wait_until
