@@ -50,7 +50,7 @@ std::string node_key(const skein::Request& request) {
   return key;
 }
 
-/// `text` without percent-encoding and dashes: a key reads the same in every spelling.
+/// `text` without percent-encoding and dashes.
 std::string plain_spelling(std::string_view text) {
   std::string plain;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -67,11 +67,18 @@ std::string plain_spelling(std::string_view text) {
   return plain;
 }
 
+/// Whether `text` holds `secret`, as it stands or percent-encoded, with dashes anywhere.
+bool repeats(std::string text, std::string secret) {
+  std::erase(secret, '-');
+  const bool encoded = plain_spelling(text).find(secret) != text.npos;
+  std::erase(text, '-');
+  return encoded || text.find(secret) != text.npos;
+}
+
 /// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
 std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
-  const std::string plain = plain_spelling(body);
-  const bool has_key = key_ending(key).size() < key.size() && plain.find(key) != plain.npos;
-  const bool has_token = !token.empty() && plain.find(plain_spelling(token)) != plain.npos;
+  const bool has_key = key_ending(key).size() < key.size() && repeats(body, key);
+  const bool has_token = !token.empty() && repeats(body, token);
   if (has_key || has_token) {
     return fmt::format("({} bytes that repeat the {})", body.size(), has_key ? "key" : "token");
   }
