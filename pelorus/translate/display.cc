@@ -1,6 +1,7 @@
 #include "pelorus/translate/display.h"
 
 #include <algorithm>
+#include <array>
 
 namespace translate {
 namespace {
@@ -10,9 +11,8 @@ constexpr bool is_printable(char byte) { return byte >= ' ' && byte <= '~'; }
 void append_hex(std::string& text, char byte) {
   constexpr std::string_view DIGITS = "0123456789abcdef";
   const auto value = static_cast<unsigned char>(byte);
-  text += "\\x";
-  text += DIGITS[value >> 4U];
-  text += DIGITS[value & 0xFU];
+  const std::array<char, 4> shown{'\\', 'x', DIGITS[value >> 4U], DIGITS[value & 0xFU]};
+  text.append(shown.data(), shown.size());
 }
 
 /// What follows the backslash in the short escape of a byte; none for most bytes.
@@ -24,7 +24,14 @@ constexpr char short_escape(char byte) {
   return '\0';
 }
 
-void append_byte(std::string& text, char byte, char quote) {
+}  // namespace
+
+char display_quote(std::string_view bytes) {
+  const bool only_single = bytes.find('\'') != bytes.npos && bytes.find('"') == bytes.npos;
+  return only_single ? '"' : '\'';
+}
+
+void append_display_byte(std::string& text, char byte, char quote) {
   if (const char letter = short_escape(byte)) {
     text += {'\\', letter};
   } else if (byte == quote) {
@@ -36,11 +43,8 @@ void append_byte(std::string& text, char byte, char quote) {
   }
 }
 
-}  // namespace
-
 void append_display(std::string& text, std::string_view bytes) {
-  const bool only_single = bytes.find('\'') != bytes.npos && bytes.find('"') == bytes.npos;
-  const char quote = only_single ? '"' : '\'';
+  const char quote = display_quote(bytes);
   text += 'b';
   text += quote;
   const auto is_plain = [quote](char byte) {
@@ -50,7 +54,7 @@ void append_display(std::string& text, std::string_view bytes) {
     const char* const odd = std::find_if_not(at, bytes.data() + bytes.size(), is_plain);
     text.append(at, odd);
     at = odd;
-    if (at != bytes.data() + bytes.size()) append_byte(text, *at++, quote);
+    if (at != bytes.data() + bytes.size()) append_display_byte(text, *at++, quote);
   }
   text += quote;
 }

@@ -11,4 +11,8 @@ namespace translate {
 std::string display(std::string_view bytes);
 void append_display(std::string& text, std::string_view bytes);
 
+/// The quote around those bytes, and one byte between such quotes.
+char display_quote(std::string_view bytes);
+void append_display_byte(std::string& text, char byte, char quote);
+
 }  // namespace translate

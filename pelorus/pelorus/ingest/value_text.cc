@@ -1,11 +1,14 @@
 #include "pelorus/pelorus/ingest/value_text.h"
 
-#include <fmt/format.h>
+#include <fmt/compile.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <span>
+#include <string_view>
+#include <utility>
 
 #include "pelorus/translate/display.h"
 
@@ -15,20 +18,18 @@ namespace {
 using Type = skein::Value::Type;
 
 /// Shortest digits that read back the same; an exponent from 1e16 up and below 1e-4.
-std::string real_text(double value) {
+std::string_view real_text(double value, std::span<char> digits) {
   if (std::isnan(value)) return "nan";
   if (std::isinf(value)) return value > 0 ? "inf" : "-inf";
   constexpr double FIRST_WITH_EXPONENT = 1e16;
   constexpr double LAST_WITH_EXPONENT = 1e-4;
   const double size = std::fabs(value);
   const bool exponent = size >= FIRST_WITH_EXPONENT || (size < LAST_WITH_EXPONENT && size > 0);
-  std::array<char, 64> digits{};
-  const auto end =
-      std::to_chars(digits.data(), digits.data() + digits.size(), value,
-                    exponent ? std::chars_format::scientific : std::chars_format::fixed);
-  std::string text(digits.data(), end.ptr);
-  if (!exponent && text.find('.') == std::string::npos) text += ".0";
-  return text;
+  char* end = std::to_chars(digits.data(), digits.data() + digits.size(), value,
+                            exponent ? std::chars_format::scientific : std::chars_format::fixed)
+                  .ptr;
+  if (!exponent && std::find(digits.data(), end, '.') == end) end = std::copy_n(".0", 2, end);
+  return {digits.data(), end};
 }
 
 /// Length of the UTF-8 sequence at the front of `text`; 0 when there is none.
@@ -48,82 +49,89 @@ std::size_t sequence_length(std::string_view text) {
 }
 
 /// As display() without its "b", with what lies beyond ASCII as it is where it is UTF-8.
-std::string quoted(std::string_view text) {
-  std::string shown = translate::display(text);
-  if (std::ranges::all_of(text, [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
-    return shown.substr(1);
-  }
-  const char quote = shown[1];
-  std::string out(1, quote);
+void append_quoted(std::string& out, std::string_view text) {
+  const char quote = translate::display_quote(text);
+  out += quote;
   while (!text.empty()) {
     const std::size_t length = sequence_length(text);
-    const std::string_view unit = text.substr(0, length == 0 ? 1 : length);
     if (length > 1) {
-      out += unit;
-    } else if (unit.front() == quote) {
-      out.append({'\\', quote});
-    } else if (unit == "'") {
-      out += unit;
+      out += text.substr(0, length);
     } else {
-      shown = translate::display(unit);
-      out.append(shown, 2, shown.size() - 3);
+      translate::append_display_byte(out, text.front(), quote);
     }
-    text.remove_prefix(unit.size());
+    text.remove_prefix(std::max<std::size_t>(length, 1));
   }
-  return out += quote;
+  out += quote;
 }
 
-std::string item_text(skein::Value value) {
-  if (value.is(Type::TEXT)) return quoted(value.bytes());
-  if (value.is(Type::BYTES)) return translate::display(value.bytes());
-  return value_text(value);
+void append_item(std::string& out, skein::Value value) {
+  if (value.is(Type::TEXT)) return append_quoted(out, value.bytes());
+  if (value.is(Type::BYTES)) return translate::append_display(out, value.bytes());
+  append_value_text(out, value);
 }
 
-std::string list_text(skein::Value list) {
-  std::string text = "[";
+void append_list(std::string& out, skein::Value list) {
+  std::string_view separator;
+  out += '[';
   for (const skein::Value item : list) {
-    if (text.size() > 1) text += ", ";
-    text += item_text(item);
+    out += std::exchange(separator, ", ");
+    append_item(out, item);
   }
-  return text + "]";
+  out += ']';
 }
 
-std::string map_text(skein::Value map) {
-  std::string text = "{";
+void append_map(std::string& out, skein::Value map) {
+  std::string_view separator;
+  out += '{';
   for (auto at = map.begin(); at != map.end(); ++at) {
-    if (text.size() > 1) text += ", ";
-    text += item_text(*at) + ": ";
-    ++at;
-    text += item_text(*at);
+    out += std::exchange(separator, ", ");
+    append_item(out, *at);
+    out += ": ";
+    append_item(out, *++at);
   }
-  return text + "}";
+  out += '}';
 }
 
 }  // namespace
 
-std::string value_text(skein::Value value) {
+void append_value_text(std::string& out, skein::Value value) {
+  std::array<char, 64> digits{};
   switch (value.type()) {
     case Type::NIL:
-      return "None";
+      out += "None";
+      break;
     case Type::BOOLEAN:
-      return value.boolean() ? "True" : "False";
+      out += value.boolean() ? "True" : "False";
+      break;
     case Type::INTEGER:
-      return fmt::format("{}", value.integer());
+      out.append(digits.data(), fmt::format_to(digits.data(), FMT_COMPILE("{}"), value.integer()));
+      break;
     case Type::UNSIGNED:
-      return fmt::format("{}", value.natural());
+      out.append(digits.data(), fmt::format_to(digits.data(), FMT_COMPILE("{}"), value.natural()));
+      break;
     case Type::REAL:
-      return real_text(value.real());
+      out += real_text(value.real(), digits);
+      break;
     case Type::TEXT:
     case Type::BYTES:
-      return std::string(value.bytes());
+      out += value.bytes();
+      break;
     case Type::LIST:
-      return list_text(value);
+      append_list(out, value);
+      break;
     case Type::MAP:
-      return map_text(value);
+      append_map(out, value);
+      break;
     case Type::EXTENSION:
+      translate::append_display(out, value.bytes());
       break;
   }
-  return translate::display(value.bytes());
+}
+
+std::string value_text(skein::Value value) {
+  std::string text;
+  append_value_text(text, value);
+  return text;
 }
 
 }  // namespace pelorus
