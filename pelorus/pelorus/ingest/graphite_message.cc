@@ -77,6 +77,7 @@ GraphiteMessage::Built GraphiteMessage::build_with(std::string_view block,
   const std::size_t safe = block.size() > SCAN_SLACK ? block.size() - SCAN_SLACK : 0;
   const std::size_t tail = safe == 0 ? 0 : block.rfind('\n', safe - 1) + 1;
   add_lines<Scanner>(block.data(), block.data() + tail, reporter);
+  tail_.reserve(block.size() - tail + 1 + SCAN_SLACK);
   tail_.assign(block.substr(tail)).push_back('\n');
   const std::size_t size = tail_.size();
   tail_.append(SCAN_SLACK, '\0');
