@@ -102,6 +102,11 @@ void Connection::take(std::string_view bytes, Share& share) {
     if (unread() != 0) flush();  // what was asked before is answered
     server_.handle_protocol_error(*this, fault);
     end();
+  } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
+    serving_ = false;
+    if (ended_) return;
+    end();
+    server_.handle_exception(failure);
   }
 }
 
