@@ -28,10 +28,10 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
 }};
 
 /// Longer ones are no keys and are not worth a web request.
-constexpr std::size_t MOST_KEY_BYTES = 1024;
+constexpr std::size_t MOST_KEY_BYTES = 128;
 constexpr long HTTP_OK = 200;
-/// What a held request takes up besides its arguments, roughly.
-constexpr std::size_t HELD_OVERHEAD_BYTES = 512;
+/// What a held request takes up besides its arguments, roughly: its key stands in four places.
+constexpr std::size_t HELD_OVERHEAD_BYTES = 1024;
 
 ConnectionCounters& counters_of(skein::Connection& connection) {
   return static_cast<CollectdConnection&>(connection).counters;

@@ -142,14 +142,14 @@ TEST_F(NodeServerTest, AnswerThatIsNoObjectAndBadKeysAreFailuresOfTheRequest) {
   peer.send(collectd("abcdef"));
   answer("[1]");
   EXPECT_EQ(peer.replies(), "1!the web server's JSON answer is no object ");
-  peer.send(collectd(std::string(1025, 'k')));
+  peer.send(collectd(std::string(129, 'k')));
   skein::MsgpackWriter number;
   number.list(4).natural(0).natural(2).text("collectd").map(2).text("key").natural(7);
   peer.send(support::frame(number.text("metrics").text(LINE)));
   peer.send(support::request(3, "add", {{"key", "abcdef"}}));
   turns();
   EXPECT_EQ(peer.replies(),
-            "1!argument 'key' has 1025 bytes, 1024 are allowed "
+            "1!argument 'key' has 129 bytes, 128 are allowed "
             "2!argument 'key' of request 'collectd' is no text "
             "3!request 'add' lacks the argument 'database' ");
   EXPECT_EQ(counted().failed_auths + counted().successful_auths, 0);
