@@ -5,7 +5,7 @@ import struct
 import unittest
 
 from skein_client import (ONE_WAY, REPLY, REQUEST, SkeinClient, SkeinError, block_frame,
-                          content_frame, frame)
+                          content_frame)
 from stub_influx import HANG, HANG_UP, NO_CONTENT, StubInflux, status
 from support import AUTH, ERROR, INFO, WARNING, WWW_KEY, FolderTest, wait_until
 
@@ -45,18 +45,6 @@ class RoadTest(FolderTest):
 
 
 class Writing(RoadTest):
-    def test_request_is_laid_down_byte_for_byte(self):
-        self.client.collectd(LOAD)
-        self.wait_bodies(1)
-        request = self.influx.requests[0]
-        wait_until(lambda: request.closed, "end of the connection after the answer")
-        body = LOAD_RECORD + b"\n"
-        self.assertEqual(request.bytes, b"\r\n".join([
-            b"POST /write?db=tidewell HTTP/1.1",
-            b"Authorization: Basic " + AUTH.encode(),
-            b"Host: " + self.influx.address.encode(),
-            b"Content-Length: %d" % len(body), b"", body]))
-
     def test_block_becomes_one_message_without_its_bad_lines(self):
         self.client.collectd(
             "node1234.tunnel-4.link_2.latency.value 12.5 1700000000\n"
@@ -194,14 +182,6 @@ class Requests(RoadTest):
         faults = [line for line in self.daemon.lines(ERROR)
                   if line.startswith("Exception in LocalServer: ")]
         self.assertEqual(len(faults), len(answered) + len(silent))
-
-    def test_replies_come_in_order_however_the_bytes_arrive(self):
-        requests = b"".join(frame([REQUEST, number, "stats", {}]) for number in range(50))
-        for at in range(0, 200):
-            self.client.send_bytes(requests[at:at + 1])
-        self.client.send_bytes(requests[200:] + frame([ONE_WAY, "stats", {}]))
-        self.assertEqual([self.client.receive()[1] for _ in range(50)], list(range(50)))
-        self.client.call("stats")
 
     def test_broken_stream_ends_its_connection_and_no_other(self):
         faults = {

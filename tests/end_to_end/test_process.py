@@ -231,6 +231,5 @@ class Installation(FolderTest):
         self.assertEqual((self.folder / "lib/collectd" / PLUGIN.name).exists(), PLUGIN.exists())
 
 
-
 if __name__ == "__main__":
     unittest.main()

@@ -59,18 +59,6 @@ class RemoteNodes(FolderTest):
         for secret in (bare(GOOD_KEY), bare(BAD_KEY), GOOD_KEY, BAD_KEY, WWW_KEY, AUTH):
             self.assertNotIn(secret, daemon.text())
 
-    def test_web_server_that_is_away_costs_requests_until_it_is_back(self):
-        daemon = self.start_quiet_pelorus()
-        client = self.connect(daemon)
-        self.assertIsNone(self.send(client, GOOD_KEY))
-        daemon.wait_log("Failed to connect to web server.")
-        web = self.start_web_server(hang=[bare(GOOD_KEY)])
-        self.assertIsNone(self.send(client, GOOD_KEY))
-        daemon.wait_log("Timed out trying to authenticate to web server.")
-        web.know(keys=[bare(GOOD_KEY)])
-        self.assertIsNone(self.send(client, GOOD_KEY))
-        self.assertEqual(self.queued(daemon), 1)
-
     def test_question_without_an_answer_holds_up_nobody_else(self):
         self.start_web_server(keys=[bare(GOOD_KEY)], hang=[bare(BAD_KEY)])
         daemon = self.start_quiet_pelorus()
@@ -116,7 +104,8 @@ class RemoteNodes(FolderTest):
                    "values of the node", 30, pause=0.3)
         [load] = influx.query("SELECT shortterm FROM load GROUP BY node", "bonding")
         self.assertEqual(load["tags"], {"node": "1234"})
-        self.assertEqual(daemon.lines(ERROR), [])
+        faults = [line for line in daemon.lines(WARNING) if not line.endswith("\"b''\"")]
+        self.assertEqual((faults, daemon.lines(ERROR)), ([], []))
 
 
 if __name__ == "__main__":

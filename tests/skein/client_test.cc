@@ -97,29 +97,6 @@ TEST(Client, ReachesAHostByAddressAndByName) {
   }
 }
 
-TEST(Client, TellsApartWhyItCannotConnect) {
-  const std::string directory = support::make_directory();
-  const std::string refused = directory + "/refused";
-  { skein::bind_unix(skein::Socket::stream(AF_UNIX), refused); }
-  const struct {
-    Endpoint endpoint;
-    Kind kind;
-  } rows[] = {
-      {Endpoint::unix_socket(directory + "/none"), Kind::NO_SOCKET},
-      {Endpoint::unix_socket(refused + "/below"), Kind::NO_SOCKET},
-      {Endpoint::unix_socket(refused), Kind::REFUSED},
-      {Endpoint::unix_socket(directory + std::string(200, 'x')), Kind::UNREACHABLE},
-      {Endpoint::tcp("127.0.0.1", "1"), Kind::REFUSED},
-      {Endpoint::tcp("::1::", "1"), Kind::UNREACHABLE},
-  };
-  for (const auto& row : rows) {
-    const auto [kind, text] = failure_of([&] { Client(row.endpoint).open(); });
-    EXPECT_EQ(kind, row.kind) << text;
-    EXPECT_THAT(text, HasSubstr(row.endpoint.text()));
-  }
-  std::filesystem::remove_all(directory);
-}
-
 TEST_F(OpenClient, ErrorOfTheServerLeavesTheConnectionOpen) {
   const auto [kind, text] = failure_with(
       [](const SkeinStub::Call& call) { return SkeinStub::error(call, "no\nsuch request"); });

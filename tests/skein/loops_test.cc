@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <csignal>
 #include <stdexcept>
 #include <thread>
 
@@ -116,16 +115,6 @@ TEST(Loop, TimerIsNotEarlyAfterASlowCallback) {
   EXPECT_GE(waited.count(), 0.05);
 }
 
-TEST(Loop, SignalsStopItOrInterruptIt) {
-  Loop loop;
-  loop.watch_signals();
-  loop.call_in(5, [&] { FAIL() << "no signal came"; });
-  loop.call_in(0, [] { std::raise(SIGTERM); });
-  loop.run();
-  loop.call_in(0, [] { std::raise(SIGINT); });
-  EXPECT_THROW(loop.run(), KeyboardInterrupt);
-}
-
 TEST(Loop, PollTellsReadinessAndItsFailuresAreReported) {
   Loop loop;
   std::array<int, 2> ends{};
@@ -155,7 +144,6 @@ TEST(Loop, PollTellsReadinessAndItsFailuresAreReported) {
   EXPECT_EQ(target.seen, 0);
 }
 
-// After an error libuv stops watching: what came before it must be read all the same.
 TEST_F(LoopTest, TimerThatArmsItselfWithoutDelayLetsOthersHaveTheirTurn) {
   int calls = 0;
   std::function<void()> again = [&] {
@@ -168,6 +156,7 @@ TEST_F(LoopTest, TimerThatArmsItselfWithoutDelayLetsOthersHaveTheirTurn) {
   EXPECT_LE(calls, 10);
 }
 
+// After an error libuv stops watching: what came before it must be read all the same.
 TEST(Loop, PollTellsAllThatAPeerSentBeforeItReset) {
   Loop loop;
   Socket listening = Socket::stream(AF_INET);

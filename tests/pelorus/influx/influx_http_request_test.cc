@@ -132,21 +132,6 @@ TEST_F(InfluxHTTPRequestTest, AnswerIsReadToItsEndAfterSendingFailed) {
   EXPECT_THAT(warnings(), ElementsAre(HasSubstr("status 413: b'hhh")));
 }
 
-TEST_F(InfluxHTTPRequestTest, RefusedConnectionCountsOneFailureOnALaterTurnAndLosesNothing) {
-  const StandIn closed(StandIn::Mode::REFUSES);
-  connect_to("127.0.0.1", closed.port());
-  database->add("m value=1 1");
-  EXPECT_TRUE(database->has_current_request());
-  until_outcome();
-  EXPECT_EQ(database->failure_count(), 1);
-  EXPECT_EQ(database->pending_data_len(), 1U);
-  EXPECT_THAT(warnings(), ElementsAre(fmt::format(
-                              "InfluxDB write (café database) failed: could not connect to "
-                              "influx:8086: 127.0.0.1:{}: Connection refused; 0 messages lost "
-                              "(0 bytes)",
-                              closed.port())));
-}
-
 TEST_F(InfluxHTTPRequestTest, FailureAtTheVeryStartComesOnALaterTurnToo) {
   connect_to(std::string(300, 'x'), 8086);  // no host name is that long: not even looked up
   database->add("m value=1 1");

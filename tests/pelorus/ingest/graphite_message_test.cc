@@ -133,31 +133,5 @@ TEST_F(GraphiteMessageTest, LinesAreTheSameWhereverTheyStandInTheBlock) {
   }
 }
 
-// Lines of every kind of oddity, beside and between usual ones.
-TEST_F(GraphiteMessageTest, BothRoadsAgreeOnMixedBlocks) {
-  const std::string_view lines[] = {
-      "node7.tunnel-4.link_2.latency.value 1.25 1500000000",
-      "node7.tunnel-4.node-9.interface_statistics.rx_bytes 77 1500000000",
-      "m000.ntpd.delay-1.2.3.4.5.6.7.8.9.value 0.1 1500000000",
-      "m000.interface-a_rather_long_name_of_an_interface.if_octets_and_something_more.rx 1 "
-      "1500000000",
-      "m000.load.load.a 123456789012345678901234567890 1500000000",
-      "m000.load.load.a 1.5 15000000001234567",
-      "m000.load.load.a 1.5 150",
-      "m000.load.load.a\t1.5 1500000000",
-      "m000.load.load.a 1.5 1500000000\r",
-      "m000.load.load nan 1500000000",
-      "m000.load.load\x01 7 1500000000",
-      "m000.tunnel-4.x.y 1 1500000000",
-      "",
-  };
-  std::mt19937 random(1);
-  for (int round = 0; round < 200; ++round) {
-    std::string block;
-    while (block.size() < 2000) block.append(lines[random() % std::size(lines)]).append("\n");
-    build(block);
-  }
-}
-
 }  // namespace
 }  // namespace pelorus

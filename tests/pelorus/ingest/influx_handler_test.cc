@@ -91,17 +91,6 @@ TEST_F(InfluxHandlerTest, BlockIsOneMessageEvenWithoutRecords) {
   EXPECT_EQ(queued(1), "load a=1i 1500000000000000000\nload b=2i 1500000000000000000\n\n");
 }
 
-TEST_F(InfluxHandlerTest, BadLinesAreLoggedWhereTheyStand) {
-  handler_.add_graphite("bonding", "m000.foo.a 1 1\nbad\x01line\nm000.irq 1 1\n");
-  const auto warnings = log_.texts("warning");
-  EXPECT_EQ(warnings,
-            (std::vector<std::string>{R"(Could not translate "b'm000.foo.a'": No match for series)",
-                                      R"(Improperly formatted metric: "b'bad\x01line'")",
-                                      "Unexpected error occurred when translating series",
-                                      R"(Improperly formatted metric: "b''")"}));
-  EXPECT_GT(log_.texts("error").size(), 1U) << "the failure with its trace";
-}
-
 TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
   const std::size_t kept = log::QUEUE_LINES;
   handler_.add_graphite("bonding", std::string(kept + 41, '\n') + "last");

@@ -19,15 +19,5 @@ TEST(LineProtocol, SecondsBecomeNanoseconds) {
   EXPECT_THROW(timestamp_to_influx(1e300), std::domain_error);
 }
 
-TEST(LineProtocol, StatisticsAreFourRecordsEachWithItsLineEnd) {
-  EXPECT_EQ(
-      statistics_message({.messages = 2, .records = 15, .successful_auths = 3, .failed_auths = 4},
-                         Nanoseconds{1'700'000'000'000'000'001}),
-      "proxy_messages value=2 1700000000000000001\n"
-      "proxy_records value=15 1700000000000000001\n"
-      "proxy_successful_auths value=3 1700000000000000001\n"
-      "proxy_failed_auths value=4 1700000000000000001\n");
-}
-
 }  // namespace
 }  // namespace pelorus

@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 
 #include "skein/errors.h"
 #include "surroundings.h"
@@ -13,7 +11,7 @@
 namespace pelorus::profile {
 namespace {
 
-using testing::ContainsRegex, testing::ElementsAre, testing::HasSubstr, testing::SizeIs;
+using testing::ElementsAre, testing::HasSubstr, testing::SizeIs;
 
 std::int64_t now = 0;
 std::int64_t clock() { return now; }
@@ -85,23 +83,6 @@ TEST(Profile, FileNameHoldsTheMomentWithoutAnExponent) {
   EXPECT_EQ(file_name(1714571100.25), "pelorus.profile1714571100.25");
   EXPECT_EQ(file_name(1714571100.1234567), "pelorus.profile1714571100.1234567");
   EXPECT_EQ(file_name(1e22), "pelorus.profile10000000000000000000000");
-}
-
-void work() { PROFILE_SCOPE(); }
-
-TEST(Profile, RunWritesItsFileAndPrintsTheTableOfIt) {
-  const support::WorkingFolder folder;
-  testing::internal::CaptureStdout();
-  run([] {
-    for (int i = 0; i < 3; ++i) work();
-  });
-  const auto file = std::filesystem::directory_iterator(folder.path())->path();
-  EXPECT_THAT(file.filename(), ContainsRegex("^pelorus\\.profile[0-9]+(\\.[0-9]+)?$"));
-  std::stringstream data;
-  data << std::ifstream(file).rdbuf();
-  const std::string shown = table(from_callgrind(data.str()));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Starting to profile!\n" + shown);
-  EXPECT_THAT(shown, ContainsRegex(" 3 .*  profile_test\\.cc:[0-9]+\\(work\\)\n"));
 }
 
 TEST(Profile, FailureOfMainPassesThroughAndLeavesNoFile) {

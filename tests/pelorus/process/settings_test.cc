@@ -3,11 +3,9 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <functional>
 
 #include "pelorus/pelorus/errors.h"
-#include "surroundings.h"
 
 namespace pelorus {
 namespace {
@@ -65,27 +63,6 @@ TEST(Settings, MissingAndWronglyTypedValuesAreNamedByKeyAndSource) {
   }
 }
 
-TEST(Settings, DatabasesKeepTheirOrder) {
-  const Settings settings =
-      settings_of(R"({"some": [{"name": "b", "more": 1}, {"name": "a"}], "none": []})");
-  const auto databases = settings.get<std::vector<DatabaseRecord>>("some");
-  ASSERT_EQ(databases.size(), 2U);
-  EXPECT_EQ(databases[0].name + databases[1].name, "ba");
-  EXPECT_TRUE(settings.get<std::vector<DatabaseRecord>>("none").empty());
-}
-
-TEST(Settings, AreReadFromTheFileThatTheEnvironmentNames) {
-  const support::WorkingFolder folder;
-  const support::Variable variable("PELORUS_SETTINGS", "settings.json");
-  EXPECT_EQ(message_of(Settings::load),
-            "Cannot read the settings in settings.json: No such file or directory");
-  std::ofstream("settings.json") << R"({"filler": ")" << std::string(5000, '.')
-                                 << R"(", "PELORUS_PORT": 5120})";
-  EXPECT_EQ(Settings::load().get<std::int64_t>("PELORUS_PORT"), 5120);
-  EXPECT_EQ(message_of([] { Settings::from_file("."); }),
-            "Cannot read the settings in .: Is a directory");
-}
-
 /// Five good buffer values with one of them replaced.
 BufferSettings buffer_with(const std::string& key, const std::string& value) {
   return BufferSettings::read(settings_of(fmt::format(
@@ -109,20 +86,6 @@ TEST(BufferSettings, SenselessValuesAreRefusedByKey) {
     EXPECT_EQ(message_of([&] { buffer_with(row.key, row.value); }),
               fmt::format("Setting {} in the source must be {}", row.key, row.demand));
   }
-}
-
-TEST(BufferSettings, EachValueComesFromItsKeyAndTheFirstBadOneIsNamed) {
-  const BufferSettings buffer = buffer_with("PELORUS_IDEAL_QUEUED_MESSAGES", "0");
-  EXPECT_EQ(buffer.max_pending_messages, 5000U);
-  EXPECT_EQ(buffer.max_buffer_time, 2.5);
-  EXPECT_EQ(buffer.ideal_queued_messages, 0U);
-  EXPECT_EQ(buffer.max_batch_size, 1000U);
-  EXPECT_EQ(buffer.discard_size, 500U);
-  EXPECT_EQ(message_of([] {
-              BufferSettings::read(settings_of(
-                  R"({"PELORUS_MAX_PENDING_MESSAGES": 1, "PELORUS_MAX_BATCH_SIZE": -1})"));
-            }),
-            "Setting PELORUS_BUFFER_TIME is missing in the source");
 }
 
 InfluxConnection connection_of(const std::string& auth, const std::string& http_connection) {
