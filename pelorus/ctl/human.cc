@@ -16,6 +16,10 @@ std::string human_count(double number) {
   return digits;
 }
 
+std::string human_number_of(std::string_view thing, std::size_t number) {
+  return fmt::format("{} {}{}", number, thing, number == 1 ? "" : "s");
+}
+
 std::string human_bytes(double bytes) {
   constexpr std::array<const char*, 5> UNITS{"B", "KiB", "MiB", "GiB", "TiB"};
   std::size_t unit = 0;

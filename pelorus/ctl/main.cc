@@ -38,6 +38,18 @@ bool monitoring(int argc, char** argv) {
   });
 }
 
+/// A word that is no subcommand is named, rather than that there is none.
+void parse(CLI::App& app, int argc, char** argv) {
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::RequiredError&) {
+    if (app.get_subcommands().empty() && app.remaining_size() > 0) {
+      throw CLI::ExtrasError(app.remaining());
+    }
+    throw;
+  }
+}
+
 ExitStatus run(int argc, char** argv) {
   CLI::App app("Asks and feeds a running pelorus, and looks at what it would be given.",
                "pelorusctl");
@@ -53,7 +65,7 @@ ExitStatus run(int argc, char** argv) {
   add_version(app);
   for (CLI::App* command : app.get_subcommands({})) add_version(*command);
   try {
-    app.parse(argc, argv);
+    parse(app, argc, argv);
   } catch (const CLI::RuntimeError& ended) {
     return static_cast<ExitStatus>(ended.get_exit_code());
   } catch (const CLI::ParseError& error) {

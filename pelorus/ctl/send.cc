@@ -14,6 +14,7 @@
 #include <string>
 
 #include "pelorus/ctl/block_requests.h"
+#include "pelorus/ctl/human.h"
 #include "pelorus/ctl/line_blocks.h"
 #include "pelorus/ctl/progress.h"
 #include "pelorus/ctl/server_options.h"
@@ -26,7 +27,7 @@ namespace {
 
 struct SendOptions {
   std::string file;  ///< empty: standard input
-  LineKind kind = LineKind::GRAPHITE;
+  std::string kind = "graphite";
   std::string database = "bonding";
 };
 
@@ -52,6 +53,7 @@ std::optional<std::uint64_t> size_of(const skein::Socket& input) {
 
 /// Sends all blocks and adds up in `sent` the lines that were answered.
 void send_all(const ServerOptions& server, const SendOptions& options, std::size_t& sent) {
+  const LineKind kind = KINDS.at(options.kind);
   const skein::Socket input = open_input(options.file);
   skein::Client client(server.endpoint(), server.timeouts());
   const BlockTarget target{server.key(), options.database};
@@ -60,7 +62,7 @@ void send_all(const ServerOptions& server, const SendOptions& options, std::size
   Progress progress(size_of(input));
   std::uint64_t bytes = 0;
   for (std::string block = blocks.next(); !block.empty(); block = blocks.next()) {
-    for (const BlockRequest& request : requests_of(block, options.kind, target)) {
+    for (const BlockRequest& request : requests_of(block, kind, target)) {
       client.call(request.name, request.args);
     }
     sent += static_cast<std::size_t>(std::count(block.begin(), block.end(), '\n'));
@@ -69,7 +71,7 @@ void send_all(const ServerOptions& server, const SendOptions& options, std::size
 }
 
 void run(const ServerOptions& server, const SendOptions& options) {
-  if (options.kind != LineKind::GRAPHITE && server.host.empty()) {
+  if (KINDS.at(options.kind) != LineKind::GRAPHITE && server.host.empty()) {
     throw UsageError(
         "the local socket takes Graphite lines alone: --kind add and --kind submit "
         "need --host");
@@ -78,10 +80,11 @@ void run(const ServerOptions& server, const SendOptions& options) {
   try {
     send_all(server, options, sent);
   } catch (...) {
-    if (sent > 0) fmt::print(stderr, "pelorusctl: {} lines were sent, then it failed\n", sent);
+    if (sent > 0)
+      fmt::print(stderr, "pelorusctl: {} sent, then it failed\n", human_number_of("line", sent));
     throw;
   }
-  fmt::print("{} lines sent\n", sent);
+  fmt::print("{} sent\n", human_number_of("line", sent));
 }
 
 }  // namespace
@@ -98,8 +101,8 @@ void add_send(CLI::App& app, ServerOptions& server) {
                    "protocol; submit, \"name milliseconds value\", a point of the legacy API whose "
                    "value is the rest of the line. The last two need --host")
       ->type_name("graphite|add|submit")
-      ->transform(CLI::CheckedTransformer(KINDS).description(""))
-      ->default_str("graphite");
+      ->check(CLI::IsMember({"graphite", "add", "submit"}).description(""))
+      ->capture_default_str();
   command->add_option("--database", options->database, "Database for --kind add and --kind submit")
       ->type_name("NAME")
       ->capture_default_str();

@@ -76,9 +76,9 @@ class Check {
 
   void plausible_buffers(const BufferSettings& buffer) {
     if (buffer.discard_size >= buffer.max_pending_messages) {
-      error(
-          "PELORUS_DISCARD_SIZE ({}) must be below PELORUS_MAX_PENDING_MESSAGES ({}): a full "
-          "queue would lose everything at once",
+      warn(
+          "PELORUS_DISCARD_SIZE ({}) is not below PELORUS_MAX_PENDING_MESSAGES ({}): a full queue "
+          "loses everything at once",
           buffer.discard_size, buffer.max_pending_messages);
     }
     if (buffer.ideal_queued_messages >= buffer.max_pending_messages) {
@@ -123,8 +123,10 @@ class Check {
       return std::ranges::find(names, name) != names.end();
     };
     if (!has(TIDEWELL_DATABASE)) {
-      error("INFLUX_DATABASES lacks \"{}\": the daemon's own records and collectd's go there",
-            TIDEWELL_DATABASE);
+      warn(
+          "INFLUX_DATABASES lacks \"{}\": the daemon's own records and those of the local collectd "
+          "have no place to go",
+          TIDEWELL_DATABASE);
     }
     if (!has(BONDING_DATABASE)) {
       warn("INFLUX_DATABASES lacks \"{}\": what nodes send with \"collectd\" has no place to go",

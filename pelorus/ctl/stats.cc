@@ -61,6 +61,7 @@ void run(const ServerOptions& server, const StatsOptions& options) {
     std::puts(judgement.line.c_str());
     throw CLI::RuntimeError(static_cast<int>(judgement.health));
   }
+  if (!options.databases.empty()) throw UsageError("--database needs --warn or --crit");
   if (options.watch > 0) watch(options.watch, [&] { return draw(server, options); });
   std::fputs(draw(server, options).c_str(), stdout);
 }

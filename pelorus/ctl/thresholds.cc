@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "pelorus/ctl/human.h"
 #include "pelorus/ctl/reply.h"
 #include "pelorus/ctl/server_options.h"
 #include "pelorus/ctl/terminal.h"
@@ -69,9 +70,11 @@ class Verdict {
                     measure.threshold == &Thresholds::age ? "s" : "", shown(warn), shown(crit));
   }
   Judgement judgement(std::size_t databases) const {
-    const std::string well = fmt::format("{} databases are well", databases);
-    return {health_, fmt::format("{} - {} |{}", HEALTH_NAMES.at(static_cast<std::size_t>(health_)),
-                                 findings_.empty() ? well : findings_, performance_)};
+    const std::string well =
+        human_number_of("database", databases) + (databases == 1 ? " is well" : " are well");
+    return {health_, fmt::format("{} - {}{}{}", HEALTH_NAMES.at(static_cast<std::size_t>(health_)),
+                                 findings_.empty() ? well : findings_,
+                                 performance_.empty() ? "" : " |", performance_)};
   }
 
  private:

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "pelorus/ctl/exit_status.h"
+#include "pelorus/ctl/human.h"
 #include "pelorus/ctl/terminal.h"
 #include "pelorus/ctl/translated_line.h"
 
@@ -122,7 +123,8 @@ void run(const TranslateOptions& options) {
       ++conflicts;
       fmt::print("{}\n", palette.paint(Tone::WARNING, without_controls(conflict)));
     }
-    fmt::print("{} lines, {} not translated, {} fields of two types\n", lines, failed, conflicts);
+    fmt::print("{}, {} not translated, {} of two types\n", human_number_of("line", lines), failed,
+               human_number_of("field", conflicts));
   }
   if (failed + conflicts > 0) throw CLI::RuntimeError(static_cast<int>(ExitStatus::FAILURE));
 }

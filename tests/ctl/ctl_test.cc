@@ -140,6 +140,9 @@ TEST_F(Pelorusctl, EveryFailureHasItsWordsAndItsStatus) {
       {"send --port 5", 2, "--port requires --host"},
       {"stats --timeout 0", 2, "--timeout"},
       {"", 2, "subcommand is required"},
+      {"frob", 2, "not expected: frob"},
+      {"send --kind x", 2, "--kind: x not in {graphite,add,submit}"},
+      {"stats --database x", 2, "--database needs"},
       {"--version", 0, "pelorusctl "},
       {"send --help", 0, "  6  time-out\n"},
   };
