@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <exception>
 #include <string_view>
+#include <utility>
 
 #include "pelorus/ctl/check.h"
 #include "pelorus/ctl/exit_status.h"
@@ -44,7 +45,9 @@ void parse(CLI::App& app, int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::RequiredError&) {
     if (app.get_subcommands().empty() && app.remaining_size() > 0) {
-      throw CLI::ExtrasError(app.remaining());
+      auto words = app.remaining();
+      std::ranges::reverse(words);  // the error wants the last one first
+      throw CLI::ExtrasError(std::move(words));
     }
     throw;
   }
