@@ -101,7 +101,7 @@ TEST_F(Pelorusctl, SendRefusesALineThatIsLongerThanABlock) {
   SkeinStub stub;
   const std::string longest = std::string(65535, 'x') + "\n";
   run("send --socket " + stub.path(), "a b 1\n" + longest + std::string(70000, 'y') + "\nz\n");
-  EXPECT_THAT(output, AllOf(HasSubstr("2 lines were sent, then it failed"),
+  EXPECT_THAT(output, AllOf(HasSubstr("2 lines sent, then it failed"),
                             HasSubstr("a line is longer than 65536 bytes")));
   EXPECT_EQ(status, 1);
   EXPECT_EQ(stub.calls().at(1).args.at("metrics"), longest);

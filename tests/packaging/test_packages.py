@@ -22,7 +22,7 @@ EXPOSURE = 15  # tenths
 
 def run(*command, **options):
     """What the program said; fails unless it ends with status 0."""
-    done = subprocess.run([str(word) for word in command], timeout=120, text=True,
+    done = subprocess.run([str(word) for word in command], timeout=600, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
     if done.returncode != 0:
         raise AssertionError(f"{command}: status {done.returncode}\n{done.stdout}")
