@@ -120,10 +120,12 @@ def seeds():
 
 def main():
     folder = pathlib.Path(sys.argv[1])
+    inputs_of = {}
     for target, inputs in seeds():
+        inputs_of.setdefault(target, []).extend(inputs)
+    for target, inputs in inputs_of.items():
         (folder / target).mkdir(parents=True, exist_ok=True)
-        for content in inputs:
-            number = len(list((folder / target).iterdir()))
+        for number, content in enumerate(inputs):
             (folder / target / f"seed{number:02}").write_bytes(content)
 
 
