@@ -28,6 +28,16 @@ void BadLines::improperly_formatted(std::string_view line) {
   if (warns()) add({line});
 }
 
+void BadLines::empty_lines(std::size_t count) {
+  if (!warns()) return;
+  if (count > RING_SIZE) {  // these alone are all that the log can take
+    while (begin_ < end_) skip_oldest();
+    skipped_ += count - RING_SIZE;
+    count = RING_SIZE;
+  }
+  while (count-- > 0) add({});
+}
+
 void BadLines::not_translated(std::string_view series, Outcome outcome) {
   note({series, outcome});
   const bool unexpected = is_unexpected(outcome);

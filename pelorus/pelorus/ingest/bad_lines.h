@@ -28,6 +28,7 @@ class BadLines : public BadLineReporter {
   ~BadLines() override { block_ends(); }
 
   void improperly_formatted(std::string_view line) override;
+  void empty_lines(std::size_t count) override;
   void not_translated(std::string_view series, translate::Outcome outcome) override;
   void block_ends() override;
 

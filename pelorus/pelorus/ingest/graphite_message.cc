@@ -96,6 +96,12 @@ void GraphiteMessage::add_lines(const char* begin, const char* end, BadLineRepor
       begin = usual.end() + 1;
       continue;
     }
+    if (*begin == '\n') {
+      const char* const behind = std::find_if(begin, end, [](char c) { return c != '\n'; });
+      reporter.empty_lines(static_cast<std::size_t>(behind - begin));
+      begin = behind;
+      continue;
+    }
     ScannedLine line;
     begin = scan_line(begin, line);
     add_line(line, reporter);

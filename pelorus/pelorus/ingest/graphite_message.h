@@ -39,6 +39,10 @@ class BadLineReporter {
   virtual ~BadLineReporter() = default;
   /// `line` has not exactly three fields.
   virtual void improperly_formatted(std::string_view line) = 0;
+  /// So many empty lines in a row, each of them improperly formatted.
+  virtual void empty_lines(std::size_t count) {
+    while (count-- > 0) improperly_formatted({});
+  }
   virtual void not_translated(std::string_view series, translate::Outcome outcome) = 0;
   /// After the last line.
   virtual void block_ends() {}
