@@ -17,6 +17,12 @@ namespace {
 /// less has not earned the room that it claims.
 constexpr std::size_t LONG_HALF_FRAME_BYTES = 256U << 10;
 
+/// While more of a peer's requests wait, so many bytes of replies gather and go with one call: those
+/// of some hundred requests that were good. A call costs more than such a request.
+constexpr std::size_t GATHERED_REPLY_BYTES = 1U << 10;
+
+bool is_queued(const Buffers* buffers) { return buffers != nullptr && buffers->queued; }
+
 }  // namespace
 
 void HeldRequest::answer(const Reply& reply) const { server_->answer_held(number_, reply); }
@@ -51,8 +57,7 @@ void Connection::handle_events(int events) {
     queue_up();
     settle();
   }
-  const bool waits = buffers_ && buffers_->queued;
-  if (!ended_ && (events & UV_READABLE) != 0 && may_go_on() && !waits) read();
+  if (!ended_ && (events & UV_READABLE) != 0 && may_go_on() && !is_queued(buffers_.get())) read();
 }
 
 void Connection::give_up(const LimitError& reason) {
@@ -92,9 +97,10 @@ void Connection::take(std::string_view bytes, Share& share) {
   try {
     take_or_throw(bytes, share);
     serving_ = false;
-    if (unread() != 0) flush();
-    if (buffers_ && !buffers_->is_empty()) buffers_->progress = server_.now();
     queue_up();
+    if (unread() >= (is_queued(buffers_.get()) ? GATHERED_REPLY_BYTES : 1)) flush();
+    if (buffers_ && !buffers_->is_empty()) buffers_->progress = server_.now();
+    queue_up();  // if it might not before, for all the replies
     settle();
   } catch (const ProtocolError& fault) {
     serving_ = false;
@@ -210,11 +216,13 @@ void Connection::settle() {
 }
 
 void Connection::watch() {
-  poll_.watch((may_go_on() ? UV_READABLE : 0) | (unread() != 0 ? UV_WRITABLE : 0));
+  const bool has_replies = unread() != 0 && !is_queued(buffers_.get());
+  poll_.watch((may_go_on() ? UV_READABLE : 0) | (has_replies ? UV_WRITABLE : 0));
 }
 
 void Connection::end() {
   if (ended_) return;
+  if (is_queued(buffers_.get())) flush();  // what has gathered so far
   ended_ = true;
   poll_.close();
   server_.end(*this);

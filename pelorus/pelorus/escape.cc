@@ -2,12 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include "pelorus/translate/printable.h"
 
 namespace pelorus::log {
 namespace {
-
-constexpr bool is_plain(char byte) noexcept { return byte >= ' ' && byte <= '~'; }
 
 /// Bytes of the printable character that `text` begins with: 1 for ASCII, 2 to 4 for well-formed
 /// UTF-8, 0 where the first byte has to be escaped.
@@ -39,10 +37,9 @@ std::string escaped(char byte) {
 
 void append_escaped(std::string& out, std::string_view text) {
   while (!text.empty()) {
-    const auto plain = static_cast<std::size_t>(
-        std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
-    out.append(text.substr(0, plain));
-    text.remove_prefix(plain);
+    const std::size_t printable = translate::printable_bytes(text);
+    out.append(text.substr(0, printable));
+    text.remove_prefix(printable);
     if (text.empty()) return;
     const std::size_t length = printable_length(text);
     if (length > 0) {

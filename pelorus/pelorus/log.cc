@@ -100,6 +100,8 @@ void exception(std::string_view text, const std::exception& failure) {
 }
 
 void exception(std::string_view text, std::span<const std::string> trace) {
+  if (!logger().should_log(spdlog::level::err)) return;
+  if (auto* sink = stderr_sink()) return sink->log_record(spdlog::level::err, text, trace);
   logger().error(spdlog::string_view_t(text));
   for (const std::string& line : trace) logger().error(spdlog::string_view_t(line));
   logger().flush();

@@ -43,30 +43,47 @@ constexpr int WRITE_OUTS = 32;
 }  // namespace
 
 void StderrSink::log(const spdlog::details::log_msg& message) {
-  std::string_view payload(message.payload.data(), message.payload.size());
+  add_line(prefix(message.level, message.time), {message.payload.data(), message.payload.size()});
+}
+
+void StderrSink::log_record(spdlog::level::level_enum level, std::string_view first,
+                            std::span<const std::string> others) {
+  const std::string_view begin = prefix(level, spdlog::log_clock::now());
+  add_line(begin, first);
+  for (const std::string& line : others) add_line(begin, line);
+  flush();
+}
+
+void StderrSink::add_line(std::string_view prefix, std::string_view line) {
   std::string& text = queue_.text();
-  append_prefix(text, message.level, message.time);
-  const std::size_t left_out = payload.size() > LINE_BYTES ? payload.size() - LINE_BYTES : 0;
-  payload.remove_suffix(left_out);
-  append_escaped(text, payload);
+  text += prefix;
+  const std::size_t left_out = line.size() > LINE_BYTES ? line.size() - LINE_BYTES : 0;
+  line.remove_suffix(left_out);
+  append_escaped(text, line);
   if (left_out > 0) text += fmt::format(" ({} bytes left out)", left_out);
   text += '\n';
   queue_.end_line();
 }
 
-void StderrSink::append_prefix(std::string& text, spdlog::level::level_enum level,
-                               spdlog::log_clock::time_point moment) {
+/// What a line begins with; good until the next call. Many lines of the same millisecond share it.
+std::string_view StderrSink::prefix(spdlog::level::level_enum level,
+                                    spdlog::log_clock::time_point moment) {
+  const auto millisecond =
+      std::chrono::floor<std::chrono::milliseconds>(moment.time_since_epoch());
+  if (millisecond == millisecond_ && level == level_) return prefix_text_;
+  millisecond_ = millisecond;
+  level_ = level;
+  prefix_text_.clear();
   if (prefix_ == Prefix::PRIORITY) {
-    text += {'<', static_cast<char>('0' + priority(level)), '>'};
-    return;
+    return prefix_text_ += {'<', static_cast<char>('0' + priority(level)), '>'};
   }
   const std::time_t second = spdlog::log_clock::to_time_t(moment);
   if (second != second_) second_text_ = local_time(second);
   second_ = second;
-  const auto since_epoch = std::chrono::floor<std::chrono::milliseconds>(moment.time_since_epoch());
   const auto name = spdlog::level::to_string_view(level);
-  fmt::format_to(std::back_inserter(text), FMT_COMPILE("{}.{:03} {} "), second_text_,
-                 since_epoch.count() % 1000, std::string_view(name.data(), name.size()));
+  fmt::format_to(std::back_inserter(prefix_text_), FMT_COMPILE("{}.{:03} {} "), second_text_,
+                 millisecond.count() % 1000, std::string_view(name.data(), name.size()));
+  return prefix_text_;
 }
 
 void StderrSink::flush() {
@@ -121,8 +138,7 @@ bool StderrSink::write_out() {
 
 /// False when not a byte of it was taken.
 bool StderrSink::tell_dropped() {
-  std::string line;
-  append_prefix(line, spdlog::level::warn, spdlog::log_clock::now());
+  std::string line(prefix(spdlog::level::warn, spdlog::log_clock::now()));
   line += fmt::format("{} log lines were dropped: more than could be written\n", queue_.dropped());
   const std::size_t taken = put(line);
   if (taken > 0) queue_.told(std::string_view(line).substr(taken));

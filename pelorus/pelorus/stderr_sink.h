@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -38,6 +39,9 @@ class StderrSink : public spdlog::sinks::sink {
   void set_pattern(const std::string&) override {}
   void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
 
+  /// A record of these lines at once, with the time of the first: `first`, then `others`.
+  void log_record(spdlog::level::level_enum level, std::string_view first,
+                  std::span<const std::string> others);
   /// A record of one line that stands as it is, control bytes escaped.
   void print(std::string_view line);
   /// Counts lines as dropped that would have come now, and drops what waits before them.
@@ -55,8 +59,8 @@ class StderrSink : public spdlog::sinks::sink {
   void finish(std::chrono::milliseconds longest);
 
  private:
-  void append_prefix(std::string& text, spdlog::level::level_enum level,
-                     spdlog::log_clock::time_point moment);
+  std::string_view prefix(spdlog::level::level_enum level, spdlog::log_clock::time_point moment);
+  void add_line(std::string_view prefix, std::string_view line);
   bool write_out();
   bool tell_dropped();
   std::size_t put(std::string_view bytes);
@@ -71,6 +75,9 @@ class StderrSink : public spdlog::sinks::sink {
   bool stuck_ = false;       ///< not all of it was taken: the next pace tries again
   std::time_t second_ = -1;  ///< the one that `second_text_` shows
   std::string second_text_;
+  std::chrono::milliseconds millisecond_{-1};  ///< that of `prefix_text_`, as is the level
+  spdlog::level::level_enum level_ = spdlog::level::off;
+  std::string prefix_text_;
 };
 
 }  // namespace pelorus::log

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 
+#include "pelorus/translate/printable.h"
+
 namespace translate {
 namespace {
-
-constexpr bool is_printable(char byte) { return byte >= ' ' && byte <= '~'; }
 
 void append_hex(std::string& text, char byte) {
   constexpr std::string_view DIGITS = "0123456789abcdef";
@@ -47,6 +47,12 @@ void append_display(std::string& text, std::string_view bytes) {
   const char quote = display_quote(bytes);
   text += 'b';
   text += quote;
+  // As a rule there is nothing to escape.
+  if (printable_bytes(bytes) == bytes.size() && bytes.find('\\') == bytes.npos &&
+      bytes.find(quote) == bytes.npos) {
+    text.append(bytes) += quote;
+    return;
+  }
   const auto is_plain = [quote](char byte) {
     return is_printable(byte) && byte != '\\' && byte != quote;
   };

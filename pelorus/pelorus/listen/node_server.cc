@@ -119,19 +119,21 @@ std::unique_ptr<skein::Connection> NodeServer::make_connection(skein::Socket soc
   return std::make_unique<CollectdConnection>(*this, loop(), std::move(socket));
 }
 
+skein::Address& NodeServer::connection_addresses(skein::Connection& connection) {
+  return static_cast<CollectdConnection&>(connection).address;
+}
+
 void NodeServer::add_connection(skein::Connection& connection) {
   Server::add_connection(connection);
   const auto address = skein::peer_address(connection.socket().descriptor());
-  connection_addresses_[&connection] = address;
+  connection_addresses(connection) = address;
   log::info("Accepted skein connection from {}:{}.", address.host(), address.port);
 }
 
 void NodeServer::remove_connection(skein::Connection& connection) {
-  const auto known = connection_addresses_.find(&connection);
-  if (known != connection_addresses_.end()) {
-    const skein::Address address = known->second;
+  const auto address = std::exchange(connection_addresses(connection), {});
+  if (address.port != 0) {
     log::info("Disconnecting skein connection from {}:{}.", address.host(), address.port);
-    connection_addresses_.erase(known);
   }
   Server::remove_connection(connection);
 }
@@ -142,7 +144,7 @@ void NodeServer::handle_exception(const std::exception& failure) {
 
 void NodeServer::handle_protocol_error(skein::Connection& connection,
                                        const skein::ProtocolError& fault) {
-  const skein::Address address = connection_addresses_[&connection];
+  const skein::Address address = connection_addresses(connection);
   log::warning("Closing the connection of {}:{}: {}.", address.host(), address.port, fault.what());
 }
 
@@ -151,9 +153,8 @@ void NodeServer::handle_shortage(const std::string& text) {
 }
 
 std::string NodeServer::address(const skein::Connection& connection) const {
-  const auto known = connection_addresses_.find(&connection);
-  if (known == connection_addresses_.end()) return "";
-  return fmt::format("{}:{}", known->second.host(), known->second.port);
+  const auto& address = static_cast<const CollectdConnection&>(connection).address;
+  return address.port == 0 ? "" : fmt::format("{}:{}", address.host(), address.port);
 }
 
 skein::Reply NodeServer::req_add(const skein::Request& request) {
@@ -269,6 +270,7 @@ std::list<NodeServer::HeldMethod> NodeServer::take_first(KeyQueue& queue) {
 }
 
 bool NodeServer::is_waiting(const std::string& key) const {
+  if (waiting_.empty()) return false;  // as a rule: the key need not be hashed for that
   const auto queue = waiting_.find(key);
   return queue != waiting_.end() && (queue->second.asking || !queue->second.held.empty());
 }

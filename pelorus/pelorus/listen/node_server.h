@@ -89,6 +89,9 @@ class NodeServer : public skein::Server {
 
   static skein::Socket bind_listen(const Settings& settings);
 
+  /// The peer addresses, by connection: from add_connection to remove_connection, else port 0.
+  static skein::Address& connection_addresses(skein::Connection& connection);
+
   /// Whether the key, without dashes, was verified less than VALID_CUTOFF seconds ago.
   bool valid_key(const std::string& key);
   /// Runs the method at once where the key is valid, else when it has been verified. `owned` makes
@@ -117,7 +120,6 @@ class NodeServer : public skein::Server {
 
   InfluxHandler& influx_handler_;
   const Settings& settings_;
-  std::unordered_map<const skein::Connection*, skein::Address> connection_addresses_;
   /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
   /// there are as many as there are nodes.
   std::unordered_map<std::string, double> valid_;
