@@ -17,7 +17,7 @@ inline std::size_t printable_bytes(std::string_view text) noexcept {
     std::memcpy(&bytes, text.data() + count, sizeof bytes);
     // The highest bit of a byte tells: below ' ', above '~', no ASCII. What it carries over to the
     // next one does not matter, for it is odd itself then.
-    if (((bytes - EACH * ' ' | bytes + EACH | bytes) & EACH * 0x80) != 0) break;
+    if ((((bytes - EACH * ' ') | (bytes + EACH) | bytes) & (EACH * 0x80)) != 0) break;
   }
   while (count < text.size() && is_printable(text[count])) ++count;
   return count;
