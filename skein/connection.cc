@@ -17,8 +17,8 @@ namespace {
 /// less has not earned the room that it claims.
 constexpr std::size_t LONG_HALF_FRAME_BYTES = 256U << 10;
 
-/// While more of a peer's requests wait, so many bytes of replies gather and go with one call: those
-/// of some hundred requests that were good. A call costs more than such a request.
+/// While more of a peer's requests wait, so many bytes of replies gather and go with one call:
+/// those of some hundred requests that were good. A call costs more than such a request.
 constexpr std::size_t GATHERED_REPLY_BYTES = 1U << 10;
 
 bool is_queued(const Buffers* buffers) { return buffers != nullptr && buffers->queued; }

@@ -68,8 +68,7 @@ void StderrSink::add_line(std::string_view prefix, std::string_view line) {
 /// What a line begins with; good until the next call. Many lines of the same millisecond share it.
 std::string_view StderrSink::prefix(spdlog::level::level_enum level,
                                     spdlog::log_clock::time_point moment) {
-  const auto millisecond =
-      std::chrono::floor<std::chrono::milliseconds>(moment.time_since_epoch());
+  const auto millisecond = std::chrono::floor<std::chrono::milliseconds>(moment.time_since_epoch());
   if (millisecond == millisecond_ && level == level_) return prefix_text_;
   millisecond_ = millisecond;
   level_ = level;
