@@ -26,7 +26,7 @@ DICTIONARIES = {
     None: ["write_buffer"],
 }
 TARGETS = {target: name for name, targets in DICTIONARIES.items() for target in targets}
-LONGEST_INPUT = 4096  # bytes
+LONGEST_INPUT = 1024  # bytes
 LONGEST_EXECUTION = 10  # seconds
 KEPT_BYTES = 4096  # longest input that is committed
 
