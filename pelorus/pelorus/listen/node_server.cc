@@ -77,12 +77,17 @@ bool repeats(std::string text, std::string secret) {
 
 /// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
 std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
-  const bool has_key = key_ending(key).size() < key.size() && repeats(body, key);
-  const bool has_token = !token.empty() && repeats(body, token);
+  const std::string shown = translate::display(body);
+  // An escape's last digit may complete what the bytes behind it leave out.
+  const auto told = [&](const std::string& secret) {
+    return repeats(body, secret) || repeats(shown, secret);
+  };
+  const bool has_key = key_ending(key).size() < key.size() && told(key);
+  const bool has_token = !token.empty() && told(token);
   if (has_key || has_token) {
     return fmt::format("({} bytes that repeat the {})", body.size(), has_key ? "key" : "token");
   }
-  return translate::display(body);
+  return shown;
 }
 
 }  // namespace
