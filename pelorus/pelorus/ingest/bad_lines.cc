@@ -19,17 +19,18 @@ using translate::Outcome;
 constexpr std::size_t RING_SIZE = log::QUEUE_LINES;
 static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it still fits a line");
 
-bool warns() { return log::enabled(spdlog::level::warn); }
-
 }  // namespace
+
+BadLines::BadLines(Ingested& ingested)
+    : ingested_(ingested), warns_(log::enabled(spdlog::level::warn)) {}
 
 void BadLines::improperly_formatted(std::string_view line) {
   if (!line.empty()) note({line});
-  if (warns()) add({line});
+  if (warns_) add({line});
 }
 
 void BadLines::empty_lines(std::size_t count) {
-  if (!warns()) return;
+  if (!warns_) return;
   if (count > RING_SIZE) {  // these alone are all that the log can take
     while (begin_ < end_) skip_oldest();
     skipped_ += count - RING_SIZE;
@@ -46,7 +47,7 @@ void BadLines::not_translated(std::string_view series, Outcome outcome) {
     for (const std::string& line : trace_) trace_bytes_ += line.size();
     kind_ = trace_.front();
   }
-  if (unexpected || warns()) add({series, outcome});
+  if (unexpected || warns_) add({series, outcome});
 }
 
 void BadLines::note(BadLine line) {
@@ -75,7 +76,7 @@ void BadLines::skip_oldest() {
 
 std::size_t BadLines::lines_of(const BadLine& line) const {
   if (!is_unexpected(line.outcome)) return 1;
-  return (warns() ? 1U : 0U) + 1 + trace_.size();
+  return (warns_ ? 1U : 0U) + 1 + trace_.size();
 }
 
 std::size_t BadLines::bytes_of(const BadLine& line) const {

@@ -21,7 +21,7 @@ constexpr std::size_t KEPT_WARNING_BYTES = 160;
 /// same place: the trace is taken once. What was bad is noted for the status, whatever is logged.
 class BadLines : public BadLineReporter {
  public:
-  explicit BadLines(Ingested& ingested) : ingested_(ingested) {}
+  explicit BadLines(Ingested& ingested);
   BadLines(const BadLines&) = delete;
   BadLines& operator=(const BadLines&) = delete;
   /// Logs what is left, where a failure has ended the block.
@@ -49,7 +49,8 @@ class BadLines : public BadLineReporter {
   void log_unexpected(const std::string& text);
 
   Ingested& ingested_;
-  BadLine last_;  ///< that is noted
+  const bool warns_;  ///< warnings are logged, and not only errors
+  BadLine last_;      ///< that is noted
   /// The newest, as a ring once it has grown to its full size.
   std::vector<BadLine> ring_;
   std::uint64_t begin_ = 0, end_ = 0;  ///< numbers of the first in the ring, and behind the last
