@@ -25,8 +25,8 @@ BadLines::BadLines(Ingested& ingested)
     : ingested_(ingested), warns_(log::enabled(spdlog::level::warn)) {}
 
 void BadLines::improperly_formatted(std::string_view line) {
-  if (!line.empty()) note({line});
-  if (warns_) add({line});
+  if (!line.empty()) note(line, Outcome::TRANSLATED);
+  if (warns_) add(line, Outcome::TRANSLATED);
 }
 
 void BadLines::empty_lines(std::size_t count) {
@@ -36,59 +36,65 @@ void BadLines::empty_lines(std::size_t count) {
     skipped_ += count - RING_SIZE;
     count = RING_SIZE;
   }
-  while (count-- > 0) add({});
+  while (count-- > 0) add({}, Outcome::TRANSLATED);
 }
 
 void BadLines::not_translated(std::string_view series, Outcome outcome) {
-  note({series, outcome});
+  note(series, outcome);
   const bool unexpected = is_unexpected(outcome);
   if (unexpected && trace_.empty()) {
     trace_ = log::trace_lines(translate::UnexpectedSeriesError(""));
     for (const std::string& line : trace_) trace_bytes_ += line.size();
     kind_ = trace_.front();
   }
-  if (unexpected || warns_) add({series, outcome});
+  if (unexpected || warns_) add(series, outcome);
 }
 
-void BadLines::note(BadLine line) {
+void BadLines::note(std::string_view text, Outcome outcome) {
   ++ingested_.bad_lines;
-  last_ = line;
+  last_.text = text;
+  last_.outcome = outcome;
 }
 
-void BadLines::add(BadLine line) {
-  lines_ += lines_of(line);
-  bytes_ += bytes_of(line);
+void BadLines::add(std::string_view text, Outcome outcome) {
+  lines_ += lines_of(outcome);
+  bytes_ += bytes_of(text, outcome);
   while (begin_ < end_ && (lines_ > log::QUEUE_LINES || bytes_ > log::QUEUE_BYTES)) skip_oldest();
   if (ring_.size() < RING_SIZE) {
-    ring_.push_back(line);
+    ring_.push_back({text, outcome});
   } else {
-    ring_[end_ % RING_SIZE] = line;
+    BadLine& place = ring_[end_ % RING_SIZE];
+    place.text = text;
+    place.outcome = outcome;
   }
   ++end_;
 }
 
 void BadLines::skip_oldest() {
   const BadLine& oldest = ring_[begin_++ % RING_SIZE];
-  skipped_ += lines_of(oldest);
-  lines_ -= lines_of(oldest);
-  bytes_ -= bytes_of(oldest);
+  const std::size_t lines = lines_of(oldest.outcome);
+  skipped_ += lines;
+  lines_ -= lines;
+  bytes_ -= bytes_of(oldest.text, oldest.outcome);
 }
 
-std::size_t BadLines::lines_of(const BadLine& line) const {
-  if (!is_unexpected(line.outcome)) return 1;
+std::size_t BadLines::lines_of(Outcome outcome) const {
+  if (!is_unexpected(outcome)) return 1;
   return (warns_ ? 1U : 0U) + 1 + trace_.size();
 }
 
-std::size_t BadLines::bytes_of(const BadLine& line) const {
-  const std::size_t shown = std::min(line.text.size(), SHOWN_BYTES);
-  return shown + (is_unexpected(line.outcome) ? trace_bytes_ : 0);
+std::size_t BadLines::bytes_of(std::string_view text, Outcome outcome) const {
+  const std::size_t shown = std::min(text.size(), SHOWN_BYTES);
+  return shown + (is_unexpected(outcome) ? trace_bytes_ : 0);
 }
 
 void BadLines::block_ends() {
   if (skipped_ > 0) log::drop(std::exchange(skipped_, 0));
-  log::hold(true);
-  while (begin_ < end_) log(ring_[begin_++ % RING_SIZE]);
-  log::hold(false);
+  if (begin_ < end_) {
+    log::hold(true);
+    while (begin_ < end_) log(ring_[begin_++ % RING_SIZE]);
+    log::hold(false);
+  }
   lines_ = bytes_ = 0;
   if (last_.text.empty()) return;
   ingested_.last_warning = text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);

@@ -38,12 +38,12 @@ class BadLines : public BadLineReporter {
     translate::Outcome outcome = translate::Outcome::TRANSLATED;  ///< that of a malformed line
   };
 
-  void add(BadLine line);
-  void note(BadLine line);
+  void add(std::string_view text, translate::Outcome outcome);
+  void note(std::string_view text, translate::Outcome outcome);
   void skip_oldest();
   /// What it comes to in the log: its lines, and its bytes at least.
-  std::size_t lines_of(const BadLine& line) const;
-  std::size_t bytes_of(const BadLine& line) const;
+  std::size_t lines_of(translate::Outcome outcome) const;
+  std::size_t bytes_of(std::string_view text, translate::Outcome outcome) const;
   static std::string text_of(const BadLine& line, std::size_t shown_bytes);
   void log(const BadLine& line);
   void log_unexpected(const std::string& text);
