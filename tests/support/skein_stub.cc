@@ -115,9 +115,9 @@ std::vector<SkeinStub::Call> SkeinStub::calls(std::size_t count) {
   return calls_;
 }
 
-std::string SkeinStub::metrics_with(const std::string& text) {
+std::string SkeinStub::metrics_with(const std::string& text, std::chrono::milliseconds longest) {
   std::unique_lock lock(mutex_);
-  called_.wait_for(lock, LONGEST_WAIT,
+  called_.wait_for(lock, longest,
                    [&] { return joined_metrics(calls_).find(text) != std::string::npos; });
   return joined_metrics(calls_);
 }

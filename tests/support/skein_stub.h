@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -52,8 +53,9 @@ class SkeinStub {
 
   /// All calls so far; waits at most 10 s until there are `count`.
   std::vector<Call> calls(std::size_t count = 0);
-  /// The "metrics" of all calls joined, as soon as they hold `text`, or after 10 s.
-  std::string metrics_with(const std::string& text);
+  /// The "metrics" of all calls joined, as soon as they hold `text`, or after `longest`.
+  std::string metrics_with(const std::string& text,
+                           std::chrono::milliseconds longest = std::chrono::seconds(10));
 
  private:
   SkeinStub(skein::Socket listening, Handler handler);
