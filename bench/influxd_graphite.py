@@ -1,29 +1,15 @@
 """influxd's own Graphite listener: what an administrator would take instead of this daemon."""
 
-from pathlib import Path
-import socket
-import subprocess
-import urllib.request
 import json
+import socket
+import urllib.request
 
-from support import Process, free_port, wait_until
+from harness.process import free_port, listens, wait_until
+from harness.real_servers import Influxd
 
 # Its templates cut a name at dots and put whole pieces into measurement, tags and field: as near to
 # the daemon's rules as they come. Which template holds is found by the pieces before the blank.
-CONFIGURATION = """
-reporting-disabled = true
-bind-address = "127.0.0.1:{rpc_port}"
-[meta]
-  dir = "{folder}/meta"
-[data]
-  dir = "{folder}/data"
-  wal-dir = "{folder}/wal"
-  query-log-enabled = false
-[monitor]
-  store-enabled = false
-[http]
-  bind-address = "127.0.0.1:{http_port}"
-  log-enabled = false
+LISTENER = """
 [[graphite]]
   enabled = true
   database = "graphite"
@@ -69,36 +55,25 @@ bind-address = "127.0.0.1:{rpc_port}"
 """
 
 
-class InfluxdGraphite(Process):
+class InfluxdGraphite(Influxd):
     """An influxd that listens for Graphite lines and stores them."""
 
     def __init__(self, folder):
-        folder = Path(folder)
-        folder.mkdir()
-        self.port, self.http_port = free_port(), free_port()
-        configuration = folder / "influxdb.conf"
-        configuration.write_text(CONFIGURATION.format(
-            folder=folder, port=self.port, http_port=self.http_port, rpc_port=free_port()))
-        super().__init__(["influxd", "run", "-config", configuration], folder / "influxd.log")
-        wait_until(lambda: self.expect_running() and self._listens(), "influxd to listen", 30)
+        self.graphite_port = free_port()
+        super().__init__(folder, LISTENER.format(port=self.graphite_port))
+        wait_until(lambda: self.expect_running() and listens(self.graphite_port),
+                   "influxd to listen", 30)
 
     def take(self, lines):
         """Sends lines over one connection and waits until all of them are stored."""
         before = self._points()
-        with socket.create_connection(("127.0.0.1", self.port)) as stream:
+        with socket.create_connection(("127.0.0.1", self.graphite_port)) as stream:
             stream.sendall(lines)
         wanted = before + lines.count(b"\n")
         wait_until(lambda: self._points() >= wanted, "influxd to store all points", 120, pause=0.1)
 
-    def _listens(self):
-        try:
-            socket.create_connection(("127.0.0.1", self.port)).close()
-            return True
-        except OSError:
-            return False
-
     def _points(self):
-        with urllib.request.urlopen(f"http://127.0.0.1:{self.http_port}/debug/vars") as answer:
+        with urllib.request.urlopen(f"http://127.0.0.1:{self.port}/debug/vars") as answer:
             figures = json.load(answer)
         return sum(value["values"]["pointsTx"] for name, value in figures.items()
                    if name.startswith("graphite:"))

@@ -3,16 +3,15 @@ figure is the median of the ratios, the spread their quartiles."""
 
 from dataclasses import dataclass, field
 import json
-import os
 import resource
 import statistics
 import subprocess
 import threading
 
+from harness import BUILD
+from harness.skein_client import SkeinClient
 from influxd_graphite import InfluxdGraphite
-from setting import HANGING_KEY, Setting, cpu_seconds
-from skein_client import SkeinClient
-from support import BUILD
+from setting import HANGING_KEY
 
 PAIRS = 9
 CROWD = 10_000
@@ -114,9 +113,9 @@ def influxd_row(setting):
             answer = setting.load(run="alternate", pairs=1, sides=[setting.side(
                 daemon, first_line=first, lines=lines, per_frame=1000, per_write=5)])
             part = (corpus + corpus)[first:first + lines]
-            before = cpu_seconds(influxd)
+            before = influxd.processor_seconds()
             influxd.take(b"".join(part))
-            pairs.append((answer["cpu"][0][0], cpu_seconds(influxd) - before))
+            pairs.append((answer["cpu"][0][0], influxd.processor_seconds() - before))
     finally:
         influxd.stop()
     setting.stop(daemon)
@@ -166,10 +165,9 @@ def peak_row(setting):
     daemon = setting.daemon("peak", PELORUS_MAX_BATCH_SIZE=5)
     setting.load(run="alternate", pairs=1, sides=[setting.side(
         daemon, lines=1_000_000, per_frame=1000, per_write=5)])
-    with open(f"/proc/{daemon.pid}/status") as status:
-        [peak] = [int(line.split()[1]) for line in status if line.startswith("VmHWM:")]
+    peak = daemon.memory("VmHWM")
     setting.stop(daemon)
-    yield Row(8, "peak RSS in MiB over a million paced lines", 24, [peak / 1024], form="{:.1f}")
+    yield Row(8, "peak RSS in MiB over a million paced lines", 24, [peak], form="{:.1f}")
 
 
 @measures(9)

@@ -10,14 +10,11 @@ import time
 
 sys.dont_write_bytecode = True
 
-from setting import REPOSITORY, Setting, cpu_seconds  # noqa: E402
-
-sys.path.insert(0, str(REPOSITORY / "demo" / "scale"))
-
-from real_servers import Influxd  # noqa: E402
-from servers import VictoriaMetrics  # noqa: E402
-from skein_client import SkeinClient, frame  # noqa: E402
-from support import wait_until  # noqa: E402
+from setting import Setting  # noqa: E402  first: it finds the harness and says which build
+from demo.scale.servers import VictoriaMetrics  # noqa: E402
+from harness.process import wait_until  # noqa: E402
+from harness.real_servers import Influxd  # noqa: E402
+from harness.skein_client import SkeinClient, frame  # noqa: E402
 
 KEYS = 2000
 BLOCK_LINES, BLOCKS_A_WRITE = 1000, 5
@@ -63,14 +60,14 @@ def verification_figures(setting):
     daemon = setting.daemon("keys")
     keys = [f"{number:032x}" for number in range(KEYS)]
     setting.know(keys)
-    begin, before = time.monotonic(), cpu_seconds(daemon)
+    begin, before = time.monotonic(), daemon.processor_seconds()
     nodes = [SkeinClient(daemon.node_address, 60) for _ in keys[:500]]
     for first in range(0, KEYS, len(nodes)):
         for node, key in zip(nodes, keys[first:]):
             node.send([0, 1, "collectd", {"key": key, "metrics": ""}])
         for node in nodes:
             node.receive()
-    used, taken = cpu_seconds(daemon) - before, time.monotonic() - begin
+    used, taken = daemon.processor_seconds() - before, time.monotonic() - begin
     print(f"verification of a key: {used / KEYS * 1e3:.2f} ms of the daemon's CPU; "
           f"{KEYS / taken:.0f} keys a second with this stand-in")
     for node in nodes:
@@ -101,7 +98,7 @@ def store_figures(setting, name, store, **settings):
         return not buffer["has_current_request"] and buffer["pending_data_len"] < BLOCKS_A_WRITE
 
     with SkeinClient(daemon.socket) as local, SkeinClient(daemon.node_address) as node:
-        begin, before, ours = time.monotonic(), cpu_seconds(store), cpu_seconds(daemon)
+        begin, before, ours = time.monotonic(), store.processor_seconds(), daemon.processor_seconds()
         for first in range(0, len(frames), BLOCKS_A_WRITE):
             for each in frames[first:first + BLOCKS_A_WRITE]:
                 node.send_bytes(each)
@@ -111,9 +108,9 @@ def store_figures(setting, name, store, **settings):
         taken = time.monotonic() - begin
     time.sleep(5)  # it goes on with what it has been given
     per_million = 1e6 / len(lines)
-    print(f"{name}: {(cpu_seconds(store) - before) * per_million:.1f} s of CPU a million records, "
-          f"{len(lines) / taken:,.0f} records a second over one connection; the daemon "
-          f"{(cpu_seconds(daemon) - ours) * per_million:.2f} s")
+    print(f"{name}: {(store.processor_seconds() - before) * per_million:.1f} s of CPU a million "
+          f"records, {len(lines) / taken:,.0f} records a second over one connection; the "
+          f"daemon {(daemon.processor_seconds() - ours) * per_million:.2f} s")
     setting.stop(daemon)
 
 

@@ -5,23 +5,20 @@ import os
 from pathlib import Path
 import subprocess
 import sys
-import time
 
-REPOSITORY = Path(__file__).resolve().parents[1]
-os.environ.setdefault("PELORUS_BUILD", str(REPOSITORY / "build" / "bench"))
-sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+import harness  # noqa: E402
 
-from skein_client import SkeinClient  # noqa: E402
-from support import BUILD, Pelorus, Process, free_port, wait_until  # noqa: E402
-from web_server import WebServer  # noqa: E402
+harness.use_build(os.environ.get("PELORUS_BUILD", harness.REPOSITORY / "build" / "bench"))
+
+from harness import BUILD  # noqa: E402
+from harness.daemon import Pelorus  # noqa: E402
+from harness.process import Process, free_port, wait_until  # noqa: E402
+from harness.skein_client import SkeinClient  # noqa: E402
+from harness.web_server import WebServer  # noqa: E402
 
 KEY = "0b1e2c3d4e5f60718293a4b5c6d7e8f9"
 HANGING_KEY = "hanging"
-
-
-def cpu_seconds(process):
-    """CPU time, user and system, that a process has used, to the nanosecond."""
-    return time.clock_gettime((~process.pid << 3) | 2)  # clock_getcpuclockid() of Linux
 
 
 class Setting:

@@ -4,7 +4,6 @@ names another), prints it, and when all rows were measured writes it into the pa
 names a file of Graphite lines to measure on; without it the benchmarks make their own."""
 
 import os
-from pathlib import Path
 import re
 import subprocess
 import sys
@@ -13,7 +12,8 @@ import time
 
 sys.dont_write_bytecode = True
 
-from setting import REPOSITORY, Setting  # first: it says where the others' modules lie
+from setting import Setting  # noqa: E402  first: it finds the harness and says which build
+from harness import REPOSITORY  # noqa: E402
 from rows import MEASUREMENTS, PAIRS  # noqa: E402
 
 GIVEN = dict(os.environ)  # before a corpus is made

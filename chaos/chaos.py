@@ -7,18 +7,16 @@ from concurrent.futures import ThreadPoolExecutor
 import sys
 import tempfile
 
-from surroundings import bring_loopback_up, own_namespaces, use_build, use_resolver
+from surroundings import prepare, use_resolver
 
-own_namespaces()
-bring_loopback_up()
-use_build(sys.argv[1])
+prepare(sys.argv[1])
 
+from harness.stage import Stage, Web  # noqa: E402
 from heavy_faults import HEAVY, LOOKUPS, SLOW, on_named_stage, on_own_stage  # noqa: E402
 from influxd_faults import INFLUXD_FAULTS, on_influxd  # noqa: E402
 from report import Report  # noqa: E402
-from stage import Stage, Web  # noqa: E402
-from test_faults_far_ends import INFLUX_FAULTS, WEB_FAULTS  # noqa: E402
-from test_faults_peers import FAULTS as PEER_FAULTS  # noqa: E402
+from tests.end_to_end.test_faults_far_ends import INFLUX_FAULTS, WEB_FAULTS  # noqa: E402
+from tests.end_to_end.test_faults_peers import FAULTS as PEER_FAULTS  # noqa: E402
 
 WORDS = sys.argv[2:]
 AT_A_TIME = 6  # of the faults that mostly wait

@@ -1,21 +1,17 @@
-#!/usr/bin/python3
-"""crowd.py HOST PORT SOCKET KEYS: good and bad peers, until it is ended. What costs much to make is
-made once, and each peer rests between two deeds, so that the daemon has the work and not this."""
+"""python3 -m chaos.crowd HOST PORT SOCKET KEYS: good and bad peers, until it is ended.
+What costs much to make is made once, and each peer rests between two deeds, so that the daemon has
+the work and not this."""
 
 import asyncio
 import itertools
-from pathlib import Path
 import random
 import signal
 import struct
 import sys
 
-sys.dont_write_bytecode = True
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "end_to_end"))
-
-from bad_peers import BROKEN, bomb, odd_shapes  # noqa: E402
-from graphite_lines import collectd_lines  # noqa: E402
-from skein_client import REQUEST, frame  # noqa: E402
+from harness.bad_peers import BROKEN, bomb, odd_shapes
+from harness.graphite_lines import collectd_lines
+from harness.skein_client import REQUEST, frame
 
 HOST, PORT, SOCKET = sys.argv[1], int(sys.argv[2]), sys.argv[3]
 KEYS = sys.argv[4].split(",")

@@ -9,17 +9,15 @@ import subprocess
 import tempfile
 import time
 
-import snappy
-
-from bad_peers import Crowd, bomb, many, pour, reset_flood, send_some
-from conduct import (NO_CONTENT, FullListener, answering, forgiving, in_thread, linger, never_read,
-                     read_head)
+from harness.bad_peers import Crowd, bomb, many, pour, reset_flood, send_some
+from harness.conduct import (NO_CONTENT, FullListener, answering, forgiving, in_thread, linger,
+                             never_read, read_head)
+from harness.process import wait_until
+from harness.skein_client import REPLY, REQUEST, SkeinClient, frame
+from harness.stage import KEY, Fault, Stage
+from harness.stub_influx import StubInflux
 from name_server import KNOWN, SILENT, UNKNOWN, NameServer
-from skein_client import REPLY, REQUEST, SkeinClient, frame
-from stage import KEY, Fault, Stage
-from stub_influx import StubInflux
-from support import wait_until
-from test_faults_far_ends import failing
+from tests.end_to_end.test_faults_far_ends import failing
 
 BUDGET = 256  # MiB that all peers together may make the daemon hold
 MOST_MEMORY = BUDGET + 150  # MiB, with the daemon itself, one message and one block under way
@@ -28,7 +26,7 @@ RECORD = "load shortterm=1 1700000000000000000\n"
 
 
 def expect_memory(stage, most=MOST_MEMORY):
-    peak = stage.memory()
+    peak = stage.daemon.memory("VmHWM")
     if peak > most:
         raise AssertionError(f"peak memory {peak:.0f} MiB, {most} are allowed")
     return f"peak memory {peak:.0f} MiB"
@@ -74,7 +72,7 @@ def local_bombs(stage):
         pour(client, bomb(key="", size=4 << 20))
     for client in clients:
         assert client.receive()[2] is None
-    held = stage.memory("VmRSS")
+    held = stage.daemon.memory("VmRSS")
     assert held > 64 * 4, f"{held} MiB"
     for client in clients:
         client.close()
@@ -138,10 +136,10 @@ def use_up_descriptors(stage):
             clients.append(SkeinClient(stage.daemon.node_address, 1))
         except OSError:
             break
-    before, begin = stage.processor_seconds(), time.monotonic()
+    before, begin = stage.daemon.processor_seconds(), time.monotonic()
     stage.wait_written_again()
     time.sleep(3)  # in which a daemon that tried again and again would burn the processor
-    burnt = (stage.processor_seconds() - before) / (time.monotonic() - begin)
+    burnt = (stage.daemon.processor_seconds() - before) / (time.monotonic() - begin)
     assert burnt < 0.5, f"{burnt:.2f} of a processor"
     for client in clients:
         client.close()
@@ -211,9 +209,9 @@ def clock_steps(seconds):
         stage.clock.write_text("0")
         report_gaps(stage, 1)
         stage.clock.write_text(str(seconds))
-        before, begin = stage.processor_seconds(), time.monotonic()
+        before, begin = stage.daemon.processor_seconds(), time.monotonic()
         gaps = report_gaps(stage, 3)
-        burnt = (stage.processor_seconds() - before) / (time.monotonic() - begin)
+        burnt = (stage.daemon.processor_seconds() - before) / (time.monotonic() - begin)
         assert all(9 < gap < 11 for gap in gaps), gaps
         assert burnt < 0.4, f"{burnt:.2f} of a processor"
         return f"reports {min(gaps):.1f} to {max(gaps):.1f} s apart, {burnt:.2f} of a processor"

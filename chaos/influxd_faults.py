@@ -7,10 +7,11 @@ import tempfile
 import threading
 import time
 
-from real_servers import Influxd
-from skein_client import SkeinClient
-from stage import KEY, Fault
-from support import Pelorus, wait_until
+from harness.daemon import Pelorus
+from harness.process import wait_until
+from harness.real_servers import Influxd
+from harness.skein_client import SkeinClient
+from harness.stage import KEY, Fault
 
 DATABASE = "bonding"
 FIRST_TIMESTAMP = 1_700_000_000
@@ -131,7 +132,7 @@ def wrong_password(stage):
 
 def small_body_limit(stage):
     stage.influxd.stop()
-    stage.influxd.start("max-body-size = 100")
+    stage.influxd.start(stage.influxd.AUTHENTICATION + "max-body-size = 100\n")
     stage.wait_failing()
     stage.influxd.stop()
     stage.influxd.start()

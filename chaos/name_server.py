@@ -4,7 +4,7 @@ known, or nothing is answered at all."""
 import socket
 import struct
 
-from conduct import in_thread
+from harness.conduct import in_thread
 
 SILENT, UNKNOWN, KNOWN = range(3)
 TYPE_A = 1

@@ -9,17 +9,17 @@ import sys
 import tempfile
 import time
 
-from surroundings import bring_loopback_up, own_namespaces, use_build
+from surroundings import prepare
 
-own_namespaces()
-bring_loopback_up()
-use_build(sys.argv[1])
+prepare(sys.argv[1])
 
-from bystander import Bystander  # noqa: E402
+from harness import REPOSITORY  # noqa: E402
+from harness.bystander import Bystander  # noqa: E402
+from harness.daemon import AUTH, WWW_KEY, Pelorus  # noqa: E402
+from harness.process import Process, free_port, wait_until  # noqa: E402
+from harness.skein_client import SkeinClient  # noqa: E402
+from harness.web_server import WebServer  # noqa: E402
 from report import Report  # noqa: E402
-from skein_client import SkeinClient  # noqa: E402
-from support import AUTH, WWW_KEY, Pelorus, Process, free_port, wait_until  # noqa: E402
-from web_server import WebServer  # noqa: E402
 
 PERIOD = 10         # seconds between two lines
 WORST_DELAY = 250   # milliseconds
@@ -35,28 +35,19 @@ class Sampler:
 
     def __init__(self, daemon, bystander):
         self._daemon, self._bystander = daemon, bystander
-        self._processor, self._moment = self._processor_seconds(), time.monotonic()
+        self._processor, self._moment = daemon.processor_seconds(), time.monotonic()
         self.rows = []  # seconds, MiB, descriptors, share of a processor, worst delay in ms
 
     def sample(self, begin):
-        processor, now = self._processor_seconds(), time.monotonic()
+        processor, now = self._daemon.processor_seconds(), time.monotonic()
         share = (processor - self._processor) / (now - self._moment)
         self._processor, self._moment = processor, now
         looked = self._bystander.look()
-        row = (now - begin, self._memory("VmRSS"), self.descriptors(), share,
+        row = (now - begin, self._daemon.memory("VmRSS"), self.descriptors(), share,
                max(looked["node"], looked["local"]))
         self.rows.append(row)
         print("%6.0f s  RSS %6.1f MiB  %5d descriptors  %3.0f %% of a processor  "
               "worst delay %6.1f ms" % (row[0], row[1], row[2], row[3] * 100, row[4]), flush=True)
-
-    def _memory(self, what):
-        for line in Path(f"/proc/{self._daemon.pid}/status").read_text().splitlines():
-            if line.startswith(what + ":"):
-                return int(line.split()[1]) / 1024
-        raise AssertionError(f"no {what}")
-
-    def peak(self):
-        return self._memory("VmHWM")
 
     def descriptors(self):
         """-1 where only root may count them: the daemon's memory is nobody else's business."""
@@ -64,9 +55,6 @@ class Sampler:
             return len(os.listdir(f"/proc/{self._daemon.pid}/fd"))
         except PermissionError:
             return -1
-
-    def _processor_seconds(self):
-        return int(Path(f"/proc/{self._daemon.pid}/schedstat").read_text().split()[0]) / 1e9
 
 
 def slope(rows):
@@ -114,8 +102,8 @@ def soak(folder, minutes, report):
     begin = time.monotonic()
     bystander.look()
     descriptors = sampler.descriptors()
-    crowd = Process(["/usr/bin/python3", Path(__file__).with_name("crowd.py"),
-                     *daemon.node_address, daemon.socket, ",".join(KEYS)], folder / "crowd.log")
+    crowd = Process(["/usr/bin/python3", "-m", "chaos.crowd", *daemon.node_address, daemon.socket,
+                     ",".join(KEYS)], folder / "crowd.log", cwd=REPOSITORY)
     while time.monotonic() - begin < minutes * 60:
         time.sleep(PERIOD)
         daemon.expect_running()
@@ -127,7 +115,7 @@ def soak(folder, minutes, report):
                "the queues to empty", 60, pause=0.5)
     wait_until(lambda: sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS,
                "the descriptors to be closed", 60, pause=0.5)
-    judge(report, sampler, descriptors, account(daemon), crowd, influx)
+    judge(report, daemon, sampler, descriptors, crowd, influx)
     bystander.close()
     code = daemon.stop()
     text = daemon.text()
@@ -140,14 +128,14 @@ def soak(folder, minutes, report):
     influx.stop()
 
 
-def judge(report, sampler, descriptors, sums, crowd, influx):
-    rows = sampler.rows
+def judge(report, daemon, sampler, descriptors, crowd, influx):
+    rows, sums, peak = sampler.rows, account(daemon), daemon.memory("VmHWM")
     growth, worst = slope(rows), max(row[4] for row in rows)
     report.add("memory after the warm-up", f"grows by less than {MOST_GROWTH} MiB a minute",
                f"{growth:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at "
                "the end", growth < MOST_GROWTH or len(rows) < 12)
-    report.add("peak memory", f"below {MOST_MEMORY} MiB", f"{sampler.peak():.0f} MiB",
-               sampler.peak() < MOST_MEMORY)
+    report.add("peak memory", f"below {MOST_MEMORY} MiB", f"{peak:.0f} MiB",
+               peak < MOST_MEMORY)
     report.add("descriptors", f"at most {KEPT_DESCRIPTORS} more at the end",
                f"{descriptors} at the start, most {max(row[2] for row in rows)}, "
                f"{sampler.descriptors()} at the end", sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS)

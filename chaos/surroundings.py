@@ -10,19 +10,21 @@ import struct
 import subprocess
 import sys
 
-REPOSITORY = Path(__file__).resolve().parents[1]
 INSIDE = "PELORUS_CHAOS_INSIDE"
 IFF_UP, SIOCSIFFLAGS = 1, 0x8914
 
 
-def use_build(argument):
-    """Makes the modules of the end-to-end tests use this build."""
-    os.environ["PELORUS_BUILD"] = os.path.abspath(argument)
-    sys.dont_write_bytecode = True
-    sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
+def prepare(build):
+    """To be called first of all: the program goes on in surroundings of its own, and what it imports
+    from now on is found from the tree's folder and uses this build."""
+    _own_namespaces()
+    _bring_loopback_up()
+    sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+    import harness
+    harness.use_build(build)
 
 
-def own_namespaces():
+def _own_namespaces():
     """Starts this program again in namespaces of its own, where that is allowed."""
     if os.environ.get(INSIDE):
         return
@@ -34,12 +36,12 @@ def own_namespaces():
         os.execvp(unshare[0], [*unshare, "--", "/usr/bin/python3", *sys.argv])
 
 
-def alone():
+def _alone():
     return os.environ.get(INSIDE) == "own"
 
 
-def bring_loopback_up():
-    if not alone():
+def _bring_loopback_up():
+    if not _alone():
         return
     with socket.socket() as any_socket:
         fcntl.ioctl(any_socket, SIOCSIFFLAGS, struct.pack("16sH14x", b"lo", IFF_UP))
@@ -47,7 +49,7 @@ def bring_loopback_up():
 
 def use_resolver(folder):
     """From now on names are looked up at 127.0.0.1, port 53. False where that is not allowed."""
-    if not alone():
+    if not _alone():
         return False
     file = Path(folder) / "resolv.conf"
     file.write_text("nameserver 127.0.0.1\n")

@@ -8,7 +8,6 @@ and ends."""
 
 from contextlib import ExitStack
 import math
-import os
 from pathlib import Path
 import random
 import signal
@@ -17,17 +16,19 @@ import sys
 import tempfile
 import time
 
-REPOSITORY = Path(__file__).resolve().parents[1]
-os.environ["PELORUS_BUILD"] = os.path.abspath(sys.argv[1] if len(sys.argv) > 1
-                                              else REPOSITORY / "build" / "dev")
-sys.dont_write_bytecode = True
-sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+import harness  # noqa: E402
+
+if len(sys.argv) > 1:
+    harness.use_build(sys.argv[1])
 
 import charts  # noqa: E402
-from real_servers import Collectd, Influxd  # noqa: E402
-from skein_client import SkeinClient  # noqa: E402
-from support import BUILD, PLUGIN, WARNING, Pelorus, wait_until  # noqa: E402
-from web_server import WebServer  # noqa: E402
+from harness import BUILD  # noqa: E402
+from harness.daemon import PLUGIN, WARNING, Pelorus  # noqa: E402
+from harness.process import wait_until  # noqa: E402
+from harness.real_servers import Collectd, Influxd  # noqa: E402
+from harness.skein_client import SkeinClient  # noqa: E402
+from harness.web_server import WebServer  # noqa: E402
 
 DATABASES = ["tidewell", "bonding"]
 SETTINGS = {"PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 50,

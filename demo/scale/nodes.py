@@ -3,7 +3,7 @@
 import threading
 import time
 
-from skein_client import REQUEST, SkeinClient
+from harness.skein_client import REQUEST, SkeinClient
 
 SERIES = 100   # records of one block: every series once
 INTERVAL = 10  # seconds between the points of one series

@@ -5,24 +5,24 @@ store has, and where the difference comes from; ends with status 1 when somethin
 
 from collections import Counter
 from contextlib import ExitStack
-import os
 from pathlib import Path
 import signal
 import sys
 import tempfile
 import time
 
-REPOSITORY = Path(__file__).resolve().parents[2]
-os.environ["PELORUS_BUILD"] = os.path.abspath(sys.argv[1] if len(sys.argv) > 1
-                                              else REPOSITORY / "build" / "dev")
-sys.dont_write_bytecode = True
-sys.path.insert(0, str(REPOSITORY / "tests" / "end_to_end"))
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+import harness  # noqa: E402
 
+if len(sys.argv) > 1:
+    harness.use_build(sys.argv[1])
+
+from harness.daemon import Pelorus  # noqa: E402
+from harness.process import end_with_cleanup, free_port, wait_until  # noqa: E402
+from harness.skein_client import SkeinClient  # noqa: E402
+from harness.web_server import WebServer  # noqa: E402
 from nodes import INTERVAL, SERIES, Node  # noqa: E402
 from servers import HAProxy, VictoriaMetrics  # noqa: E402
-from skein_client import SkeinClient  # noqa: E402
-from support import Pelorus, end_with_cleanup, free_port, wait_until  # noqa: E402
-from web_server import WebServer  # noqa: E402
 
 LIMIT = 300  # seconds for everything
 NODES = 20

@@ -9,17 +9,9 @@ import socket
 import urllib.parse
 import urllib.request
 
-from support import Process, free_port, wait_until
+from harness.process import Process, free_port, listens, wait_until
 
 HERE = Path(__file__).resolve().parent
-
-
-def _listens(port):
-    try:
-        socket.create_connection(("127.0.0.1", port)).close()
-        return True
-    except OSError:
-        return False
 
 
 class HAProxy(Process):
@@ -33,7 +25,7 @@ class HAProxy(Process):
         super().__init__(["haproxy", "-db", "-f", HERE / f"{configuration}.cfg"],
                          Path(folder) / f"haproxy-{configuration}.log",
                          env={**os.environ, "SCALE_FOLDER": str(folder), **names})
-        wait_until(lambda: self.expect_running() and _listens(port),
+        wait_until(lambda: self.expect_running() and listens(port),
                    f"haproxy to listen ({configuration})")
 
     def servers(self):
@@ -57,7 +49,7 @@ class VictoriaMetrics(Process):
         super().__init__(["victoria-metrics", f"-storageDataPath={folder / 'data'}",
                           f"-httpListenAddr=127.0.0.1:{self.port}", "-retentionPeriod=100y"],
                          folder / "victoria-metrics.log")
-        wait_until(lambda: self.expect_running() and _listens(self.port), "the store", 30)
+        wait_until(lambda: self.expect_running() and listens(self.port), "the store", 30)
 
     def values(self, database):
         """Every stored value: pairs of the labels of its series and its time in seconds."""

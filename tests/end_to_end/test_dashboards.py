@@ -4,10 +4,12 @@ written there: each finds something, so none names a measurement or field that d
 import json
 import time
 
-from real_servers import Influxd
-from skein_client import SkeinClient
-from support import REPOSITORY, FolderTest, wait_until
-from web_server import WebServer, hold_origin
+from harness import REPOSITORY
+from harness.process import wait_until
+from harness.real_servers import Influxd
+from harness.skein_client import SkeinClient
+from harness.web_server import WebServer, hold_origin
+from tests.end_to_end.support import FolderTest
 
 FOLDER = REPOSITORY / "packaging" / "grafana"
 DATABASES = ["tidewell", "bonding"]

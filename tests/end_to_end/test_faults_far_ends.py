@@ -2,14 +2,13 @@
 waiting, and when the far end is well again, so is everything else, without anybody's help."""
 
 import itertools
-import unittest
 
-from conduct import (NO_CONTENT, FullListener, answering, chunked, endings, forgiving,
-                     linger, never_read, read_half_a_body, read_head, read_nothing, read_request,
-                     reset, status)
-from stage import KEY, Fault, Stage, Web, run_faults
-from stub_influx import StubInflux
-from support import FolderTest
+from harness.conduct import (NO_CONTENT, FullListener, answering, chunked, endings, forgiving,
+                             linger, never_read, read_half_a_body, read_head, read_nothing,
+                             read_request, reset, status)
+from harness.stage import KEY, Fault, Stage, Web
+from harness.stub_influx import StubInflux
+from tests.end_to_end.support import FolderTest, run_faults
 
 LOST = "one warning, the batch is lost"
 NEW_KEYS = (f"new-key-{number:04}-dddd" for number in itertools.count())
@@ -232,7 +231,3 @@ class FarEnds(FolderTest):
     def test_web_server(self):
         run_faults(self, self.stage, WEB_FAULTS)
         self.stage.expect_nothing_lost()
-
-
-if __name__ == "__main__":
-    unittest.main()

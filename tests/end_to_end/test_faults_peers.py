@@ -3,13 +3,13 @@ peer, which lose nothing and are not kept waiting."""
 
 import signal
 import time
-import unittest
 
-from bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, SNAPPY_CLAIMS, Crowd, bomb,
-                       expect_each_ends, many, odd_shapes, pour, reset_flood, send_some)
-from skein_client import REPLY, REQUEST, frame
-from stage import KEY, Fault, Stage, Web, run_faults
-from support import FolderTest, wait_until
+from harness.bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, SNAPPY_CLAIMS, Crowd, bomb,
+                               expect_each_ends, many, odd_shapes, pour, reset_flood, send_some)
+from harness.process import wait_until
+from harness.skein_client import REPLY, REQUEST, frame
+from harness.stage import KEY, Fault, Stage, Web
+from tests.end_to_end.support import FolderTest, run_faults
 
 STATS = frame([REQUEST, 3, "stats", {}])
 QUICK = "its connection ends, with one warning"
@@ -92,7 +92,7 @@ def no_reader(stage):
         if taken == 0 and not wait_taken(client, 0.5):
             break
     client.close()
-    peak = stage.memory()
+    peak = stage.daemon.memory("VmHWM")
     assert peak < 200, f"{peak} MiB"
     return f"not read any more after {sent / 1e6:.1f} MB; peak memory {peak:.0f} MiB"
 
@@ -112,7 +112,7 @@ def bombs(stage):
         pour(client, data)
         assert client.receive()[0] == REPLY
         client.close()
-    return f"{len(data) // 1000} KB become 16 MiB; peak memory {stage.memory():.0f} MiB"
+    return f"{len(data) // 1000} KB become 16 MiB; peak memory {stage.daemon.memory('VmHWM'):.0f} MiB"
 
 
 def endless_lines(stage):
@@ -166,7 +166,3 @@ class PeerFaults(FolderTest):
         self.addCleanup(stage.close)
         run_faults(self, stage, FAULTS)
         stage.expect_nothing_lost()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,10 +3,10 @@
 import os
 import socket
 import stat
-import unittest
 
-from skein_client import SkeinClient
-from support import ERROR, FolderTest
+from harness.daemon import ERROR
+from harness.skein_client import SkeinClient
+from tests.end_to_end.support import FolderTest
 
 TARGET_TEXT = "not to be touched"
 
@@ -53,7 +53,3 @@ class SocketPath(FolderTest):
         self.assertTrue(any("Unhandled exception: " in line and str(path) in line
                             for line in daemon.lines(ERROR)), daemon.text())
         self.assertTrue(path.is_dir())
-
-
-if __name__ == "__main__":
-    unittest.main()

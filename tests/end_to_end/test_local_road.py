@@ -2,12 +2,14 @@
 on loopback, and what becomes of it when either end misbehaves."""
 
 import struct
-import unittest
 
-from skein_client import (ONE_WAY, REPLY, REQUEST, SkeinClient, SkeinError, block_frame,
-                          content_frame)
-from stub_influx import HANG, HANG_UP, NO_CONTENT, StubInflux, status
-from support import AUTH, ERROR, INFO, WARNING, WWW_KEY, FolderTest, wait_until
+from harness.conduct import status
+from harness.daemon import AUTH, ERROR, INFO, WARNING, WWW_KEY
+from harness.process import wait_until
+from harness.skein_client import (ONE_WAY, REPLY, REQUEST, SkeinClient, SkeinError, block_frame,
+                                  content_frame)
+from harness.stub_influx import HANG, HANG_UP, NO_CONTENT, StubInflux
+from tests.end_to_end.support import FolderTest
 
 LOAD = "m000.load.load.shortterm 0.5 1700000000\n"
 LOAD_RECORD = b"load shortterm=0.5 1700000000000000000"
@@ -219,7 +221,3 @@ class Statistics(RoadTest):
                                  b"proxy_successful_auths value=0 %b\n"
                                  b"proxy_failed_auths value=0 %b\n" % (now, now, now, now))
         self.assertEqual(len(now), 19)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,10 +5,14 @@ import os
 import re
 import subprocess
 
-from skein_client import SkeinClient, SkeinError
-from stub_influx import HANG, NO_CONTENT, StubInflux, status
-from support import AUTH, BUILD, WWW_KEY, FolderTest, wait_until
-from web_server import WebServer
+from harness import BUILD
+from harness.conduct import status
+from harness.daemon import AUTH, WWW_KEY
+from harness.process import wait_until
+from harness.skein_client import SkeinClient, SkeinError
+from harness.stub_influx import HANG, NO_CONTENT, StubInflux
+from harness.web_server import WebServer
+from tests.end_to_end.support import FolderTest
 
 KEY = "0000aaaa-1111-2222-3333-44445555cccc"
 LINE = "m000.load.load.shortterm 0.5 1700000000\n"

@@ -9,12 +9,13 @@ import socket
 import stat
 import subprocess
 import time
-import unittest
 
-from skein_client import SkeinClient
-from stub_influx import HANG, StubInflux
-from support import (AUTH, BUILD, INFO, PLUGIN, WWW_KEY, FolderTest, NotifySocket, Process,
-                     wait_until)
+from harness import BUILD
+from harness.daemon import AUTH, INFO, PLUGIN, WWW_KEY, NotifySocket
+from harness.process import Process, wait_until
+from harness.skein_client import SkeinClient
+from harness.stub_influx import HANG, StubInflux
+from tests.end_to_end.support import FolderTest
 
 LOAD = "m000.load.load.shortterm 0.5 1700000000\n"
 
@@ -229,7 +230,3 @@ class Installation(FolderTest):
         for program in ("sbin/pelorus", "bin/pelorusctl"):
             self.assertTrue(os.access(self.folder / program, os.X_OK), program)
         self.assertEqual((self.folder / "lib/collectd" / PLUGIN.name).exists(), PLUGIN.exists())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,11 +1,12 @@
 """The road of local data into a real InfluxDB with authentication."""
 
-import unittest
 
-from graphite_lines import collectd_lines
-from real_servers import Influxd
-from skein_client import SkeinClient
-from support import WARNING, FolderTest, wait_until
+from harness.daemon import WARNING
+from harness.graphite_lines import collectd_lines
+from harness.process import wait_until
+from harness.real_servers import Influxd
+from harness.skein_client import SkeinClient
+from tests.end_to_end.support import FolderTest
 
 RECORDS = 200_000
 BLOCK_BYTES = 64 * 1024  # as collectd's plugin flushes; cuts through lines
@@ -44,7 +45,3 @@ class RealServers(FolderTest):
             wait_until(lambda: client.call("stats")["tidewell"]["failure_count"], "the refusal")
         self.assertTrue(any("401" in line for line in daemon.lines(WARNING)))
         self.assertEqual(self.arrived(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,10 +3,12 @@
 import time
 import unittest
 
-from real_servers import Collectd, Influxd
-from skein_client import SkeinClient
-from support import AUTH, ERROR, PLUGIN, WARNING, WWW_KEY, FolderTest, wait_until
-from web_server import WebServer, hold_origin
+from harness.daemon import AUTH, ERROR, PLUGIN, WARNING, WWW_KEY
+from harness.process import wait_until
+from harness.real_servers import Collectd, Influxd
+from harness.skein_client import SkeinClient
+from harness.web_server import WebServer, hold_origin
+from tests.end_to_end.support import FolderTest
 
 GOOD_KEY = "11112222-3333-4444-5555-66667777aaaa"
 BAD_KEY = "99998888-7777-6666-5555-44443333bbbb"
@@ -106,7 +108,3 @@ class RemoteNodes(FolderTest):
         self.assertEqual(load["tags"], {"node": "1234"})
         faults = [line for line in daemon.lines(WARNING) if not line.endswith("\"b''\"")]
         self.assertEqual((faults, daemon.lines(ERROR)), ([], []))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -98,7 +98,3 @@ class ExportSettings(unittest.TestCase):
         self.export()
         self.assertEqual(self.output.readlink(), self.by_hand)
         self.assertEqual(self.output.read_text(), "{}")
-
-
-if __name__ == "__main__":
-    unittest.main()

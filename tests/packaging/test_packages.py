@@ -12,9 +12,11 @@ import subprocess
 import tempfile
 import unittest
 
-from real_servers import Collectd
-from stub_influx import StubInflux
-from support import BUILD, ERROR, REPOSITORY, NotifySocket, Process, free_port, wait_until
+from harness import BUILD, REPOSITORY
+from harness.daemon import ERROR, NotifySocket
+from harness.process import Process, free_port, wait_until
+from harness.real_servers import Collectd
+from harness.stub_influx import StubInflux
 
 APPLICATION = Path(__file__).parent / "application"
 EXPOSURE = 15  # tenths
@@ -208,7 +210,3 @@ class Service:
 
     def end(self):
         self.notify.close()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -80,7 +80,3 @@ class Pages(unittest.TestCase):
                 done = subprocess.run(["groff", "-k", "-man", "-t", "-ww", "-z", "-Tutf8", path],
                                       check=True, timeout=60, stderr=subprocess.PIPE, text=True)
                 self.assertEqual(done.stderr, "")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """A quiet verified node and a quiet local peer, beside whatever else goes on: how long the daemon
 keeps them waiting, and what they have handed over. A process of its own, so that the troublemakers
 do not slow it down."""
@@ -10,7 +9,8 @@ import subprocess
 import sys
 import time
 
-from skein_client import SkeinClient
+from harness import REPOSITORY
+from harness.skein_client import SkeinClient
 
 PAUSE = 0.02  # seconds between two rounds
 WAIT = 120    # seconds that a reply may take at most before all is given up
@@ -27,9 +27,9 @@ class Bystander:
 
     def __init__(self, daemon, key):
         self._child = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "--", "/usr/bin/python3", __file__,
+            ["setpriv", "--pdeathsig", "KILL", "--", "/usr/bin/python3", "-m", __name__,
              *map(str, daemon.node_address), key, str(daemon.socket), str(daemon.pid)],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
+            cwd=REPOSITORY, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
 
     def look(self):
         """Since the last look: "node" and "local", the worst delays in milliseconds without the

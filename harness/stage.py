@@ -5,21 +5,18 @@ from dataclasses import dataclass, field
 import json
 from pathlib import Path
 import re
-import sys
 import tempfile
-import time
 from typing import Callable
 import urllib.parse
 
-from bystander import Bystander, record_of
-import conduct
-from skein_client import SkeinClient
-from stub_influx import StubInflux
-from support import AUTH, REPOSITORY, WWW_KEY, Pelorus, wait_until
-from web_server import ORIGIN, hold_origin
-
-sys.path.insert(0, str(REPOSITORY / "demo"))
-from tidewell_stand_in import throw_away_certificate  # noqa: E402
+from harness import conduct
+from harness.bystander import Bystander, record_of
+from harness.daemon import AUTH, WWW_KEY, Pelorus
+from harness.process import wait_until
+from harness.skein_client import SkeinClient
+from harness.stub_influx import StubInflux
+from harness.tidewell_stand_in import throw_away_certificate
+from harness.web_server import ORIGIN, hold_origin
 
 KEY = "aaaabbbb-cccc-dddd-eeee-ffff00001111"
 BARE_KEY = KEY.replace("-", "")
@@ -107,14 +104,6 @@ class Stage:
         self.keys.add(key)
         return client.call("collectd", {"key": key, "metrics": line})
 
-    def memory(self, what="VmHWM"):
-        """MiB."""
-        text = Path(f"/proc/{self.daemon.pid}/status").read_text()
-        return int(re.search(rf"{what}:\s+(\d+) kB", text)[1]) / 1024
-
-    def processor_seconds(self):
-        return int(Path(f"/proc/{self.daemon.pid}/schedstat").read_text().split()[0]) / 1e9
-
     def log_count(self, text):
         return self.daemon.text().count(text)
 
@@ -179,14 +168,3 @@ class Stage:
         self._folder.cleanup()
         if code != 0 or "Sanitizer" in text:
             raise AssertionError(f"exit status {code}\n{log}")
-
-
-def run_faults(case, stage, faults):
-    """A table of faults on one stage, each a subtest."""
-    for fault in faults:
-        with case.subTest(fault.name):
-            begin, seen = time.monotonic(), "failed"
-            try:
-                seen = stage.attempt(fault)
-            finally:
-                print(f"{fault.name}: {seen} ({time.monotonic() - begin:.1f} s)", flush=True)

@@ -1,14 +1,13 @@
 """What a peer of either socket can do wrong, as tables of bytes and messages, and as conduct."""
 
 import random
-import socket
 import struct
 import time
 
 import msgpack
 
-from conduct import in_thread, reset
-from skein_client import ONE_WAY, REPLY, REQUEST, block_frame, content_frame, frame
+from harness.conduct import in_thread, reset
+from harness.skein_client import ONE_WAY, REPLY, REQUEST, block_frame, content_frame, frame
 
 MOST_CONTENT = 16 << 20
 LINE = "node7.load.load.longterm 0.5 1700000000\n"

@@ -7,7 +7,7 @@ import json
 from pathlib import Path
 import urllib.parse
 
-from support import Process, free_port, wait_until
+from harness.process import Process, free_port, wait_until
 
 INFLUXD_CONFIGURATION = """
 reporting-disabled = true
@@ -17,11 +17,11 @@ bind-address = "127.0.0.1:{rpc_port}"
 [data]
   dir = "{folder}/data"
   wal-dir = "{folder}/wal"
+  query-log-enabled = false
 [monitor]
   store-enabled = false
 [http]
   bind-address = "127.0.0.1:{http_port}"
-  auth-enabled = true
   log-enabled = false
 """
 
@@ -48,24 +48,25 @@ def _base64(name, password):
 
 
 class Influxd(Process):
-    """An InfluxDB with authentication on."""
+    """An InfluxDB, by default with authentication on."""
 
     ADMINISTRATOR = ("admin", "admin-password")
     WRITER = ("pelorus", "writer-password")  # may write, and nothing else
+    AUTHENTICATION = "auth-enabled = true\n"
 
-    def __init__(self, folder):
+    def __init__(self, folder, more=AUTHENTICATION):
         self.folder = Path(folder)
         self.folder.mkdir()
         self.port = free_port()
         self.address = f"127.0.0.1:{self.port}"
         self._rpc_port = free_port()
-        self.start()
+        self.start(more)
 
-    def start(self, http=""):
-        """Also again, once it has ended. `http`: more of that section of its configuration."""
+    def start(self, more=AUTHENTICATION):
+        """Also again, once it has ended. `more`: of its section "http", and sections behind it."""
         configuration = self.folder / "influxdb.conf"
         configuration.write_text(INFLUXD_CONFIGURATION.format(
-            folder=self.folder, http_port=self.port, rpc_port=self._rpc_port) + http + "\n")
+            folder=self.folder, http_port=self.port, rpc_port=self._rpc_port) + more)
         super().__init__(["influxd", "run", "-config", configuration],
                          self.folder / "influxd.log")
 

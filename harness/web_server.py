@@ -5,7 +5,9 @@ from pathlib import Path
 import re
 import socket
 
-from support import BUILD, REPOSITORY, WWW_KEY, Process, wait_until
+from harness import BUILD
+from harness.daemon import WWW_KEY
+from harness.process import Process, wait_until
 
 ORIGIN = re.search(r"^PELORUS_TIDEWELL_ORIGIN:\w+=https://127\.0\.0\.1:(\d+)$",
                    (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
@@ -41,8 +43,8 @@ class WebServer(Process):
         folder.mkdir(exist_ok=True)
         self._file = folder / "keys.json"
         self.know(keys, hang, seconds)
-        super().__init__(["/usr/bin/python3", REPOSITORY / "demo" / "tidewell_stand_in.py",
-                          ORIGIN[1], self._file], folder / "web_server.log")
+        super().__init__(["/usr/bin/python3", Path(__file__).with_name("tidewell_stand_in.py"), ORIGIN[1],
+                          self._file], folder / "web_server.log")
         wait_until(lambda: self.expect_running() and "listening" in self.text(),
                    "the web server to listen")
 

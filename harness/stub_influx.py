@@ -9,11 +9,6 @@ HANG = None       # take the request and never answer
 HANG_UP = b""     # take the request and close without an answer
 
 
-def status(code, body=b""):
-    """An answer with any status."""
-    return b"HTTP/1.1 %d Any\r\nContent-Length: %d\r\n\r\n%s" % (code, len(body), body)
-
-
 class Request:
     """What came on one connection, up to now."""
 

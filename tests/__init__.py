@@ -1,0 +1,1 @@
+"""Packages, so that `chaos/` tries the tests' faults, too."""
