@@ -15,6 +15,8 @@ namespace {
 
 using Type = skein::Value::Type;
 
+constexpr std::size_t POINTS_PER_STEP = 3;
+
 std::string behind(const std::string& part, std::size_t count) {
   return part.size() < count ? "" : part.substr(count);
 }
@@ -34,13 +36,17 @@ std::string begin_of_records(std::string_view name) {
 void submit(std::string_view name, skein::Value points) {
   const std::string begin = begin_of_records(name);
   std::size_t count = 0;
-  const bool all = pelorus::submit_messages(name, points, [&](const std::string& line) {
+  pelorus::SubmitMessages messages(name, points);
+  const auto add = [&](const std::string& line) {
     require(!begin.empty() && line.starts_with(begin), "a record begins with the names");
     require(line.find("\" ", begin.size()) != line.npos && line.ends_with('\n'),
             "a quoted value, a time and a line end follow");
     ++count;
-  });
-  require(!all || count == points.size(), "one message per point");
+  };
+  bool read = messages.make(POINTS_PER_STEP, add);
+  while (read && messages.has_more()) read = messages.make(POINTS_PER_STEP, add);
+  require(!messages.has_more(), "a fault ends it");
+  require(!read || count == points.size(), "one message per point");
 }
 
 }  // namespace

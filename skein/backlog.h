@@ -3,6 +3,7 @@
 #include <list>
 
 #include "skein/loops.h"
+#include "skein/next_turn.h"
 
 namespace skein {
 
@@ -12,22 +13,18 @@ class Connection;
 /// loop: each gets its share on every turn. Large frames are served here alone, one per turn.
 class Backlog {
  public:
-  explicit Backlog(Loop& loop) : loop_(loop) {}
+  explicit Backlog(Loop& loop) : next_turn_(loop, [this] { run(); }) {}
   Backlog(const Backlog&) = delete;
   Backlog& operator=(const Backlog&) = delete;
-  ~Backlog() { timer_.cancel(); }
 
   /// Serves `connection` on the next turn. One that waits already keeps its place.
   void add(Connection& connection);
   void remove(Connection& connection);
 
  private:
-  void arm();
   void run();
 
-  Loop& loop_;
-  Timer timer_;
-  bool armed_ = false;
+  NextTurn next_turn_;
   std::list<Connection*> waiting_;
 };
 

@@ -7,7 +7,6 @@
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
-#include "pelorus/pelorus/ingest/submit_message.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
 #include "pelorus/translate/display.h"
@@ -63,13 +62,20 @@ Ingested InfluxHandler::add_graphite(std::string_view database_name, std::string
 
 Ingested InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
                                    skein::Value points) {
+  SubmitMessages messages(name, points);
+  return add_submit(database_name, messages, points.size());
+}
+
+Ingested InfluxHandler::add_submit(std::string_view database_name, SubmitMessages& messages,
+                                   std::size_t most_points) {
   PROFILE_SCOPE();
   Ingested ingested;
-  const bool read = submit_messages(name, points, [&](std::string line) {
+  const bool read = messages.make(most_points, [&](std::string line) {
     add(database_name, std::move(line), 1);
     ++ingested.records;
   });
   if (!read) {
+    const std::string_view name = messages.name();
     const auto text = fmt::format("Could not translate \"{}\": No match for series",
                                   translate::display(name.substr(0, SHOWN_BYTES)));
     log::warning("{}", with_left_out(text, name));

@@ -12,6 +12,7 @@
 #include "pelorus/pelorus/ingest/graphite_message.h"
 #include "pelorus/pelorus/ingest/ingested.h"
 #include "pelorus/pelorus/ingest/line_protocol.h"
+#include "pelorus/pelorus/ingest/submit_message.h"
 #include "skein/loops.h"
 #include "skein/value.h"
 
@@ -41,6 +42,8 @@ class InfluxHandler {
   /// point that cannot be read ends the call with a warning; ArgumentTypeError is thrown for
   /// points and times of another kind. `columns` and `time_precision` are not used.
   Ingested add_submit(std::string_view database, std::string_view name, skein::Value points);
+  /// The same for the next `most_points` points alone: a request of many takes long.
+  Ingested add_submit(std::string_view database, SubmitMessages& messages, std::size_t most_points);
 
   void handle_successful_auth() noexcept { ++statistics_.successful_auths; }
   void increment_failed_auths() noexcept { ++statistics_.failed_auths; }

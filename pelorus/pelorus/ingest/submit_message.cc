@@ -86,24 +86,31 @@ bool is_pair(skein::Value point) { return point.is(Type::LIST) && point.size() =
 
 }  // namespace
 
-bool submit_messages(std::string_view name, skein::Value points,
-                     const std::function<void(std::string)>& add) {
-  const auto names = names_of(name);
-  if (!names) return false;
-  if (!points.is(Type::LIST)) throw ArgumentTypeError("argument 'points' is no list");
+SubmitMessages::SubmitMessages(std::string_view name, skein::Value points)
+    : name_(name),
+      names_(names_of(name)),
+      are_points_(points.is(Type::LIST)),
+      next_(points.begin()),
+      end_(are_points_ ? points.end() : next_) {}
+
+bool SubmitMessages::make(std::size_t most_points, const std::function<void(std::string)>& add) {
+  auto point = std::exchange(next_, end_);  // a failure leaves nothing to be made
+  if (!names_) return false;
+  if (!are_points_) throw ArgumentTypeError("argument 'points' is no list");
   std::string value, time;
-  for (const skein::Value point : points) {
-    if (!is_pair(point)) return false;
-    auto item = point.begin();
+  for (; point != end_ && most_points > 0; ++point, --most_points) {
+    if (!is_pair(*point)) return false;
+    auto item = (*point).begin();
     time.clear();
     if (!append_nanoseconds(time, *item)) return false;
     value.clear();
     append_value_text(value, *++item);
     std::string line;
-    line.reserve(names->size() + value.size() + time.size() + 5);
-    line.append(*names).append("=\"").append(value).append("\" ").append(time) += '\n';
+    line.reserve(names_->size() + value.size() + time.size() + 5);
+    line.append(*names_).append("=\"").append(value).append("\" ").append(time) += '\n';
     add(std::move(line));
   }
+  next_ = point;
   return true;
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -8,14 +10,31 @@
 
 namespace pelorus {
 
-/// Makes one message of one record per point of a legacy submit request and hands it to `add`.
+/// Makes one message of one record per point of a legacy submit request.
 ///
 /// `name` is "node1.tunnel-2.link-3.state" or without the link; `points` a list of pairs of a time
-/// in milliseconds and a value, which is written as a quoted text. False when the name has too few
-/// parts, a point is no pair, or a time is not a number (NaN): messages made before stay handed
-/// over. Throws ArgumentTypeError for points that are no list and for a time that is infinite or of
-/// a kind that cannot be multiplied.
-bool submit_messages(std::string_view name, skein::Value points,
-                     const std::function<void(std::string)>& add);
+/// in milliseconds and a value, which is written as a quoted text. Borrows both.
+class SubmitMessages {
+ public:
+  SubmitMessages(std::string_view name, skein::Value points);
+
+  /// Hands the messages of the next `most_points` points to `add`. False when the name has too few
+  /// parts, a point is no pair, or a time is not a number (NaN); throws ArgumentTypeError for
+  /// points that are no list and for a time that is infinite or of a kind that cannot be
+  /// multiplied. Messages made before stay handed over, and no more will be made.
+  bool make(std::size_t most_points, const std::function<void(std::string)>& add);
+
+  bool has_more() const noexcept { return next_ != end_; }
+  std::string_view name() const noexcept { return name_; }
+
+ private:
+  std::string_view name_;
+  /// Everything before the value: "link_state,node=12,tunnel=7,link=wan1 overall". None when the
+  /// series name has fewer than three parts.
+  std::optional<std::string> names_;
+  bool are_points_;
+  skein::Value::Iterator next_;
+  skein::Value::Iterator end_;
+};
 
 }  // namespace pelorus

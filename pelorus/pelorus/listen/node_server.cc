@@ -6,17 +6,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <iterator>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/listen/complete_lines.h"
+#include "pelorus/pelorus/listen/key_answer.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
-#include "pelorus/translate/display.h"
 
 namespace pelorus {
 namespace {
@@ -29,9 +27,23 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
 
 /// Longer ones are no keys and are not worth a web request.
 constexpr std::size_t MOST_KEY_BYTES = 128;
-constexpr long HTTP_OK = 200;
+/// As many points as take about a millisecond, whatever is in them.
+constexpr std::size_t POINTS_PER_STEP = 1024;
 /// What a held request takes up besides its arguments, roughly: its key stands in four places.
 constexpr std::size_t HELD_OVERHEAD_BYTES = 1024;
+
+/// A submit request for later, with its own copies of the arguments.
+struct OwnedSubmit {
+  OwnedSubmit(std::string_view to, std::string_view series, skein::Value given)
+      : database(to), name(series), points(given), messages(name, points.value()) {}
+
+  std::size_t bytes() const noexcept { return database.size() + name.size() + points.bytes(); }
+
+  const std::string database;
+  const std::string name;
+  const skein::OwnedValue points;
+  SubmitMessages messages;
+};
 
 ConnectionCounters& counters_of(skein::Connection& connection) {
   return static_cast<CollectdConnection&>(connection).counters;
@@ -50,46 +62,6 @@ std::string node_key(const skein::Request& request) {
   return key;
 }
 
-/// `text` without percent-encoding and dashes.
-std::string plain_spelling(std::string_view text) {
-  std::string plain;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    unsigned byte = 0;
-    const char* const digits = text.data() + i + 1;
-    if (text[i] == '%' && i + 2 < text.size() &&
-        std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
-      plain += static_cast<char>(byte);
-      i += 2;
-    } else if (text[i] != '-') {
-      plain += text[i];
-    }
-  }
-  return plain;
-}
-
-/// Whether `text` holds `secret`, as it stands or percent-encoded, with dashes anywhere.
-bool repeats(std::string text, std::string secret) {
-  std::erase(secret, '-');
-  const bool encoded = plain_spelling(text).find(secret) != text.npos;
-  std::erase(text, '-');
-  return encoded || text.find(secret) != text.npos;
-}
-
-/// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
-std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
-  const std::string shown = translate::display(body);
-  // An escape's last digit may complete what the bytes behind it leave out.
-  const auto told = [&](const std::string& secret) {
-    return repeats(body, secret) || repeats(shown, secret);
-  };
-  const bool has_key = key_ending(key).size() < key.size() && told(key);
-  const bool has_token = !token.empty() && told(token);
-  if (has_key || has_token) {
-    return fmt::format("({} bytes that repeat the {})", body.size(), has_key ? "key" : "token");
-  }
-  return shown;
-}
-
 }  // namespace
 
 NodeServer::NodeServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
@@ -97,6 +69,7 @@ NodeServer::NodeServer(InfluxHandler& influx_handler, const Settings& settings, 
     : Server(bind_listen(settings), loop, KEEPALIVE, std::move(quota)),
       influx_handler_(influx_handler),
       settings_(settings),
+      next_turn_(loop, [this] { serve_let_through(); }),
       verification_(settings, loop, std::move(verification_url)) {}
 
 skein::Socket NodeServer::bind_listen(const Settings& settings) {
@@ -178,7 +151,7 @@ skein::Reply NodeServer::req_add(const skein::Request& request) {
       [&]() -> OwnedMethod {
         return {[this, database = std::string(database), data = std::string(data), num_metrics] {
                   influx_handler_.add(database, data, num_metrics);
-                  return Ingested{.records = num_metrics};
+                  return Step{{.records = num_metrics}};
                 },
                 database.size() + data.size()};
       });
@@ -192,14 +165,20 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
   request.get("columns");
   const skein::Value points = request.get("points");
   return dispatch(
-      request, key, [&] { return influx_handler_.add_submit(database, name, points); },
+      request, key,
+      [&]() -> std::optional<Ingested> {
+        if (points.is(skein::Value::Type::LIST) && points.size() > POINTS_PER_STEP) return {};
+        return influx_handler_.add_submit(database, name, points);
+      },
       [&]() -> OwnedMethod {
-        auto owned = std::make_shared<skein::OwnedValue>(points);
-        const std::size_t bytes = database.size() + name.size() + owned->bytes();
-        return {[this, database = std::string(database), name = std::string(name), owned] {
-                  return influx_handler_.add_submit(database, name, owned->value());
+        auto submit = std::make_shared<OwnedSubmit>(database, name, points);
+        return {[this, submit] {
+                  SubmitMessages& messages = submit->messages;
+                  auto ingested =
+                      influx_handler_.add_submit(submit->database, messages, POINTS_PER_STEP);
+                  return Step{std::move(ingested), !messages.has_more()};
                 },
-                bytes};
+                submit->bytes()};
       });
 }
 
@@ -215,7 +194,7 @@ skein::Reply NodeServer::req_collectd(const skein::Request& request) {
       [&] { return influx_handler_.add_graphite(BONDING_DATABASE, complete.lines()); },
       [&]() -> OwnedMethod {
         return {[this, lines = std::string(complete.lines())] {
-                  return influx_handler_.add_graphite(BONDING_DATABASE, lines);
+                  return Step{influx_handler_.add_graphite(BONDING_DATABASE, lines)};
                 },
                 complete.lines().size()};
       });
@@ -226,10 +205,13 @@ skein::Reply NodeServer::dispatch(const skein::Request& request, const std::stri
                                   MakeOwned&& owned) {
   skein::Connection& connection = request.connection;
   const bool behind_others = is_waiting(key);
-  if (!behind_others && valid_key(key)) {
+  const bool good = !behind_others && valid_key(key);
+  if (good) {
     connection.set_valid();
-    counters_of(connection).count(now());
-    return {};
+    if (std::optional<Ingested> ingested = now()) {
+      counters_of(connection).count(*std::move(ingested));
+      return {};
+    }
   }
   if (!behind_others && !connection.is_valid() && waiting_.size() >= limits().waiting_keys) {
     throw skein::LimitError(fmt::format("{} keys wait for verification, {} are allowed",
@@ -238,7 +220,11 @@ skein::Reply NodeServer::dispatch(const skein::Request& request, const std::stri
   auto& queue = waiting_[key].held;
   queue.emplace_back(*this, key, connection, owned(), connection.hold());
   queue.back().place = std::prev(queue.end());
-  if (!behind_others) check_auth(key);
+  if (good) {
+    let_through(key);
+  } else if (!behind_others) {
+    check_auth(key);
+  }
   return skein::Reply::later();
 }
 
@@ -249,8 +235,9 @@ NodeServer::HeldMethod::HeldMethod(NodeServer& server, const std::string& key,
       server_(server),
       key_(key),
       method_(std::move(owned.method)),
+      bytes_(HELD_OVERHEAD_BYTES + owned.bytes),
       request_(held) {
-  server_.quota().hold(*this, HELD_OVERHEAD_BYTES + owned.bytes);
+  server_.quota().hold(*this, bytes_);
 }
 
 void NodeServer::HeldMethod::give_up(const skein::LimitError& reason) {
@@ -263,7 +250,7 @@ void NodeServer::HeldMethod::give_up(const skein::LimitError& reason) {
 
 void NodeServer::forget(const std::string& key, const HeldMethod& held) {
   auto& queue = waiting_[key];
-  const bool asked = queue.asking && &queue.held.front() == &held;
+  const bool asked = queue.state == KeyQueue::State::ASKING && &queue.held.front() == &held;
   if (!asked) queue.held.erase(held.place);
 }
 
@@ -277,7 +264,8 @@ std::list<NodeServer::HeldMethod> NodeServer::take_first(KeyQueue& queue) {
 bool NodeServer::is_waiting(const std::string& key) const {
   if (waiting_.empty()) return false;  // as a rule: the key need not be hashed for that
   const auto queue = waiting_.find(key);
-  return queue != waiting_.end() && (queue->second.asking || !queue->second.held.empty());
+  return queue != waiting_.end() &&
+         (queue->second.state != KeyQueue::State::IDLE || !queue->second.held.empty());
 }
 
 bool NodeServer::valid_key(const std::string& key) {
@@ -290,110 +278,97 @@ bool NodeServer::valid_key(const std::string& key) {
 }
 
 void NodeServer::check_auth(const std::string& key) {
-  waiting_[key].asking = true;
+  waiting_[key].state = KeyQueue::State::ASKING;
   verification_.do_auth_check(
       key, [this, key](const KeyOutcome& outcome) { handle_outcome(key, outcome); });
+}
+
+void NodeServer::let_through(const std::string& key) {
+  waiting_[key].state = KeyQueue::State::LET_THROUGH;
+  let_through_.push_back(key);
+  next_turn_.arm();
 }
 
 // Answering a request lets its connection go on, which may bring the next request of the same key
 // before this returns.
 void NodeServer::handle_outcome(const std::string& key, const KeyOutcome& outcome) {
   KeyQueue& queue = waiting_[key];
-  queue.asking = false;
-  const auto first = take_first(queue);
+  queue.state = KeyQueue::State::IDLE;
   try {
-    validate(key, first.front(), judge(key, outcome));
-  } catch (const std::exception& failure) {
-    first.front().request().fail(failure);
-  }
-  serve_waiting(key);
-}
-
-void NodeServer::serve_waiting(const std::string& key) {
-  KeyQueue& queue = waiting_[key];
-  while (!queue.asking && !queue.held.empty()) {
-    if (!valid_key(key)) return check_auth(key);
-    const auto next = take_first(queue);
-    forward(next.front());
-  }
-  if (!queue.asking) waiting_.erase(key);
-}
-
-bool NodeServer::judge(const std::string& key, const KeyOutcome& outcome) const {
-  if (const auto* failure = std::get_if<std::exception_ptr>(&outcome)) {
-    std::rethrow_exception(*failure);
-  }
-  if (const auto* failure = std::get_if<WebFailure>(&outcome)) {
-    if (*failure == WebFailure::TIMED_OUT) {
-      log::warning("Timed out trying to authenticate to web server.");
-    } else {
-      log::warning("Failed to connect to web server.");
+    if (validate(key, queue.held.front(), is_confirmed(key, outcome, settings_))) {
+      return let_through(key);
     }
-    return false;
+    take_first(queue).front().request().answer({});  // dropped in silence
+  } catch (const std::exception& failure) {
+    take_first(queue).front().request().fail(failure);
   }
-  const auto& response = std::get<KeyResponse>(outcome);
-  if (response.status == HTTP_OK) return judge_body(key, response.body);
-  log::warning(
-      "Received response with unexpected status code {} while trying to authenticate to web "
-      "server.",
-      response.status);
-  return false;
+  serve_next(key);
 }
 
-bool NodeServer::judge_body(const std::string& key, const std::string& body) const {
-  nlohmann::json answer;
-  try {
-    answer = nlohmann::json::parse(body);
-  } catch (const nlohmann::json::parse_error& error) {
-    log::warning(
-        "Received response with unexpected response content {} while trying to authenticate to "
-        "web server: {}.",
-        shown_body(body, key, settings_.get<std::string>("LOCAL_WWW_KEY")),
-        fmt::format("no JSON at byte {}", error.byte));
-    return false;
+void NodeServer::serve_next(const std::string& key) {
+  KeyQueue& queue = waiting_[key];
+  if (queue.state != KeyQueue::State::IDLE) return;
+  if (queue.held.empty()) {
+    waiting_.erase(key);
+  } else if (valid_key(key)) {
+    let_through(key);
+  } else {
+    check_auth(key);
   }
-  if (!answer.is_object()) throw skein::Failure("the web server's JSON answer is no object");
-  const auto member = answer.find("key");
-  if (member == answer.end()) {
-    log::warning(
-        "Received response without \"key\" in response {} while trying to authenticate to web "
-        "server.",
-        shown_body(body, key, settings_.get<std::string>("LOCAL_WWW_KEY")));
-    return false;
-  }
-  if (member->is_string() && member->get_ref<const std::string&>() == key) return true;
-  log::warning("Validation error - no node found for the key ending in {}.", key_ending(key));
-  return false;
 }
 
-void NodeServer::validate(const std::string& key, const HeldMethod& held, bool is_valid) {
+void NodeServer::serve_let_through() {
+  std::size_t bytes = 0;
+  for (std::size_t requests = 0; requests < limits().requests_per_turn &&
+                                 bytes < limits().bytes_per_turn && !let_through_.empty();
+       ++requests) {
+    std::list<std::string> key;
+    key.splice(key.begin(), let_through_, let_through_.begin());
+    KeyQueue& queue = waiting_[key.front()];
+    if (!queue.held.empty()) {  // else it was given up
+      bytes += queue.held.front().bytes();
+      if (!forward(queue)) {
+        let_through_.splice(let_through_.end(), key);
+        break;
+      }
+    }
+    serve_next(key.front());
+  }
+  if (!let_through_.empty()) next_turn_.arm();
+}
+
+bool NodeServer::validate(const std::string& key, const HeldMethod& held, bool is_valid) {
   count_auth(held, is_valid);
-  if (!is_valid) {
+  if (is_valid) {
+    influx_handler_.handle_successful_auth();
+    valid_[key] = loop().clocks().wall();
+  } else {
     influx_handler_.increment_failed_auths();
-    held.request().answer({});  // dropped in silence
-    return;
   }
-  influx_handler_.handle_successful_auth();
-  valid_[key] = loop().clocks().wall();
-  forward(held);
+  return is_valid;
 }
 
 void NodeServer::count_auth(const HeldMethod& held, bool accepted) {
   if (auto* connection = held.request().connection()) counters_of(*connection).count_auth(accepted);
 }
 
-void NodeServer::forward(const HeldMethod& held) {
-  if (auto* connection = held.request().connection()) connection->set_valid();
+bool NodeServer::forward(KeyQueue& queue) {
+  const HeldMethod& first = queue.held.front();
+  if (auto* connection = first.request().connection()) connection->set_valid();
   try {
-    Ingested ingested = held.run();
-    if (auto* connection = held.request().connection()) {
-      counters_of(*connection).count(std::move(ingested));
+    Step step = first.run();
+    if (auto* connection = first.request().connection()) {
+      counters_of(*connection).count(std::move(step.ingested));
     }
+    if (!step.is_last) return false;
   } catch (const std::exception& failure) {
-    held.request().fail(failure);
-    return;
+    queue.state = KeyQueue::State::IDLE;
+    take_first(queue).front().request().fail(failure);
+    return true;
   }
-  held.request().answer({});
+  queue.state = KeyQueue::State::IDLE;
+  take_first(queue).front().request().answer({});
+  return true;
 }
 
 }  // namespace pelorus

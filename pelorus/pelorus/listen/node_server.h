@@ -11,6 +11,7 @@
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/listen/key_verification.h"
 #include "pelorus/pelorus/settings.h"
+#include "skein/next_turn.h"
 #include "skein/server.h"
 
 namespace pelorus {
@@ -51,8 +52,14 @@ class NodeServer : public skein::Server {
   std::unique_ptr<skein::Connection> make_connection(skein::Socket socket) override;
 
  private:
-  /// An ingest operation with its complete argument list.
-  using Method = std::function<Ingested()>;
+  /// What a part of an operation has done, and whether there is more to do.
+  struct Step {
+    Ingested ingested{};
+    bool is_last = true;
+  };
+  /// An ingest operation with its complete argument list. One that takes long is done in steps, one
+  /// per call.
+  using Method = std::function<Step()>;
   /// A method for later and how many bytes it holds.
   struct OwnedMethod {
     Method method;
@@ -67,8 +74,9 @@ class NodeServer : public skein::Server {
     ~HeldMethod() { server_.quota().hold(*this, 0); }
 
     /// Nothing, when it had to be given up.
-    Ingested run() const { return method_ ? method_() : Ingested(); }
+    Step run() const { return method_ ? method_() : Step(); }
     const skein::HeldRequest& request() const noexcept { return request_; }
+    std::size_t bytes() const noexcept { return bytes_; }
 
     std::list<HeldMethod>::iterator place;  ///< in its queue
 
@@ -78,13 +86,19 @@ class NodeServer : public skein::Server {
     NodeServer& server_;
     std::string key_;
     Method method_;
+    std::size_t bytes_;
     skein::HeldRequest request_;
   };
 
-  /// The requests of one key that is being verified, in order of arrival.
+  /// The requests of one key that wait, in order of arrival.
   struct KeyQueue {
+    enum class State {
+      IDLE,
+      ASKING,      ///< the web server is being asked for the first of them
+      LET_THROUGH  ///< the first of them may run when its turn comes
+    };
     std::list<HeldMethod> held;
-    bool asking = false;  ///< the web server is being asked for the first of them
+    State state = State::IDLE;
   };
 
   static skein::Socket bind_listen(const Settings& settings);
@@ -94,8 +108,8 @@ class NodeServer : public skein::Server {
 
   /// Whether the key, without dashes, was verified less than VALID_CUTOFF seconds ago.
   bool valid_key(const std::string& key);
-  /// Runs the method at once where the key is valid, else when it has been verified. `owned` makes
-  /// the method for later, with its own copies of the arguments.
+  /// Runs `now` at once where the key is valid and `now` does not find it too long for that; else
+  /// what `owned` makes, a method for later with its own copies of the arguments.
   template <class Now, class MakeOwned>
   skein::Reply dispatch(const skein::Request& request, const std::string& key, Now&& now,
                         MakeOwned&& owned);
@@ -104,18 +118,21 @@ class NodeServer : public skein::Server {
   /// Asks the web server for the first request that waits for this key.
   void check_auth(const std::string& key);
   void handle_outcome(const std::string& key, const KeyOutcome& outcome);
-  /// Takes those that came meanwhile as if they came now, up to one that has to ask again.
-  void serve_waiting(const std::string& key);
-  /// True: the key is a node's. Logs why not. Throws what is none of the ordinary answers.
-  bool judge(const std::string& key, const KeyOutcome& outcome) const;
-  bool judge_body(const std::string& key, const std::string& body) const;
-  void validate(const std::string& key, const HeldMethod& held, bool is_valid);
+  /// Counts the outcome, and remembers a valid key. Returns `is_valid`.
+  bool validate(const std::string& key, const HeldMethod& held, bool is_valid);
+  /// The first request that waits for this key may run on the next turn.
+  void let_through(const std::string& key);
+  /// Runs requests that were let through, of one key after the other, as many as one turn has time
+  /// for: all that waited for the web server would keep the others waiting.
+  void serve_let_through();
+  /// Runs a step of the first request; its failure is the request's. False: there is more to do.
+  bool forward(KeyQueue& queue);
+  /// Takes the next one that waits for this key as if it came now.
+  void serve_next(const std::string& key);
   /// Takes the first one out of its queue: a list of one. Its bytes are not counted any more.
   std::list<HeldMethod> take_first(KeyQueue& queue);
   /// One that is not being asked for leaves its queue.
   void forget(const std::string& key, const HeldMethod& held);
-  /// Runs a held method; its failure is the request's.
-  void forward(const HeldMethod& held);
   static void count_auth(const HeldMethod& held, bool accepted);
 
   InfluxHandler& influx_handler_;
@@ -123,7 +140,9 @@ class NodeServer : public skein::Server {
   /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
   /// there are as many as there are nodes.
   std::unordered_map<std::string, double> valid_;
-  std::unordered_map<std::string, KeyQueue> waiting_;  ///< keys that are being verified
+  std::unordered_map<std::string, KeyQueue> waiting_;  ///< by key without dashes
+  std::list<std::string> let_through_;                 ///< keys, the next one first
+  skein::NextTurn next_turn_;
   KeyVerification verification_;
 };
 

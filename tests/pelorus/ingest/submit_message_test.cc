@@ -25,9 +25,12 @@ std::vector<std::string> submitted(std::string_view name, const Write& points) {
   skein::Message message;
   skein::MsgpackEncoder::decode(writer.bytes(), message);
   std::vector<std::string> lines;
-  const bool read = submit_messages(name, message.root(),
-                                    [&](std::string line) { lines.push_back(std::move(line)); });
-  if (!read) lines.emplace_back("!");
+  SubmitMessages messages(name, message.root());
+  do {
+    if (!messages.make(1, [&](std::string line) { lines.push_back(std::move(line)); })) {
+      lines.emplace_back("!");
+    }
+  } while (messages.has_more());
   return lines;
 }
 

@@ -231,19 +231,38 @@ TEST_F(NodeServerTest, HeldMethodThatFailsIsAFailureOfItsRequest) {
   EXPECT_TRUE(logged("error", "Exception in NodeServer: no database 'other' is configured"));
 }
 
-TEST_F(NodeServerTest, SubmitIsHeldWithItsPoints) {
+TEST_F(NodeServerTest, SubmitIsHeldWithItsPointsAndManyAreTakenInTurns) {
+  constexpr std::size_t POINTS = 5000;
   auto peer = connect();
-  skein::MsgpackWriter submit;
-  submit.list(4).natural(0).natural(1).text("submit").map(5);
-  submit.text("key").text("k").text("database").text("bonding").text("name");
-  submit.text("node1.tunnel-2.state").text("columns").nil().text("points");
-  submit.list(1).list(2).integer(1500000000000).text("up");
-  peer.send(support::frame(submit));
+  const auto submit = [](std::size_t points, std::size_t bad_points = 0) {
+    skein::MsgpackWriter request;
+    request.list(4).natural(0).natural(1).text("submit").map(5);
+    request.text("key").text("k").text("database").text("bonding").text("name");
+    request.text("node1.tunnel-2.state").text("columns").nil().text("points");
+    request.list(points + bad_points);
+    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
+    for (std::size_t i = 0; i < bad_points; ++i) request.nil();
+    return support::frame(request);
+  };
+  peer.send(submit(1));
   accept_key("k");
   EXPECT_EQ(queued("bonding"), "tunnel_state,node=1,tunnel=2 state=\"up\" 1500000000000000000\n");
-  peer.send(support::frame(submit));
-  turns();
-  EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
+
+  auto other = connect();
+  peer.send(submit(POINTS) + collectd("k", LINE, 2));
+  other.send(collectd("k", LINE, 3));
+  for (int i = 0; records() == 1 && i < 100; ++i) turns(1);
+  EXPECT_LT(records(), POINTS) << "in one turn";
+  turns(10);
+  EXPECT_EQ(records(), 1 + POINTS + 2);
+  EXPECT_EQ(peer.replies() + other.replies(), "1=nil 1=nil 2=nil 3=nil ");
+
+  peer.send(submit(POINTS, 1));
+  turns(10);
+  EXPECT_EQ(peer.replies(), "1=nil ");
+  EXPECT_EQ(records(), 1 + POINTS + 2 + POINTS) << "what stands before the fault stays";
+  EXPECT_TRUE(
+      logged("warning", "Could not translate \"b'node1.tunnel-2.state'\": No match for series"));
 }
 
 TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {

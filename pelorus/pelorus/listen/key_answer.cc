@@ -1,0 +1,110 @@
+#include "pelorus/pelorus/listen/key_answer.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <exception>
+#include <nlohmann/json.hpp>
+#include <string_view>
+#include <variant>
+
+#include "pelorus/pelorus/listen/connection_counters.h"
+#include "pelorus/pelorus/log.h"
+#include "pelorus/translate/display.h"
+#include "skein/errors.h"
+
+namespace pelorus {
+namespace {
+
+constexpr long HTTP_OK = 200;
+
+/// `text` without percent-encoding and dashes.
+std::string plain_spelling(std::string_view text) {
+  std::string plain;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    unsigned byte = 0;
+    const char* const digits = text.data() + i + 1;
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+      plain += static_cast<char>(byte);
+      i += 2;
+    } else if (text[i] != '-') {
+      plain += text[i];
+    }
+  }
+  return plain;
+}
+
+/// Whether `text` holds `secret`, as it stands or percent-encoded, with dashes anywhere.
+bool repeats(std::string text, std::string secret) {
+  std::erase(secret, '-');
+  const bool encoded = plain_spelling(text).find(secret) != text.npos;
+  std::erase(text, '-');
+  return encoded || text.find(secret) != text.npos;
+}
+
+/// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
+std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
+  const std::string shown = translate::display(body);
+  // An escape's last digit may complete what the bytes behind it leave out.
+  const auto told = [&](const std::string& secret) {
+    return repeats(body, secret) || repeats(shown, secret);
+  };
+  const bool has_key = key_ending(key).size() < key.size() && told(key);
+  const bool has_token = !token.empty() && told(token);
+  if (has_key || has_token) {
+    return fmt::format("({} bytes that repeat the {})", body.size(), has_key ? "key" : "token");
+  }
+  return shown;
+}
+
+bool is_confirmed_by(const std::string& body, const std::string& key, const Settings& settings) {
+  nlohmann::json answer;
+  try {
+    answer = nlohmann::json::parse(body);
+  } catch (const nlohmann::json::parse_error& error) {
+    log::warning(
+        "Received response with unexpected response content {} while trying to authenticate to "
+        "web server: {}.",
+        shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")),
+        fmt::format("no JSON at byte {}", error.byte));
+    return false;
+  }
+  if (!answer.is_object()) throw skein::Failure("the web server's JSON answer is no object");
+  const auto member = answer.find("key");
+  if (member == answer.end()) {
+    log::warning(
+        "Received response without \"key\" in response {} while trying to authenticate to web "
+        "server.",
+        shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")));
+    return false;
+  }
+  if (member->is_string() && member->get_ref<const std::string&>() == key) return true;
+  log::warning("Validation error - no node found for the key ending in {}.", key_ending(key));
+  return false;
+}
+
+}  // namespace
+
+bool is_confirmed(const std::string& key, const KeyOutcome& outcome, const Settings& settings) {
+  if (const auto* failure = std::get_if<std::exception_ptr>(&outcome)) {
+    std::rethrow_exception(*failure);
+  }
+  if (const auto* failure = std::get_if<WebFailure>(&outcome)) {
+    if (*failure == WebFailure::TIMED_OUT) {
+      log::warning("Timed out trying to authenticate to web server.");
+    } else {
+      log::warning("Failed to connect to web server.");
+    }
+    return false;
+  }
+  const auto& response = std::get<KeyResponse>(outcome);
+  if (response.status == HTTP_OK) return is_confirmed_by(response.body, key, settings);
+  log::warning(
+      "Received response with unexpected status code {} while trying to authenticate to web "
+      "server.",
+      response.status);
+  return false;
+}
+
+}  // namespace pelorus
