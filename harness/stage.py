@@ -31,7 +31,7 @@ class Fault:
     wanted: str
     attempt: Callable
     options: dict = field(default_factory=dict)  # of the stage
-    seconds: int = WORST_DELAY / 1000            # for which a quiet peer may have to wait
+    seconds: float = WORST_DELAY / 1000          # for which a quiet peer may have to wait
 
 
 class Web:
