@@ -10,7 +10,6 @@ import time
 from harness.conduct import (NO_CONTENT, FullListener, answering, forgiving, linger, never_read,
                              read_head)
 from harness.process import wait_until
-from harness.skein_client import SkeinClient
 from harness.stage import KEY, Fault, Stage
 from harness.stub_influx import StubInflux
 from heavy_faults import RECORD, STATS, expect_memory

@@ -21,7 +21,7 @@ from pathlib import Path
 import sys
 
 REPOSITORY = Path(__file__).resolve().parents[1]
-BUILD = Path(os.environ.get("PELORUS_BUILD", REPOSITORY / "build" / "dev"))
+BUILD = Path(os.environ.get("PELORUS_BUILD", REPOSITORY / "build" / "dev")).resolve()
 
 
 def use_build(folder):

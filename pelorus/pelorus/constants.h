@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string_view>
 
 #include "skein/keepalive.h"
@@ -13,6 +14,9 @@ using namespace std::chrono_literals;
 
 /// A node key that was verified this long ago is verified again.
 constexpr int VALID_CUTOFF = 3600;  // seconds
+/// Points of a legacy submit request in a turn of the loop: about a millisecond's work, whatever
+/// numbers are in them.
+constexpr std::size_t POINTS_PER_TURN = 1024;
 /// Pending connections of either listening socket.
 constexpr int LISTEN_BACKLOG = 1024;
 /// Where node keys are verified: the origin is a build option, the path is the web application's.

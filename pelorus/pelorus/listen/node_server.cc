@@ -27,8 +27,6 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
 
 /// Longer ones are no keys and are not worth a web request.
 constexpr std::size_t MOST_KEY_BYTES = 128;
-/// As many points as take about a millisecond, whatever is in them.
-constexpr std::size_t POINTS_PER_STEP = 1024;
 /// What a held request takes up besides its arguments, roughly: its key stands in four places.
 constexpr std::size_t HELD_OVERHEAD_BYTES = 1024;
 
@@ -167,7 +165,7 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
   return dispatch(
       request, key,
       [&]() -> std::optional<Ingested> {
-        if (points.is(skein::Value::Type::LIST) && points.size() > POINTS_PER_STEP) return {};
+        if (points.is(skein::Value::Type::LIST) && points.size() > POINTS_PER_TURN) return {};
         return influx_handler_.add_submit(database, name, points);
       },
       [&]() -> OwnedMethod {
@@ -175,7 +173,7 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
         return {[this, submit] {
                   SubmitMessages& messages = submit->messages;
                   auto ingested =
-                      influx_handler_.add_submit(submit->database, messages, POINTS_PER_STEP);
+                      influx_handler_.add_submit(submit->database, messages, POINTS_PER_TURN);
                   return Step{std::move(ingested), !messages.has_more()};
                 },
                 submit->bytes()};
