@@ -58,16 +58,26 @@ std::string shown_body(const std::string& body, const std::string& key, const st
   return shown;
 }
 
-bool is_confirmed_by(const std::string& body, const std::string& key, const Settings& settings) {
-  nlohmann::json answer;
+/// Why `body` is no JSON; empty when it is, and `answer` holds it. The library's own texts quote
+/// it.
+std::string parse(const std::string& body, nlohmann::json& answer) {
   try {
     answer = nlohmann::json::parse(body);
+    return {};
   } catch (const nlohmann::json::parse_error& error) {
+    return fmt::format("no JSON at byte {}", error.byte);
+  } catch (const nlohmann::json::exception&) {
+    return "a number is out of range";
+  }
+}
+
+bool is_confirmed_by(const std::string& body, const std::string& key, const Settings& settings) {
+  nlohmann::json answer;
+  if (const std::string fault = parse(body, answer); !fault.empty()) {
     log::warning(
         "Received response with unexpected response content {} while trying to authenticate to "
         "web server: {}.",
-        shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")),
-        fmt::format("no JSON at byte {}", error.byte));
+        shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")), fault);
     return false;
   }
   if (!answer.is_object()) throw skein::Failure("the web server's JSON answer is no object");

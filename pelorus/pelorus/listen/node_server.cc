@@ -323,7 +323,9 @@ void NodeServer::serve_let_through() {
     std::list<std::string> key;
     key.splice(key.begin(), let_through_, let_through_.begin());
     KeyQueue& queue = waiting_[key.front()];
-    if (!queue.held.empty()) {  // else it was given up
+    if (queue.held.empty()) {  // given up meanwhile
+      queue.state = KeyQueue::State::IDLE;
+    } else {
       bytes += queue.held.front().bytes();
       if (!forward(queue)) {
         let_through_.splice(let_through_.end(), key);

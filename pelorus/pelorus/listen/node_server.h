@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -140,8 +141,9 @@ class NodeServer : public skein::Server {
   /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
   /// there are as many as there are nodes.
   std::unordered_map<std::string, double> valid_;
-  std::unordered_map<std::string, KeyQueue> waiting_;  ///< by key without dashes
-  std::list<std::string> let_through_;                 ///< keys, the next one first
+  /// By key without dashes. No hash table: anybody may choose keys that collide.
+  std::map<std::string, KeyQueue> waiting_;
+  std::list<std::string> let_through_;  ///< keys, the next one first
   skein::NextTurn next_turn_;
   KeyVerification verification_;
 };

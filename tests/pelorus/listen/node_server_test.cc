@@ -27,6 +27,18 @@ class NodeServerTest : public ListenerTest {
     return support::request(msgid, "collectd", {{"key", key}, {"metrics", metrics}});
   }
 
+  /// A submit request of so many good points, and bad ones behind them.
+  static std::string submit(std::size_t points, std::size_t bad_points = 0) {
+    skein::MsgpackWriter request;
+    request.list(4).natural(0).natural(1).text("submit").map(5);
+    request.text("key").text("k").text("database").text("bonding").text("name");
+    request.text("node1.tunnel-2.state").text("columns").nil().text("points");
+    request.list(points + bad_points);
+    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
+    for (std::size_t i = 0; i < bad_points; ++i) request.nil();
+    return support::frame(request);
+  }
+
   /// Takes requests of the daemon until it has been quiet for a while; asked_ holds their keys.
   void listen_to_web_requests() {
     for (int quiet = 0; quiet < 20; ++quiet) {
@@ -119,6 +131,9 @@ TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
       {"Token token", 200,
        "Received response with unexpected response content (11 bytes that repeat the token) while "
        "trying to authenticate to web server: no JSON at byte 1."},
+      {R"({"key": 1e999, "abc-def": 0})", 200,
+       "Received response with unexpected response content (28 bytes that repeat the key) while "
+       "trying to authenticate to web server: a number is out of range."},
       {R"({"a": 1})", 200,
        "Received response without \"key\" in response b'{\"a\": 1}' while trying to authenticate "
        "to web server."},
@@ -234,16 +249,6 @@ TEST_F(NodeServerTest, HeldMethodThatFailsIsAFailureOfItsRequest) {
 TEST_F(NodeServerTest, SubmitIsHeldWithItsPointsAndManyAreTakenInTurns) {
   constexpr std::size_t POINTS = 5000;
   auto peer = connect();
-  const auto submit = [](std::size_t points, std::size_t bad_points = 0) {
-    skein::MsgpackWriter request;
-    request.list(4).natural(0).natural(1).text("submit").map(5);
-    request.text("key").text("k").text("database").text("bonding").text("name");
-    request.text("node1.tunnel-2.state").text("columns").nil().text("points");
-    request.list(points + bad_points);
-    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
-    for (std::size_t i = 0; i < bad_points; ++i) request.nil();
-    return support::frame(request);
-  };
   peer.send(submit(1));
   accept_key("k");
   EXPECT_EQ(queued("bonding"), "tunnel_state,node=1,tunnel=2 state=\"up\" 1500000000000000000\n");
@@ -292,6 +297,26 @@ TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {
   for (int i = 0; i < 2; ++i) answer(R"({"key": ""})");
   EXPECT_EQ(asked_.size(), 3U);
   EXPECT_GE(log_.texts("warning").size(), 2U);
+}
+
+TEST_F(NodeServerTest, WhatWasLetThroughAndIsGivenUpLeavesItsKeyUsable) {
+  NodeServer server(handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port()),
+                    std::make_shared<skein::Quota>(skein::Limits{.held_bytes = 20'000}));
+  const auto connect_to = [&] {
+    auto peer = support::SkeinPeer::tcp(support::bound_port(server.socket()));
+    turns();
+    return peer;
+  };
+  auto first = connect_to();
+  first.send(collectd("k"));
+  accept_key("k");
+  first.send(submit(5000));
+  turns(10);
+  EXPECT_EQ(first.replies(), "1=nil end") << "beyond twice the budget";
+  auto second = connect_to();
+  second.send(collectd("k"));
+  turns();
+  EXPECT_EQ(second.replies(), "1=nil ");
 }
 
 TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {
