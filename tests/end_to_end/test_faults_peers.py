@@ -4,33 +4,49 @@ peer, which lose nothing and are not kept waiting."""
 import signal
 import time
 
-from harness.bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, SNAPPY_CLAIMS, Crowd, bomb,
-                               expect_each_ends, many, odd_shapes, pour, reset_flood, send_some)
+from harness.bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, NUMBERED, SNAPPY_CLAIMS, UNNUMBERED,
+                               Crowd, bomb, many, odd_shapes, pour, reset_flood, send_some, told_as)
 from harness.process import wait_until
 from harness.skein_client import REPLY, REQUEST, frame
 from harness.stage import KEY, Fault, Stage, Web
 from tests.end_to_end.support import FolderTest, run_faults
 
 STATS = frame([REQUEST, 3, "stats", {}])
-QUICK = "its connection ends, with one warning"
+PEERS = {"node": r"127\.0\.0\.1:\d+", "local": r"a local peer \(process \d+, user \d+\)"}
+QUICK = "its connection ends, with a warning that says why"
 
 
 def each_ends(faults):
+    """Every row on either socket: the daemon ends that connection, and says once why."""
     def attempt(stage):
-        warned = expect_each_ends(stage, faults)
-        return f"{2 * len(faults)} connections ended, {warned} warnings"
+        rows, logged = told_as(faults), stage.log_count("Closing the connection of ")
+        for text, data in rows:
+            for name, connect in stage.both():
+                before = len(stage.daemon.text())
+                with connect() as client:
+                    pour(client, data)
+                    while client.receive() is not None:
+                        pass
+                stage.wait_logged_again(rf"Closing the connection of {PEERS[name]}: {text}\b", before)
+        assert stage.log_count("Closing the connection of ") - logged == 2 * len(rows)
+        return f"{2 * len(rows)} connections ended"
     return attempt
 
 
 def odd_shapes_are_answered(stage):
-    shapes = list(odd_shapes())
+    shapes, before = list(odd_shapes()), stage.log_count("<3>Exception in ")
     for name, connect in stage.both():
         with connect() as client:
             for shape in shapes:
                 client.send(shape)
+            replies = [client.receive() for _ in shapes[len(UNNUMBERED):]]
+            assert all(reply[:2] == [REPLY, 7] for reply in replies), name
+            for reply in replies[:len(NUMBERED)]:
+                assert isinstance(reply[2], str) and reply[3] is None, (name, reply)
             client.send([REQUEST, 99, "no such request", {}])
-            while (reply := client.receive())[1] != 99:
-                assert reply[0] == REPLY, (name, reply)
+            assert client.receive()[1] == 99, name
+    logged = stage.log_count("<3>Exception in ") - before
+    assert logged >= 2 * len(UNNUMBERED + NUMBERED), f"{logged} failures logged"
     return f"{len(shapes)} shapes on each socket, connections stand"
 
 
@@ -126,7 +142,8 @@ def endless_lines(stage):
             assert client.receive()[2] is not None
     for client in with_key + without:
         client.close()
-    return "refused, nothing of them is kept"
+    assert stage.log_count("no node found for the key ending in less.") == 5 * len(with_key)
+    return "refused"
 
 
 def freeze(stage):
