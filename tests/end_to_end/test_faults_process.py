@@ -40,7 +40,9 @@ class SocketPath(FolderTest):
                 self.start_pelorus({"INFLUX_UNIX_SOCKET": str(path)})
                 with SkeinClient(path) as client:
                     client.call("stats")
-                self.assertTrue(stat.S_ISSOCK(os.lstat(path).st_mode))
+                mode = os.lstat(path).st_mode
+                self.assertTrue(stat.S_ISSOCK(mode))
+                self.assertEqual(stat.S_IMODE(mode) & 0o077, 0, "it is the owner's alone")
                 self.assertEqual(target.exists(), before)
                 if target.is_file():
                     self.assertEqual(target.read_text(), TARGET_TEXT)
