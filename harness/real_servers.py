@@ -32,15 +32,22 @@ Interval {interval}
 BaseDir "{folder}"
 PIDFile "{folder}/collectd.pid"
 TypesDB "/usr/share/collectd/types.db"
-{plugins}
+{others}
 PluginDir "{plugin.parent}"
 LoadPlugin {plugin.stem}
 <Plugin {plugin.stem}>
-  <Node "pelorus">
-    {destination}
-  </Node>
+{nodes}
 </Plugin>
 """
+
+
+def collectd_configuration(folder, plugin, nodes, others, interval=1, hostname="m000"):
+    """A file, for our `plugin` with these nodes and for others."""
+    configuration = folder / "collectd.conf"
+    configuration.write_text(COLLECTD_CONFIGURATION.format(
+        folder=folder, interval=interval, plugin=plugin, hostname=hostname, nodes=nodes,
+        others=others))
+    return configuration
 
 
 def _base64(name, password):
@@ -127,11 +134,9 @@ class Collectd(Process):
         """`address`: the daemon's local socket, or host and port, where `key` is sent too."""
         self.folder = Path(folder)
         self.folder.mkdir()
-        configuration = self.folder / "collectd.conf"
-        configuration.write_text(COLLECTD_CONFIGURATION.format(
-            folder=self.folder, interval=interval, plugin=plugin, hostname=hostname,
-            destination=self._destination(address, key),
-            plugins="\n".join(f"LoadPlugin {name}" for name in self.PLUGINS)))
+        configuration = collectd_configuration(
+            self.folder, plugin, f'<Node "pelorus">\n{self._destination(address, key)}\n</Node>',
+            "\n".join(f"LoadPlugin {name}" for name in self.PLUGINS), interval, hostname)
         super().__init__(["collectd", "-f", "-C", configuration], self.folder / "collectd.log")
 
     def _destination(self, address, key):
@@ -140,4 +145,4 @@ class Collectd(Process):
         key_file = self.folder / "node.key"
         key_file.touch(mode=0o600)
         key_file.write_text(key + "\n")
-        return f'Host "{address[0]}"\n    Port "{address[1]}"\n    NodeKeyFile "{key_file}"'
+        return f'Host "{address[0]}"\nPort "{address[1]}"\nNodeKeyFile "{key_file}"'

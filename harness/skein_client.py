@@ -28,20 +28,14 @@ class SkeinError(Exception):
     """The error text of a reply."""
 
 
-class SkeinClient:
-    """One connection. Every wait ends after `seconds`."""
+class SkeinConnection:
+    """Either end of a connection. Every wait ends after `seconds`."""
 
-    def __init__(self, address, seconds=15):
-        """`address`: a path, or a pair of host and port."""
-        over_tcp = isinstance(address, tuple)
-        self._socket = socket.socket(socket.AF_INET if over_tcp else socket.AF_UNIX)
+    def __init__(self, connected, seconds=15):
+        self._socket = connected
         self._seconds = seconds
         self._socket.settimeout(seconds)
-        if over_tcp:
-            self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self._socket.connect(address if over_tcp else str(address))
         self._received = b""
-        self._msgid = 0
 
     def __enter__(self):
         return self
@@ -86,6 +80,32 @@ class SkeinClient:
         block = self._take(struct.unpack(">I", head)[0])
         return msgpack.unpackb(snappy.uncompress(block))
 
+    def _take(self, size):
+        while len(self._received) < size:
+            try:
+                more = self._socket.recv(65536)
+            except ConnectionResetError:
+                more = b""
+            if not more:
+                return None
+            self._received += more
+        taken, self._received = self._received[:size], self._received[size:]
+        return taken
+
+
+class SkeinClient(SkeinConnection):
+    """A connection to a server."""
+
+    def __init__(self, address, seconds=15):
+        """`address`: a path, or a pair of host and port."""
+        over_tcp = isinstance(address, tuple)
+        connecting = socket.socket(socket.AF_INET if over_tcp else socket.AF_UNIX)
+        super().__init__(connecting, seconds)
+        if over_tcp:
+            connecting.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        connecting.connect(address if over_tcp else str(address))
+        self._msgid = 0
+
     def call(self, name, args=None):
         """The result of a request. Raises SkeinError when it is answered with an error."""
         self._msgid += 1
@@ -100,15 +120,3 @@ class SkeinClient:
     def collectd(self, lines):
         """Sends a block of Graphite lines as collectd's plugin does."""
         return self.call("collectd", {"metrics": lines})
-
-    def _take(self, size):
-        while len(self._received) < size:
-            try:
-                more = self._socket.recv(65536)
-            except ConnectionResetError:
-                more = b""
-            if not more:
-                return None
-            self._received += more
-        taken, self._received = self._received[:size], self._received[size:]
-        return taken

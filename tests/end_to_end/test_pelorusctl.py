@@ -3,7 +3,9 @@
 import json
 import os
 import re
+import socket
 import subprocess
+import unittest
 
 from harness import BUILD
 from harness.conduct import status
@@ -12,6 +14,7 @@ from harness.process import wait_until
 from harness.skein_client import SkeinClient, SkeinError
 from harness.stub_influx import HANG, NO_CONTENT, StubInflux
 from harness.web_server import WebServer
+from tests.end_to_end.skein_stub import HANG_UP, SILENCE, SkeinStub
 from tests.end_to_end.support import FolderTest
 
 KEY = "0000aaaa-1111-2222-3333-44445555cccc"
@@ -19,17 +22,91 @@ LINE = "m000.load.load.shortterm 0.5 1700000000\n"
 PARTIAL = b'{"error":"partial write: field type conflict: points dropped=3"}'
 
 
-class Pelorusctl(FolderTest):
-    def ctl(self, *arguments, stdin="", exit_status=0, **environment):
+class CtlTest(FolderTest):
+    def ctl(self, *arguments, stdin="", exit_status=0, wrapper=(), **environment):
         """Standard output and error of one run."""
-        run = subprocess.run([BUILD / "bin" / "pelorusctl", *map(str, arguments)], input=stdin,
-                             text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                             timeout=30, env={**os.environ, **environment})
+        run = subprocess.run([*wrapper, BUILD / "bin" / "pelorusctl", *map(str, arguments)],
+                             input=stdin, text=True, stdout=subprocess.PIPE,
+                             stderr=subprocess.STDOUT, timeout=30, env={**os.environ, **environment})
         self.assertEqual(run.returncode, exit_status, f"{arguments}: {run.stdout}")
         for secret in (AUTH, WWW_KEY, KEY, KEY.replace("-", "")):
             self.assertNotIn(secret, run.stdout)
         return run.stdout
 
+
+class PelorusctlAlone(CtlTest):
+    """Beside a server that answers as told, or without one."""
+
+    def start(self, answer=lambda *_: (None, None), name="socket"):
+        return SkeinStub(self, self.folder / name, answer)
+
+    def test_stats_for_people_and_for_programs(self):
+        stats = {"tidewell": {"has_current_request": True, "pending_data_len": 12,
+                              "failure_count": 0, "last_sent_time": 1700000000.75},
+                 "bonding": {"failure_count": "many"}}
+        stub = self.start(lambda *_: (None, stats))
+        self.assertEqual(self.ctl("stats", "--socket", stub.address, TZ="UTC"),
+                         "database  writing  waiting  failures  last write\n"
+                         "tidewell  yes           12         0  2023-11-14 22:13:20\n"
+                         "bonding   ?              ?         ?  ?\n")
+        self.assertEqual(self.ctl("--socket", stub.address, "stats", "--json"),
+                         json.dumps(stats, indent=2) + "\n")
+
+    def test_send_cuts_blocks_at_line_ends_and_ends_the_last_line(self):
+        stub = self.start()
+        send = ("send", "--socket", stub.address)
+        self.assertEqual(self.ctl(*send, stdin=(LINE * 20000)[:-1]), "20000 lines sent\n")
+        self.assertEqual(stub.metrics(), LINE * 20000)
+        for _, args in stub.calls:
+            self.assertEqual(list(args), ["metrics"])
+            self.assertLessEqual(len(args["metrics"]), 65536)
+            self.assertEqual(args["metrics"][-1], "\n")
+        self.assertEqual(self.ctl(*send), "0 lines sent\n")
+        longest = "x" * 65535 + "\n"
+        self.assertRegex(
+            self.ctl(*send, stdin=f"a b 1\n{longest}{'y' * 70000}\nz\n", exit_status=1),
+            "(?s)2 lines sent, then it failed.*a line is longer than 65536 bytes")
+        self.assertEqual(stub.calls[-1][1]["metrics"], longest)
+
+    def test_every_failure_has_its_words_and_its_status(self):
+        failing = self.start(lambda *_: ("it is late", None), "failing").address
+        silent = self.start(lambda *_: SILENCE, "silent").address
+        closing = self.start(lambda *_: HANG_UP, "closing").address
+        with socket.socket(socket.AF_UNIX) as dead:
+            dead.bind(str(self.folder / "dead"))
+        for arguments, exit_status, words in (
+                (f"stats --socket {failing}", 7, "pelorusctl: the server answered: it is late\n"),
+                (f"stats --timeout 0.05 --socket {silent}", 6, "took too long (--timeout)"),
+                (f"send --socket {closing}", 9, "closed the connection"),
+                (f"stats --socket {self.folder}/none", 3, "pelorus does not run"),
+                (f"stats --socket {self.folder}/dead", 4, "nobody listens there"),
+                (f"stats --socket {self.folder}/{'x' * 120}", 8, "File name too long"),
+                ("send --host h", 2, "--host needs a node key"),
+                ("send --host h --socket /run/x", 2, "exclude each other"),
+                (f"send --host h --key-file {self.folder}/none", 1, "cannot read the key file"),
+                ("send --port 5", 2, "--port requires --host"),
+                ("stats --timeout 0", 2, "--timeout"),
+                ("", 2, "subcommand is required"),
+                ("frob", 2, "not expected: frob"),
+                ("send --kind x", 2, "--kind: x not in {graphite,add,submit}"),
+                ("send --kind add", 2, "need --host"),
+                ("stats --database x", 2, "--database needs"),
+                ("--version", 0, "pelorusctl "),
+                ("send --help", 0, "  6  time-out\n")):
+            self.assertIn(words, self.ctl(*arguments.split(), stdin="a b 1\n",
+                                          exit_status=exit_status))
+
+    @unittest.skipIf(os.geteuid(), "only root can become another account")
+    def test_socket_of_another_account_is_not_permitted(self):
+        stub = self.start()
+        os.chmod(stub.address, 0o600)
+        self.folder.chmod(0o755)
+        said = self.ctl("stats", "--socket", stub.address, exit_status=5,
+                        wrapper=["setpriv", "--reuid=65534", "--clear-groups"])
+        self.assertIn("only the socket's owner and root may use it", said)
+
+
+class Pelorusctl(CtlTest):
     def start_influx(self, answer=NO_CONTENT):
         influx = StubInflux(answer=answer)
         self.addCleanup(influx.close)
@@ -216,7 +293,7 @@ class Pelorusctl(FolderTest):
         influx = self.start_influx()
         daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": influx.address})
         key_file = self.folder / "key"
-        key_file.write_text(KEY + "\n")
+        key_file.write_text(f" {KEY} \nnot the key\n")
         remote = ["--host", "127.0.0.1", "--port", daemon.node_address[1]]
         name = "node12.tunnel_7.link_wan1.overall_state"
         points = f"{name} 1500000000000 up\n{name} 1500000001000 no carrier\nnode12.tunnel_7.x 5 y"
@@ -230,7 +307,9 @@ class Pelorusctl(FolderTest):
                   'tunnel_state,node=12,tunnel=7 x="y" 5000000'])):
             file = self.folder / kind
             file.write_text(lines)
-            output = self.ctl("send", "--kind", kind, file, *remote, "--key-file", key_file)
+            credentials = [] if kind == "add" else ["--key-file", key_file]  # which comes first
+            output = self.ctl("send", "--kind", kind, file, *remote, *credentials,
+                              PELORUS_NODE_KEY="unknown" if credentials else KEY)
             self.assertRegex(output, rf"^{len(lines.splitlines())} lines? sent\n$")
             wait_until(lambda: all(line.encode() in influx.lines() for line in written), kind)
         self.assertIn("bonding", self.ctl("stats", "--socket", daemon.socket))
@@ -241,4 +320,3 @@ class Pelorusctl(FolderTest):
             output = self.ctl("send", *arguments, stdin=stdin, PELORUS_NODE_KEY=KEY,
                               exit_status=7 if "none" in words and arguments[0] == "--kind" else 1)
             self.assertIn(words, output)
-        self.assertIn("need --host", self.ctl("send", "--kind", "add", exit_status=2))
