@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <filesystem>
 #include <memory>
 
 #include "support/skein_stub.h"
@@ -18,8 +17,6 @@ using testing::HasSubstr;
 
 class Sender : public testing::Test {
  protected:
-  ~Sender() override { std::filesystem::remove_all(directory); }
-
   std::unique_ptr<NodeSender> make(std::chrono::seconds max_age = 1h) {
     settings.name = "a";
     settings.endpoint = skein::Endpoint::unix_socket(path);
@@ -41,8 +38,8 @@ class Sender : public testing::Test {
 
   static SkeinStub::Outcome answer(const SkeinStub::Call& call) { return SkeinStub::reply(call); }
 
-  const std::string directory = support::make_directory();
-  const std::string path = directory + "/socket";
+  const support::Folder folder;
+  const std::string path = folder / "socket";
   NodeSettings settings;
   std::mutex mutex;
   std::condition_variable reported;
@@ -51,7 +48,7 @@ class Sender : public testing::Test {
 
 TEST_F(Sender, SendsWhatIsOldFlushedOrLeftAtTheEnd) {
   settings.key = "12-ab";
-  SkeinStub stub(path, answer);
+  SkeinStub stub(answer, path);
   const auto prompt = make(0s);
   prompt->add("old\n");
   EXPECT_EQ(stub.metrics_with("old\n"), "old\n");
@@ -73,19 +70,19 @@ TEST_F(Sender, KeepsValuesThroughAnOutage) {
   sender->add("first\n");
   wait_for_report();
   sender->add("second\n");
-  SkeinStub stub(path, answer);
+  SkeinStub stub(answer, path);
   EXPECT_EQ(stub.metrics_with("second\n"), "first\nsecond\n");
   sender->stop(10s);
   EXPECT_THAT(said, ElementsAre(HasSubstr("No such file"), HasSubstr("0 values (0 bytes)")));
 }
 
 TEST_F(Sender, RestartOfTheServerBetweenBlocksIsNoOutage) {
-  auto stub = std::make_unique<SkeinStub>(path, answer);
+  auto stub = std::make_unique<SkeinStub>(answer, path);
   const auto sender = make(0s);
   sender->add("first\n");
   EXPECT_EQ(stub->metrics_with("first\n"), "first\n");
   stub.reset();
-  stub = std::make_unique<SkeinStub>(path, answer);
+  stub = std::make_unique<SkeinStub>(answer, path);
   sender->add("second\n");
   EXPECT_EQ(stub->metrics_with("second\n"), "second\n");
   sender->stop(10s);
@@ -93,9 +90,10 @@ TEST_F(Sender, RestartOfTheServerBetweenBlocksIsNoOutage) {
 }
 
 TEST_F(Sender, RefusedBlockIsNotSentAgain) {
-  SkeinStub stub(path, [](const auto& call) {
+  const auto refuse_bad = [](const auto& call) {
     return call.args.at("metrics") == "bad\n" ? SkeinStub::error(call, "no") : answer(call);
-  });
+  };
+  SkeinStub stub(refuse_bad, path);
   const auto sender = make(0s);
   sender->add("bad\n");
   stub.calls(1);
@@ -111,7 +109,7 @@ TEST_F(Sender, EndIsBoundedAndSaysWhatStayedBehind) {
     const char* text;
   } rows[] = {{SkeinStub::silence(), "cancelled"}, {SkeinStub::close(), "closed the connection"}};
   for (const auto& row : rows) {
-    SkeinStub stub(path, [&](const auto&) { return row.outcome; });
+    SkeinStub stub([&](const auto&) { return row.outcome; }, path);
     const auto sender = make(0s);
     sender->add("never\n");
     stub.calls(1);

@@ -44,6 +44,7 @@ class RemoteNodes(FolderTest):
         texts = daemon.lines(INFO)
         self.assertEqual((texts[0], daemon.lines()[-1]), ("Starting.", (INFO, "Quitting.")))
         self.assertEqual(sum(text.startswith("Disconnecting skein") for text in texts), 2)
+        self.assertFalse([line for line in daemon.lines(WARNING) if "failed" in line])
 
     def test_second_instance_leaves_the_first_one_its_socket(self):
         daemon = self.start_pelorus()

@@ -80,9 +80,7 @@ TEST(Client, LargeRequestsGoOutWhole) {
   SkeinStub stub;
   Client client(Endpoint::unix_socket(stub.path()));
   client.open();
-  std::string noise(4U << 20, '\0');  // beyond every socket buffer, and hardly compressible
-  std::uint32_t state = 1;
-  for (char& byte : noise) byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+  const std::string noise = support::noise(4U << 20);  // beyond every socket buffer
   client.call("collectd", metrics(noise));
   EXPECT_EQ(stub.calls(1)[0].args.at("metrics"), noise);
   EXPECT_THROW(client.call("collectd", metrics(std::string(17U << 20, 'x'))), skein::ProtocolError);
@@ -119,8 +117,8 @@ TEST_F(OpenClient, EveryOtherFailureClosesIt) {
       {{std::string("\0\0\0\0", 4)}, Kind::LOST, "frame of length 0"},
       {{"\xff\xff\xff\xff"}, Kind::LOST, "are allowed"},
       {{std::string("\0\0\0\1", 4) + "\xff"}, Kind::LOST, "does not decompress"},
-      {{SkeinStub::frame("\xc1")}, Kind::LOST, "no MessagePack"},
-      {{SkeinStub::frame(no_reply.bytes())}, Kind::LOST, "no reply"},
+      {{support::frame("\xc1")}, Kind::LOST, "no MessagePack"},
+      {{support::frame(no_reply.bytes())}, Kind::LOST, "no reply"},
   };
   for (const auto& row : rows) {
     const auto [kind, text] = failure_with([&](const auto&) { return row.outcome; });

@@ -21,10 +21,10 @@ std::string shown(skein::Value result) {
 
 }  // namespace
 
-std::string frame(const skein::MsgpackWriter& message) {
+std::string frame(std::string_view message) {
   std::string bytes;
   const std::size_t begin = skein::begin_frame(bytes);
-  skein::SnappyEncoder::encode(message.bytes(), bytes);
+  skein::SnappyEncoder::encode(message, bytes);
   skein::end_frame(bytes, begin);
   return bytes;
 }
@@ -44,26 +44,30 @@ std::string noise(std::size_t size) {
   return bytes;
 }
 
+template <class Address>
+SkeinPeer SkeinPeer::connected(const Address& address, int family) {
+  skein::Socket socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(
+      ::connect(socket.descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+      0);
+  return SkeinPeer(std::move(socket));
+}
+
 SkeinPeer SkeinPeer::tcp(int port) {
-  skein::Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<std::uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(::connect(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address),
-            0);
-  skein::send_without_delay(socket.descriptor());
-  return SkeinPeer(std::move(socket));
+  SkeinPeer peer = connected(address, AF_INET);
+  skein::send_without_delay(peer.socket_.descriptor());
+  return peer;
 }
 
 SkeinPeer SkeinPeer::unix_socket(const std::string& path) {
-  skein::Socket socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  EXPECT_EQ(::connect(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address),
-            0);
-  return SkeinPeer(std::move(socket));
+  return connected(address, AF_UNIX);
 }
 
 void SkeinPeer::send(std::string_view bytes) {

@@ -12,7 +12,8 @@
 namespace support {
 
 /// One message as it goes over the wire.
-std::string frame(const skein::MsgpackWriter& message);
+std::string frame(std::string_view message);
+inline std::string frame(const skein::MsgpackWriter& message) { return frame(message.bytes()); }
 /// A request whose arguments are texts.
 std::string request(std::uint32_t msgid, std::string_view name,
                     const std::vector<std::pair<std::string, std::string>>& args = {});
@@ -38,6 +39,8 @@ class SkeinPeer {
   const std::string& last_reply() const noexcept { return last_reply_; }
 
  private:
+  template <class Address>
+  static SkeinPeer connected(const Address& address, int family);
   explicit SkeinPeer(skein::Socket socket) : socket_(std::move(socket)) {}
 
   skein::Socket socket_;

@@ -1,13 +1,10 @@
 #include "support/skein_stub.h"
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
-#include <stdexcept>
 #include <utility>
 
 #include "skein/client_error.h"
@@ -30,21 +27,6 @@ SkeinStub::Call read_call(const skein::Message& message) {
   return call;
 }
 
-skein::Socket listen_unix(const std::string& path) {
-  auto socket = skein::Socket::stream(AF_UNIX);
-  ::unlink(path.c_str());
-  skein::bind_unix(socket, path);
-  skein::listen(socket, 8);
-  return socket;
-}
-
-skein::Socket listen_tcp() {
-  auto socket = skein::Socket::stream(AF_INET);
-  skein::bind_tcp(socket, "127.0.0.1", 0);
-  skein::listen(socket, 8);
-  return socket;
-}
-
 std::string joined_metrics(const std::vector<SkeinStub::Call>& calls) {
   std::string all;
   for (const auto& call : calls) {
@@ -55,20 +37,6 @@ std::string joined_metrics(const std::vector<SkeinStub::Call>& calls) {
 
 }  // namespace
 
-std::string make_directory() {
-  std::string name = (std::filesystem::temp_directory_path() / "skein-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  return name;
-}
-
-std::string SkeinStub::frame(std::string_view message) {
-  std::string bytes;
-  const std::size_t begin = skein::begin_frame(bytes);
-  skein::SnappyEncoder::encode(message, bytes);
-  skein::end_frame(bytes, begin);
-  return bytes;
-}
-
 SkeinStub::Outcome SkeinStub::reply(const Call& call, const skein::Reply& reply) {
   return {frame(skein::encode_reply(call.msgid, reply))};
 }
@@ -78,35 +46,27 @@ SkeinStub::Outcome SkeinStub::error(const Call& call, std::string_view text) {
   return {frame(reply.list(4).natural(1).natural(call.msgid).text(text).nil().take())};
 }
 
-SkeinStub::SkeinStub(Handler handler)
-    : SkeinStub(make_directory() + "/socket", std::move(handler)) {
-  directory_ = std::filesystem::path(path_).parent_path();
-}
-
-SkeinStub::SkeinStub(std::string path, Handler handler)
-    : SkeinStub(listen_unix(path), std::move(handler)) {
-  path_ = std::move(path);
-}
-
-SkeinStub::SkeinStub(Tcp, Handler handler) : SkeinStub(listen_tcp(), std::move(handler)) {}
-
-SkeinStub::SkeinStub(skein::Socket listening, Handler handler)
-    : handler_(std::move(handler)), listening_(std::move(listening)) {
+SkeinStub::SkeinStub(Handler handler, std::string path)
+    : path_(path.empty() ? folder_ / "socket" : std::move(path)),
+      handler_(std::move(handler)),
+      listening_(skein::Socket::stream(AF_UNIX)) {
+  ::unlink(path_.c_str());
+  skein::bind_unix(listening_, path_);
+  skein::listen(listening_, 8);
   thread_ = std::thread([this] { run(); });
 }
 
-std::string SkeinStub::port() const {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  ::getsockname(listening_.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-  return std::to_string(ntohs(address.sin_port));
+SkeinStub::SkeinStub(Tcp, Handler handler)
+    : handler_(std::move(handler)), listening_(skein::Socket::stream(AF_INET)) {
+  skein::bind_tcp(listening_, "127.0.0.1", 0);
+  skein::listen(listening_, 8);
+  thread_ = std::thread([this] { run(); });
 }
 
 SkeinStub::~SkeinStub() {
   waiter_.cancel();
   thread_.join();
   if (!path_.empty()) ::unlink(path_.c_str());
-  if (!directory_.empty()) std::filesystem::remove_all(directory_);
 }
 
 std::vector<SkeinStub::Call> SkeinStub::calls(std::size_t count) {
@@ -115,9 +75,9 @@ std::vector<SkeinStub::Call> SkeinStub::calls(std::size_t count) {
   return calls_;
 }
 
-std::string SkeinStub::metrics_with(const std::string& text, std::chrono::milliseconds longest) {
+std::string SkeinStub::metrics_with(const std::string& text) {
   std::unique_lock lock(mutex_);
-  called_.wait_for(lock, longest,
+  called_.wait_for(lock, LONGEST_WAIT,
                    [&] { return joined_metrics(calls_).find(text) != std::string::npos; });
   return joined_metrics(calls_);
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -13,6 +12,8 @@
 #include "skein/request.h"
 #include "skein/socket.h"
 #include "skein/waiter.h"
+#include "support/folder.h"
+#include "support/skein_peer.h"
 
 namespace support {
 
@@ -36,35 +37,31 @@ class SkeinStub {
   static Outcome error(const Call& call, std::string_view text);
   static Outcome silence() { return {}; }
   static Outcome close() { return {"", true}; }
-  /// `message` as a frame.
-  static std::string frame(std::string_view message);
 
-  /// On a unix socket in a new directory. Answers nil unless a handler says otherwise.
-  explicit SkeinStub(Handler handler = [](const Call& call) { return reply(call); });
-  /// On a unix socket at `path`.
-  SkeinStub(std::string path, Handler handler);
+  /// Answers nil unless a handler says otherwise. On a unix socket, at a path of its own if none is
+  /// given.
+  explicit SkeinStub(
+      Handler handler = [](const Call& call) { return reply(call); }, std::string path = "");
   /// On a TCP port of 127.0.0.1.
   struct Tcp {};
   SkeinStub(Tcp, Handler handler);
   ~SkeinStub();
 
   const std::string& path() const noexcept { return path_; }
-  std::string port() const;
+  std::string port() const { return std::to_string(bound_port(listening_)); }
 
   /// All calls so far; waits at most 10 s until there are `count`.
   std::vector<Call> calls(std::size_t count = 0);
-  /// The "metrics" of all calls joined, as soon as they hold `text`, or after `longest`.
-  std::string metrics_with(const std::string& text,
-                           std::chrono::milliseconds longest = std::chrono::seconds(10));
+  /// The "metrics" of all calls joined, as soon as they hold `text`, or after 10 s.
+  std::string metrics_with(const std::string& text);
 
  private:
-  SkeinStub(skein::Socket listening, Handler handler);
   void run();
   void serve(const skein::Socket& peer);
   bool answer(const skein::Socket& peer, std::string_view payload);
 
-  std::string directory_;  // ours to remove; empty if the path was given
-  std::string path_;       // empty: TCP
+  const Folder folder_;
+  const std::string path_;  // empty: TCP
   Handler handler_;
   skein::Waiter waiter_;
   skein::Socket listening_;
@@ -73,8 +70,5 @@ class SkeinStub {
   std::vector<Call> calls_;  // guarded by mutex_
   std::thread thread_;
 };
-
-/// A new directory below the temporary one; the caller removes it.
-std::string make_directory();
 
 }  // namespace support

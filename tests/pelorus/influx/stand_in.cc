@@ -9,6 +9,8 @@
 #include <atomic>
 #include <stdexcept>
 
+#include "support/skein_peer.h"
+
 namespace support {
 namespace {
 
@@ -35,12 +37,7 @@ StandIn::StandIn(Mode mode) : socket_(skein::Socket::stream(AF_INET)) {
   ::connect(filler_.descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
-std::uint16_t StandIn::port() const {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  ::getsockname(socket_.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
-}
+std::uint16_t StandIn::port() const { return static_cast<std::uint16_t>(bound_port(socket_)); }
 
 skein::Socket StandIn::accept() const {
   return skein::Socket(::accept4(socket_.descriptor(), nullptr, nullptr, SOCK_NONBLOCK));

@@ -3,45 +3,22 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "../handler_fixture.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
 #include "pelorus/pelorus/line_queue.h"
 #include "skein/encoders/msgpackencoder.h"
-#include "support/fake_clock.h"
-#include "support/log_capture.h"
 
 namespace pelorus {
 namespace {
 
-/// A handler whose buffers never find a reason to send.
-class InfluxHandlerTest : public ::testing::Test {
- protected:
-  InfluxDatabase& database(std::size_t index) { return *handler_.databases()[index]; }
-  std::string queued(std::size_t index = 0) { return database(index).get_data(); }
-
-  support::LogCapture log_;
-  support::FakeClock clock_;
-  skein::Loop loop_{clock_.clocks()};
-  BufferSettings buffer_settings_{.max_pending_messages = 1000,
-                                  .max_buffer_time = 1e9,
-                                  .ideal_queued_messages = 1000,
-                                  .max_batch_size = 100,
-                                  .discard_size = 1};
-  InfluxConnection connection_{
-      .auth = "YTpi", .http_connection = "127.0.0.1:1", .host = "127.0.0.1", .port = 1};
-  std::vector<std::string> names_{"tidewell", "bonding", "tidewell"};
-  InfluxHandler handler_{names_,
-                         [this](const std::string& name) {
-                           return std::make_unique<InfluxDatabase>(name, buffer_settings_,
-                                                                   connection_, loop_);
-                         },
-                         loop_, 4096};
+struct InfluxHandlerTest : HandlerTest {
+  InfluxHandlerTest() : HandlerTest(4096) {}
 };
 
 TEST_F(InfluxHandlerTest, RepeatedNamesShareOnePlace) {
   ASSERT_EQ(handler_.databases().size(), 2U);
-  EXPECT_EQ(database(0).name(), "tidewell");
-  EXPECT_EQ(database(1).name(), "bonding");
+  EXPECT_EQ(handler_.databases()[1]->name(), "bonding");
 }
 
 TEST_F(InfluxHandlerTest, UnknownDatabaseIsCountedAndFails) {
@@ -56,24 +33,18 @@ TEST_F(InfluxHandlerTest, StatisticsCountOnePeriodAndNotThemselves) {
   handler_.handle_successful_auth();
   handler_.increment_failed_auths();
   handler_.send_stats();
-  EXPECT_EQ(queued(),
+  EXPECT_EQ(queued("tidewell"),
             statistics_message({2, 15, 1, 1}, Nanoseconds{1'700'000'000} * 1'000'000'000));
   clock_.tick(9.9);
   loop_.turn();
-  EXPECT_EQ(queued(), "");
+  EXPECT_EQ(queued("tidewell"), "");
   clock_.tick(0.1);
   loop_.turn();
-  EXPECT_EQ(queued(), statistics_message({}, Nanoseconds{1'700'000'010} * 1'000'000'000));
+  EXPECT_EQ(queued("tidewell"), statistics_message({}, Nanoseconds{1'700'000'010} * 1'000'000'000));
 }
 
 TEST_F(InfluxHandlerTest, StatisticsWithoutTheirDatabaseEndAndAreKept) {
-  const std::vector<std::string> only{"bonding"};
-  InfluxHandler other(
-      only,
-      [this](const std::string& name) {
-        return std::make_unique<InfluxDatabase>(name, buffer_settings_, connection_, loop_);
-      },
-      loop_, 4096);
+  InfluxHandler other = make_handler({"bonding"});
   other.add("bonding", "a\n", 1);
   EXPECT_THROW(other.send_stats(), UnknownDatabaseError);
   EXPECT_EQ(other.statistics().messages, 2);
@@ -87,8 +58,8 @@ TEST_F(InfluxHandlerTest, BlockIsOneMessageEvenWithoutRecords) {
                         "m000.load.load.a 1 1500000000\nm000.load.load.b 2 1500000000\n");
   EXPECT_EQ(handler_.statistics().records, 2);
   handler_.add_graphite("bonding", "");
-  EXPECT_EQ(database(1).pending_data_len(), 2U);
-  EXPECT_EQ(queued(1), "load a=1i 1500000000000000000\nload b=2i 1500000000000000000\n\n");
+  EXPECT_EQ(database("bonding").pending_data_len(), 2U);
+  EXPECT_EQ(queued("bonding"), "load a=1i 1500000000000000000\nload b=2i 1500000000000000000\n\n");
 }
 
 TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
@@ -133,9 +104,9 @@ TEST_F(InfluxHandlerTest, BlockThatOutgrowsTheBufferQueuesNothing) {
   std::string block;
   while (block.size() < 8192) block += "m000.load.load.shortterm 1 1500000000\n";
   EXPECT_THROW(handler_.add_graphite("bonding", block), OutputBufferFullError);
-  EXPECT_EQ(database(1).pending_data_len(), 0U);
+  EXPECT_EQ(database("bonding").pending_data_len(), 0U);
   handler_.add_graphite("bonding", "m000.load.load.a 1 1500000000");
-  EXPECT_EQ(database(1).pending_data_len(), 1U);
+  EXPECT_EQ(database("bonding").pending_data_len(), 1U);
 }
 
 TEST_F(InfluxHandlerTest, SubmitQueuesOneMessagePerPointAndWarnsAtTheNameItCannotRead) {
@@ -144,9 +115,9 @@ TEST_F(InfluxHandlerTest, SubmitQueuesOneMessagePerPointAndWarnsAtTheNameItCanno
   skein::Message message;
   skein::MsgpackEncoder::decode(points.bytes(), message);
   handler_.add_submit("bonding", "node1.tunnel-2.state", message.root());
-  EXPECT_EQ(database(1).pending_data_len(), 2U);
+  EXPECT_EQ(database("bonding").pending_data_len(), 2U);
   handler_.add_submit("bonding", "node1.state", message.root());
-  EXPECT_EQ(database(1).pending_data_len(), 2U);
+  EXPECT_EQ(database("bonding").pending_data_len(), 2U);
   EXPECT_EQ(
       log_.texts("warning"),
       std::vector<std::string>{R"(Could not translate "b'node1.state'": No match for series)"});

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "skein/errors.h"
-#include "surroundings.h"
+#include "support/folder.h"
 
 namespace pelorus::profile {
 namespace {
@@ -86,10 +86,13 @@ TEST(Profile, FileNameHoldsTheMomentWithoutAnExponent) {
 }
 
 TEST(Profile, FailureOfMainPassesThroughAndLeavesNoFile) {
-  const support::WorkingFolder folder;
+  const support::Folder folder;
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder.path());
   testing::internal::CaptureStdout();
   EXPECT_THROW(run([] { throw skein::KeyboardInterrupt(); }), skein::KeyboardInterrupt);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Starting to profile!\n");
+  std::filesystem::current_path(before);
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
   EXPECT_EQ(active, nullptr);
 }

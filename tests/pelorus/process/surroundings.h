@@ -1,9 +1,6 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -25,26 +22,6 @@ class Variable {
 
   std::string name_;
   std::optional<std::string> before_;
-};
-
-/// A new folder that is the current one for as long as it lives.
-class WorkingFolder {
- public:
-  WorkingFolder() : before_(std::filesystem::current_path()) {
-    std::string path = std::filesystem::temp_directory_path() / "pelorus-test-XXXXXX";
-    std::filesystem::current_path(mkdtemp(path.data()));
-    path_ = path;
-  }
-  ~WorkingFolder() {
-    std::filesystem::current_path(before_);
-    std::filesystem::remove_all(path_);
-  }
-
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path before_;
-  std::filesystem::path path_;
 };
 
 }  // namespace support
