@@ -262,14 +262,34 @@ class Pelorusctl(CtlTest):
             return self.ctl("check", exit_status=exit_status, PELORUS_SETTINGS=str(file))
 
         self.assertEqual(check({}, 0), f"{file} can be used\n")
+        for key, value, demand in (
+                ("PELORUS_MAX_PENDING_MESSAGES", 0, "1 or more"),
+                *(("PELORUS_MAX_PENDING_MESSAGES", value, "an integer")
+                  for value in (AUTH, True, 4711.5, 2**63)),
+                ("PELORUS_BUFFER_TIME", -0.5, "0 or more seconds"),
+                ("PELORUS_BUFFER_TIME", False, "a number"),
+                ("PELORUS_IDEAL_QUEUED_MESSAGES", -1, "0 or more"),
+                ("PELORUS_MAX_BATCH_SIZE", 0, "1 or more"),
+                ("PELORUS_DISCARD_SIZE", -7, "1 or more"),
+                ("INFLUX_AUTH", 4711, "text"),
+                *(("INFLUX_DATABASES", value, 'a list of maps that have a text under "name"')
+                  for value in (AUTH, [AUTH], [{"name": AUTH}, {"name": 4711}])),
+                *(("INFLUX_HTTP_CONNECTION", value, "host, host:port, [v6] or [v6]:port")
+                  for value in (":8086", "influx:", "influx:0", "influx:65536", "influx:80a",
+                                "influx:-1", "http://influx", "influx/write", "user@influx", "::1",
+                                "[::1", "[::1]8086", "[influx]:80", "[]:80", "influx]")),
+                *((key, value, "visible ASCII characters")
+                  for key in ("INFLUX_AUTH", "INFLUX_HTTP_CONNECTION")
+                  for value in ("", AUTH + "\r\nX:1", AUTH + " ", "\t" + AUTH, AUTH + "\0",
+                                AUTH + "\x7f", AUTH + "é"))):
+            self.assertIn(f"error: Setting {key} in {file} must be {demand}\n",
+                          check({key: value}, 1))
         for changes, words in (
                 ({"INFLUX_DATABASES": [{"name": "tidewell"}, {"name": "a b"}]}, "holds a blank"),
                 ({"PELORUS_PORT": 70000}, "is no TCP port"),
                 ({"PELORUS_SERVER": "::1"}, "is an IPv6 address"),
                 ({"INFLUX_UNIX_SOCKET": "/" + 107 * "x"}, "has 108 bytes"),
-                ({"INFLUX_AUTH": f"{AUTH} "}, "INFLUX_AUTH in"),
-                ({"LOCAL_WWW_KEY": f"{WWW_KEY}\n"}, "holds a control byte"),
-                ({"PELORUS_MAX_BATCH_SIZE": 0}, "must be 1 or more")):
+                ({"LOCAL_WWW_KEY": f"{WWW_KEY}\n"}, "holds a control byte")):
             self.assertIn(words, check(changes, 1))
         for key in good:
             self.assertIn(f"Setting {key} is missing", check({key: None}, 1))
@@ -284,8 +304,15 @@ class Pelorusctl(CtlTest):
             self.assertRegex(check(changes, 0), f"can be used\nwarning: .*{words}")
         file.chmod(0o644)
         self.assertIn("open to every account", self.ctl("check", file))
-        file.write_text('{"INFLUX_AUTH": ' + AUTH)
-        self.assertIn("are no valid JSON", self.ctl("check", file, exit_status=1))
+        for text, fault in (
+                ("", "are no valid JSON: line 1, column 1 (byte 1)"),
+                (f'{{"KEY":\n  "{AUTH}" {AUTH}}}', "are no valid JSON: line 2, column 34 (byte 42)"),
+                (f'{{"KEY": "{AUTH}\n"}}', "are no valid JSON: line 1, column 38 (byte 38)"),
+                (f'{{"{AUTH}": 1e999}}', "hold a number out of range"),
+                (f'["{AUTH}"]', "are no JSON object")):
+            file.write_text(text)
+            self.assertEqual(self.ctl("check", file, exit_status=1),
+                             f"error: The settings in {file} {fault}\n")
 
     def test_send_takes_every_kind_of_line(self):
         web = WebServer(self.folder / "web", keys=[KEY.replace("-", "")])

@@ -63,12 +63,14 @@ class Life(FolderTest):
         self.assertEqual(list(daemon.folder.glob("core*")), [])
 
     def test_log_has_a_level_and_outside_the_journal_a_time(self):
-        daemon = self.start_pelorus(
-            environment={"JOURNAL_STREAM": None, "PELORUS_LOG_LEVEL": "warning"})
-        with SkeinClient(daemon.socket) as client:
-            client.collectd(LOAD + LOAD)
-        self.assertRegex(daemon.text(),
-                         r"\A\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} warning Improperly formatted")
+        for level, begin in (("loud", 'warning [^\n]*"loud" is no level[^\n]*\n[-.: 0-9]+info Starting'),
+                             ("warning", "warning Improperly formatted")):
+            daemon = self.start_pelorus(
+                environment={"JOURNAL_STREAM": None, "PELORUS_LOG_LEVEL": level})
+            with SkeinClient(daemon.socket) as client:
+                client.collectd(LOAD + LOAD)
+            self.assertRegex(daemon.text(),
+                             rf"\A\d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{{3}} {begin}")
 
 
 class StartUpFailures(FolderTest):

@@ -81,7 +81,7 @@ std::size_t SkeinPeer::send_now(std::string_view bytes) {
   return sent < 0 ? 0 : static_cast<std::size_t>(sent);
 }
 
-void SkeinPeer::shut() const { EXPECT_EQ(::shutdown(socket_.descriptor(), SHUT_WR), 0); }
+void SkeinPeer::reset() { support::reset(socket_); }
 
 std::string SkeinPeer::replies() {
   std::array<char, 65536> chunk{};
@@ -106,6 +106,12 @@ std::string SkeinPeer::replies() {
   }
   received_ = std::string(rest);
   return count == 0 ? text + "end" : text;
+}
+
+void reset(skein::Socket& socket) {
+  const linger at_once{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(socket.descriptor(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  socket = {};
 }
 
 int bound_port(const skein::Socket& socket) {

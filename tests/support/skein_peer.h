@@ -30,8 +30,7 @@ class SkeinPeer {
   void send(std::string_view bytes);
   /// As much as goes at once; returns how much.
   std::size_t send_now(std::string_view bytes);
-  /// No more will be sent.
-  void shut() const;
+  void reset();
   /// What has come back by now: "msgid=result" or "msgid!error", each with a blank behind it, where
   /// a result that is no text shows as "nil" or "map"; then "end" at the end of the stream.
   std::string replies();
@@ -47,6 +46,9 @@ class SkeinPeer {
   std::string received_;
   std::string last_reply_;
 };
+
+/// Breaks a connection off.
+void reset(skein::Socket& socket);
 
 /// The port that a socket is bound to.
 int bound_port(const skein::Socket& socket);

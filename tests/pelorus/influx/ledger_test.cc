@@ -15,6 +15,7 @@
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
+#include "support/skein_peer.h"
 #include "support/turn_until.h"
 
 namespace pelorus {
@@ -83,8 +84,7 @@ class Conversation {
   }
 
   void end() {
-    const linger reset{.l_onoff = script_.end == Script::RESETS, .l_linger = 0};
-    ::setsockopt(socket_.descriptor(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    if (script_.end == Script::RESETS) support::reset(socket_);
     socket_ = {};
   }
 

@@ -119,19 +119,5 @@ TEST_F(GraphiteMessageTest, RecordsFillTheBufferToTheLastByteAndNotBeyond) {
   EXPECT_THROW(short_of_one.build(line + line, bad_), OutputBufferFullError);
 }
 
-TEST_F(GraphiteMessageTest, LinesAreTheSameWhereverTheyStandInTheBlock) {
-  const std::string line = "node7.tunnel-4.link_2.latency.value 1.25 1500000000\n";
-  const std::string record = "link_latency,node=7,tunnel=4,link=2 value=1.25 1500000000000000000\n";
-  std::string block;
-  std::string expected;
-  for (int lines = 0; lines < 30; ++lines) {
-    // On the heap at its very end, so that reading behind it shows under the sanitizers.
-    const std::vector<char> copy(block.begin(), block.end());
-    EXPECT_EQ(build({copy.data(), copy.size()}), expected);
-    block += line;
-    expected += record;
-  }
-}
-
 }  // namespace
 }  // namespace pelorus

@@ -53,15 +53,6 @@ TEST_F(InfluxHandlerTest, StatisticsWithoutTheirDatabaseEndAndAreKept) {
   EXPECT_EQ(other.statistics().messages, 2);
 }
 
-TEST_F(InfluxHandlerTest, BlockIsOneMessageEvenWithoutRecords) {
-  handler_.add_graphite("bonding",
-                        "m000.load.load.a 1 1500000000\nm000.load.load.b 2 1500000000\n");
-  EXPECT_EQ(handler_.statistics().records, 2);
-  handler_.add_graphite("bonding", "");
-  EXPECT_EQ(database("bonding").pending_data_len(), 2U);
-  EXPECT_EQ(queued("bonding"), "load a=1i 1500000000000000000\nload b=2i 1500000000000000000\n\n");
-}
-
 TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
   const std::size_t kept = log::QUEUE_LINES;
   handler_.add_graphite("bonding", std::string(kept + 41, '\n') + "last");

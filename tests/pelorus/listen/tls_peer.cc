@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "support/skein_peer.h"
+
 namespace support {
 namespace {
 
@@ -94,10 +96,6 @@ void TlsPeer::close() {
   ::shutdown(socket_.descriptor(), SHUT_WR);
 }
 
-void TlsPeer::reset() {
-  const linger at_once{.l_onoff = 1, .l_linger = 0};
-  ::setsockopt(socket_.descriptor(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-  socket_ = {};
-}
+void TlsPeer::reset() { support::reset(socket_); }
 
 }  // namespace support

@@ -1,20 +1,18 @@
 #include "pelorus/pelorus/log.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <spdlog/details/log_msg.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
-#include <map>
 #include <random>
 #include <stdexcept>
 
 #include "pelorus/pelorus/escape.h"
 #include "pelorus/pelorus/log_pacer.h"
 #include "pelorus/pelorus/stderr_sink.h"
-#include "support/log_capture.h"
 #include "support/turn_until.h"
 #include "surroundings.h"
 
@@ -22,8 +20,6 @@ namespace pelorus {
 namespace {
 
 using namespace std::string_view_literals;
-using testing::ContainsRegex;
-
 class Pipe {
  public:
   Pipe() { EXPECT_EQ(pipe2(ends_.data(), O_NONBLOCK | O_CLOEXEC), 0); }
@@ -40,20 +36,6 @@ class Pipe {
 
  private:
   std::array<int, 2> ends_{-1, -1};
-};
-
-/// Standard error is this pipe for as long as it lives; the log goes nowhere afterwards.
-class StandardError : public Pipe {
- public:
-  StandardError() : before_(dup(STDERR_FILENO)) { dup2(writer(), STDERR_FILENO); }
-  ~StandardError() {
-    dup2(before_, STDERR_FILENO);
-    close(before_);
-    support::LogCapture();
-  }
-
- private:
-  int before_;
 };
 
 TEST(Log, LineBeginsWithItsPriorityOrItsTimeAndLevel) {
@@ -211,20 +193,6 @@ TEST(Log, TraceOfAnUntracedFailureIsThePresentOne) {
   const auto lines = log::trace_lines(std::out_of_range("index"));
   EXPECT_EQ(lines[0], "std::out_of_range: index");
   EXPECT_GT(lines.size(), 1U);
-}
-
-TEST(Log, LevelComesFromTheEnvironment) {
-  const StandardError standard_error;
-  for (const auto& [name, level] :
-       std::map<std::string, spdlog::level::level_enum>{{"debug", spdlog::level::debug},
-                                                        {"error", spdlog::level::err},
-                                                        {"loud", spdlog::level::info},
-                                                        {"warning", spdlog::level::warn}}) {
-    const support::Variable variable("PELORUS_LOG_LEVEL", name);
-    log::start();
-    EXPECT_EQ(log::logger().level(), level) << name;
-  }
-  EXPECT_THAT(standard_error.content(), ContainsRegex("warning .*\"loud\" is no level.*\n$"));
 }
 
 }  // namespace

@@ -47,16 +47,6 @@ TEST(Profile, RecursionCountsCumulativeTimeOnce) {
                                 Row{{"/a/x.cc", 10, "outer"}, 3, 22020, 22220}));
 }
 
-TEST(Profile, DataFileIsCallgrindAndItsTotalsAddUp) {
-  const std::string data = to_callgrind(measured_recursion());
-  EXPECT_THAT(data, HasSubstr("version: 1\ncreator: pelorus\npositions: line\n"
-                              "events: Nanoseconds\n"));
-  EXPECT_THAT(data, HasSubstr("\nfl=/a/main.cc\nfn=root:1\n1 2\n"
-                              "cfi=/a/x.cc\ncfn=outer:10\ncalls=1 10\n1 22220\n"
-                              "cfi=/a/x.cc\ncfn=inner:20\ncalls=1 20\n1 200000\n"));
-  EXPECT_THAT(data, HasSubstr("\ntotals: 222222\n"));
-}
-
 TEST(Profile, FailureThatPassesThroughEndsItsCallsToo) {
   spend(inner, 5);  // before there is a profiler: not measured
   Profiler profiler(clock);
