@@ -11,13 +11,13 @@ from surroundings import prepare, use_resolver
 
 prepare(sys.argv[1])
 
+from harness.far_end_faults import INFLUX_FAULTS, WEB_FAULTS  # noqa: E402
+from harness.peer_faults import PEER_FAULTS  # noqa: E402
 from harness.stage import Stage, Web  # noqa: E402
 from heavy_faults import HEAVY  # noqa: E402
 from influxd_faults import INFLUXD_FAULTS, on_influxd  # noqa: E402
 from report import Report  # noqa: E402
 from slow_faults import LOOKUPS, SLOW, on_named_stage, on_own_stage  # noqa: E402
-from tests.end_to_end.test_faults_far_ends import INFLUX_FAULTS, WEB_FAULTS  # noqa: E402
-from tests.end_to_end.test_faults_peers import FAULTS as PEER_FAULTS  # noqa: E402
 
 WORDS = sys.argv[2:]
 AT_A_TIME = 6  # of the faults that mostly wait

@@ -9,12 +9,12 @@ import time
 
 from harness.conduct import (NO_CONTENT, FullListener, answering, forgiving, linger, never_read,
                              read_head)
+from harness.far_end_faults import failing
 from harness.process import wait_until
 from harness.stage import KEY, Fault, Stage
 from harness.stub_influx import StubInflux
 from heavy_faults import RECORD, STATS, expect_memory
 from name_server import KNOWN, SILENT, UNKNOWN, NameServer
-from tests.end_to_end.test_faults_far_ends import failing
 
 
 def reader_of_nothing(stage):

@@ -14,6 +14,7 @@ is not PELORUS_BUILD's, and then imports what it needs:
     bad_peers       what a peer can do wrong
     bystander       quiet peers that measure how long they are kept waiting
     stage           the daemon between stand-ins with bystanders, for trying faults on it
+    peer_faults, far_end_faults  the quick ones, which the tests and `chaos/` try
     graphite_lines  lines as a collectd sends them"""
 
 import os

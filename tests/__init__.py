@@ -1,1 +1,1 @@
-"""Packages, so that `chaos/` tries the tests' faults, too."""
+"""A package, so that no other one of this name is taken."""

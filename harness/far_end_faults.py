@@ -1,4 +1,4 @@
-"""Faults of InfluxDB and of the web server, each tried on the real daemon: quiet peers are not kept
+"""Faults of InfluxDB and of the web server, each to be tried on a stage: quiet peers are not kept
 waiting, and when the far end is well again, so is everything else, without anybody's help."""
 
 import itertools
@@ -6,9 +6,8 @@ import itertools
 from harness.conduct import (NO_CONTENT, FullListener, answering, chunked, endings, forgiving,
                              linger, never_read, read_half_a_body, read_head, read_nothing,
                              read_request, reset, status)
-from harness.stage import KEY, Fault, Stage, Web
+from harness.stage import KEY, Fault
 from harness.stub_influx import StubInflux
-from tests.end_to_end.support import FolderTest, run_faults
 
 LOST = "one warning, the batch is lost"
 NEW_KEYS = (f"new-key-{number:04}-dddd" for number in itertools.count())
@@ -212,22 +211,3 @@ WEB_FAULTS = [
     Fault("web server refuses connections", REFUSED, web_refused),
     Fault("web server leaves a SYN unanswered", REFUSED, web_does_not_answer_at_all),
 ]
-
-
-class FarEnds(FolderTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.web = Web()
-        cls.addClassCleanup(lambda: cls.web.close())
-
-    def setUp(self):
-        super().setUp()
-        self.stage = Stage(self.web)
-        self.addCleanup(self.stage.close)
-
-    def test_influxdb(self):
-        run_faults(self, self.stage, INFLUX_FAULTS)
-
-    def test_web_server(self):
-        run_faults(self, self.stage, WEB_FAULTS)
-        self.stage.expect_nothing_lost()

@@ -1,15 +1,15 @@
-"""Faults of peers, each tried on the real daemon beside a quiet verified node and a quiet local
-peer, which lose nothing and are not kept waiting."""
+"""Faults of peers, each to be tried on a stage beside a quiet verified node and a quiet local peer,
+which lose nothing and are not kept waiting."""
 
 import signal
 import time
 
-from harness.bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, NUMBERED, SNAPPY_CLAIMS, UNNUMBERED,
-                               Crowd, bomb, many, odd_shapes, pour, reset_flood, send_some, told_as)
+from harness.bad_peers import (CONTENT_CLAIMS, LYING_PREFIXES, NO_SKEIN, NUMBERED, SNAPPY_CLAIMS,
+                               UNNUMBERED, Crowd, bomb, many, odd_shapes, pour, reset_flood,
+                               send_some, told_as)
 from harness.process import wait_until
 from harness.skein_client import REPLY, REQUEST, frame
-from harness.stage import KEY, Fault, Stage, Web
-from tests.end_to_end.support import FolderTest, run_faults
+from harness.stage import KEY, Fault
 
 STATS = frame([REQUEST, 3, "stats", {}])
 PEERS = {"node": r"127\.0\.0\.1:\d+", "local": r"a local peer \(process \d+, user \d+\)"}
@@ -154,7 +154,7 @@ def freeze(stage):
     return "goes on"
 
 
-FAULTS = [
+PEER_FAULTS = [
     Fault("length prefixes that lie", QUICK, each_ends(LYING_PREFIXES)),
     Fault("blocks that claim what they do not hold", QUICK, each_ends(SNAPPY_CLAIMS)),
     Fault("depth, elements and texts that are claimed", QUICK, each_ends(CONTENT_CLAIMS)),
@@ -173,13 +173,3 @@ FAULTS = [
           lambda stage: reset_flood(stage, 200)),
     Fault("stopped and continued", "goes on", freeze, seconds=3),
 ]
-
-
-class PeerFaults(FolderTest):
-    def test_no_peer_harms_another(self):
-        web = Web()
-        self.addCleanup(web.close)
-        stage = Stage(web)
-        self.addCleanup(stage.close)
-        run_faults(self, stage, FAULTS)
-        stage.expect_nothing_lost()
