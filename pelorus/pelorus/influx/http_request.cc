@@ -23,6 +23,9 @@ constexpr std::size_t READ_BUFFER_BYTES = 16U << 10;
 constexpr std::size_t EXCERPT_BYTES = 256;
 /// Between two looks at what the kernel still holds.
 constexpr std::chrono::seconds PROGRESS_CHECK_TIME{5};
+/// Most bytes that are sent before others have their turn: a reader on this machine may take them
+/// as fast as they come.
+constexpr std::size_t SEND_BYTES_PER_TURN = 2U << 20;
 
 /// Whether `secret` stands in `text`, or begins at its end, where an answer may have been cut.
 bool repeats(std::string_view text, std::string_view secret) {
@@ -125,9 +128,9 @@ void HTTPRequest::finish_connect() {
     return connect_next();
   }
   connected_ = true;
-  last_progress_ = now();
+  last_taken_ = last_received_ = now();
   timer_.cancel();
-  await_progress();
+  timer_ = loop_.call_in(PROGRESS_CHECK_TIME, [this] { await_progress(); });
   send_request();
 }
 
@@ -137,23 +140,35 @@ int HTTPRequest::untaken() const {
   return ::ioctl(socket_.descriptor(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
-/// One timer for the whole exchange: it looks how long ago the last byte was, and comes back.
 /// A slow endpoint may take for minutes what the kernel holds before there is room for more.
-void HTTPRequest::await_progress() {
+void HTTPRequest::note_taken() {
   const int before = std::exchange(untaken_, untaken());
-  if (untaken_ < before) last_progress_ = now();
-  const auto idle = now() - last_progress_;
+  if (untaken_ < before) last_taken_ = now();
+}
+
+/// One timer for the whole exchange: it looks how long ago the last byte was, and comes back.
+void HTTPRequest::await_progress() {
+  // First: when the whole process stood still for a while, all is ready and nobody has looked yet.
+  handle_events(UV_READABLE | UV_WRITABLE);
+  if (ended_) return;
+  const auto idle = now() - std::max(last_taken_, last_received_);
+  const auto since_taken = now() - last_taken_;
   if (idle >= PROGRESS_TIME) {
     const bool sending = unsent() > 0;
     return fail(fmt::format("no progress for {} seconds while {}", PROGRESS_TIME.count(),
                             sending ? "sending" : "waiting for the answer"));
   }
-  timer_ = loop_.call_in(
-      std::min<std::chrono::steady_clock::duration>(PROGRESS_TIME - idle, PROGRESS_CHECK_TIME),
-      [this] { await_progress(); });
+  if (since_taken >= ANSWER_TIME) {
+    return fail(fmt::format("no end of the answer within {} seconds", ANSWER_TIME.count()));
+  }
+  timer_ =
+      loop_.call_in(std::min<std::chrono::steady_clock::duration>(
+                        {PROGRESS_TIME - idle, ANSWER_TIME - since_taken, PROGRESS_CHECK_TIME}),
+                    [this] { await_progress(); });
 }
 
 void HTTPRequest::handle_events(int) {
+  if (ended_) return;
   if (!connected_) finish_connect();
   if (!connected_) return;
   read();  // first: an endpoint may refuse a batch before it has taken all of it
@@ -168,7 +183,7 @@ void HTTPRequest::read() {
   const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count < 0) return fail("receiving: " + error_text(errno));
-  last_progress_ = now();
+  last_received_ = now();
   if (count > 0) {
     response_.feed({buffer.data(), static_cast<std::size_t>(count)});
   } else {
@@ -179,8 +194,9 @@ void HTTPRequest::read() {
 }
 
 void HTTPRequest::write() {
-  while (write_error_.empty() && unsent() > 0) {
-    const ssize_t count = send_rest();
+  const std::size_t enough = sent_ + SEND_BYTES_PER_TURN;
+  while (write_error_.empty() && unsent() > 0 && sent_ < enough) {
+    const ssize_t count = send_some(enough - sent_);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) break;
     if (count < 0) {
@@ -188,15 +204,17 @@ void HTTPRequest::write() {
       return;
     }
     sent_ += static_cast<std::size_t>(count);
-    last_progress_ = now();
+    last_taken_ = now();
   }
-  untaken_ = untaken();
+  note_taken();
 }
 
-/// One call for what is left of head and body.
-ssize_t HTTPRequest::send_rest() const noexcept {
-  const auto left = [](const std::string& part, std::size_t sent) {
-    return iovec{const_cast<char*>(part.data()) + sent, part.size() - sent};  // it is only read
+/// One call for what comes next of head and body.
+ssize_t HTTPRequest::send_some(std::size_t most) const noexcept {
+  const auto left = [&most](const std::string& part, std::size_t sent) {
+    const std::size_t bytes = std::min(part.size() - sent, most);
+    most -= bytes;
+    return iovec{const_cast<char*>(part.data()) + sent, bytes};  // it is only read
   };
   const std::size_t of_head = std::min(sent_, send_head_.size());
   std::array<iovec, 2> parts{left(send_head_, of_head), left(send_body_, sent_ - of_head)};
@@ -210,20 +228,39 @@ ssize_t HTTPRequest::send_rest() const noexcept {
 // this request's close before it can begin the next one, so that a late close never takes the next
 // one's place from it.
 void HTTPRequest::judge() {
-  ended_ = true;
-  if (response_.status() == success_code_) {
-    handle_success(response_.body());
-  } else {
-    handle_failure(response_.body());
-  }
-  handle_close();
+  end([this] {
+    if (response_.status() == success_code_) {
+      handle_success(response_.body());
+    } else {
+      handle_failure(response_.body());
+    }
+  });
 }
 
 void HTTPRequest::fail(std::string error) {
+  end([&] {
+    error_ = write_error_ + std::move(error);
+    if (connected_) handle_failure(std::nullopt);
+  });
+}
+
+template <class Report>
+void HTTPRequest::end(Report&& report) {
   ended_ = true;
-  error_ = write_error_ + std::move(error);
-  if (connected_) handle_failure(std::nullopt);
-  handle_close();
+  reported(report);
+  if (!reported([this] { handle_close(); })) HTTPRequest::handle_close();
+}
+
+/// Whether `step` went well.
+template <class Step>
+bool HTTPRequest::reported(Step&& step) noexcept {
+  try {
+    step();
+    return true;
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
+    return false;
+  }
 }
 
 void HTTPRequest::handle_failure(std::optional<std::string_view> data) {

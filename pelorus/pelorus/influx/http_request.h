@@ -19,6 +19,9 @@ namespace pelorus {
 constexpr std::chrono::seconds CONNECT_TIME{5};
 /// Longest time in which the endpoint neither takes a byte nor sends one, once connected.
 constexpr std::chrono::seconds PROGRESS_TIME{20};
+/// Longest time from the last byte that the endpoint took to the end of its answer, however
+/// steadily that drips. Taking the request may last as long as it goes on.
+constexpr std::chrono::seconds ANSWER_TIME{60};
 
 /// One HTTP/1.1 request to InfluxDB on a connection of its own, and the judging of its answer.
 /// The loop owns it (Loop::keep) until its connection has closed. Borrows the connection's settings
@@ -27,7 +30,8 @@ constexpr std::chrono::seconds PROGRESS_TIME{20};
 /// It begins on the turn after its construction. Exactly one of handle_success and handle_failure
 /// follows, in the same turn handle_close, and the loop destroys it on the next. A failure before
 /// the connection stood shows as handle_close alone; what that means is the derived class's to say.
-/// When the loop ends first, none is called.
+/// When the loop ends first, none is called. What they throw is reported to the loop, and the
+/// request ends all the same.
 class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
  public:
   ~HTTPRequest() override;
@@ -69,14 +73,19 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   void give_up_address();
   void finish_connect();
   int untaken() const;
+  void note_taken();
   void await_progress();
   void handle_events(int events) override;
   void read();
   void write();
   std::size_t unsent() const noexcept { return send_head_.size() + send_body_.size() - sent_; }
-  ssize_t send_rest() const noexcept;
+  ssize_t send_some(std::size_t most) const noexcept;
   void judge();
   void fail(std::string error);
+  template <class Report>
+  void end(Report&& report);
+  template <class Step>
+  bool reported(Step&& step) noexcept;
   std::string excerpt(std::optional<std::string_view> data) const;
   std::chrono::steady_clock::time_point now() const { return loop_.clocks().monotonic(); }
 
@@ -95,7 +104,8 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   std::size_t sent_ = 0;     ///< bytes of head and body that are out
   std::string write_error_;  ///< why no more can be sent; the answer is read all the same
   int untaken_ = 0;          ///< bytes in the kernel's hands at the last look
-  std::chrono::steady_clock::time_point last_progress_;
+  std::chrono::steady_clock::time_point last_taken_;     ///< by the endpoint, as far as is known
+  std::chrono::steady_clock::time_point last_received_;  ///< from it
   HTTPResponse response_;
   std::string error_;  ///< of a failed request, for the log
 };

@@ -62,6 +62,10 @@ std::size_t HTTPResponse::take_body(std::string_view bytes) {
   const bool sized = phase_ != Phase::BODY_UNTIL_CLOSE;
   if (sized && bytes.size() > body_bytes_left_) bytes = bytes.substr(0, body_bytes_left_);
   body_.append(bytes.substr(0, MAX_BODY_KEPT_BYTES - body_.size()));
+  if (body_.size() == MAX_BODY_KEPT_BYTES) {
+    phase_ = Phase::COMPLETE;
+    return bytes.size();
+  }
   if (!sized) return bytes.size();
   body_bytes_left_ -= bytes.size();
   if (body_bytes_left_ == 0 && phase_ == Phase::SIZED_BODY) phase_ = Phase::COMPLETE;

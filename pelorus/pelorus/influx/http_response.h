@@ -12,7 +12,7 @@ namespace pelorus {
 constexpr std::size_t MAX_HEAD_BYTES = 64U << 10;
 /// Most bytes of the line that gives the size of a chunk.
 constexpr std::size_t MAX_CHUNK_LINE_BYTES = 1024;
-/// Most bytes of a body that are kept; the rest is read and dropped.
+/// Most bytes of a body: an answer that goes on is judged by what has come until then.
 constexpr std::size_t MAX_BODY_KEPT_BYTES = 64U << 10;
 
 /// Reads the answer to one HTTP/1.x request out of the bytes of its connection: the head, then a
@@ -28,7 +28,7 @@ class HTTPResponse {
   /// The stream has ended: so has a body that reaches until the close; another answer is cut off.
   void finish();
 
-  /// The answer has come to its end.
+  /// The answer has come to its end, or its body to MAX_BODY_KEPT_BYTES.
   bool complete() const noexcept { return phase_ == Phase::COMPLETE; }
   /// Why this never will be a whole answer; empty while it may.
   const std::string& fault() const noexcept { return fault_; }

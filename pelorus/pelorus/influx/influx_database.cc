@@ -29,8 +29,9 @@ InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings,
 InfluxDatabase::~InfluxDatabase() { stop_process_data_timer(); }
 
 void InfluxDatabase::add(std::string message) {
-  counters_.queued += {1, message.size()};
+  const std::size_t bytes = message.size();
   pending_data_.push_back(std::move(message));
+  counters_.queued += {1, bytes};
   process_data();
 }
 

@@ -50,8 +50,10 @@ TEST(HTTPResponse, BodyEndsWhereItsHeadSays) {
       {OK + "Content-Length: 5\r\n\r\nbody", ENDS, CUT_OFF},
       {OK + "\r\nuntil the close", STAYS_OPEN, "waiting"},
       {OK + "Transfer-Encoding: gzip\r\nContent-Length: 1\r\n\r\nall", ENDS, "200 all"},
-      {OK + "\r\n" + std::string(MAX_BODY_KEPT_BYTES + 5, 'b'), ENDS,
+      {OK + "\r\n" + std::string(MAX_BODY_KEPT_BYTES + 5, 'b'), STAYS_OPEN,
        "200 " + std::string(MAX_BODY_KEPT_BYTES, 'b')},
+      {OK + "Content-Length: 9999999999999\r\n\r\n" + std::string(MAX_BODY_KEPT_BYTES, 'b'),
+       STAYS_OPEN, "200 " + std::string(MAX_BODY_KEPT_BYTES, 'b')},
   });
 }
 
@@ -60,6 +62,8 @@ TEST(HTTPResponse, ChunksAreJoined) {
       {CHUNKED + "3\r\nabc\r\nA;x=y\r\n0123456789\r\n0\r\n\r\n", STAYS_OPEN, "200 abc0123456789"},
       {CHUNKED + "3 \nabc\n0\nTrailer: 1\n\nmore", STAYS_OPEN, "200 abc"},
       {OK + "transfer-encoding: gzip, Chunked\r\n\r\n0\r\n\r\n", STAYS_OPEN, "200 "},
+      {CHUNKED + "FFFFFFFF\r\n" + std::string(MAX_BODY_KEPT_BYTES + 5, 'b'), STAYS_OPEN,
+       "200 " + std::string(MAX_BODY_KEPT_BYTES, 'b')},
       {CHUNKED + "3\r\nabc\r\n0\r\n", ENDS, CUT_OFF},
       {CHUNKED + "3\r\nabcd\r\n0\r\n\r\n", STAYS_OPEN, "a chunk is longer than its size"},
       {CHUNKED + "-1\r\n", STAYS_OPEN, NO_SIZE},

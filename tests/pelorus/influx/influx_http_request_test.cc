@@ -144,6 +144,57 @@ TEST_F(InfluxHTTPRequestTest, TwentySecondsWithoutAByteEndIt) {
   EXPECT_THAT(warnings(), ElementsAre(HasSubstr("no progress for 20 seconds while waiting")));
 }
 
+TEST_F(InfluxHTTPRequestTest, TakingABodyHasNoLimitAndTheAnswerToItHasAMinute) {
+  const auto peer = begin(std::string(64U << 20, 'x'));
+  std::size_t received = 0;
+  for (int i = 0; i < 10; ++i) {
+    tick(10);
+    received += support::receive(peer).size();
+  }
+  EXPECT_LT(received, 64U << 20);
+  until([&] { return (received += support::receive(peer).size()) > 64U << 20; });
+  answer(peer, "HTTP/1.1 500 X\r\n\r\n");
+  for (int i = 0; i < 12; ++i) {  // the first of these looks sees that the last byte was taken
+    EXPECT_TRUE(database->has_current_request());
+    tick(5);
+    answer(peer, ".");
+  }
+  tick(5);
+  until_outcome();
+  EXPECT_THAT(warnings(), ElementsAre(HasSubstr("500, no end of the answer within 60 seconds: b")));
+}
+
+TEST_F(InfluxHTTPRequestTest, AnswerThatCameWhileTheProcessStoodStillCounts) {
+  const auto peer = begin();
+  receive_to(peer, "1 1");
+  answer(peer, NO_CONTENT);
+  tick(3600);
+  until_outcome();
+  EXPECT_EQ(database->failure_count(), 0);
+}
+
+TEST_F(InfluxHTTPRequestTest, ReportThatFailsEndsTheRequestOnceAllTheSame) {
+  struct Failing : HTTPRequest {
+    Failing(const InfluxConnection& connection, skein::Loop& loop, int& reports)
+        : HTTPRequest("x", connection, 204, loop), reports_(reports) {}
+    void send_request() override {}
+    void handle_success(std::string_view) override {}
+    void handle_failure(std::optional<std::string_view>) override {
+      ++reports_;
+      throw std::bad_alloc();
+    }
+    int& reports_;
+  };
+  int reports = 0;
+  loop.keep(std::make_unique<Failing>(connection, loop, reports));
+  skein::Socket peer;
+  until([&] { return static_cast<bool>(peer = endpoint.accept()); });
+  answer(peer, "220 mail\n");
+  char byte;
+  until([&] { return ::recv(peer.descriptor(), &byte, 1, 0) == 0; });
+  EXPECT_EQ(reports, 1);
+}
+
 TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {
   database->add("m value=1 1");
   database->discard_old_data();
