@@ -72,6 +72,11 @@ struct KeyVerificationTest : testing::Test {
     return said.empty() ? "nothing" : std::exchange(said, {}).front();
   }
 
+  void expect_answered(TlsPeer& peer) {
+    peer.send(OK);
+    EXPECT_EQ(heard(), "200 body");
+  }
+
   skein::Socket accept() {
     skein::Socket socket;
     until([&] { return static_cast<bool>(socket = server.accept()); });
@@ -228,8 +233,7 @@ TEST_F(KeyVerificationTest, EightGoOutAtATimeInOrderAndTimeCountsFromThen) {
     request(peers.back(), {key});
   }
   tick(0.9);
-  peers[3].send(OK);
-  EXPECT_EQ(heard(), "200 body");
+  expect_answered(peers[3]);
   request(peers[3], "8");
   tick(0.1);
   EXPECT_THAT(said, testing::Each("timed out"));
@@ -238,19 +242,16 @@ TEST_F(KeyVerificationTest, EightGoOutAtATimeInOrderAndTimeCountsFromThen) {
   request(peers.back(), "9");
   said.clear();
   tick(0.8);
-  peers.back().send(OK);
-  EXPECT_EQ(heard(), "200 body");
+  expect_answered(peers.back());
   EXPECT_FALSE(server.accept());
 }
 
 TEST_F(KeyVerificationTest, ConnectionIsUsedAgainAndADeadOneReplacedInSilence) {
   TlsPeer peer = ask_and_accept();
-  peer.send(OK);
-  EXPECT_EQ(heard(), "200 body");
+  expect_answered(peer);
   ask();
   request(peer);
-  peer.send(OK);
-  EXPECT_EQ(heard(), "200 body");
+  expect_answered(peer);
   ask();
   request(peer);
   tick(0.9);
@@ -259,12 +260,10 @@ TEST_F(KeyVerificationTest, ConnectionIsUsedAgainAndADeadOneReplacedInSilence) {
   tick(0.9);  // a new connection has a new second
   until([&] { return second.handshake(); });
   request(second);
-  second.send(OK);
-  EXPECT_EQ(heard(), "200 body");
+  expect_answered(second);
   second.close();
   TlsPeer third = ask_and_accept();
-  third.send(OK);
-  EXPECT_EQ(heard(), "200 body");
+  expect_answered(third);
   ask();
   request(third);
   third.reset();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <deque>
 #include <functional>
+#include <optional>
 
 #include "../influx/stand_in.h"
 #include "listener_fixture.h"
@@ -16,8 +17,14 @@ constexpr const char* RECORD = "load,node=7 a=1i 1500000000000000000\n";
 /// A node server and, in the same thread, the web server that it asks.
 class NodeServerTest : public ListenerTest {
  protected:
+  NodeServerTest() { start({}); }
+  void start(const skein::Limits& limits) {
+    server_.emplace(handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port()),
+                    std::make_shared<skein::Quota>(limits));
+  }
+
   support::SkeinPeer connect() {
-    auto peer = support::SkeinPeer::tcp(support::bound_port(server_.socket()));
+    auto peer = support::SkeinPeer::tcp(support::bound_port(server_->socket()));
     turns();
     return peer;
   }
@@ -82,7 +89,7 @@ class NodeServerTest : public ListenerTest {
   std::deque<const skein::Socket*> pending_;
   std::vector<std::string> asked_;
   Settings settings_ = settings(socket_path());
-  NodeServer server_{handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port())};
+  std::optional<NodeServer> server_;
 };
 
 TEST_F(NodeServerTest, VerifiedKeyLetsRequestsThroughForAnHour) {
@@ -234,7 +241,7 @@ TEST_F(NodeServerTest, RequestsOfAPeerThatHasGoneAreCountedAndForwarded) {
   accept_key("left");
   EXPECT_EQ(records(), 5);
   EXPECT_EQ(counted().successful_auths, 1);
-  EXPECT_EQ(server_.connection_count(), 0U);
+  EXPECT_EQ(server_->connection_count(), 0U);
 }
 
 TEST_F(NodeServerTest, HeldMethodThatFailsIsAFailureOfItsRequest) {
@@ -271,20 +278,14 @@ TEST_F(NodeServerTest, SubmitIsHeldWithItsPointsAndManyAreTakenInTurns) {
 }
 
 TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {
-  NodeServer server(handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port()),
-                    std::make_shared<skein::Quota>(skein::Limits{.held_bytes = 20'000}));
-  const auto connect_to = [&] {
-    auto peer = support::SkeinPeer::tcp(support::bound_port(server.socket()));
-    turns();
-    return peer;
-  };
-  auto first = connect_to();
-  auto second = connect_to();
-  auto third = connect_to();
+  start({.held_bytes = 20'000});
+  auto first = connect();
+  auto second = connect();
+  auto third = connect();
   first.send(collectd("bad", std::string(8000, 'x') + "\n"));
   turns();
   {
-    auto gone = connect_to();
+    auto gone = connect();
     gone.send(collectd("bad", std::string(6000, 'x') + "\n"));
     turns();
   }
@@ -300,20 +301,14 @@ TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {
 }
 
 TEST_F(NodeServerTest, WhatWasLetThroughAndIsGivenUpLeavesItsKeyUsable) {
-  NodeServer server(handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port()),
-                    std::make_shared<skein::Quota>(skein::Limits{.held_bytes = 20'000}));
-  const auto connect_to = [&] {
-    auto peer = support::SkeinPeer::tcp(support::bound_port(server.socket()));
-    turns();
-    return peer;
-  };
-  auto first = connect_to();
+  start({.held_bytes = 20'000});
+  auto first = connect();
   first.send(collectd("k"));
   accept_key("k");
   first.send(submit(5000));
   turns(10);
   EXPECT_EQ(first.replies(), "1=nil end") << "beyond twice the budget";
-  auto second = connect_to();
+  auto second = connect();
   second.send(collectd("k"));
   turns();
   EXPECT_EQ(second.replies(), "1=nil ");
@@ -334,7 +329,7 @@ TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {
   EXPECT_EQ(log_.texts("warning"), std::vector<std::string>{"Closing the connection of " +
                                                             address.substr(0, address.size() - 1) +
                                                             ": frame of length 0."});
-  server_.stop();
+  server_->stop();
   EXPECT_TRUE(logged("info", "Skein socket closed."));
 }
 
