@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -14,16 +15,18 @@ namespace fuzz {
 /// The token for the web server, which must never be logged.
 constexpr std::string_view TOKEN = "t0ken-of-the-web-server";
 
-/// What a server of the daemon stands on: its loop, and databases that keep all they get.
+/// What a server of the daemon stands on: databases that keep all they get, and a loop, which is
+/// the one thing that outlives an execution.
 struct Daemon {
   Daemon();
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  /// Sends the messages that lie behind each other in `values` over one connection that ends then,
-  /// and demands of every server: one reply for each numbered request, in order, up to the first
-  /// message that is none; no connection is left; the token is not logged.
+  /// Sends the messages that lie behind each other in `values`, as many as MOST_MESSAGES, over one
+  /// connection that ends then, and demands of every server: one reply for each numbered request,
+  /// in order, up to the first message that is none; no connection is left; the token is not
+  /// logged.
   void serve(skein::Server& server, std::string_view values);
 
   /// Messages that wait, of all databases.
@@ -31,9 +34,10 @@ struct Daemon {
   void require_unlogged(std::string_view secret) const;
 
   std::string log;  ///< all that was logged, save debug
-  support::FakeClock clock;
-  skein::Loop loop{clock.clocks()};
+  skein::Loop& loop;
+  std::size_t handles_before;  ///< that the loop had
   const pelorus::Settings& settings;
+  std::shared_ptr<skein::Quota> quota;  // for the server, which owns it too
   pelorus::BufferSettings buffer_settings{.max_pending_messages = 1U << 20,
                                           .max_buffer_time = 1e9,
                                           .ideal_queued_messages = 1U << 20,

@@ -7,7 +7,7 @@ namespace fuzz {
 
 void run(std::string_view input) {
   Daemon daemon;
-  pelorus::LocalServer server(daemon.handler, daemon.settings, daemon.loop);
+  pelorus::LocalServer server(daemon.handler, daemon.settings, daemon.loop, nullptr, daemon.quota);
   daemon.serve(server, input);
   const auto& counted = daemon.handler.statistics();
   require(daemon.queued() == static_cast<std::size_t>(counted.messages),

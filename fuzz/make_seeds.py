@@ -87,15 +87,17 @@ HEADS = ["204 No Content\r\n\r\n", "200 OK\r\nContent-Length: 4\r\n\r\nbody",
 
 
 def seeds():
-    """Target to inputs. A leading byte chooses how the rest is cut, or the size of a buffer."""
+    """Target to inputs. A leading byte chooses how the rest is cut, or the size of a buffer. A nil
+    between requests lets the server go on before the next one comes."""
     node, local = list(requests_of_a_node()), list(requests_of_collectd())
     served = [request(number, name, a="b") for number, name in enumerate(["now", "later", "fail"])]
     yield "frames", [bytes([cut]) + framed(*messages) for cut in (0, 3, 7)
                      for messages in (served, served * 4, SHAPES[:4] + served, SHAPES[8:])]
     yield "frames", [b"\x01" + framed(served[0]) + tail for tail in
                      (b"\0\0\0\0", b"\xff\xff\xff\xff", b"\0\0\0\x05rubbish", b"\0\0\0\x02\xff\xff")]
-    yield "local_requests", local + SHAPES + [b"".join(local[-4:]), b"".join(SHAPES)]
-    yield "node_requests", node + SHAPES + [b"".join(node), b"".join(node[-3:] * 2)]
+    yield "local_requests", local + SHAPES + [b"\xc0".join(local[-4:]), b"".join(SHAPES),
+                                              b"".join(local[-4:] * 5)]  # too many for one turn
+    yield "node_requests", node + SHAPES + [b"".join(node), b"\xc0".join(node[-3:] * 2)]
     yield "translate", [name.encode() for name in NAMES]
     yield "graphite_block", [bytes([size]) + block for size, block in enumerate(sections(LINES))]
     yield "graphite_block", [b"\x04" + LINES[0] + b"\0m000.load.load.x 1 17000000001234567\n x\n\n"]

@@ -41,7 +41,7 @@ void Peer::send(std::string_view bytes) {
     if (count < 0 && errno != EAGAIN) return;  // the server has ended the connection
     if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
     loop_.turn();
-    receive();
+    if (count < 0) receive();
   }
 }
 

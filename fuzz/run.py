@@ -54,6 +54,7 @@ def fuzz(target, seconds):
     stats = dict(re.findall(r"stat::(\w+): *(\d+)", printed))
     row = [target] + [stats.get(name, "?") for name in (
         "number_of_executed_units", "average_exec_per_sec", "new_units_added")]
+    row.append(str(sum(len(list(folder.iterdir())) for folder in (found, COMMITTED / target))))
     report = "" if status == 0 else f"== {target}\n{printed}\n{''.join(f'{f}{chr(10)}' for f in new)}"
     return row + [str(max(len(new), status != 0))], report
 
@@ -78,9 +79,9 @@ def keep(target):
 
 
 def print_table(rows):
-    print(f"{'target':16} {'executions':>12} {'a second':>10} {'new inputs':>10} {'findings':>8}")
-    for target, executions, rate, new, findings in rows:
-        print(f"{target:16} {executions:>12} {rate:>10} {new:>10} {findings:>8}")
+    columns = ("executions", "a second", "new inputs", "corpus", "findings")
+    for target, *figures in (("target", *columns), *rows):
+        print(f"{target:16}" + "".join(f" {figure:>12}" for figure in figures))
 
 
 def main():
