@@ -1,8 +1,11 @@
 #include "pelorus/pelorus/listen/curl_multi.h"
 
+#include <poll.h>
+
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "skein/errors.h"
 
@@ -48,9 +51,19 @@ class CurlMulti::Watch : public skein::LoopOwned, private skein::PollTarget {
 
   void serve(CURL* easy, int events) {
     easy_ = easy;
+    watched_ = events;
     poll_->watch(events);
   }
   void stop() { poll_.reset(); }
+  bool serves(CURL* easy) const { return easy_ == easy; }
+  bool serve_ready() {
+    pollfd now{socket_, POLLIN | POLLOUT, 0};
+    if (::poll(&now, 1, 0) <= 0) return false;
+    const int ready = watched_ & (((now.revents & ~POLLOUT) != 0 ? UV_READABLE : 0) |
+                                  ((now.revents & ~POLLIN) != 0 ? UV_WRITABLE : 0));
+    if (ready != 0) handle_events(ready);
+    return ready != 0;
+  }
 
  private:
   void handle_events(int ready) override {
@@ -62,6 +75,7 @@ class CurlMulti::Watch : public skein::LoopOwned, private skein::PollTarget {
   const curl_socket_t socket_;
   std::optional<skein::Poll> poll_;
   CURL* easy_ = nullptr;  ///< whose transfer uses the descriptor at present
+  int watched_ = 0;
 };
 
 CurlMulti::CurlMulti(skein::Loop& loop, long max_idle_connections)
@@ -80,6 +94,23 @@ CurlMulti::~CurlMulti() {
 
 void CurlMulti::add(CURL* easy) {
   check(curl_multi_add_handle(multi_, easy), "curl_multi_add_handle");
+}
+
+bool CurlMulti::serve_ready(CURL* easy) noexcept {
+  bool any = false;
+  try {
+    std::vector<curl_socket_t> sockets;  // serving one may change what is watched
+    for (const auto& [socket, watch] : watches_) {
+      if (watch->serves(easy)) sockets.push_back(socket);
+    }
+    for (const curl_socket_t socket : sockets) {
+      const auto watch = watches_.find(socket);
+      any = (watch != watches_.end() && watch->second->serve_ready()) || any;
+    }
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
+  }
+  return any;
 }
 
 void CurlMulti::remove(CURL* easy) noexcept { curl_multi_remove_handle(multi_, easy); }

@@ -100,7 +100,7 @@ void KeyExchange::start(std::string_view key, Ended ended) {
     prepare(key);
     multi_.add(easy_.get());
     set_connected(false);
-    whole_timer_ = loop_.call_in(EXCHANGE_TIME, [this] { time_out(); });
+    whole_timer_ = loop_.call_in(EXCHANGE_TIME, [this] { end_wait(false); });
   } catch (const std::exception&) {
     multi_.remove(easy_.get());
     end(std::current_exception());
@@ -127,7 +127,7 @@ void KeyExchange::prepare(std::string_view key) {
 
 void KeyExchange::wait_from_now() {
   wait_timer_.cancel();
-  wait_timer_ = loop_.call_in(NODE_API_TIMEOUT, [this] { time_out(); });
+  wait_timer_ = loop_.call_in(NODE_API_TIMEOUT, [this] { end_wait(true); });
 }
 
 void KeyExchange::set_connected(bool connected) {
@@ -201,7 +201,11 @@ KeyOutcome KeyExchange::outcome_of(CURLcode result) {
   return std::make_exception_ptr(skein::Failure(fmt::format("node key verification: {}", text)));
 }
 
-void KeyExchange::time_out() {
+/// What came in time counts, though nobody has looked at it yet.
+void KeyExchange::end_wait(bool may_go_on) {
+  const bool goes_on = multi_.serve_ready(easy_.get()) && may_go_on;
+  if (!headers_) return;  // that was the end
+  if (goes_on) return wait_from_now();
   multi_.remove(easy_.get());
   end(WebFailure::TIMED_OUT);
 }

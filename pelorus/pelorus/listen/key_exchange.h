@@ -55,7 +55,7 @@ class KeyExchange final : private CurlTransfer {
   void handle_readable() override;
   void handle_end(CURLcode result) override;
   KeyOutcome outcome_of(CURLcode result);
-  void time_out();
+  void end_wait(bool may_go_on);
   void end(KeyOutcome outcome);
   void deliver(KeyOutcome outcome);
 

@@ -156,6 +156,18 @@ TEST_F(KeyVerificationTest, SecondOfSilenceIsATimeOutWhereverItFalls) {
   expect_time_out("in the body");
 }
 
+TEST_F(KeyVerificationTest, WhatCameWhileTheProcessStoodStillIsInTime) {
+  for (const char* answer : {OK, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbo"}) {
+    TlsPeer peer = ask_and_accept();
+    settle();
+    peer.send(answer);
+    clock.tick(5);
+    settle();
+    if (answer != OK) peer.send("dy");
+    EXPECT_EQ(heard(), "200 body");
+  }
+}
+
 TEST_F(KeyVerificationTest, ConnectionAndHandshakeShareOneSecond) {
   ask();
   const auto peer = accept();
