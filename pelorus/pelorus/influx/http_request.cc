@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/secret_text.h"
 #include "pelorus/translate/display.h"
 #include "skein/errors.h"
 
@@ -27,16 +28,8 @@ constexpr std::chrono::seconds PROGRESS_CHECK_TIME{5};
 /// as fast as they come.
 constexpr std::size_t SEND_BYTES_PER_TURN = 2U << 20;
 
-/// Whether `secret` stands in `text`, or begins at its end, where an answer may have been cut.
-bool repeats(std::string_view text, std::string_view secret) {
-  constexpr std::size_t TELLING_BYTES = 4;
-  if (secret.empty()) return false;
-  if (text.find(secret) != std::string_view::npos) return true;
-  for (std::size_t size = std::min(secret.size(), text.size()); size >= TELLING_BYTES; --size) {
-    if (text.ends_with(secret.substr(0, size))) return true;
-  }
-  return false;
-}
+/// A shorter password stands in many an answer that does not know it.
+constexpr std::size_t SHORTEST_PASSWORD = 4;
 
 std::string error_text(int error) { return std::generic_category().message(error); }
 
@@ -290,10 +283,19 @@ std::string HTTPRequest::excerpt(std::optional<std::string_view> data) const {
   std::string_view text = data.value_or(response_.body());
   if (text.empty()) text = response_.line();
   if (text.empty()) return "";
-  if (repeats(text, connection_.auth)) {
-    return ": an answer that repeats the credentials";
-  }
+  if (tells_credentials(text)) return ": an answer that repeats the credentials";
   return ": " + translate::display(text.substr(0, EXCERPT_BYTES));
+}
+
+/// Whether it holds what was sent as it was sent, or decoded.
+bool HTTPRequest::tells_credentials(std::string_view text) const {
+  const std::string pair = base64_decoded(connection_.auth);
+  const std::string password = pair.substr(pair.find(':') + 1);
+  for (const std::string& secret : {connection_.auth, pair, password}) {
+    if (secret.size() < SHORTEST_PASSWORD) continue;
+    if (repeats(text, secret) || breaks_off_in(text, secret)) return true;
+  }
+  return false;
 }
 
 }  // namespace pelorus

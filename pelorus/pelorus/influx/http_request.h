@@ -87,6 +87,7 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   template <class Step>
   bool reported(Step&& step) noexcept;
   std::string excerpt(std::optional<std::string_view> data) const;
+  bool tells_credentials(std::string_view text) const;
   std::chrono::steady_clock::time_point now() const { return loop_.clocks().monotonic(); }
 
   skein::Loop& loop_;

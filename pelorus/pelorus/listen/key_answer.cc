@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <charconv>
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <string_view>
@@ -10,6 +9,7 @@
 
 #include "pelorus/pelorus/listen/connection_counters.h"
 #include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/secret_text.h"
 #include "pelorus/translate/display.h"
 #include "skein/errors.h"
 
@@ -17,31 +17,6 @@ namespace pelorus {
 namespace {
 
 constexpr long HTTP_OK = 200;
-
-/// `text` without percent-encoding and dashes.
-std::string plain_spelling(std::string_view text) {
-  std::string plain;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    unsigned byte = 0;
-    const char* const digits = text.data() + i + 1;
-    if (text[i] == '%' && i + 2 < text.size() &&
-        std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
-      plain += static_cast<char>(byte);
-      i += 2;
-    } else if (text[i] != '-') {
-      plain += text[i];
-    }
-  }
-  return plain;
-}
-
-/// Whether `text` holds `secret`, as it stands or percent-encoded, with dashes anywhere.
-bool repeats(std::string text, std::string secret) {
-  std::erase(secret, '-');
-  const bool encoded = plain_spelling(text).find(secret) != text.npos;
-  std::erase(text, '-');
-  return encoded || text.find(secret) != text.npos;
-}
 
 /// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
 std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {

@@ -132,8 +132,8 @@ TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
       {R"({"kex": "ab-cd-ef"})", 200,
        "Received response without \"key\" in response (19 bytes that repeat the key) while trying "
        "to authenticate to web server."},
-      {"ab%63def", 200,
-       "Received response with unexpected response content (8 bytes that repeat the key) while "
+      {R"(ab%63-\u0064ef)", 200,
+       "Received response with unexpected response content (14 bytes that repeat the key) while "
        "trying to authenticate to web server: no JSON at byte 1."},
       {"Token token", 200,
        "Received response with unexpected response content (11 bytes that repeat the token) while "
