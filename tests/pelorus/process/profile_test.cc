@@ -41,7 +41,9 @@ std::vector<Measurement> measured_recursion() {
 }
 
 TEST(Profile, RecursionCountsCumulativeTimeOnce) {
-  const std::vector<Row> rows = from_callgrind(to_callgrind(measured_recursion()));
+  const std::string data = to_callgrind(measured_recursion());
+  EXPECT_THAT(data, HasSubstr("\ntotals: 222222\n"));
+  const std::vector<Row> rows = from_callgrind(data);
   EXPECT_THAT(rows, ElementsAre(Row{{"/a/main.cc", 1, "root"}, 1, 2, 222222},
                                 Row{{"/a/x.cc", 20, "inner"}, 2, 200200, 222200},
                                 Row{{"/a/x.cc", 10, "outer"}, 3, 22020, 22220}));
