@@ -10,11 +10,12 @@ import time
 
 sys.dont_write_bytecode = True
 
+from setting import Setting  # noqa: E402  first: it finds the harness and says which build
+
 from demo.scale.servers import VictoriaMetrics  # noqa: E402
 from harness.process import wait_until  # noqa: E402
 from harness.real_servers import Influxd  # noqa: E402
 from harness.skein_client import SkeinClient, frame  # noqa: E402
-from setting import Setting  # noqa: E402
 
 KEYS = 2000
 BLOCK_LINES, BLOCKS_A_WRITE = 1000, 5

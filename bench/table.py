@@ -12,9 +12,10 @@ import time
 
 sys.dont_write_bytecode = True
 
+from setting import Setting  # noqa: E402  first: it finds the harness and says which build
+
 from harness import REPOSITORY  # noqa: E402
 from rows import MEASUREMENTS, PAIRS  # noqa: E402
-from setting import Setting  # noqa: E402
 
 GIVEN = dict(os.environ)  # before a corpus is made
 PAGE = REPOSITORY / "doc" / "performance.md"
