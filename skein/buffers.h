@@ -24,8 +24,8 @@ struct Buffers {
   std::size_t sent = 0;  ///< bytes at the front of `out` that are out
   /// When a byte came or went last.
   std::chrono::steady_clock::time_point progress;
-  std::size_t place = NOWHERE;  ///< in the ProgressWatch
-  bool queued = false;          ///< in the Backlog, at `turn`
+  std::size_t place = NOWHERE;              ///< in the ProgressWatch
+  std::list<Connection*>* queue = nullptr;  ///< of the Backlog, where it stands at `turn`
   std::list<Connection*>::iterator turn;
 
   std::string_view waiting() const noexcept { return std::string_view(in).substr(served); }
@@ -33,6 +33,15 @@ struct Buffers {
   bool is_empty() const noexcept { return in.size() == served && unread() == 0; }
   std::size_t bytes() const noexcept { return in.size() + out.size() + OVERHEAD_BYTES; }
 
+  /// Keeps `bytes` of `expected` that are to come. A half frame gets room for the whole once it is
+  /// long, which takes up no memory before it is filled. Growing by doubling, those of many peers
+  /// would be copied to a new place in the same turn again and again, and leave their old places
+  /// behind; and a peer that has sent less has not earned the room that it claims.
+  void keep(std::string_view bytes, std::size_t expected) {
+    constexpr std::size_t LONG = 64U << 10;
+    if (in.size() + bytes.size() >= LONG) in.reserve(in.size() + expected);
+    in.append(bytes);
+  }
   /// What has been served goes, at the cost of a copy of the rest.
   void drop_served() {
     if (served == 0) return;

@@ -12,16 +12,11 @@
 namespace skein {
 namespace {
 
-/// A half frame of this length gets room for the whole at once. Growing by doubling, those of many
-/// peers would be copied to a new place in the same turn again and again; and a peer that has sent
-/// less has not earned the room that it claims.
-constexpr std::size_t LONG_HALF_FRAME_BYTES = 256U << 10;
-
 /// While more of a peer's requests wait, so many bytes of replies gather and go with one call:
 /// those of some hundred requests that were good. A call costs more than such a request.
 constexpr std::size_t GATHERED_REPLY_BYTES = 1U << 10;
 
-bool is_queued(const Buffers* buffers) { return buffers != nullptr && buffers->queued; }
+bool is_queued(const Buffers* buffers) { return buffers != nullptr && buffers->queue != nullptr; }
 
 }  // namespace
 
@@ -77,19 +72,13 @@ void Connection::read() {
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (count <= 0) return end();  // end of stream, or the peer reset it: nothing more will come
   traffic_.last_seen = server_.loop_.seconds();
-  Share share{server_.limits().requests_per_turn, false};
+  Share share = server_.backlog_.share_at_once(*this);
   take({buffer.data(), static_cast<std::size_t>(count)}, share);
-}
-
-bool Connection::serve_waiting(bool large) {
-  Share share{server_.limits().requests_per_turn, large};
-  take({}, share);
-  return share.large;
 }
 
 void Connection::resume() {
   if (ended_ || serving_) return;
-  serve_waiting(false);
+  serve_waiting(server_.backlog_.share_at_once(*this));
 }
 
 void Connection::take(std::string_view bytes, Share& share) {
@@ -120,7 +109,10 @@ void Connection::take_or_throw(std::string_view bytes, Share& share) {
   if (has_kept()) serve_kept(bytes, share);
   if (!has_kept()) serve_frames(bytes, share);
   if (ended_) return;
-  if (!bytes.empty()) buffers().in.append(bytes);
+  if (!bytes.empty()) {
+    const bool begins_frame = !has_kept() && held_ == 0;
+    buffers().keep(bytes, bytes.size() + (begins_frame ? missing_to_frame(bytes) : 0));
+  }
   // A length that is refused is refused before its frame has come; behind a held request it waits
   // for its turn.
   if (has_kept() && held_ == 0) missing_to_frame(buffers_->waiting());
@@ -128,11 +120,10 @@ void Connection::take_or_throw(std::string_view bytes, Share& share) {
 
 void Connection::serve_kept(std::string_view& bytes, Share& share) {
   Buffers& kept = *buffers_;
-  while (has_kept() && may_go_on() && share.requests > 0) {
+  while (has_kept() && may_go_on() && !share.is_used_up()) {
     const std::size_t missing = missing_to_frame(kept.waiting());
     const std::size_t count = std::min(missing, bytes.size());
-    if (kept.in.size() >= LONG_HALF_FRAME_BYTES) kept.in.reserve(kept.in.size() + missing);
-    kept.in.append(bytes.substr(0, count));
+    kept.keep(bytes.substr(0, count), missing);
     bytes.remove_prefix(count);
     std::string_view waiting = kept.waiting();
     const std::size_t before = waiting.size();
@@ -144,17 +135,11 @@ void Connection::serve_kept(std::string_view& bytes, Share& share) {
 }
 
 void Connection::serve_frames(std::string_view& bytes, Share& share) {
-  while (may_go_on() && share.requests > 0) {
+  while (may_go_on() && !share.is_used_up()) {
     std::string_view rest = bytes;
     const auto payload = take_frame(rest);
     if (!payload) return;
-    const bool large = payload->size() >= LARGE_FRAME_BYTES;
-    if (large && !share.large) {
-      share.requests = 0;
-      return;
-    }
-    share.large = share.large && !large;
-    --share.requests;
+    if (!share.take(SnappyEncoder::content_size(*payload))) return;
     bytes = rest;
     ++traffic_.requests;
     server_.serve(*this, *payload);
@@ -206,7 +191,7 @@ void Connection::settle() {
     if (buffers_->is_empty()) {
       server_.take_back(*this);
     } else {
-      if (!buffers_->queued && held_ == 0) buffers_->drop_served();
+      if (!is_queued(buffers_.get()) && held_ == 0) buffers_->drop_served();
       server_.progress_.add(*this);
     }
   }
@@ -236,7 +221,7 @@ Buffers& Connection::buffers() {
 std::chrono::steady_clock::time_point Connection::due() const {
   const Limits& limits = server_.limits();
   if (unread() > limits.unread_reply_bytes) return buffers_->progress + limits.unread_reply_wait;
-  const bool half_frame = has_kept() && held_ == 0 && !buffers_->queued;
+  const bool half_frame = has_kept() && held_ == 0 && !is_queued(buffers_.get());
   if (half_frame) return buffers_->progress + limits.half_frame_wait;
   return std::chrono::steady_clock::time_point::max();
 }

@@ -12,6 +12,7 @@
 #include "skein/loops.h"
 #include "skein/quota.h"
 #include "skein/request.h"
+#include "skein/share.h"
 #include "skein/socket.h"
 
 namespace skein {
@@ -82,17 +83,11 @@ class Connection : public LoopOwned, public Holder, private PollTarget {
   friend class Backlog;
   friend class ProgressWatch;
 
-  /// What may still be served before the others have their turn.
-  struct Share {
-    std::size_t requests;
-    bool large;  ///< a large frame, too
-  };
-
   void handle_events(int events) override;
   bool may_go_on() const noexcept;
   void read();
-  /// Serves its share of what waits; whether a large frame may be served by others after that.
-  bool serve_waiting(bool large);
+  /// Serves so much of what waits.
+  void serve_waiting(Share share) { take({}, share); }
   /// Serves what waits, then `bytes`, as far as it may, and keeps the rest.
   void take(std::string_view bytes, Share& share);
   void take_or_throw(std::string_view bytes, Share& share);

@@ -26,10 +26,6 @@ constexpr std::size_t MAX_ELEMENTS = 1'000'000;
 /// Size of the length prefix of a frame.
 constexpr std::size_t FRAME_PREFIX_BYTES = 4;
 
-/// Content of this size or more, compressed, keeps the loop busy for milliseconds: one such frame
-/// is served per turn of the loop.
-constexpr std::size_t LARGE_FRAME_BYTES = 64U << 10;
-
 /// What the peers of a process may take up. The defaults are the daemon's; a test makes them small.
 struct Limits {
   /// Bytes of half frames, remainders, held requests and unread replies, of all connections. Enough
@@ -51,9 +47,15 @@ struct Limits {
   /// Without a byte more, the connection of a half frame is closed: longer than any pause of a
   /// network that TCP bridges.
   std::chrono::seconds half_frame_wait{120};
-  /// Of one connection in a turn of the loop.
+  /// Of one connection in a turn of the loop: frames, bytes that are read, and content that is
+  /// served. One frame with more content, which keeps the loop busy for up to 60 ms, is served per
+  /// turn.
   std::size_t requests_per_turn = 16;
   std::size_t bytes_per_turn = 256U << 10;
+  /// Content of a connection without a valid key, and of all of them, in a turn of the loop. A byte
+  /// may be an element of its own, which costs 16 ns to decode.
+  std::size_t newcomer_bytes_per_turn = 64U << 10;
+  std::size_t newcomers_bytes_per_turn = 1U << 20;
   /// Of one listening socket in a turn of the loop.
   int accepts_per_turn = 64;
   /// Rest of a listening socket when the system has no descriptors or memory for a connection. It

@@ -97,6 +97,7 @@ void Loop::wake_at_first_due() {
 }
 
 void Loop::end_work() noexcept {
+  ++turn_number_;
   if (work_began_ == 0) return;
   uv_update_time(&uv_);
   turns_.note(uv_now(&uv_), uv_now(&uv_) - work_began_);
@@ -183,10 +184,13 @@ void Loop::discard(LoopOwned& kept) {
 
 void Loop::discard(std::unique_ptr<LoopOwned> object) {
   discarded_.push_back(std::move(object));
-  if (discarded_.size() == 1) call_in(0, [this] { sweep(); });
+  if (sweep_armed_) return;
+  call_in(0, [this] { sweep(); });
+  sweep_armed_ = true;
 }
 
 void Loop::sweep() {
+  sweep_armed_ = false;
   auto gone = std::exchange(discarded_, {});
   gone.clear();
 }

@@ -81,6 +81,8 @@ class Loop {
   const Clocks& clocks() const noexcept { return clocks_; }
   /// Whole seconds of a clock that never steps, as of the begin of the present turn: costs nothing.
   std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
+  /// Another one for each turn.
+  std::uint64_t turn_number() const noexcept { return turn_number_; }
   /// The longest turn of the last minute: so long an event had to wait for others at worst.
   std::chrono::milliseconds longest_turn() const noexcept {
     return std::chrono::milliseconds(turns_.worst(uv_now(&uv_)));
@@ -110,7 +112,8 @@ class Loop {
   /// leaves nothing behind.
   std::map<TimerKey, Callback> timers_;
   std::uint64_t timers_made_ = 0;
-  WorstOfMinute turns_;           ///< milliseconds of each turn that had work
+  WorstOfMinute turns_;  ///< milliseconds of each turn that had work
+  std::uint64_t turn_number_ = 1;
   std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
   UvHandle<uv_prepare_t> before_wait_;
   UvHandle<uv_timer_t> wake_;
@@ -121,6 +124,7 @@ class Loop {
   bool interrupted_ = false;
   std::unordered_map<LoopOwned*, std::unique_ptr<LoopOwned>> kept_;
   std::vector<std::unique_ptr<LoopOwned>> discarded_;
+  bool sweep_armed_ = false;
 };
 
 /// Receives the readiness of one descriptor.

@@ -11,6 +11,13 @@ namespace {
 /// However many due times there are, all connections are looked through no more often than this.
 constexpr std::chrono::seconds SHORTEST_REST{1};
 
+/// So many are ended in one turn of the loop: a log line and a socket each.
+constexpr std::size_t MOST_AT_ONCE = 256;
+
+/// A timer that comes this late tells that the process stood still. What has come in the meantime
+/// has not been read yet.
+constexpr std::chrono::seconds STOOD_STILL{1};
+
 }  // namespace
 
 void ProgressWatch::add(Connection& connection) {
@@ -39,19 +46,21 @@ void ProgressWatch::wake_at(Time due) {
 }
 
 void ProgressWatch::look() {
-  wake_ = Time::max();
   const Time now = loop_.clocks().monotonic();
+  const Time wanted = std::exchange(wake_, Time::max());
+  if (now - wanted >= STOOD_STILL) return wake_at(now + SHORTEST_REST);
   Time next = Time::max();
   std::vector<Connection*> overdue;
   for (Connection* connection : watched_) {
     const Time due = connection->due();
-    if (due <= now) {
+    if (due <= now && overdue.size() < MOST_AT_ONCE) {
       overdue.push_back(connection);
     } else {
       next = std::min(next, due);
     }
   }
   for (Connection* connection : overdue) connection->time_out();
+  if (next <= now) return wake_at(now);
   if (next != Time::max()) wake_at(std::max(next, now + SHORTEST_REST));
 }
 

@@ -35,7 +35,7 @@ Server::Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keep
       accept_pause_(limits().accept_pause),
       accept_reports_(limits().shortage_report_interval),
       quota_reports_(limits().shortage_report_interval),
-      backlog_(loop),
+      backlog_(loop, limits()),
       progress_(loop),
       connection_keepalive_(connection_keepalive),
       read_buffer_(std::make_unique_for_overwrite<char[]>(limits().bytes_per_turn)) {
@@ -179,7 +179,17 @@ std::span<char> Server::read_buffer() noexcept {
   return {read_buffer_.get(), limits().bytes_per_turn};
 }
 
+/// One large frame does not make the server large for good, whatever becomes of it.
+void Server::trim() noexcept {
+  encoders_.snappy.trim();
+  if (message_.nodes.capacity() > KEPT_NODES) message_.nodes = {};
+}
+
 void Server::serve(Connection& connection, std::string_view frame) {
+  const struct Trim {
+    ~Trim() { server.trim(); }
+    Server& server;
+  } trim_at_end{*this};
   encoders_.msgpack.decode(encoders_.snappy.decode(frame), message_);
   const Envelope envelope = read_envelope(message_);
   msgid_ = envelope.msgid;
@@ -195,8 +205,6 @@ void Server::serve(Connection& connection, std::string_view frame) {
     if (held_.erase(connection.held_) != 0) connection.go_on();
     if (envelope.msgid) connection.send(encode_error(*envelope.msgid, failure.what()));
   }
-  encoders_.snappy.trim();
-  if (message_.nodes.capacity() > KEPT_NODES) message_.nodes = {};
 }
 
 void Server::close() {

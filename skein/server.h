@@ -100,6 +100,7 @@ class Server : private PollTarget {
   /// Decodes one frame and answers the request in it. Throws ProtocolError for bytes that are
   /// none; every other failure is the request's.
   void serve(Connection& connection, std::string_view frame);
+  void trim() noexcept;
   void end(Connection& connection);
   HeldRequest hold(Connection& connection);
   /// None when it has ended.

@@ -1,6 +1,7 @@
 #include "pelorus/pelorus/log_pacer.h"
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 
 #include "skein/errors.h"
@@ -26,7 +27,12 @@ Pacer::~Pacer() {
 }
 
 void Pacer::turn_ends() {
-  if (!timer_armed_) try_again();
+  if (timer_armed_) return;
+  try {
+    try_again();
+  } catch (const std::exception& failure) {  // libuv, which has called, knows no exceptions
+    loop_.report(failure);
+  }
 }
 
 void Pacer::try_again() {

@@ -27,7 +27,17 @@ void append_literal(std::string_view content, std::string& out) {
   out += content;
 }
 
+std::size_t most_content(std::string_view block) {
+  return block.size() * MAX_SNAPPY_GROWTH + MAX_SNAPPY_GROWTH_SLACK;
+}
+
 }  // namespace
+
+std::size_t SnappyEncoder::content_size(std::string_view block) noexcept {
+  std::size_t size = 0;
+  if (!snappy::GetUncompressedLength(block.data(), block.size(), &size)) return block.size();
+  return std::min(size, most_content(block));
+}
 
 std::string_view SnappyEncoder::decode(std::string_view block) {
   std::size_t size = 0;
@@ -38,13 +48,15 @@ std::string_view SnappyEncoder::decode(std::string_view block) {
     throw ProtocolError(
         fmt::format("content of {} bytes, {} are allowed", size, MAX_CONTENT_BYTES));
   }
-  if (size > block.size() * MAX_SNAPPY_GROWTH + MAX_SNAPPY_GROWTH_SLACK) {
+  if (size > most_content(block)) {
     throw ProtocolError(fmt::format("{} compressed bytes claim to hold {}", block.size(), size));
   }
   if (size > capacity_) {
-    capacity_ = std::max({size, std::min(capacity_ * 2, KEPT_BUFFER_BYTES), FIRST_BUFFER_BYTES});
-    buffer_.reset();
-    buffer_ = std::make_unique_for_overwrite<char[]>(capacity_);
+    const std::size_t wanted =
+        std::max({size, std::min(capacity_ * 2, KEPT_BUFFER_BYTES), FIRST_BUFFER_BYTES});
+    release();
+    buffer_ = std::make_unique_for_overwrite<char[]>(wanted);  // may throw
+    capacity_ = wanted;
   }
   if (!snappy::RawUncompress(block.data(), block.size(), buffer_.get())) {
     throw ProtocolError("frame does not decompress");
@@ -62,7 +74,10 @@ void SnappyEncoder::encode(std::string_view content, std::string& out) {
 }
 
 void SnappyEncoder::trim() noexcept {
-  if (capacity_ <= KEPT_BUFFER_BYTES) return;
+  if (capacity_ > KEPT_BUFFER_BYTES) release();
+}
+
+void SnappyEncoder::release() noexcept {
   buffer_.reset();
   capacity_ = 0;
 }

@@ -13,6 +13,9 @@ class SnappyEncoder {
   /// none, or claims more than MAX_CONTENT_BYTES or than a block of its length can hold.
   std::string_view decode(std::string_view block);
 
+  /// Bytes of content that `block` claims, as far as a block of its length can hold them.
+  static std::size_t content_size(std::string_view block) noexcept;
+
   /// Appends `content` to `out` as a block.
   static void encode(std::string_view content, std::string& out);
 
@@ -20,6 +23,8 @@ class SnappyEncoder {
   void trim() noexcept;
 
  private:
+  void release() noexcept;
+
   std::unique_ptr<char[]> buffer_;
   std::size_t capacity_ = 0;
 };

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "pelorus/pelorus/line_queue.h"
@@ -23,6 +24,14 @@ static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it st
 
 BadLines::BadLines(Ingested& ingested)
     : ingested_(ingested), warns_(log::enabled(spdlog::level::warn)) {}
+
+BadLines::~BadLines() {
+  try {
+    block_ends();
+  } catch (
+      const std::exception&) {  // NOLINT: short of memory, like the block, whose failure is told
+  }
+}
 
 void BadLines::improperly_formatted(std::string_view line) {
   if (!line.empty()) note(line, Outcome::TRANSLATED);

@@ -25,7 +25,7 @@ class BadLines : public BadLineReporter {
   BadLines(const BadLines&) = delete;
   BadLines& operator=(const BadLines&) = delete;
   /// Logs what is left, where a failure has ended the block.
-  ~BadLines() override { block_ends(); }
+  ~BadLines() override;
 
   void improperly_formatted(std::string_view line) override;
   void empty_lines(std::size_t count) override;
