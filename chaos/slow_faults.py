@@ -8,7 +8,7 @@ import tempfile
 import time
 
 from harness.conduct import (NO_CONTENT, FullListener, answering, forgiving, linger, never_read,
-                             read_head)
+                             read_head, read_request)
 from harness.far_end_faults import failing
 from harness.process import wait_until
 from harness.stage import KEY, Fault, Stage
@@ -95,6 +95,16 @@ def never_answers(stage):
     return failing(answering(b"", then=linger), "no progress for 20 seconds", 40)(stage)
 
 
+def drips_without_end(stage):
+    def drip(connected):
+        read_request(connected)
+        connected.sendall(b"HTTP/1.1 500 Any\r\n\r\n")
+        while True:
+            connected.sendall(b".")
+            time.sleep(1)
+    return failing(drip, "status 500, no end of the answer within 60 seconds", 80)(stage)
+
+
 def never_reads(stage):
     before = len(stage.daemon.text())
     stage.influx.conduct = forgiving(never_read)
@@ -162,6 +172,7 @@ SLOW = [
     Fault("stopped for 35 s and continued", "no burst of missed timers", freeze, seconds=37),
     Fault("InfluxDB never answers", ENDED, never_answers),
     Fault("InfluxDB never reads", ENDED, never_reads),
+    Fault("InfluxDB's answer drips without an end", ENDED, drips_without_end),
     Fault("InfluxDB leaves a SYN unanswered", "what waits is kept", syn_unanswered),
 ]
 

@@ -2,6 +2,7 @@
 waiting, and when the far end is well again, so is everything else, without anybody's help."""
 
 import itertools
+import time
 
 from harness.conduct import (NO_CONTENT, FullListener, answering, chunked, endings, forgiving,
                              linger, never_read, read_half_a_body, read_head, read_nothing,
@@ -204,10 +205,31 @@ def web_does_not_answer_at_all(stage):
     return seen[3:]
 
 
+def keys_of_peers_that_have_gone(stage):
+    """Many made-up ones before a new good one, and a web server that takes its time."""
+    asked = []
+
+    def slow(connected):
+        while True:
+            key = read_request(connected)[1].removeprefix(b"key=")
+            asked.append(key)
+            time.sleep(0.05)
+            connected.sendall(status(200, b'{"key": "%s"}' % key))
+    stage.web.behave(slow)
+    for number in range(400):
+        with stage.node() as node:
+            node.send([2, "collectd", {"key": f"unknown{number}", "metrics": ""}])
+    expect_confirmed(stage)
+    assert len(asked) < 300, f"{len(asked)} made-up keys were asked about before the good one"
+    return "the good key went before those that nobody waits for"
+
+
 WEB_FAULTS = [
     *(Fault(f"web server {name}", REFUSED, web_failing(*behaviour, line))
       for name, behaviour, line in WEB_FAILURES),
     Fault("web server: 100, then chunks, byte by byte", "confirmed", web_odd_but_good),
+    Fault("made-up keys of peers that have gone", "they wait behind a good one",
+          keys_of_peers_that_have_gone),
     Fault("web server refuses connections", REFUSED, web_refused),
     Fault("web server leaves a SYN unanswered", REFUSED, web_does_not_answer_at_all),
 ]

@@ -22,20 +22,37 @@ KeyVerification::KeyVerification(const Settings& settings, skein::Loop& loop, st
 
 KeyVerification::~KeyVerification() { start_timer_.cancel(); }
 
-void KeyVerification::do_auth_check(std::string key, Done done) {
-  waiting_.push_back({std::move(key), std::move(done)});
-  if (waiting_.size() > 1) return;  // all places are taken, or the timer is running
+void KeyVerification::do_auth_check(std::string key, Done done, FindLine line) {
+  line_up({std::move(key), std::move(done), std::move(line)});
+  if (idle_.empty()) return;
   start_timer_.cancel();
   start_timer_ = loop_.call_in(0, [this] { start_waiting(); });
 }
 
+void KeyVerification::line_up(Waiting waiting) {
+  auto& line = lines_.at(static_cast<std::size_t>(waiting.line()));
+  line.push_back(std::move(waiting));
+}
+
+std::optional<KeyVerification::Waiting> KeyVerification::take_next() {
+  for (std::size_t i = 0; i < LINES; ++i) {
+    while (!lines_[i].empty()) {
+      Waiting next = std::move(lines_[i].front());
+      lines_[i].pop_front();
+      if (static_cast<std::size_t>(next.line()) <= i) return next;
+      line_up(std::move(next));
+    }
+  }
+  return std::nullopt;
+}
+
 void KeyVerification::start_waiting() {
-  while (!waiting_.empty() && !idle_.empty()) {
+  while (!idle_.empty()) {
+    std::optional<Waiting> next = take_next();
+    if (!next) return;
     KeyExchange& exchange = *idle_.back();  // the last one used: its TLS session is the freshest
     idle_.pop_back();
-    Waiting next = std::move(waiting_.front());
-    waiting_.pop_front();
-    start(exchange, std::move(next));
+    start(exchange, *std::move(next));
   }
 }
 

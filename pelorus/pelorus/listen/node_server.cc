@@ -1,6 +1,7 @@
 #include "pelorus/pelorus/listen/node_server.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -45,6 +46,13 @@ struct OwnedSubmit {
 
 ConnectionCounters& counters_of(skein::Connection& connection) {
   return static_cast<CollectdConnection&>(connection).counters;
+}
+
+/// Whether the peer will send nothing more. While a request is held, its connection is not read
+/// and does not know.
+bool has_hung_up(const skein::Socket& socket) {
+  pollfd now{socket.descriptor(), POLLRDHUP, 0};
+  return ::poll(&now, 1, 0) > 0;
 }
 
 /// The request's key without its dashes.
@@ -278,7 +286,15 @@ bool NodeServer::valid_key(const std::string& key) {
 void NodeServer::check_auth(const std::string& key) {
   waiting_[key].state = KeyQueue::State::ASKING;
   verification_.do_auth_check(
-      key, [this, key](const KeyOutcome& outcome) { handle_outcome(key, outcome); });
+      key, [this, key](const KeyOutcome& outcome) { handle_outcome(key, outcome); },
+      [this, key] { return line_of(key); });
+}
+
+KeyVerification::Line NodeServer::line_of(const std::string& key) const {
+  if (valid_.contains(key)) return KeyVerification::Line::KNOWN;
+  const skein::Connection* newest = waiting_.at(key).held.back().request().connection();
+  return newest != nullptr && !has_hung_up(newest->socket()) ? KeyVerification::Line::PRESENT
+                                                             : KeyVerification::Line::GONE;
 }
 
 void NodeServer::let_through(const std::string& key) {

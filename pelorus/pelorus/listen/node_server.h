@@ -135,6 +135,7 @@ class NodeServer : public skein::Server {
   /// One that is not being asked for leaves its queue.
   void forget(const std::string& key, const HeldMethod& held);
   static void count_auth(const HeldMethod& held, bool accepted);
+  KeyVerification::Line line_of(const std::string& key) const;
 
   InfluxHandler& influx_handler_;
   const Settings& settings_;

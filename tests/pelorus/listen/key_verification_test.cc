@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <map>
 #include <optional>
 #include <stdexcept>
 
@@ -59,10 +60,12 @@ struct KeyVerificationTest : testing::Test {
   void ask_at(const std::string& url) { verification.emplace(settings, loop, url); }
   void ask(const std::string& key = "k3y") {
     const auto before = said.size();
-    verification->do_auth_check(key, [this](const KeyOutcome& outcome) {
+    const auto done = [this](const KeyOutcome& outcome) {
       said.push_back(text_of(outcome));
       if (also) also();
-    });
+    };
+    lines.try_emplace(key, KeyVerification::Line::PRESENT);
+    verification->do_auth_check(key, done, [this, key] { return lines.at(key); });
     EXPECT_EQ(said.size(), before);
   }
   /// The one outcome since the last time.
@@ -107,6 +110,7 @@ struct KeyVerificationTest : testing::Test {
   Settings settings = Settings::from_text(R"({"LOCAL_WWW_KEY": "s3cret"})", "the source");
   std::vector<std::string> said;
   std::function<void()> also;  ///< done by the callback
+  std::map<std::string, KeyVerification::Line> lines;
   std::optional<KeyVerification> verification;
 
   KeyVerificationTest() {
@@ -256,6 +260,23 @@ TEST_F(KeyVerificationTest, EightGoOutAtATimeInOrderAndTimeCountsFromThen) {
   tick(0.8);
   expect_answered(peers.back());
   EXPECT_FALSE(server.accept());
+}
+
+TEST_F(KeyVerificationTest, KnownKeysGoFirstAndThoseWhosePeersHaveGoneLast) {
+  std::vector<TlsPeer> peers;
+  for (int i = 0; i < 8; ++i) ask();
+  for (int i = 0; i < 8; ++i) {
+    peers.push_back(accept_tls());
+    request(peers.back());
+  }
+  lines["known"] = KeyVerification::Line::KNOWN;
+  for (const char* key : {"leaves", "stays", "known", "leaves too"}) ask(key);
+  lines["leaves"] = lines["leaves too"] = KeyVerification::Line::GONE;
+  for (const char* key : {"known", "stays", "leaves", "leaves%20too"}) {
+    peers[0].send(OK);
+    EXPECT_EQ(heard(), "200 body");
+    request(peers[0], key);
+  }
 }
 
 TEST_F(KeyVerificationTest, ConnectionIsUsedAgainAndADeadOneReplacedInSilence) {
