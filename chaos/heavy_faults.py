@@ -13,6 +13,7 @@ from harness.stage import KEY, LAST_LINE_WARNING, Fault
 
 BUDGET = 256  # MiB that all peers together may make the daemon hold
 MOST_MEMORY = BUDGET + 150  # MiB, with the daemon itself, one message and one block under way
+MOST_ADDRESSES = 600_000_000  # bytes; some 560 million are reserved from the start
 STATS = frame([REQUEST, 3, "stats", {}])
 RECORD = "load shortterm=1 1700000000000000000\n"
 LINE = "node7.load.load.midterm 0.5 1700000000\n"
@@ -58,6 +59,40 @@ def flood_of_bombs(stage):
     time.sleep(5)  # of full flood, beside the bystanders
     crowd.stop()
     return f"{len(data) // 20_000} KB become 1 MiB; {expect_memory(stage)}"
+
+
+def flood_of_elements(stage):
+    """A byte each, and up to a million of them in 46 KB; a verified node's large block meanwhile."""
+    frames = [frame([REQUEST, 1, "none", {"a": [None] * count}]) for count in (990_000, 60_000)]
+    block = frame([REQUEST, 1, "collectd", {"key": OTHER_KEY, "metrics": "".join(
+        f"node{i % 977}.load.load.longterm {i * i}.{i} {1_700_000_000 + i}\n" for i in range(9000))}])
+    with stage.node(60) as node:
+        stage.send_as(node, OTHER_KEY, LINE)
+        crowds = [Crowd(many(stage.node, 32), send_some(data * 16)) for data in frames]
+        time.sleep(2)  # of full flood
+        begin = time.monotonic()
+        node.send_bytes(block)
+        assert node.receive() == [REPLY, 1, None, None]
+        taken = time.monotonic() - begin
+        for crowd in crowds:
+            crowd.stop()
+    assert taken < 1, f"{taken:.1f} s for a block of {len(block)} bytes"
+    return f"a verified node's block of {len(block) // 1000} KB was taken in {taken * 1000:.0f} ms"
+
+
+def memory_used_up(stage):
+    """Frames for whose content there is no memory, and one that fits behind them."""
+    data = bomb(size=(16 << 20) - 200)
+    for _ in range(20):
+        clients = many(stage.node, 4)
+        for client in clients:
+            client.send_bytes(data)
+        for client in clients:
+            client.receive()
+            client.close()
+    with stage.node() as node:
+        stage.send_as(node, KEY, LINE)
+    return f"{stage.log_count('bad_alloc')} allocations failed"
 
 
 def local_bombs(stage):
@@ -199,6 +234,9 @@ HEAVY = [
     Fault("bombs of 787 KB from 64 nodes whose keys are being verified", BOUNDED, small_bombs),
     Fault("bombs of 16 MB from 64 nodes whose keys are being verified", BOUNDED, big_bombs),
     Fault("a flood of bombs of 50 KB from 64 nodes", SERVED, flood_of_bombs),
+    Fault("a flood of elements from 64 peers without a key", SERVED, flood_of_elements),
+    Fault("memory used up", "it lives and goes on", memory_used_up,
+          {"wrapper": ["prlimit", f"--as={MOST_ADDRESSES}", "--"]}),
     Fault("lines without an end from 64 local peers", "kept, 4 MiB each", local_bombs),
     Fault("half frames of 200 peers without a key", BOUNDED, half_frames_of_200),
     Fault("endless lines without a key from 200 peers", BOUNDED, lines_of_200),
