@@ -125,6 +125,7 @@ void Loop::run_due_timers() {
 void Loop::run() {
   interrupted_ = false;
   uv_run(&uv_, UV_RUN_DEFAULT);
+  end_work();
   if (std::exchange(interrupted_, false)) throw KeyboardInterrupt();
 }
 
@@ -133,6 +134,7 @@ void Loop::stop() { uv_stop(&uv_); }
 void Loop::turn() {
   run_due_timers();
   uv_run(&uv_, UV_RUN_NOWAIT);
+  end_work();
 }
 
 void Loop::watch_signals() {

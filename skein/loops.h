@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -26,6 +27,12 @@ struct Clocks {
     const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration<double>(since_epoch).count();
   };
+};
+
+/// What the two clocks show.
+struct Moment {
+  std::chrono::steady_clock::time_point monotonic;
+  double wall;
 };
 
 /// Something that the loop owns because it outlives the scope that made it (see Loop::keep).
@@ -79,6 +86,12 @@ class Loop {
   void discard(std::unique_ptr<LoopOwned> object);
 
   const Clocks& clocks() const noexcept { return clocks_; }
+  /// What both clocks show in the present turn, in which they are read once: for who asks with
+  /// every request. Between turns they are read each time.
+  const Moment& now() {
+    if (!now_ || work_began_ == 0) now_ = {clocks_.monotonic(), clocks_.wall()};
+    return *now_;
+  }
   /// Whole seconds of a clock that never steps, as of the begin of the present turn: costs nothing.
   std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
   /// Another one for each turn.
@@ -96,7 +109,9 @@ class Loop {
 
   /// The present turn has something to do. A turn that has nothing is not measured.
   void begin_work() noexcept {
-    if (work_began_ == 0) work_began_ = uv_now(&uv_);
+    if (work_began_ != 0) return;
+    work_began_ = uv_now(&uv_);
+    now_.reset();
   }
   void end_work() noexcept;
   void run_due_timers();
@@ -115,6 +130,7 @@ class Loop {
   WorstOfMinute turns_;  ///< milliseconds of each turn that had work
   std::uint64_t turn_number_ = 1;
   std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
+  std::optional<Moment> now_;     ///< of the present turn, once somebody has asked
   UvHandle<uv_prepare_t> before_wait_;
   UvHandle<uv_timer_t> wake_;
   UvHandle<uv_idle_t> due_now_;  ///< active while a timer is due on the next turn

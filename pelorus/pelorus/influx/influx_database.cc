@@ -49,7 +49,7 @@ void InfluxDatabase::process_data() {
 bool InfluxDatabase::should_send() const {
   if (current_request_ != nullptr) return false;
   if (pending_data_.empty()) return false;
-  if (loop_.clocks().wall() - last_sent_time_ > settings_.max_buffer_time) return true;
+  if (loop_.now().wall - last_sent_time_ > settings_.max_buffer_time) return true;
   return pending_data_.size() >= settings_.ideal_queued_messages;
 }
 
@@ -89,7 +89,7 @@ void InfluxDatabase::discard_old_data() {
 /// Every message puts the look off. Only its moment moves: the timer that is armed stays, and waits
 /// for the rest when it fires before that moment.
 void InfluxDatabase::reset_process_data_timer() {
-  const auto now = loop_.clocks().monotonic();
+  const auto now = loop_.now().monotonic;
   look_again_ = now + std::chrono::duration_cast<Moment::duration>(
                           std::chrono::duration<double>(settings_.check_for_process_data_time));
   if (!timer_armed_) arm_process_data_timer(now);
