@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "pelorus/pelorus/listen/connection_counters.h"
+#include "pelorus/pelorus/listen/node_key.h"
 #include "skein/connection.h"
 
 namespace pelorus {
@@ -34,6 +35,8 @@ class CollectdConnection : public skein::Connection {
   Remainder graphite_remainder;
   ConnectionCounters counters;
   skein::Address address;  ///< the peer's; its port is 0 before it is known, and after the end
+  /// The server's entry of the last request's key, if that let it through at once.
+  const VerifiedKey* verified_key = nullptr;
 
  private:
   std::size_t kept_bytes() const override { return graphite_remainder.size(); }

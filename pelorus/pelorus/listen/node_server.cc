@@ -26,8 +26,6 @@ constexpr std::array<skein::RequestRow, 3> REQUESTS{{
     {"collectd", skein::RequestHandler<&NodeServer::req_collectd>::handle},
 }};
 
-/// Longer ones are no keys and are not worth a web request.
-constexpr std::size_t MOST_KEY_BYTES = 128;
 /// What a held request takes up besides its arguments, roughly: its key stands in four places.
 constexpr std::size_t HELD_OVERHEAD_BYTES = 1024;
 
@@ -44,8 +42,8 @@ struct OwnedSubmit {
   SubmitMessages messages;
 };
 
-ConnectionCounters& counters_of(skein::Connection& connection) {
-  return static_cast<CollectdConnection&>(connection).counters;
+CollectdConnection& collectd(skein::Connection& connection) {
+  return static_cast<CollectdConnection&>(connection);
 }
 
 /// Whether the peer will send nothing more. While a request is held, its connection is not read
@@ -55,18 +53,7 @@ bool has_hung_up(const skein::Socket& socket) {
   return ::poll(&now, 1, 0) > 0;
 }
 
-/// The request's key without its dashes.
-std::string node_key(const skein::Request& request) {
-  const std::string_view given = request.text("key");
-  if (given.size() > MOST_KEY_BYTES) {
-    throw skein::RequestError(
-        fmt::format("argument 'key' has {} bytes, {} are allowed", given.size(), MOST_KEY_BYTES));
-  }
-  std::string key(given);
-  std::erase(key, '-');
-  counters_of(request.connection).note_key(key);
-  return key;
-}
+NodeKey key_of(const skein::Request& request) { return {request, collectd(request.connection)}; }
 
 }  // namespace
 
@@ -104,7 +91,7 @@ std::unique_ptr<skein::Connection> NodeServer::make_connection(skein::Socket soc
 }
 
 skein::Address& NodeServer::connection_addresses(skein::Connection& connection) {
-  return static_cast<CollectdConnection&>(connection).address;
+  return collectd(connection).address;
 }
 
 void NodeServer::add_connection(skein::Connection& connection) {
@@ -143,7 +130,7 @@ std::string NodeServer::address(const skein::Connection& connection) const {
 
 skein::Reply NodeServer::req_add(const skein::Request& request) {
   PROFILE_SCOPE();
-  const std::string key = node_key(request);
+  const NodeKey key = key_of(request);
   const std::string_view database = request.text("database");
   const std::string_view data = request.text("data");
   // Kept: a last line without its line end is not counted.
@@ -165,7 +152,7 @@ skein::Reply NodeServer::req_add(const skein::Request& request) {
 
 skein::Reply NodeServer::req_submit(const skein::Request& request) {
   PROFILE_SCOPE();
-  const std::string key = node_key(request);
+  const NodeKey key = key_of(request);
   const std::string_view database = request.text("database");
   const std::string_view name = request.text("name");
   request.get("columns");
@@ -190,10 +177,10 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
 
 skein::Reply NodeServer::req_collectd(const skein::Request& request) {
   PROFILE_SCOPE();
-  const std::string key = node_key(request);
+  const NodeKey key = key_of(request);
   const std::string_view metrics = request.text("metrics");
   // Kept: what remains of the last line is carried over before the key is looked at.
-  auto& remainder = static_cast<CollectdConnection&>(request.connection).graphite_remainder;
+  auto& remainder = collectd(request.connection).graphite_remainder;
   const CompleteLines complete(remainder, metrics, limits().remainder_bytes);
   return dispatch(
       request, key,
@@ -207,15 +194,19 @@ skein::Reply NodeServer::req_collectd(const skein::Request& request) {
 }
 
 template <class Now, class MakeOwned>
-skein::Reply NodeServer::dispatch(const skein::Request& request, const std::string& key, Now&& now,
+skein::Reply NodeServer::dispatch(const skein::Request& request, const NodeKey& node_key, Now&& now,
                                   MakeOwned&& owned) {
   skein::Connection& connection = request.connection;
+  const std::string& key = node_key.text();
+  const VerifiedKey* const verified =
+      node_key.verified() ? node_key.verified() : find_verified(key);
   const bool behind_others = is_waiting(key);
-  const bool good = !behind_others && valid_key(key);
+  const bool good = !behind_others && valid_key(key, verified);
   if (good) {
     connection.set_valid();
+    collectd(connection).verified_key = verified;
     if (std::optional<Ingested> ingested = now()) {
-      counters_of(connection).count(*std::move(ingested));
+      collectd(connection).counters.count(*std::move(ingested));
       return {};
     }
   }
@@ -274,10 +265,14 @@ bool NodeServer::is_waiting(const std::string& key) const {
          (queue->second.state != KeyQueue::State::IDLE || !queue->second.held.empty());
 }
 
-bool NodeServer::valid_key(const std::string& key) {
+const VerifiedKey* NodeServer::find_verified(const std::string& key) const {
   const auto verified = valid_.find(key);
-  const double time = verified == valid_.end() ? 0 : verified->second;
-  if (loop().clocks().wall() - time < VALID_CUTOFF) return true;
+  return verified == valid_.end() ? nullptr : &*verified;
+}
+
+bool NodeServer::valid_key(const std::string& key, const VerifiedKey* verified) {
+  const double time = verified == nullptr ? 0 : verified->second;
+  if (loop().now().wall - time < VALID_CUTOFF) return true;
   // Kept: said of a key that was never seen as well.
   log::debug("Validation error - the key \"{}\" is expired.", key);
   return false;
@@ -324,7 +319,7 @@ void NodeServer::serve_next(const std::string& key) {
   if (queue.state != KeyQueue::State::IDLE) return;
   if (queue.held.empty()) {
     waiting_.erase(key);
-  } else if (valid_key(key)) {
+  } else if (valid_key(key, find_verified(key))) {
     let_through(key);
   } else {
     check_auth(key);
@@ -365,7 +360,8 @@ bool NodeServer::validate(const std::string& key, const HeldMethod& held, bool i
 }
 
 void NodeServer::count_auth(const HeldMethod& held, bool accepted) {
-  if (auto* connection = held.request().connection()) counters_of(*connection).count_auth(accepted);
+  if (auto* connection = held.request().connection())
+    collectd(*connection).counters.count_auth(accepted);
 }
 
 bool NodeServer::forward(KeyQueue& queue) {
@@ -374,7 +370,7 @@ bool NodeServer::forward(KeyQueue& queue) {
   try {
     Step step = first.run();
     if (auto* connection = first.request().connection()) {
-      counters_of(*connection).count(std::move(step.ingested));
+      collectd(*connection).counters.count(std::move(step.ingested));
     }
     if (!step.is_last) return false;
   } catch (const std::exception& failure) {

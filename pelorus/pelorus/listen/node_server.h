@@ -11,6 +11,7 @@
 
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/listen/key_verification.h"
+#include "pelorus/pelorus/listen/node_key.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/next_turn.h"
 #include "skein/server.h"
@@ -107,12 +108,14 @@ class NodeServer : public skein::Server {
   /// The peer addresses, by connection: from add_connection to remove_connection, else port 0.
   static skein::Address& connection_addresses(skein::Connection& connection);
 
-  /// Whether the key, without dashes, was verified less than VALID_CUTOFF seconds ago.
-  bool valid_key(const std::string& key);
+  /// None for a key that never was verified.
+  const VerifiedKey* find_verified(const std::string& key) const;
+  /// Whether the key was verified less than VALID_CUTOFF seconds ago, as its entry says.
+  bool valid_key(const std::string& key, const VerifiedKey* verified);
   /// Runs `now` at once where the key is valid and `now` does not find it too long for that; else
   /// what `owned` makes, a method for later with its own copies of the arguments.
   template <class Now, class MakeOwned>
-  skein::Reply dispatch(const skein::Request& request, const std::string& key, Now&& now,
+  skein::Reply dispatch(const skein::Request& request, const NodeKey& node_key, Now&& now,
                         MakeOwned&& owned);
   /// Whether earlier requests of this key wait: the next one is looked at when its turn has come.
   bool is_waiting(const std::string& key) const;
@@ -140,7 +143,7 @@ class NodeServer : public skein::Server {
   InfluxHandler& influx_handler_;
   const Settings& settings_;
   /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
-  /// there are as many as there are nodes.
+  /// there are as many as there are nodes, and their connections point here.
   std::unordered_map<std::string, double> valid_;
   /// By key without dashes. No hash table: anybody may choose keys that collide.
   std::map<std::string, KeyQueue> waiting_;

@@ -115,6 +115,28 @@ TEST_F(NodeServerTest, VerifiedKeyLetsRequestsThroughForAnHour) {
   EXPECT_EQ(counted().successful_auths, 2);
 }
 
+TEST_F(NodeServerTest, KeyOfTheLastRequestIsKnownInEverySpellingAndNoOtherIs) {
+  auto peer = connect();
+  peer.send(collectd("ab-cdef"));
+  accept_key("abcdef");
+  std::int64_t good = records();
+  std::int64_t refused = 0;
+  for (const char* same : {"abcdef", "ab-cdef", "-a-b-c-d-e-f-", "abcdef"}) {
+    peer.send(collectd(same));
+    turns();
+    EXPECT_EQ(records(), ++good) << same;
+  }
+  for (const char* other : {"abcde", "abcdefg", "abcdeg", "-abcde", "ab-cdeg", "ab-cdef0"}) {
+    peer.send(collectd(other));
+    answer("", 404);
+    EXPECT_EQ(counted().failed_auths, ++refused) << other;
+    peer.send(collectd("abcdef"));
+    turns();
+    EXPECT_EQ(records(), ++good) << other;
+  }
+  EXPECT_EQ(asked_.size(), 7U);
+}
+
 TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
   auto peer = connect();
   const struct {
