@@ -1,8 +1,10 @@
 #include "skein/framing.h"
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
 
 #include <cstdint>
+#include <cstring>
 
 #include "skein/errors.h"
 #include "skein/limits.h"
@@ -10,11 +12,13 @@
 namespace skein {
 namespace {
 
+using Prefix = std::uint32_t;
+static_assert(sizeof(Prefix) == FRAME_PREFIX_BYTES);
+
 std::size_t length_of(std::string_view prefix) {
-  std::size_t length = 0;
-  for (std::size_t i = 0; i < FRAME_PREFIX_BYTES; ++i) {
-    length = length << 8U | static_cast<unsigned char>(prefix[i]);
-  }
+  Prefix big_endian = 0;
+  std::memcpy(&big_endian, prefix.data(), sizeof big_endian);
+  const Prefix length = ntohl(big_endian);
   if (length == 0) throw ProtocolError("frame of length 0");
   if (length > MAX_FRAME_BYTES) {
     throw ProtocolError(fmt::format("frame of {} bytes, {} are allowed", length, MAX_FRAME_BYTES));
@@ -46,10 +50,8 @@ std::size_t begin_frame(std::string& out) {
 }
 
 void end_frame(std::string& out, std::size_t begin) {
-  auto length = static_cast<std::uint32_t>(out.size() - begin - FRAME_PREFIX_BYTES);
-  for (std::size_t i = FRAME_PREFIX_BYTES; i-- > 0; length >>= 8U) {
-    out[begin + i] = static_cast<char>(length & 0xFFU);
-  }
+  const Prefix big_endian = htonl(static_cast<Prefix>(out.size() - begin - FRAME_PREFIX_BYTES));
+  std::memcpy(&out[begin], &big_endian, sizeof big_endian);
 }
 
 }  // namespace skein

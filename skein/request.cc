@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <limits>
+#include <msgpack.hpp>
 
 #include "skein/errors.h"
 
@@ -47,6 +49,12 @@ std::string ascii(std::string_view text) {
   }
   return shown;
 }
+
+/// Lets the packer write to memory that has room for what comes.
+struct Place {
+  char* at;
+  void write(const char* data, std::size_t size) { at = std::copy_n(data, size, at); }
+};
 
 std::string encode_outcome(std::uint32_t msgid, std::string_view error, const Reply* reply) {
   MsgpackWriter writer;
@@ -112,6 +120,13 @@ Envelope read_envelope(const Message& message) {
     read_name_and_args(name, *++item, envelope);
   }
   return envelope;
+}
+
+NilReply::NilReply(std::uint32_t msgid) {
+  Place place{bytes_.data()};
+  msgpack::packer<Place> packer(place);
+  packer.pack_array(4).pack_uint64(REPLY).pack_uint32(msgid).pack_nil().pack_nil();
+  size_ = static_cast<std::size_t>(place.at - bytes_.data());
 }
 
 std::string encode_reply(std::uint32_t msgid, const Reply& reply) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -58,6 +60,17 @@ struct Envelope {
 
 /// Reads `[0, msgid, name, args]` and `[2, name, args]`. Never fails: the fault is in the result.
 Envelope read_envelope(const Message& message);
+
+/// The message `[1, msgid, nil, nil]`: the reply to nearly every request, made without a writer.
+class NilReply {
+ public:
+  explicit NilReply(std::uint32_t msgid);
+  std::string_view message() const noexcept { return {bytes_.data(), size_}; }
+
+ private:
+  std::array<char, 9> bytes_;  ///< as much as the largest msgid takes
+  std::size_t size_ = 0;
+};
 
 /// The message `[1, msgid, nil, result]`.
 std::string encode_reply(std::uint32_t msgid, const Reply& reply);

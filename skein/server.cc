@@ -197,7 +197,7 @@ void Server::serve(Connection& connection, std::string_view frame) {
     if (!envelope.fault.empty()) throw RequestError(envelope.fault);
     const Request request{envelope.name, *envelope.args, connection};
     const Reply reply = dispatch(requests(), *this, request);
-    if (envelope.msgid && !reply.is_later()) connection.send(encode_reply(*envelope.msgid, reply));
+    if (envelope.msgid) answer(connection, *envelope.msgid, reply);
   } catch (const LimitError&) {
     throw;
   } catch (const std::exception& failure) {
@@ -205,6 +205,12 @@ void Server::serve(Connection& connection, std::string_view frame) {
     if (held_.erase(connection.held_) != 0) connection.go_on();
     if (envelope.msgid) connection.send(encode_error(*envelope.msgid, failure.what()));
   }
+}
+
+void Server::answer(Connection& connection, std::uint32_t msgid, const Reply& reply) {
+  if (reply.is_later()) return;
+  if (reply.is_nil()) return connection.send(NilReply(msgid).message());
+  connection.send(encode_reply(msgid, reply));
 }
 
 void Server::close() {

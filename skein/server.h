@@ -91,7 +91,7 @@ class Server : private PollTarget {
     if (quota_->is_short()) enforce_short_quota();
   }
   void enforce_short_quota();
-  std::chrono::steady_clock::time_point now() const { return loop_.clocks().monotonic(); }
+  std::chrono::steady_clock::time_point now() const { return loop_.now().monotonic; }
   /// Lends buffers to a connection, and takes them back when nothing waits in them.
   std::unique_ptr<Buffers> fresh_buffers();
   void take_back(Connection& connection);
@@ -101,6 +101,7 @@ class Server : private PollTarget {
   /// none; every other failure is the request's.
   void serve(Connection& connection, std::string_view frame);
   void trim() noexcept;
+  static void answer(Connection& connection, std::uint32_t msgid, const Reply& reply);
   void end(Connection& connection);
   HeldRequest hold(Connection& connection);
   /// None when it has ended.

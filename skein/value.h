@@ -51,7 +51,10 @@ class Value {
   /// The bytes of a TEXT, BYTES or EXTENSION.
   std::string_view bytes() const noexcept { return {node_->bytes, node_->size}; }
   /// The text where text is expected: TEXT, or BYTES as it is; none for every other type.
-  std::optional<std::string_view> text() const noexcept;
+  std::optional<std::string_view> text() const noexcept {
+    if (is(Type::TEXT) || is(Type::BYTES)) return bytes();
+    return std::nullopt;
+  }
 
   /// Items of a LIST, pairs of a MAP, bytes of a text.
   std::size_t size() const noexcept { return node_->size; }

@@ -93,7 +93,7 @@ class NodeVisitor : public msgpack::null_visitor {
   }
 
   std::vector<Value::Node>& nodes_;
-  std::array<std::size_t, MAX_NESTING> open_{};
+  std::array<std::size_t, MAX_NESTING> open_;  ///< the first `depth_` of them
   std::size_t depth_ = 0;
   std::size_t elements_ = 0;
 };

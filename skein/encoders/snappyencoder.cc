@@ -4,6 +4,7 @@
 #include <snappy.h>
 
 #include <algorithm>
+#include <array>
 
 #include "skein/errors.h"
 #include "skein/limits.h"
@@ -21,10 +22,9 @@ constexpr std::size_t SHORT_BYTES = 60;
 /// A block of one literal: the content as it stands. Worth it for a reply of a few bytes, for which
 /// a compressor only sets up its tables.
 void append_literal(std::string_view content, std::string& out) {
-  out += static_cast<char>(content.size());
-  if (content.empty()) return;
-  out += static_cast<char>((content.size() - 1) << 2U);
-  out += content;
+  const std::array<char, 2> head{static_cast<char>(content.size()),
+                                 static_cast<char>((content.size() - 1) << 2U)};
+  out.append(head.data(), content.empty() ? 1 : head.size()).append(content);
 }
 
 std::size_t most_content(std::string_view block) {
