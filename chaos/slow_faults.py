@@ -97,6 +97,7 @@ def never_answers(stage):
 
 def drips_without_end(stage):
     def drip(connected):
+        stage.influx.conduct = None  # the next connection finds it well again
         read_request(connected)
         connected.sendall(b"HTTP/1.1 500 Any\r\n\r\n")
         while True:

@@ -4,7 +4,6 @@
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
@@ -125,6 +124,7 @@ void HTTPRequest::finish_connect() {
   timer_.cancel();
   timer_ = loop_.call_in(PROGRESS_CHECK_TIME, [this] { await_progress(); });
   send_request();
+  join_more();
 }
 
 /// Bytes that the kernel has been given and the endpoint has not yet taken.
@@ -147,9 +147,8 @@ void HTTPRequest::await_progress() {
   const auto idle = now() - std::max(last_taken_, last_received_);
   const auto since_taken = now() - last_taken_;
   if (idle >= PROGRESS_TIME) {
-    const bool sending = unsent() > 0;
     return fail(fmt::format("no progress for {} seconds while {}", PROGRESS_TIME.count(),
-                            sending ? "sending" : "waiting for the answer"));
+                            has_unsent() ? "sending" : "waiting for the answer"));
   }
   if (since_taken >= ANSWER_TIME) {
     return fail(fmt::format("no end of the answer within {} seconds", ANSWER_TIME.count()));
@@ -167,7 +166,7 @@ void HTTPRequest::handle_events(int) {
   read();  // first: an endpoint may refuse a batch before it has taken all of it
   if (!ended_) write();
   if (ended_) return;
-  const bool more = write_error_.empty() && unsent() > 0;
+  const bool more = write_error_.empty() && has_unsent();
   poll_->watch(more ? UV_READABLE | UV_WRITABLE : UV_READABLE);
 }
 
@@ -187,9 +186,15 @@ void HTTPRequest::read() {
 }
 
 void HTTPRequest::write() {
-  const std::size_t enough = sent_ + SEND_BYTES_PER_TURN;
-  while (write_error_.empty() && unsent() > 0 && sent_ < enough) {
-    const ssize_t count = send_some(enough - sent_);
+  std::size_t left = SEND_BYTES_PER_TURN;
+  while (write_error_.empty() && has_unsent() && left > 0) {
+    if (sent_ == send_buf_.size()) {
+      send_buf_.clear();
+      sent_ = 0;
+      join_more();
+    }
+    const ssize_t count = ::send(socket_.descriptor(), send_buf_.data() + sent_,
+                                 std::min(send_buf_.size() - sent_, left), MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) break;
     if (count < 0) {
@@ -197,24 +202,20 @@ void HTTPRequest::write() {
       return;
     }
     sent_ += static_cast<std::size_t>(count);
+    left -= static_cast<std::size_t>(count);
     last_taken_ = now();
   }
   note_taken();
 }
 
-/// One call for what comes next of head and body.
-ssize_t HTTPRequest::send_some(std::size_t most) const noexcept {
-  const auto left = [&most](const std::string& part, std::size_t sent) {
-    const std::size_t bytes = std::min(part.size() - sent, most);
-    most -= bytes;
-    return iovec{const_cast<char*>(part.data()) + sent, bytes};  // it is only read
-  };
-  const std::size_t of_head = std::min(sent_, send_head_.size());
-  std::array<iovec, 2> parts{left(send_head_, of_head), left(send_body_, sent_ - of_head)};
-  msghdr message{};
-  message.msg_iov = parts.data();
-  message.msg_iovlen = parts.size();
-  return ::sendmsg(socket_.descriptor(), &message, MSG_NOSIGNAL);
+/// As much of the batch as is sent in one turn, and to the end of a message.
+void HTTPRequest::join_more() {
+  send_buf_.reserve(send_buf_.size() + std::min(data_length_.value_or(0), SEND_BYTES_PER_TURN));
+  while (!batch_.empty() && send_buf_.size() < SEND_BYTES_PER_TURN) {
+    send_buf_ += batch_.front();
+    batch_.pop_front();
+    if (!batch_.empty()) send_buf_ += '\n';
+  }
 }
 
 // The outcome and handle_close() come in one go, from here or from fail(): the database hears of

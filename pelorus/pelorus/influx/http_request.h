@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,8 +42,8 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   HTTPRequest(std::string database_name, const InfluxConnection& connection, int success_code,
               skein::Loop& loop);
 
-  /// The connection stands: put the request into send_head_ and send_body_. They are written from
-  /// then on, as one.
+  /// The connection stands: put the request's head into send_buf_ and its messages into batch_.
+  /// They are written from then on, as one.
   virtual void send_request() = 0;
   /// The answer has the status that counts as success.
   virtual void handle_success(std::string_view body) = 0;
@@ -60,8 +61,8 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
 
   const std::string database_name_;
   const InfluxConnection& connection_;      ///< holds a secret: its auth is never logged
-  std::string send_head_;                   ///< set by send_request(), as is the body
-  std::string send_body_;                   ///< apart from its head: a batch is not copied again
+  std::string send_buf_;                    ///< what goes out next: the head, messages behind it
+  std::deque<std::string> batch_;           ///< not in it yet; joined by one '\n'
   std::size_t messages_ = 0;                ///< of the batch that is lost when this request fails
   std::optional<std::size_t> data_length_;  ///< bytes of its body; none until it has been pulled
 
@@ -78,8 +79,8 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   void handle_events(int events) override;
   void read();
   void write();
-  std::size_t unsent() const noexcept { return send_head_.size() + send_body_.size() - sent_; }
-  ssize_t send_some(std::size_t most) const noexcept;
+  bool has_unsent() const noexcept { return sent_ < send_buf_.size() || !batch_.empty(); }
+  void join_more();
   void judge();
   void fail(std::string error);
   template <class Report>
@@ -102,7 +103,7 @@ class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
   std::optional<skein::Poll> poll_;  // destroyed before the descriptor that it watches is closed
   bool connected_ = false;
   bool ended_ = false;
-  std::size_t sent_ = 0;     ///< bytes of head and body that are out
+  std::size_t sent_ = 0;     ///< bytes of send_buf_ that are out
   std::string write_error_;  ///< why no more can be sent; the answer is read all the same
   int untaken_ = 0;          ///< bytes in the kernel's hands at the last look
   std::chrono::steady_clock::time_point last_taken_;     ///< by the endpoint, as far as is known

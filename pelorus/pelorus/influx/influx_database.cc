@@ -1,6 +1,7 @@
 #include "pelorus/pelorus/influx/influx_database.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -60,20 +61,21 @@ bool InfluxDatabase::should_drop_data() const {
 void InfluxDatabase::send_request() { current_request_ = make_request_(*this); }
 
 std::string InfluxDatabase::get_data() {
-  const auto end = pending_data_.begin() + static_cast<std::ptrdiff_t>(std::min(
-                                               settings_.max_batch_size, pending_data_.size()));
-  const Amount taken = amount_of(std::min(settings_.max_batch_size, pending_data_.size()));
   std::string data;
-  data.reserve(taken.bytes + taken.messages);
-  for (auto message = pending_data_.begin(); message != end; ++message) {
-    if (message != pending_data_.begin()) data += '\n';
-    data += *message;
-  }
+  for (const std::string& message : take_batch()) (data += message) += '\n';
+  if (!data.empty()) data.pop_back();
+  return data;
+}
+
+std::deque<std::string> InfluxDatabase::take_batch() {
+  const Amount taken = amount_of(std::min(settings_.max_batch_size, pending_data_.size()));
+  const auto end = pending_data_.begin() + static_cast<std::ptrdiff_t>(taken.messages);
+  std::deque<std::string> batch(std::move_iterator(pending_data_.begin()), std::move_iterator(end));
   pending_data_.erase(pending_data_.begin(), end);
   counters_.queued -= taken;
   counters_.in_flight += taken;
-  counters_.largest_body = std::max<std::uint64_t>(counters_.largest_body, data.size());
-  return data;
+  counters_.largest_body = std::max(counters_.largest_body, joined_bytes(taken));
+  return batch;
 }
 
 void InfluxDatabase::discard_old_data() {

@@ -42,6 +42,8 @@ class InfluxDatabase {
   /// (none after the last); empty when nothing waits. The messages leave the queue for good:
   /// a failed write does not bring them back.
   std::string get_data();
+  /// The messages of get_data(), not joined: they may be hundreds of megabytes.
+  std::deque<std::string> take_batch();
   /// Drops the oldest discard_size messages, with a warning.
   void discard_old_data();
   /// Harmless when no timer is armed.

@@ -18,11 +18,12 @@ std::string InfluxHTTPRequest::get_headers() const {
 }
 
 void InfluxHTTPRequest::send_request() {
-  const std::size_t waiting = database_.pending_data_len();
-  send_body_ = database_.get_data();
-  messages_ = waiting - database_.pending_data_len();
-  data_length_ = send_body_.size();
-  send_head_ = get_headers() + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
+  batch_ = database_.take_batch();
+  messages_ = batch_.size();
+  Amount amount{batch_.size(), 0};
+  for (const std::string& message : batch_) amount.bytes += message.size();
+  data_length_ = joined_bytes(amount);
+  send_buf_ = get_headers() + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
 }
 
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }

@@ -25,6 +25,11 @@ struct Amount {
   }
 };
 
+/// Bytes of those messages with a line feed between each two.
+inline std::uint64_t joined_bytes(const Amount& amount) noexcept {
+  return amount.bytes + (amount.messages == 0 ? 0 : amount.messages - 1);
+}
+
 /// What became of one database's messages since the start. What was added and is in none of these
 /// still waits.
 struct WriteCounters {
