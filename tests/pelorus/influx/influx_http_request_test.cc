@@ -171,6 +171,19 @@ TEST_F(InfluxHTTPRequestTest, TakingABodyHasNoLimitAndTheAnswerToItHasAMinute) {
   EXPECT_THAT(warnings(), ElementsAre(HasSubstr("500, no end of the answer within 60 seconds: b")));
 }
 
+TEST_F(InfluxHTTPRequestTest, PiecesOfALargeBatchMakeOneBody) {
+  const std::string first(3U << 20, 'a'), second(5U << 20, 'b');
+  database->add(first);
+  database->add(second);
+  const auto peer = begin("");
+  const std::string text = receive_to(peer, "b\n");
+  const std::string body = first + "\n" + second + "\n";  // and an empty message
+  EXPECT_TRUE(text.ends_with("Content-Length: 8388610\r\n\r\n" + body));
+  answer(peer, NO_CONTENT);
+  until_outcome();
+  EXPECT_EQ(database->counters().largest_body, body.size());
+}
+
 TEST_F(InfluxHTTPRequestTest, AnswerThatCameWhileTheProcessStoodStillCounts) {
   const auto peer = begin();
   receive_to(peer, "1 1");
