@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -9,6 +10,9 @@ namespace pelorus {
 /// those of JSON and of our log, and with dashes anywhere. For answers of others that are to be
 /// logged.
 bool repeats(std::string_view text, std::string_view secret);
+
+/// Bytes that one byte may be spelt with: \u0041.
+constexpr std::size_t LONGEST_SPELLING = 6;
 
 /// Whether `text`, as one that was cut may, ends in the midst of `secret`. Less than four bytes of
 /// it tell nothing.

@@ -288,13 +288,15 @@ std::string HTTPRequest::excerpt(std::optional<std::string_view> data) const {
   return ": " + translate::display(text.substr(0, EXCERPT_BYTES));
 }
 
-/// Whether it holds what was sent as it was sent, or decoded.
+/// Whether what is shown of it, or what begins there, holds what was sent as it was sent, or
+/// decoded.
 bool HTTPRequest::tells_credentials(std::string_view text) const {
   const std::string pair = base64_decoded(connection_.auth);
   const std::string password = pair.substr(pair.find(':') + 1);
   for (const std::string& secret : {connection_.auth, pair, password}) {
     if (secret.size() < SHORTEST_PASSWORD) continue;
-    if (repeats(text, secret) || breaks_off_in(text, secret)) return true;
+    const auto begin = text.substr(0, EXCERPT_BYTES + LONGEST_SPELLING * secret.size());
+    if (repeats(begin, secret) || breaks_off_in(begin, secret)) return true;
   }
   return false;
 }
