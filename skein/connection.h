@@ -46,7 +46,7 @@ class HeldRequest {
 /// state with a connection derives from this class (Server::make_connection).
 ///
 /// Small while it idles: whatever waits lies in its Buffers, which it has only then.
-class Connection : public LoopOwned, public Holder, private PollTarget {
+class Connection : public LoopOwned, private PollTarget, public Holder {
  public:
   Connection(Server& server, Loop& loop, Socket socket);
 
@@ -111,6 +111,10 @@ class Connection : public LoopOwned, public Holder, private PollTarget {
   std::chrono::steady_clock::time_point due() const;
   void time_out();
 
+  // First of all: here they fit behind the last base's flag and take up nothing.
+  bool serving_ = false;  ///< replies wait for the end of the present read
+  bool deaf_ = false;     ///< the peer takes no replies any more; what it sent is still served
+  bool ended_ = false;
   Server& server_;
   Socket socket_;
   std::uint32_t index_ = 0;  ///< place among the server's connections
@@ -119,9 +123,6 @@ class Connection : public LoopOwned, public Holder, private PollTarget {
   std::unique_ptr<Buffers> buffers_;
   std::list<Connection*>::iterator newcomer_;  ///< place in the quota's list until it is valid
   std::uint64_t held_ = 0;                     ///< number of the held request; 0: none
-  bool serving_ = false;                       ///< replies wait for the end of the present read
-  bool deaf_ = false;  ///< the peer takes no replies any more; what it sent is still served
-  bool ended_ = false;
 };
 
 }  // namespace skein
