@@ -13,8 +13,9 @@ namespace skein {
 class Connection;
 
 /// Shares out the turns of the loop among the connections of a server. What a connection has beyond
-/// its share waits here, and each that waits gets a share on every turn. Those without a valid key
-/// have one part of the turn for all of them, and wait in a queue of their own.
+/// its share waits here. Those with a valid key get a share on every turn; the others have one part
+/// of a turn for all of them, and get their shares one after the other. Of those with a large frame
+/// one of either kind is served per turn.
 class Backlog {
  public:
   /// Borrows both.
@@ -26,22 +27,34 @@ class Backlog {
   /// nothing while others without a valid key wait before it.
   Share share_at_once(const Connection& connection);
 
-  /// Serves `connection` on the next turn. One that waits already keeps its place.
+  /// Serves `connection`, of which a whole frame waits, when its turn comes. One that stands here
+  /// already keeps its place.
   void add(Connection& connection);
   void remove(Connection& connection);
 
  private:
   using Queue = std::list<Connection*>;
 
+  /// The connections of a kind.
+  struct Line {
+    Queue waiting;
+    Queue with_large;      ///< whose next frame is a large one
+    std::size_t share;     ///< bytes of content of one of them
+    std::size_t per_turn;  ///< and of all, in a turn of the loop
+    std::size_t rest = 0;  ///< that is left of this
+  };
+
+  Line& line_of(const Connection& connection);
   void begin_turn();
   void run();
-  void serve(Queue& queue, std::size_t bytes, TurnRest& rest);
+  void serve(Line& line);
+  void serve_front(Line& line, Queue& queue, bool large);
 
   Loop& loop_;
   const Limits& limits_;
   NextTurn next_turn_;
-  Queue valid_, newcomers_;
-  TurnRest valid_rest_{}, newcomers_rest_{};
+  Line valid_;
+  Line newcomers_;
   std::uint64_t turn_ = 0;  ///< that the rests are of
 };
 

@@ -52,9 +52,10 @@ struct Limits {
   /// turn.
   std::size_t requests_per_turn = 16;
   std::size_t bytes_per_turn = 256U << 10;
-  /// Content of a connection without a valid key, and of all of them, in a turn of the loop. A byte
-  /// may be an element of its own, which costs 16 ns to decode.
-  std::size_t newcomer_bytes_per_turn = 64U << 10;
+  /// Content of a connection without a valid key, and of all of them, in a turn of the loop; a
+  /// frame counts as 1 KiB at least. A byte may be an element of its own, which costs 16 ns to
+  /// decode. A block of collectd's plugin, 64 KiB and what is around it, is no large frame.
+  std::size_t newcomer_bytes_per_turn = 128U << 10;
   std::size_t newcomers_bytes_per_turn = 1U << 20;
   /// Of one listening socket in a turn of the loop.
   int accepts_per_turn = 64;

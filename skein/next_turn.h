@@ -24,6 +24,12 @@ class NextTurn {
     armed_ = true;
   }
 
+  void disarm() {
+    if (!armed_) return;
+    timer_.cancel();
+    armed_ = false;
+  }
+
  private:
   Loop& loop_;
   Loop::Callback callback_;

@@ -41,8 +41,8 @@ void ProgressWatch::remove(Connection& connection) {
 void ProgressWatch::wake_at(Time due) {
   if (due >= wake_) return;
   timer_.cancel();
-  wake_ = due;
   timer_ = loop_.call_in(due - loop_.clocks().monotonic(), [this] { look(); });
+  wake_ = due;
 }
 
 void ProgressWatch::look() {

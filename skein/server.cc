@@ -171,8 +171,13 @@ void Server::release(std::uint64_t number,
   if (node.empty()) return;  // the connection has ended meanwhile
   const auto& [connection, msgid] = node.mapped();
   connection->go_on();
-  if (msgid) connection->send(answer(*msgid));
-  connection->resume();
+  try {
+    if (msgid) connection->send(answer(*msgid));
+    connection->resume();
+  } catch (const std::exception& failure) {  // no memory: nothing would wake it any more
+    connection->end();
+    handle_exception(failure);
+  }
 }
 
 std::span<char> Server::read_buffer() noexcept {

@@ -1,22 +1,21 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <utility>
 
 namespace skein {
-
-/// What one turn of the loop has left for all connections of a kind.
-struct TurnRest {
-  std::size_t bytes;  ///< of content
-  bool large;         ///< one frame with more content than a connection's share of the turn
-};
 
 /// What may be served of one connection before the others have their turn.
 class Share {
  public:
-  /// `bytes` of content in at most `requests` frames, taken out of `rest`. A large frame is served
-  /// only where `may_be_large`.
-  Share(std::size_t requests, std::size_t bytes, TurnRest& rest, bool may_be_large) noexcept
-      : requests_(requests), bytes_(bytes), most_(bytes), rest_(rest), large_(may_be_large) {}
+  /// A frame costs this much, however little is in it.
+  static constexpr std::size_t LEAST_BYTES = 1024;
+
+  /// `bytes` of content in at most `requests` frames, taken out of `rest`, which a turn of the loop
+  /// has left for all connections of a kind. With `large`, one frame with more content as well.
+  Share(std::size_t requests, std::size_t bytes, std::size_t& rest, bool large) noexcept
+      : requests_(requests), bytes_(bytes), most_(bytes), rest_(rest), large_(large) {}
 
   bool is_used_up() const noexcept { return requests_ == 0; }
 
@@ -28,22 +27,19 @@ class Share {
   }
 
  private:
-  bool take_large() noexcept {
-    if (!large_ || !rest_.large) return false;
-    rest_.large = false;
-    return true;
-  }
+  bool take_large() noexcept { return std::exchange(large_, false); }
   bool take_bytes(std::size_t content) noexcept {
-    if (content > bytes_ || content > rest_.bytes) return false;
-    bytes_ -= content;
-    rest_.bytes -= content;
+    const std::size_t bytes = std::max(content, LEAST_BYTES);
+    if (bytes > bytes_ || bytes > rest_) return false;
+    bytes_ -= bytes;
+    rest_ -= bytes;
     return true;
   }
 
   std::size_t requests_;
   std::size_t bytes_;
   std::size_t most_;
-  TurnRest& rest_;
+  std::size_t& rest_;
   bool large_;
 };
 

@@ -37,10 +37,12 @@ void Pacer::turn_ends() {
 
 void Pacer::try_again() {
   const auto before = sink_->written();
-  timer_armed_ = !sink_->pace();
-  if (!timer_armed_ || sink_->written() > before) wait_ = SHORTEST_WAIT;
-  if (!timer_armed_) return;
+  timer_armed_ = false;
+  const bool all_out = sink_->pace();
+  if (all_out || sink_->written() > before) wait_ = SHORTEST_WAIT;
+  if (all_out) return;
   timer_ = loop_.call_in(wait_, [this] { try_again(); });
+  timer_armed_ = true;
   wait_ = std::min(2 * wait_, LONGEST_WAIT);
 }
 

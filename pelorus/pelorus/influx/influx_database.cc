@@ -98,12 +98,12 @@ void InfluxDatabase::reset_process_data_timer() {
 }
 
 void InfluxDatabase::arm_process_data_timer(Moment now) {
-  timer_armed_ = true;
   process_data_timer_ = loop_.call_in(look_again_ - now, [this] {
     timer_armed_ = false;
     const auto fired = loop_.clocks().monotonic();
     fired < look_again_ ? arm_process_data_timer(fired) : process_data();
   });
+  timer_armed_ = true;
 }
 
 void InfluxDatabase::stop_process_data_timer() {

@@ -201,9 +201,9 @@ KeyOutcome KeyExchange::outcome_of(CURLcode result) {
   return std::make_exception_ptr(skein::Failure(fmt::format("node key verification: {}", text)));
 }
 
-/// What came in time counts, though nobody has looked at it yet.
+/// What came in time counts, though nobody has looked at it yet; while connecting, only its end.
 void KeyExchange::end_wait(bool may_go_on) {
-  const bool goes_on = multi_.serve_ready(easy_.get()) && may_go_on;
+  const bool goes_on = multi_.serve_ready(easy_.get()) && may_go_on && connected_;
   if (!headers_) return;  // that was the end
   if (goes_on) return wait_from_now();
   multi_.remove(easy_.get());

@@ -279,10 +279,10 @@ bool NodeServer::valid_key(const std::string& key, const VerifiedKey* verified) 
 }
 
 void NodeServer::check_auth(const std::string& key) {
-  waiting_[key].state = KeyQueue::State::ASKING;
   verification_.do_auth_check(
       key, [this, key](const KeyOutcome& outcome) { handle_outcome(key, outcome); },
       [this, key] { return line_of(key); });
+  waiting_[key].state = KeyQueue::State::ASKING;
 }
 
 KeyVerification::Line NodeServer::line_of(const std::string& key) const {
@@ -293,8 +293,8 @@ KeyVerification::Line NodeServer::line_of(const std::string& key) const {
 }
 
 void NodeServer::let_through(const std::string& key) {
-  waiting_[key].state = KeyQueue::State::LET_THROUGH;
   let_through_.push_back(key);
+  waiting_[key].state = KeyQueue::State::LET_THROUGH;
   next_turn_.arm();
 }
 
@@ -303,14 +303,15 @@ void NodeServer::let_through(const std::string& key) {
 void NodeServer::handle_outcome(const std::string& key, const KeyOutcome& outcome) {
   KeyQueue& queue = waiting_[key];
   queue.state = KeyQueue::State::IDLE;
+  bool is_valid = false;
   try {
-    if (validate(key, queue.held.front(), is_confirmed(key, outcome, settings_))) {
-      return let_through(key);
-    }
-    take_first(queue).front().request().answer({});  // dropped in silence
+    is_valid = validate(key, queue.held.front(), is_confirmed(key, outcome, settings_));
   } catch (const std::exception& failure) {
     take_first(queue).front().request().fail(failure);
+    return serve_next(key);
   }
+  if (is_valid) return let_through(key);
+  take_first(queue).front().request().answer({});  // dropped in silence
   serve_next(key);
 }
 
@@ -327,6 +328,7 @@ void NodeServer::serve_next(const std::string& key) {
 }
 
 void NodeServer::serve_let_through() {
+  next_turn_.arm();  // first: whatever fails, the others have their turn
   std::size_t bytes = 0;
   for (std::size_t requests = 0; requests < limits().requests_per_turn &&
                                  bytes < limits().bytes_per_turn && !let_through_.empty();
@@ -345,7 +347,7 @@ void NodeServer::serve_let_through() {
     }
     serve_next(key.front());
   }
-  if (!let_through_.empty()) next_turn_.arm();
+  if (let_through_.empty()) next_turn_.disarm();
 }
 
 bool NodeServer::validate(const std::string& key, const HeldMethod& held, bool is_valid) {
