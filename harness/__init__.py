@@ -10,6 +10,7 @@ is not PELORUS_BUILD's, and then imports what it needs:
     real_servers    InfluxDB and collectd as Debian packages them
     stub_influx     InfluxDB's endpoint, which keeps what it is sent and answers as told
     web_server      the administration web server, where the build looks for it
+    tidewell_stand_in  the program that it runs
     conduct         how a server can treat its client
     bad_peers       what a peer can do wrong
     bystander       quiet peers that measure how long they are kept waiting

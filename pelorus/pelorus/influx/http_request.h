@@ -31,7 +31,7 @@ constexpr std::chrono::seconds ANSWER_TIME{60};
 /// It begins on the turn after its construction. Exactly one of handle_success and handle_failure
 /// follows, in the same turn handle_close, and the loop destroys it on the next. A failure before
 /// the connection stood shows as handle_close alone; what that means is the derived class's to say.
-/// When the loop ends first, none is called. What they throw is reported to the loop, and the
+/// When the loop ends first, none is called. What these two throw is reported to the loop, and the
 /// request ends all the same.
 class HTTPRequest : public skein::LoopOwned, private skein::PollTarget {
  public:

@@ -19,9 +19,9 @@ class CurlMulti;
 class KeyExchange;
 
 /// Asks the administration web server about node keys, over HTTPS and without blocking the loop:
-/// at most eight keys at a time, line by line and in each line first come first served. A key may
-/// be asked about twice at a time; whether it should be is the caller's to say. Owned by
-/// NodeServer; borrows settings and loop.
+/// at most eight keys at a time, line by line and in each line first come first served, one that
+/// has to change its line behind those who stand there. A key may be asked about twice at a time;
+/// whether it should be is the caller's to say. Owned by NodeServer; borrows settings and loop.
 class KeyVerification {
  public:
   using Done = std::function<void(KeyOutcome)>;
