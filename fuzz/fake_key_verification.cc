@@ -10,22 +10,23 @@ std::function<pelorus::KeyOutcome(const std::string& key)> web_server;
 
 namespace pelorus {
 
-KeyVerification::KeyVerification(const Settings&, skein::Loop& loop, std::string) : loop_(loop) {}
+KeyVerification::KeyVerification(const Settings&, skein::Loop& loop, std::string)
+    : next_turn_(loop, [this] { start_waiting(); }) {}
 
-KeyVerification::~KeyVerification() { start_timer_.cancel(); }
+KeyVerification::~KeyVerification() = default;
 
 void KeyVerification::do_auth_check(std::string key, Done done, FindLine line) {
   line();
   auto& waiting = lines_.front();
   waiting.push_back({std::move(key), std::move(done), std::move(line)});
-  if (waiting.size() == 1) start_timer_ = loop_.call_in(0, [this] { start_waiting(); });
+  next_turn_.arm();
 }
 
 void KeyVerification::start_waiting() {
   auto& waiting = lines_.front();
   const Waiting next = std::move(waiting.front());
   waiting.pop_front();
-  if (!waiting.empty()) start_timer_ = loop_.call_in(0, [this] { start_waiting(); });
+  if (!waiting.empty()) next_turn_.arm();
   next.line();
   next.done(fuzz::web_server(next.key));
 }

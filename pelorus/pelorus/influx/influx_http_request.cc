@@ -18,12 +18,13 @@ std::string InfluxHTTPRequest::get_headers() const {
 }
 
 void InfluxHTTPRequest::send_request() {
+  const std::string headers = get_headers();  // before the batch: a failure loses nothing
   batch_ = database_.take_batch();
   messages_ = batch_.size();
   Amount amount{batch_.size(), 0};
   for (const std::string& message : batch_) amount.bytes += message.size();
   data_length_ = joined_bytes(amount);
-  send_buf_ = get_headers() + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
+  send_buf_ = headers + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
 }
 
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }

@@ -13,20 +13,19 @@ constexpr std::size_t MAX_EXCHANGES = 8;
 }  // namespace
 
 KeyVerification::KeyVerification(const Settings& settings, skein::Loop& loop, std::string url)
-    : loop_(loop), multi_(std::make_unique<CurlMulti>(loop, MAX_EXCHANGES)) {
+    : multi_(std::make_unique<CurlMulti>(loop, MAX_EXCHANGES)),
+      next_turn_(loop, [this] { start_waiting(); }) {
   for (std::size_t i = 0; i < MAX_EXCHANGES; ++i) {
     exchanges_.push_back(std::make_unique<KeyExchange>(*multi_, settings, loop, url));
     idle_.push_back(exchanges_.back().get());
   }
 }
 
-KeyVerification::~KeyVerification() { start_timer_.cancel(); }
+KeyVerification::~KeyVerification() = default;
 
 void KeyVerification::do_auth_check(std::string key, Done done, FindLine line) {
   line_up({std::move(key), std::move(done), std::move(line)});
-  if (idle_.empty()) return;
-  start_timer_.cancel();
-  start_timer_ = loop_.call_in(0, [this] { start_waiting(); });
+  if (!idle_.empty()) next_turn_.arm();
 }
 
 void KeyVerification::line_up(Waiting waiting) {

@@ -12,6 +12,7 @@
 #include "pelorus/pelorus/listen/key_outcome.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/loops.h"
+#include "skein/next_turn.h"
 
 namespace pelorus {
 
@@ -59,12 +60,11 @@ class KeyVerification {
   void start_waiting();
   void start(KeyExchange& exchange, Waiting next);
 
-  skein::Loop& loop_;
   std::unique_ptr<CurlMulti> multi_;
   std::vector<std::unique_ptr<KeyExchange>> exchanges_;  // leave multi_ when they are destroyed
   std::vector<KeyExchange*> idle_;                       ///< those of them without a key
   std::array<std::deque<Waiting>, LINES> lines_;
-  skein::Timer start_timer_;
+  skein::NextTurn next_turn_;
 };
 
 }  // namespace pelorus
