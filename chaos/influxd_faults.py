@@ -15,6 +15,7 @@ from harness.stage import KEY, Fault
 
 DATABASE = "bonding"
 FIRST_TIMESTAMP = 1_700_000_000
+BATCH = 200  # messages
 PAUSE = 0.005  # seconds between two messages
 
 
@@ -54,7 +55,7 @@ class InfluxdStage:
         self.daemon = Pelorus(folder, {
             "INFLUX_AUTH": auth, "INFLUX_HTTP_CONNECTION": self.influxd.address,
             "PELORUS_BUFFER_TIME": 0.1, "PELORUS_IDEAL_QUEUED_MESSAGES": 100,
-            "PELORUS_MAX_BATCH_SIZE": 200, "PELORUS_MAX_PENDING_MESSAGES": 1500,
+            "PELORUS_MAX_BATCH_SIZE": BATCH, "PELORUS_MAX_PENDING_MESSAGES": 1500,
             "PELORUS_DISCARD_SIZE": 100})
         self.daemon.wait_ready()
         self.sender = Sender(self.daemon.node_address)
@@ -77,7 +78,9 @@ class InfluxdStage:
         wait_until(lambda: self.account()["failed"] > before, "failed messages", 40, pause=0.1)
 
     def drain(self):
-        """Until nothing is under way any more."""
+        """Until nothing is under way any more. What is behind the first batch goes out as messages
+        come in: the sender goes on until less than that waits."""
+        wait_until(lambda: self.account()["queued"] < BATCH / 2, "the queue to shrink", 60, pause=0.1)
         self.sender.going.clear()
         time.sleep(2 * PAUSE)
         wait_until(lambda: not any(self.account()[name] for name in ("queued", "in_flight")),
