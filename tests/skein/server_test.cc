@@ -193,6 +193,22 @@ TEST_F(ServerTest, ContentCountsInAShareAndThoseWithoutAValidKeyHaveOneForAll) {
   EXPECT_EQ(served(0) + served(1) + served(2) + served(3), 16U);
 }
 
+TEST_F(ServerTest, NewcomersHaveTheirSharesOneAfterTheOther) {
+  restart({.newcomer_bytes_per_turn = 20'000, .newcomers_bytes_per_turn = 20'000});
+  std::vector<support::SkeinPeer> peers;
+  for (int i = 0; i < 5; ++i) peers.push_back(connect());
+  const std::string text(9'000, '0');
+  std::string stream;
+  for (std::uint32_t i = 1; i <= 20; ++i) stream += request(i, "echo", text);
+  for (int i = 0; i < 4; ++i) peers[static_cast<std::size_t>(i)].send(stream);
+  turns(1);
+  peers[4].send(request(1, "echo", text));
+  turns(8);
+  EXPECT_EQ(peers[4].replies(), "1=" + text + " ");
+  turns(50);
+  EXPECT_EQ(server_->connections()[0]->traffic().requests, 20U);
+}
+
 TEST_F(ServerTest, LargestHolderWithoutAValidKeyGoesFirst) {
   restart({.held_bytes = 4000});
   auto valid = connect();
