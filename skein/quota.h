@@ -22,6 +22,8 @@ class Holder {
 
   /// Whether it belongs to a peer that has shown a valid key, or needs none.
   bool is_valid() const noexcept { return valid_; }
+  /// As the quota counts them.
+  std::size_t held_bytes() const noexcept { return bytes_; }
 
  protected:
   explicit Holder(bool valid = false) noexcept : valid_(valid) {}

@@ -157,22 +157,25 @@ Connection* Server::held_connection(std::uint64_t number) const noexcept {
 }
 
 void Server::answer_held(std::uint64_t number, const Reply& reply) {
-  release(number, [&](std::uint32_t msgid) { return encode_reply(msgid, reply); });
+  release(number,
+          [&](Connection& connection, std::uint32_t msgid) { answer(connection, msgid, reply); });
 }
 
 void Server::fail_held(std::uint64_t number, const std::exception& failure) {
   handle_exception(failure);
-  release(number, [&](std::uint32_t msgid) { return encode_error(msgid, failure.what()); });
+  release(number, [&](Connection& connection, std::uint32_t msgid) {
+    connection.send(encode_error(msgid, failure.what()));
+  });
 }
 
 void Server::release(std::uint64_t number,
-                     const std::function<std::string(std::uint32_t)>& answer) {
+                     const std::function<void(Connection&, std::uint32_t)>& send_answer) {
   const auto node = held_.extract(number);
   if (node.empty()) return;  // the connection has ended meanwhile
   const auto& [connection, msgid] = node.mapped();
   connection->go_on();
   try {
-    if (msgid) connection->send(answer(*msgid));
+    if (msgid) send_answer(*connection, *msgid);
     connection->resume();
   } catch (const std::exception& failure) {  // no memory: nothing would wake it any more
     connection->end();

@@ -108,7 +108,8 @@ class Server : private PollTarget {
   Connection* held_connection(std::uint64_t number) const noexcept;
   void answer_held(std::uint64_t number, const Reply& reply);
   void fail_held(std::uint64_t number, const std::exception& failure);
-  void release(std::uint64_t number, const std::function<std::string(std::uint32_t)>& answer);
+  void release(std::uint64_t number,
+               const std::function<void(Connection&, std::uint32_t)>& send_answer);
 
   Loop& loop_;
   Socket socket_;

@@ -21,9 +21,7 @@ void InfluxHTTPRequest::send_request() {
   const std::string headers = get_headers();  // before the batch: a failure loses nothing
   batch_ = database_.take_batch();
   messages_ = batch_.size();
-  Amount amount{batch_.size(), 0};
-  for (const std::string& message : batch_) amount.bytes += message.size();
-  data_length_ = joined_bytes(amount);
+  data_length_ = joined_bytes(database_.counters().in_flight);  // this batch: one write at a time
   send_buf_ = headers + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
 }
 

@@ -25,11 +25,11 @@ static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it st
 BadLines::BadLines(Ingested& ingested)
     : ingested_(ingested), warns_(log::enabled(spdlog::level::warn)) {}
 
+// Short of memory, it stays silent: the block has failed as well then, and that is told.
 BadLines::~BadLines() {
   try {
     block_ends();
-  } catch (
-      const std::exception&) {  // NOLINT: short of memory, like the block, whose failure is told
+  } catch (const std::exception&) {  // NOLINT
   }
 }
 

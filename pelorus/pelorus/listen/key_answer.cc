@@ -33,8 +33,7 @@ std::string shown_body(const std::string& body, const std::string& key, const st
   return shown;
 }
 
-/// Why `body` is no JSON; empty when it is, and `answer` holds it. The library's own texts quote
-/// it.
+/// Why `body` is no JSON; empty when it is, and stands in `answer`. The library's texts quote it.
 std::string parse(const std::string& body, nlohmann::json& answer) {
   try {
     answer = nlohmann::json::parse(body);

@@ -232,9 +232,8 @@ NodeServer::HeldMethod::HeldMethod(NodeServer& server, const std::string& key,
       server_(server),
       key_(key),
       method_(std::move(owned.method)),
-      bytes_(HELD_OVERHEAD_BYTES + owned.bytes),
       request_(held) {
-  server_.quota().hold(*this, bytes_);
+  server_.quota().hold(*this, HELD_OVERHEAD_BYTES + owned.bytes);
 }
 
 void NodeServer::HeldMethod::give_up(const skein::LimitError& reason) {
@@ -339,7 +338,7 @@ void NodeServer::serve_let_through() {
     if (queue.held.empty()) {  // given up meanwhile
       queue.state = KeyQueue::State::IDLE;
     } else {
-      bytes += queue.held.front().bytes();
+      bytes += queue.held.front().held_bytes();
       if (!forward(queue)) {
         let_through_.splice(let_through_.end(), key);
         break;

@@ -78,7 +78,6 @@ class NodeServer : public skein::Server {
     /// Nothing, when it had to be given up.
     Step run() const { return method_ ? method_() : Step(); }
     const skein::HeldRequest& request() const noexcept { return request_; }
-    std::size_t bytes() const noexcept { return bytes_; }
 
     std::list<HeldMethod>::iterator place;  ///< in its queue
 
@@ -88,7 +87,6 @@ class NodeServer : public skein::Server {
     NodeServer& server_;
     std::string key_;
     Method method_;
-    std::size_t bytes_;
     skein::HeldRequest request_;
   };
 
