@@ -22,7 +22,9 @@ using skein::Value;
 const std::array<std::string, 2> DATABASES{"tidewell", "bonding"};
 /// Buffers so small that an input may fill them, and that making them takes no time.
 constexpr std::size_t GRAPHITE_BUFFER_BYTES = 1U << 10;
-const skein::Limits LIMITS{.connections = 64, .bytes_per_turn = 1U << 10};
+const skein::Limits LIMITS{.connections = 64,
+                           .authenticated = {.of_one = 1U << 10, .of_all = 8U << 10},
+                           .unauthenticated = {.of_one = 1U << 10, .of_all = 4U << 10}};
 /// More than are served in one turn of the loop.
 constexpr int MOST_MESSAGES = 20;
 /// The message behind which the peer waits; all others go with the one that follows.
@@ -113,7 +115,7 @@ Daemon::Daemon()
     : loop(shared_loop()),
       handles_before(handles_of(loop)),
       settings(fixed_settings()),
-      quota(std::make_shared<skein::Quota>(LIMITS)),
+      resources(loop, LIMITS),
       handler(
           DATABASES,
           [this](const std::string& name) {

@@ -37,7 +37,7 @@ struct Daemon {
   skein::Loop& loop;
   std::size_t handles_before;  ///< that the loop had
   const pelorus::Settings& settings;
-  std::shared_ptr<skein::Quota> quota;  // for the server, which owns it too
+  skein::Resources resources;  // for the server
   pelorus::BufferSettings buffer_settings{.max_pending_messages = 1U << 20,
                                           .max_buffer_time = 1e9,
                                           .ideal_queued_messages = 1U << 20,

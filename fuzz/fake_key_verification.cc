@@ -1,7 +1,8 @@
 #include "fuzz/fake_key_verification.h"
 
+#include <utility>
+
 #include "pelorus/pelorus/listen/curl_multi.h"
-#include "pelorus/pelorus/listen/key_exchange.h"
 #include "pelorus/pelorus/listen/key_verification.h"
 
 namespace fuzz {
@@ -10,25 +11,31 @@ std::function<pelorus::KeyOutcome(const std::string& key)> web_server;
 
 namespace pelorus {
 
-KeyVerification::KeyVerification(const Settings&, skein::Loop& loop, std::string)
-    : next_turn_(loop, [this] { start_waiting(); }) {}
+/// One question at a time, answered at the end of the turn.
+class KeyVerification::Exchange {
+ public:
+  std::string key;
+  Done done;
+};
+
+KeyVerification::KeyVerification(const Settings&, skein::Loop& loop, const std::string&)
+    : loop_(loop), deliver_(loop, [this] { deliver(); }) {
+  exchanges_.push_back(std::make_unique<Exchange>());
+  idle_.push_back(exchanges_.back().get());
+}
 
 KeyVerification::~KeyVerification() = default;
 
-void KeyVerification::do_auth_check(std::string key, Done done, FindLine line) {
-  line();
-  auto& waiting = lines_.front();
-  waiting.push_back({std::move(key), std::move(done), std::move(line)});
-  next_turn_.arm();
+void KeyVerification::do_auth_check(std::string_view key, Done done) noexcept {
+  *idle_.back() = {std::string(key), std::move(done)};
+  idle_.pop_back();
+  deliver_.arm();
 }
 
-void KeyVerification::start_waiting() {
-  auto& waiting = lines_.front();
-  const Waiting next = std::move(waiting.front());
-  waiting.pop_front();
-  if (!waiting.empty()) next_turn_.arm();
-  next.line();
-  next.done(fuzz::web_server(next.key));
+void KeyVerification::deliver() noexcept {
+  const Exchange ended = std::move(*exchanges_.front());
+  idle_.push_back(exchanges_.front().get());
+  ended.done(fuzz::web_server(ended.key));
 }
 
 }  // namespace pelorus

@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "pelorus/pelorus/listen/key_outcome.h"
+#include "pelorus/pelorus/listen/key_answer.h"
 
 namespace fuzz {
 

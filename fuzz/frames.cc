@@ -1,7 +1,6 @@
 // Bytes on the wire, cut in two ways: the server sees the same requests and answers alike.
 #include <sys/eventfd.h>
 
-#include <array>
 #include <string>
 
 #include "fuzz/fuzz.h"
@@ -15,8 +14,12 @@ namespace {
 /// Writes down what it is asked.
 class Recorder : public skein::Server {
  public:
-  explicit Recorder(skein::Loop& loop)
-      : Server(skein::Socket(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), loop) {}
+  Recorder(skein::Loop& loop, skein::Resources& resources)
+      : Server(skein::Socket(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), loop, resources) {
+    answer_to("now", [this](const skein::Request& request) { return req_now(request); });
+    answer_to("later", [this](const skein::Request& request) { return req_later(request); });
+    answer_to("fail", [this](const skein::Request& request) { return req_fail(request); });
+  }
 
   void handle_exception(const std::exception& failure) override { note("failure", failure.what()); }
   void handle_protocol_error(skein::Connection&, const skein::ProtocolError& fault) override {
@@ -30,26 +33,16 @@ class Recorder : public skein::Server {
   /// Answers on a later turn.
   skein::Reply req_later(const skein::Request& request) {
     note("later", pelorus::value_text(request.args));
-    loop().call_in(0, [held = request.connection.hold()] { held.answer({}); });
+    loop().call_in(0, [reply = defer(request)] { reply.send({}); });
     return skein::Reply::later();
   }
   skein::Reply req_fail(const skein::Request& request) {
     request.text("a");
-    request.connection.hold();
+    defer(request);
     throw skein::RequestError("failed");
   }
 
   std::string take_events() { return std::exchange(events_, {}); }
-
- protected:
-  std::span<const skein::RequestRow> requests() const override {
-    static constexpr std::array<skein::RequestRow, 3> REQUESTS{{
-        {"now", skein::RequestHandler<&Recorder::req_now>::handle},
-        {"later", skein::RequestHandler<&Recorder::req_later>::handle},
-        {"fail", skein::RequestHandler<&Recorder::req_fail>::handle},
-    }};
-    return REQUESTS;
-  }
 
  private:
   void note(std::string_view kind, std::string_view text) {
@@ -67,7 +60,8 @@ struct Seen {
 Seen serve(const std::vector<std::string_view>& pieces) {
   static support::FakeClock clock;
   static skein::Loop loop(clock.clocks());
-  static Recorder server(loop);
+  static skein::Resources resources(loop);
+  static Recorder server(loop, resources);
   Peer peer(server, loop);
   for (const auto piece : pieces) peer.send(piece);
   peer.finish();

@@ -1,182 +1,173 @@
 #include "skein/connection.h"
 
-#include <fmt/format.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <string>
+#include <utility>
 
+#include "skein/encoders/snappyencoder.h"
 #include "skein/framing.h"
-#include "skein/server.h"
+#include "skein/limits.h"
 
 namespace skein {
 namespace {
 
-/// While more of a peer's requests wait, so many bytes of replies gather and go with one call:
-/// those of some 350 requests that were good. A call costs as much as several such requests.
-constexpr std::size_t GATHERED_REPLY_BYTES = 4U << 10;
+/// Capacity of a connection's buffers that is kept for the next one.
+constexpr std::size_t KEPT_BUFFER_BYTES = 64U << 10;
+/// From this length on a half frame gets memory for the whole of it, which takes up nothing before
+/// it is filled. If they grew by doubling, those of many peers would be copied to a new place in
+/// the same turn again and again. A shorter one has not earned the memory that its length claims.
+constexpr std::size_t LONG_HALF_FRAME = 64U << 10;
+/// Sent bytes that lie in front of unsent ones are dropped once there are so many.
+constexpr std::size_t MANY_SENT_BYTES = 256U << 10;
 
-bool is_queued(const Buffers* buffers) { return buffers != nullptr && buffers->queue != nullptr; }
+void make_empty(std::string& buffer) {
+  buffer.clear();
+  if (buffer.capacity() > KEPT_BUFFER_BYTES) buffer.shrink_to_fit();
+}
 
 }  // namespace
 
-void HeldRequest::answer(const Reply& reply) const { server_->answer_held(number_, reply); }
+/// What is unfinished on a connection.
+struct Connection::Buffers {
+  /// Somewhat more than the bytes that this object takes itself.
+  static constexpr std::size_t OVERHEAD_BYTES = 256;
 
-void HeldRequest::fail(const std::exception& failure) const {
-  server_->fail_held(number_, failure);
-}
+  std::string_view received;  ///< in the shared buffer, not taken yet; comes behind `stored`
+  std::string stored;         ///< received earlier
+  std::size_t taken = 0;      ///< bytes at the front of `stored` that have been taken
+  std::string out;            ///< frames for the peer
+  std::size_t sent = 0;       ///< bytes at the front of `out` that have been sent
+  bool deaf = false;          ///< the peer takes nothing any more; what it sent is still served
+  std::chrono::steady_clock::time_point progress;
 
-Connection* HeldRequest::connection() const noexcept { return server_->held_connection(number_); }
+  std::string_view waiting() const { return std::string_view(stored).substr(taken); }
+  bool is_empty() const { return waiting().empty() && received.empty() && sent == out.size(); }
 
-bool HeldRequest::give_up(const LimitError& reason) const {
-  Connection* const ending = connection();
-  if (ending != nullptr) ending->give_up(reason);
-  return ending != nullptr;
-}
+  void store(std::string_view bytes, std::size_t expected) {
+    if (waiting().size() + bytes.size() >= LONG_HALF_FRAME)
+      stored.reserve(stored.size() + expected);
+    stored.append(bytes);
+  }
+  void drop_taken() {
+    if (taken != stored.size()) return;
+    stored.clear();
+    taken = 0;
+  }
+  /// Gives memory back, at the cost of a copy of the rest: so only when that is the smaller part.
+  void compact() {
+    if (taken == 0 || taken < waiting().size()) return;
+    stored = std::string(waiting());
+    taken = 0;
+  }
+  void reset() {
+    make_empty(stored);
+    make_empty(out);
+    received = {};
+    taken = sent = 0;
+    deaf = false;
+    progress = {};
+  }
 
-Connection::Connection(Server& server, Loop& loop, Socket socket)
-    : server_(server),
-      socket_(std::move(socket)),
-      poll_(loop, socket_.descriptor(), static_cast<PollTarget&>(*this)),
+  /// Those of the connection before, so that a frame does not cost an allocation.
+  static inline std::unique_ptr<Buffers> spare;
+};
+
+Connection::Connection(Loop& loop, Socket socket, PollTarget& target, std::uint32_t slot)
+    : socket_(std::move(socket)),
+      slot_(slot),
+      poll_(loop, socket_.descriptor(), target),
       traffic_{.since = loop.seconds(), .last_seen = loop.seconds()} {
   poll_.watch(UV_READABLE);
 }
 
-void Connection::set_valid() {
-  if (!is_valid()) server_.quota().set_valid(*this);
-}
+Connection::~Connection() = default;
 
-void Connection::handle_events(int events) {
-  if (!ended_ && (events & UV_WRITABLE) != 0) {
-    flush();
-    queue_up();
-    settle();
+Connection::Buffers& Connection::buffers() {
+  if (!buffers_) {
+    buffers_ = Buffers::spare ? std::move(Buffers::spare) : std::make_unique<Buffers>();
   }
-  if (!ended_ && (events & UV_READABLE) != 0 && may_go_on() && !is_queued(buffers_.get())) read();
+  return *buffers_;
 }
 
-void Connection::give_up(const LimitError& reason) {
-  server_.handle_protocol_error(*this, reason);
-  end();
-}
-
-HeldRequest Connection::hold() { return server_.hold(*this); }
-
-bool Connection::may_go_on() const noexcept {
-  return !ended_ && held_ == 0 && unread() <= server_.limits().unread_reply_bytes;
-}
-
-void Connection::read() {
-  const auto buffer = server_.read_buffer();
+Connection::Received Connection::receive(std::span<char> buffer, std::uint32_t now) {
+  Buffers& unfinished = buffers();
   const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count <= 0) return end();  // end of stream, or the peer reset it: nothing more will come
-  traffic_.last_seen = server_.loop_.seconds();
-  Share share = server_.backlog_.share_at_once(*this);
-  take({buffer.data(), static_cast<std::size_t>(count)}, share);
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return Received::NOTHING;
+  if (count <= 0) return Received::END;
+  traffic_.last_seen = now;
+  unfinished.received = {buffer.data(), static_cast<std::size_t>(count)};
+  return Received::BYTES;
 }
 
-void Connection::resume() {
-  if (ended_ || serving_) return;
-  serve_waiting(server_.backlog_.share_at_once(*this));
-}
-
-void Connection::take(std::string_view bytes, Share& share) {
-  serving_ = true;
-  try {
-    take_or_throw(bytes, share);
-    serving_ = false;
-    queue_up();
-    if (unread() >= (is_queued(buffers_.get()) ? GATHERED_REPLY_BYTES : 1)) flush();
-    if (buffers_ && !buffers_->is_empty()) buffers_->progress = server_.now();
-    queue_up();  // if it might not before, for all the replies
-    settle();
-  } catch (const ProtocolError& fault) {
-    serving_ = false;
-    if (ended_) return;
-    if (unread() != 0) flush();  // what was asked before is answered
-    server_.handle_protocol_error(*this, fault);
-    end();
-  } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
-    serving_ = false;
-    if (ended_) return;
-    end();
-    server_.handle_exception(failure);
+std::optional<std::string_view> Connection::front_frame() {
+  if (!buffers_) return std::nullopt;
+  Buffers& in = *buffers_;
+  in.drop_taken();
+  while (!in.waiting().empty()) {  // twice at most: the length, then what is behind it
+    const std::size_t missing = missing_to_frame(in.waiting());
+    if (missing == 0) {
+      std::string_view waiting = in.waiting();
+      return take_frame(waiting);
+    }
+    if (in.received.empty()) return std::nullopt;
+    const std::string_view more = in.received.substr(0, missing);
+    in.store(more, missing);
+    in.received.remove_prefix(more.size());
   }
+  std::string_view received = in.received;
+  return take_frame(received);
 }
 
-void Connection::take_or_throw(std::string_view bytes, Share& share) {
-  if (has_kept()) serve_kept(bytes, share);
-  if (!has_kept()) serve_frames(bytes, share);
-  if (ended_) return;
-  if (!bytes.empty()) {
-    const bool begins_frame = !has_kept() && held_ == 0;
-    buffers().keep(bytes, bytes.size() + (begins_frame ? missing_to_frame(bytes) : 0));
-  }
-  // A length that is refused is refused before its frame has come; behind a held request it waits
-  // for its turn.
-  if (has_kept() && held_ == 0) missing_to_frame(buffers_->waiting());
+void Connection::pop_frame(std::string_view payload) {
+  ++traffic_.requests;
+  Buffers& in = *buffers_;
+  const std::size_t bytes = FRAME_PREFIX_BYTES + payload.size();
+  if (in.waiting().empty()) return in.received.remove_prefix(bytes);
+  in.taken += bytes;  // stays in place: the payload is being served
 }
 
-void Connection::serve_kept(std::string_view& bytes, Share& share) {
-  Buffers& kept = *buffers_;
-  while (has_kept() && may_go_on() && !share.is_used_up()) {
-    const std::size_t missing = missing_to_frame(kept.waiting());
-    const std::size_t count = std::min(missing, bytes.size());
-    kept.keep(bytes.substr(0, count), missing);
-    bytes.remove_prefix(count);
-    std::string_view waiting = kept.waiting();
-    const std::size_t before = waiting.size();
-    serve_frames(waiting, share);
-    kept.served = kept.in.size() - waiting.size();
-    if (waiting.size() == before) return;
-    if (waiting.empty()) kept.drop_served();
-  }
+void Connection::store_rest(std::chrono::steady_clock::time_point now) {
+  if (!buffers_) return;
+  Buffers& in = *buffers_;
+  in.compact();
+  if (!in.received.empty()) in.stored += std::exchange(in.received, {});
+  if (!in.is_empty()) in.progress = now;
 }
 
-void Connection::serve_frames(std::string_view& bytes, Share& share) {
-  while (may_go_on() && !share.is_used_up()) {
-    std::string_view rest = bytes;
-    const auto payload = take_frame(rest);
-    if (!payload) return;
-    if (!share.take(SnappyEncoder::content_size(*payload))) return;
-    bytes = rest;
-    ++traffic_.requests;
-    server_.serve(*this, *payload);
-  }
-}
-
-void Connection::queue_up() {
-  if (!has_kept() || !may_go_on() || missing_to_frame(buffers_->waiting()) != 0) return;
-  server_.backlog_.add(*this);
+std::size_t Connection::unserved() const noexcept {
+  return buffers_ ? buffers_->waiting().size() + buffers_->received.size() : 0;
 }
 
 void Connection::send(std::string_view message) {
-  if (ended_ || deaf_) return;
-  std::string& out = buffers().out;
-  const std::size_t begin = begin_frame(out);
-  SnappyEncoder::encode(message, out);
-  end_frame(out, begin);
-  if (serving_) return;
-  flush();
-  settle();
+  Buffers& unfinished = buffers();
+  if (unfinished.deaf) return;
+  const std::size_t begin = begin_frame(unfinished.out);
+  SnappyEncoder::encode(message, unfinished.out);
+  end_frame(unfinished.out, begin);
 }
 
-void Connection::flush() {
+void Connection::flush(std::chrono::steady_clock::time_point now) {
   if (!buffers_) return;
   Buffers& kept = *buffers_;
   const std::size_t before = kept.sent;
-  while (kept.unread() != 0) {
-    const ssize_t count =
-        ::send(socket_.descriptor(), kept.out.data() + kept.sent, kept.unread(), MSG_NOSIGNAL);
+  while (kept.sent != kept.out.size()) {
+    const ssize_t count = ::send(socket_.descriptor(), kept.out.data() + kept.sent,
+                                 kept.out.size() - kept.sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) {
       const bool is_new = kept.progress == decltype(kept.progress)();
-      if (is_new || kept.sent != before) kept.progress = server_.now();
-      return kept.drop_sent();
+      if (is_new || kept.sent != before) kept.progress = now;
+      if (kept.sent >= MANY_SENT_BYTES) {
+        kept.out.erase(0, kept.sent);
+        kept.sent = 0;
+      }
+      return;
     }
     if (count < 0) {
-      deaf_ = true;  // reading what it sent before it went will meet its end
+      kept.deaf = true;  // to receive what it sent before it went ends with its end
       break;
     }
     kept.sent += static_cast<std::size_t>(count);
@@ -185,56 +176,27 @@ void Connection::flush() {
   kept.sent = 0;
 }
 
-void Connection::settle() {
-  if (ended_) return;
-  if (buffers_) {
-    if (buffers_->is_empty()) {
-      server_.take_back(*this);
-    } else {
-      if (!is_queued(buffers_.get()) && held_ == 0) buffers_->drop_served();
-      server_.progress_.add(*this);
-    }
+std::size_t Connection::unsent() const noexcept {
+  return buffers_ ? buffers_->out.size() - buffers_->sent : 0;
+}
+
+std::size_t Connection::release_empty_buffers() noexcept {
+  if (!buffers_) return 0;
+  if (buffers_->is_empty() && !buffers_->deaf) {
+    buffers_->reset();
+    Buffers::spare = std::move(buffers_);
+    return 0;
   }
-  watch();
-  server_.quota().hold(*this, kept_bytes() + (buffers_ ? buffers_->bytes() : 0));
-  server_.enforce_quota();
+  return buffers_->stored.size() + buffers_->out.size() + Buffers::OVERHEAD_BYTES;
 }
 
-void Connection::watch() {
-  const bool has_replies = unread() != 0 && !is_queued(buffers_.get());
-  poll_.watch((may_go_on() ? UV_READABLE : 0) | (has_replies ? UV_WRITABLE : 0));
+std::chrono::steady_clock::time_point Connection::last_progress() const noexcept {
+  return buffers_ ? buffers_->progress : std::chrono::steady_clock::time_point();
 }
 
-void Connection::end() {
-  if (ended_) return;
-  if (is_queued(buffers_.get())) flush();  // what has gathered so far
-  ended_ = true;
+void Connection::close() noexcept {
   poll_.close();
-  server_.end(*this);
-}
-
-Buffers& Connection::buffers() {
-  if (!buffers_) buffers_ = server_.fresh_buffers();
-  return *buffers_;
-}
-
-std::chrono::steady_clock::time_point Connection::due() const {
-  const Limits& limits = server_.limits();
-  if (unread() > limits.unread_reply_bytes) return buffers_->progress + limits.unread_reply_wait;
-  const bool half_frame = has_kept() && held_ == 0 && !is_queued(buffers_.get());
-  if (half_frame) return buffers_->progress + limits.half_frame_wait;
-  return std::chrono::steady_clock::time_point::max();
-}
-
-void Connection::time_out() {
-  const Limits& limits = server_.limits();
-  if (unread() > limits.unread_reply_bytes) {
-    return give_up(LimitError(
-        fmt::format("{} bytes of replies, {} are allowed, and none taken for {} seconds", unread(),
-                    limits.unread_reply_bytes, limits.unread_reply_wait.count())));
-  }
-  give_up(LimitError(fmt::format("{} bytes of a half frame and no more for {} seconds",
-                                 buffers_->waiting().size(), limits.half_frame_wait.count())));
+  socket_ = Socket();
 }
 
 }  // namespace skein

@@ -6,9 +6,9 @@
 
 namespace skein {
 
-Reply dispatch(std::span<const RequestRow> table, Server& server, const Request& request) {
-  for (const RequestRow& row : table) {
-    if (row.name == request.name) return row.handle(server, request);
+Reply Dispatcher::dispatch(const Request& request) const {
+  for (const auto& [name, operation] : operations_) {
+    if (name == request.name) return operation(request);
   }
   constexpr std::size_t SHOWN_BYTES = 64;
   throw RequestError(fmt::format("unknown request '{}'", request.name.substr(0, SHOWN_BYTES)));

@@ -1,33 +1,29 @@
 #pragma once
 
-#include <span>
+#include <functional>
 #include <string_view>
+#include <vector>
 
 #include "skein/request.h"
 
 namespace skein {
 
-class Server;
+/// The requests that a server answers: the request N is handled by the server's operation req_N.
+class Dispatcher {
+ public:
+  using Operation = std::function<Reply(const Request&)>;
 
-/// One row of a server's table of requests: the name on the wire and the operation behind it.
-struct RequestRow {
-  std::string_view name;
-  Reply (*handle)(Server& server, const Request& request);
-};
-
-/// The operation `method` of a server class as it stands in a RequestRow.
-template <auto method>
-struct RequestHandler;
-
-template <class Derived, Reply (Derived::*method)(const Request&)>
-struct RequestHandler<method> {
-  static Reply handle(Server& server, const Request& request) {
-    return (static_cast<Derived&>(server).*method)(request);
+  /// `name`: a literal.
+  void add(std::string_view name, Operation operation) {
+    operations_.emplace_back(name, std::move(operation));
   }
-};
 
-/// Runs the operation that the table names for the request; nothing outside the table can be
-/// called. Throws RequestError for an unknown name, and what the operation throws.
-Reply dispatch(std::span<const RequestRow> table, Server& server, const Request& request);
+  /// Runs the operation of the request. Throws RequestError for an unknown name, and what the
+  /// operation throws.
+  Reply dispatch(const Request& request) const;
+
+ private:
+  std::vector<std::pair<std::string_view, Operation>> operations_;  ///< a handful
+};
 
 }  // namespace skein

@@ -19,7 +19,7 @@ constexpr double LONGEST_DELAY_SECONDS = 3.2e9;
 }  // namespace
 
 void Timer::cancel() {
-  if (loop_ != nullptr) loop_->timers_.erase(key_);
+  if (loop_ != nullptr) loop_->cancel(key_);
 }
 
 Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
@@ -44,11 +44,13 @@ Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
                          }),
         "uv_prepare_start");
   uv_unref(reinterpret_cast<uv_handle_t*>(before_wait_.get()));
+  sweep_.emplace(*this, [this] { sweep(); });
 }
 
 Loop::~Loop() {
   kept_.clear();
-  discarded_.clear();
+  sweep();
+  sweep_.reset();
   wake_.reset();
   due_now_.reset();
   before_wait_.reset();
@@ -62,10 +64,10 @@ Timer Loop::call_in(double delay, Callback callback) {
   const double seconds = delay > 0 ? std::fmin(delay, LONGEST_DELAY_SECONDS) : 0;
   const auto wait = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
       std::chrono::duration<double>(seconds));
-  const TimerKey key{clocks_.monotonic() + wait, ++timers_made_};
+  const Timer::Key key{clocks_.monotonic() + wait, ++timers_made_};
   timers_.emplace(key, std::move(callback));
   wake_at_first_due();
-  return Timer(this, key);
+  return {*this, key};
 }
 
 /// The one libuv timer wakes the loop when the first of ours is due. It is only ever moved to an
@@ -179,22 +181,24 @@ void Loop::keep(std::unique_ptr<LoopOwned> object) {
   kept_.emplace(key, std::move(object));
 }
 
-void Loop::discard(LoopOwned& kept) {
-  auto node = kept_.extract(&kept);
-  if (!node.empty()) discard(std::move(node.mapped()));
+void Loop::discard(LoopOwned& kept) noexcept {
+  const auto found = kept_.find(&kept);
+  if (found == kept_.end()) return;
+  auto object = std::move(found->second);
+  kept_.erase(found);
+  discard(std::move(object));
 }
 
-void Loop::discard(std::unique_ptr<LoopOwned> object) {
-  discarded_.push_back(std::move(object));
-  if (sweep_armed_) return;
-  call_in(0, [this] { sweep(); });
-  sweep_armed_ = true;
+void Loop::discard(std::unique_ptr<LoopOwned> object) noexcept {
+  object->next_discarded = std::move(discarded_);
+  discarded_ = std::move(object);
+  sweep_->arm();
 }
 
-void Loop::sweep() {
-  sweep_armed_ = false;
-  auto gone = std::exchange(discarded_, {});
-  gone.clear();
+/// One by one: a chain that destroys itself takes a stack frame for each object.
+void Loop::sweep() noexcept {
+  auto object = std::move(discarded_);
+  while (object) object = std::move(object->next_discarded);
 }
 
 Poll::Poll(Loop& loop, int descriptor, PollTarget& target) {
@@ -233,6 +237,35 @@ void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
     static_cast<PollTarget*>(uv->data)->handle_events(events);
   } catch (const std::exception& failure) {
     loop->report(failure);
+  }
+}
+
+TurnTask::TurnTask(Loop& loop, std::function<void()> callback)
+    : loop_(loop), callback_(std::move(callback)) {
+  auto check_handle = std::make_unique<uv_check_t>();
+  check(uv_check_init(loop.uv(), check_handle.get()), "uv_check_init");
+  check_handle->data = this;
+  check_.reset(check_handle.release());
+  auto idle_handle = std::make_unique<uv_idle_t>();
+  check(uv_idle_init(loop.uv(), idle_handle.get()), "uv_idle_init");
+  idle_.reset(idle_handle.release());
+}
+
+void TurnTask::arm() noexcept {
+  uv_check_start(check_.get(), [](uv_check_t* handle) {
+    if (handle->data != nullptr) static_cast<TurnTask*>(handle->data)->run();
+  });
+  uv_idle_start(idle_.get(), [](uv_idle_t*) {});
+}
+
+void TurnTask::run() noexcept {
+  uv_check_stop(check_.get());
+  uv_idle_stop(idle_.get());
+  loop_.begin_work();
+  try {
+    callback_();
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
   }
 }
 

@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 #include <unordered_map>
-#include <vector>
 
 #include "skein/timer.h"
 #include "skein/uv_handle.h"
@@ -42,6 +41,31 @@ class LoopOwned {
   LoopOwned(const LoopOwned&) = delete;
   LoopOwned& operator=(const LoopOwned&) = delete;
   virtual ~LoopOwned() = default;
+
+  std::unique_ptr<LoopOwned> next_discarded;  ///< the loop's own
+};
+
+class Loop;
+
+/// A callback for the end of a turn of the loop, when all ready descriptors have been looked at. It
+/// runs once each time it has been armed: in the present turn, or in the next one if this one is
+/// past that point; the loop does not wait for events before. Arming takes no memory and cannot
+/// fail.
+class TurnTask {
+ public:
+  /// The loop must outlive it. Throws SystemFailure.
+  TurnTask(Loop& loop, std::function<void()> callback);
+
+  /// Again before it has run: nothing. The callback may arm it again.
+  void arm() noexcept;
+
+ private:
+  void run() noexcept;
+
+  Loop& loop_;
+  const std::function<void()> callback_;
+  UvHandle<uv_check_t> check_;
+  UvHandle<uv_idle_t> idle_;  ///< active together with `check_`: keeps the loop from waiting
 };
 
 /// The event loop: timers, watched descriptors, and objects that end on a later turn.
@@ -82,8 +106,8 @@ class Loop {
   /// Owns `object` until discard(): for one that ends itself, such as a request in flight.
   void keep(std::unique_ptr<LoopOwned> object);
   /// Destroys a kept object on the next turn: nobody is destroyed inside its own callback.
-  void discard(LoopOwned& kept);
-  void discard(std::unique_ptr<LoopOwned> object);
+  void discard(LoopOwned& kept) noexcept;
+  void discard(std::unique_ptr<LoopOwned> object) noexcept;
 
   const Clocks& clocks() const noexcept { return clocks_; }
   /// What both clocks show in the present turn, in which they are read once: for who asks with
@@ -101,22 +125,21 @@ class Loop {
     return std::chrono::milliseconds(turns_.worst(uv_now(&uv_)));
   }
   uv_loop_t* uv() noexcept { return &uv_; }
-
- private:
-  friend class Timer;
-  friend class Poll;
-  using TimerKey = Timer::Key;
-
-  /// The present turn has something to do. A turn that has nothing is not measured.
+  /// Called first by every callback of libuv: the present turn has something to do. A turn that has
+  /// nothing is not measured.
   void begin_work() noexcept {
     if (work_began_ != 0) return;
     work_began_ = uv_now(&uv_);
     now_.reset();
   }
+  /// For Timer::cancel().
+  void cancel(const Timer::Key& key) noexcept { timers_.erase(key); }
+
+ private:
   void end_work() noexcept;
   void run_due_timers();
   void wake_at_first_due();
-  void sweep();
+  void sweep() noexcept;
   template <class Step>
   void guarded(Step&& step) noexcept;
 
@@ -125,7 +148,7 @@ class Loop {
   FailureHandler failure_handler_;
   /// Armed timers, the next one first. Cancelling erases: a timer that is re-armed a million times
   /// leaves nothing behind.
-  std::map<TimerKey, Callback> timers_;
+  std::map<Timer::Key, Callback> timers_;
   std::uint64_t timers_made_ = 0;
   WorstOfMinute turns_;  ///< milliseconds of each turn that had work
   std::uint64_t turn_number_ = 1;
@@ -139,8 +162,8 @@ class Loop {
   UvHandle<uv_signal_t> interrupt_;
   bool interrupted_ = false;
   std::unordered_map<LoopOwned*, std::unique_ptr<LoopOwned>> kept_;
-  std::vector<std::unique_ptr<LoopOwned>> discarded_;
-  bool sweep_armed_ = false;
+  std::unique_ptr<LoopOwned> discarded_;  ///< a chain
+  std::optional<TurnTask> sweep_;
 };
 
 /// Receives the readiness of one descriptor.

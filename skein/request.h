@@ -19,6 +19,8 @@ struct Request {
   std::string_view name;
   Value args;              ///< a MAP with text keys
   Connection& connection;  ///< the connection it came on
+  /// The number under which the peer waits for the reply; none for a one-way request.
+  std::optional<std::uint32_t> msgid{};
 
   /// A required argument. Throws RequestError that names it when it is missing.
   Value get(std::string_view argument) const;
@@ -31,7 +33,7 @@ class Reply {
  public:
   Reply() = default;
   explicit Reply(MsgpackWriter value) : value_(value.take()) {}
-  /// The answer comes by the HeldRequest that the handler got from Connection::hold().
+  /// The reply comes by the DeferredReply that the handler got from Server::defer().
   static Reply later() {
     Reply reply;
     reply.later_ = true;

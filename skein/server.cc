@@ -12,45 +12,208 @@ namespace {
 
 /// Nodes of a decoded message that are kept for the next one: 24 bytes each.
 constexpr std::size_t KEPT_NODES = 4096;
-/// Capacity of a connection's buffers that is kept for the next one.
-constexpr std::size_t KEPT_BUFFER_BYTES = 64U << 10;
+
+/// Bytes that are received at once. Receiving costs about a quarter of decoding, byte for byte.
+constexpr std::size_t READ_BUFFER_BYTES = 256U << 10;
+constexpr std::size_t RECEIVED_BYTES_PER_CONTENT_BYTE = 4;
+
+/// While more of a peer's requests wait, so many bytes of replies gather and go with one call:
+/// those of some 350 requests that were good. A call costs as much as several such requests.
+constexpr std::size_t GATHERED_REPLY_BYTES = 4U << 10;
 
 bool peer_has_gone(int error_number) {
   return error_number == ECONNABORTED || error_number == EPROTO || error_number == ENOTCONN;
 }
 
-void make_empty(std::string& buffer) {
-  buffer.clear();
-  if (buffer.capacity() > KEPT_BUFFER_BYTES) buffer.shrink_to_fit();
-}
-
 }  // namespace
 
-Server::Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive,
-               std::shared_ptr<Quota> quota)
+std::optional<std::uint64_t> Server::Throttle::pass(Time now) {
+  if (next_ && now < *next_) {
+    ++left_out_;
+    return std::nullopt;
+  }
+  next_ = now + interval_;
+  return std::exchange(left_out_, 0);
+}
+
+/// A connection with all that its server keeps for it. Owned by the server until it ends, then by
+/// the loop until the next turn.
+///
+/// | state | means | received from? | frames served? |
+/// |---|---|---|---|
+/// | open | | yes | yes |
+/// | suspended (`deferral`) | the reply to its last request is deferred | no | no |
+/// | blocked | too many unsent replies | no | no |
+/// | finished (`end_of_stream`) | the peer sends no more; closed once all is answered | no | yes |
+/// | `ended` | closed, about to be destroyed | no | no |
+class Server::Peer final : public LoopOwned,
+                           private PollTarget,
+                           public Admission::Account,
+                           public ReadyQueue::Entry {
+ public:
+  Peer(Server& server, Socket socket, std::uint32_t slot)
+      : server_(server), connection(server.loop_, std::move(socket), *this, slot) {}
+
+  bool is_authenticated() const noexcept override { return Account::is_authenticated(); }
+  bool serve(ReadyQueue::Credit credit) noexcept override;
+  /// Sends the deferred reply, which `write` makes out of the number of the request, and continues.
+  template <class Write>
+  void resume(Write&& write);
+  void evict(const LimitError& reason) override;
+
+ private:
+  void handle_events(int events) override;
+  bool may_serve() const noexcept;
+  void receive(ReadyQueue::Credit& credit);
+  bool has_frame() { return connection.front_frame().has_value(); }
+  bool settle();
+  Admission::Time deadline() const override;
+  void time_out() override;
+
+ public:
+  bool end_of_stream = false;
+  bool ended = false;
+  bool replies = false;        ///< the deferred request has a number, `msgid`
+  std::uint32_t deferral = 0;  ///< number of the deferred reply; 0: none
+  std::uint32_t msgid = 0;
+
+ private:
+  Server& server_;
+
+ public:
+  Connection connection;
+};
+
+void Server::Peer::handle_events(int events) {
+  if (ended) return;
+  server_.guarded(*this, [this, events] {
+    if ((events & UV_WRITABLE) != 0 && !is_queued()) {
+      connection.flush(server_.loop_.now().monotonic);
+      if (settle()) server_.resources_.ready_queue.add(*this);
+    }
+    if ((events & UV_READABLE) != 0 && may_serve() && !end_of_stream) {
+      server_.resources_.ready_queue.add(*this);
+    }
+  });
+}
+
+bool Server::Peer::may_serve() const noexcept {
+  return !ended && deferral == 0 && connection.unsent() <= server_.limits_.unsent_reply_bytes;
+}
+
+bool Server::Peer::serve(ReadyQueue::Credit credit) noexcept {
+  bool more = false;
+  server_.guarded(*this, [&] {
+    if (may_serve() && !has_frame()) receive(credit);
+    while (may_serve()) {
+      const auto frame = connection.front_frame();
+      if (!frame || !credit.spend(SnappyEncoder::content_size(*frame))) break;
+      connection.pop_frame(*frame);
+      server_.serve(*this, *frame);
+    }
+    more = settle();
+  });
+  return more && !ended;
+}
+
+void Server::Peer::receive(ReadyQueue::Credit& credit) {
+  if (end_of_stream) return;
+  const std::size_t before = connection.unserved();
+  const auto received =
+      connection.receive({server_.read_buffer_.get(), READ_BUFFER_BYTES}, server_.loop_.seconds());
+  end_of_stream = received == Connection::Received::END;
+  credit.charge((connection.unserved() - before) / RECEIVED_BYTES_PER_CONTENT_BYTE);
+}
+
+/// After bytes have come or gone: keeps what is unfinished, sends what is to be sent, and keeps
+/// account of the rest. Returns whether there is a frame to be served.
+bool Server::Peer::settle() {
+  if (ended) return false;
+  const auto now = server_.loop_.now().monotonic;
+  connection.store_rest(now);
+  const bool goes_on = may_serve() && has_frame();
+  if (connection.unsent() >= (goes_on ? GATHERED_REPLY_BYTES : 1)) connection.flush(now);
+  const bool more = may_serve() && has_frame();  // the replies that blocked it may be sent by now
+  if (end_of_stream && !more && may_serve() && connection.unsent() == 0) {
+    server_.end(*this);
+    return false;
+  }
+  const bool readable = may_serve() && !end_of_stream;
+  const bool writable = connection.unsent() != 0 && !more;
+  connection.watch((readable ? UV_READABLE : 0) | (writable ? UV_WRITABLE : 0));
+  Admission& admission = server_.resources_.admission;
+  admission.hold(*this, connection.release_empty_buffers() + server_.held_bytes(connection));
+  admission.watch(*this);
+  server_.enforce_limits();
+  return more && !ended;
+}
+
+template <class Write>
+void Server::Peer::resume(Write&& write) {
+  server_.guarded(*this, [&] {
+    deferral = 0;
+    if (replies) write(msgid);
+    if (settle()) server_.resources_.ready_queue.add(*this);
+  });
+}
+
+void Server::Peer::evict(const LimitError& reason) {
+  if (ended) return;
+  server_.handle_protocol_error(connection, reason);
+  server_.end(*this);
+}
+
+Admission::Time Server::Peer::deadline() const {
+  const Limits& limits = server_.limits_;
+  const bool blocked = connection.unsent() > limits.unsent_reply_bytes;
+  if (blocked || (end_of_stream && connection.unsent() != 0)) {
+    return connection.last_progress() + limits.unsent_reply_timeout;
+  }
+  const bool half_frame = connection.unserved() != 0 && deferral == 0 && !is_queued();
+  if (half_frame) return connection.last_progress() + limits.half_frame_timeout;
+  return Admission::Time::max();
+}
+
+void Server::Peer::time_out() {
+  const Limits& limits = server_.limits_;
+  if (connection.unsent() > limits.unsent_reply_bytes) {
+    return evict(LimitError(fmt::format(
+        "{} bytes of replies, {} are allowed, and none taken for {} seconds", connection.unsent(),
+        limits.unsent_reply_bytes, limits.unsent_reply_timeout.count())));
+  }
+  if (end_of_stream) return server_.end(*this);  // it has gone, whole
+  evict(LimitError(fmt::format("{} bytes of a half frame and no more for {} seconds",
+                               connection.unserved(), limits.half_frame_timeout.count())));
+}
+
+Server::Server(Socket sock, Loop& loop, Resources& resources,
+               std::optional<Keepalive> connection_keepalive)
     : loop_(loop),
+      resources_(resources),
+      limits_(resources.admission.limits()),
       socket_(std::move(sock)),
       poll_(std::make_unique<Poll>(loop, socket_.descriptor(), static_cast<PollTarget&>(*this))),
-      quota_(quota ? std::move(quota) : std::make_shared<Quota>()),
-      accept_pause_(limits().accept_pause),
-      accept_reports_(limits().shortage_report_interval),
-      quota_reports_(limits().shortage_report_interval),
-      backlog_(loop, limits()),
-      progress_(loop),
+      accept_pause_(limits_.accept_pause),
+      accept_reports_(limits_.shortage_report_interval),
+      memory_reports_(limits_.shortage_report_interval),
       connection_keepalive_(connection_keepalive),
-      read_buffer_(std::make_unique_for_overwrite<char[]>(limits().bytes_per_turn)) {
+      read_buffer_(std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES)) {
   poll_->watch(UV_READABLE);
 }
 
 Server::~Server() {
   resume_listening_.cancel();
-  for (const auto& connection : connections_) quota_->dismiss(*connection);
+  for (const auto& peer : peers_) {
+    if (!peer) continue;
+    resources_.ready_queue.remove(*peer);
+    resources_.admission.remove_connection(*peer);
+  }
 }
 
 void Server::handle_events(int) {
   try {
-    for (int i = 0; i < limits().accepts_per_turn && poll_ && handle_read() != nullptr; ++i) {
-      accept_pause_ = limits().accept_pause;
+    for (int i = 0; i < limits_.accepts_per_turn && poll_ && handle_read() != nullptr; ++i) {
+      accept_pause_ = limits_.accept_pause;
     }
   } catch (const std::exception& failure) {
     pause_listening(failure.what());
@@ -63,20 +226,21 @@ void Server::pause_listening(const std::string& reason) {
   resume_listening_ = loop_.call_in(accept_pause_, [this] {
     if (poll_) poll_->watch(UV_READABLE);
   });
-  accept_pause_ = std::min(2 * accept_pause_, limits().longest_accept_pause);
+  accept_pause_ = std::min(2 * accept_pause_, limits_.longest_accept_pause);
   report_shortage(accept_reports_, "no connection can be accepted: " + reason);
 }
 
 void Server::report_shortage(Throttle& throttle, const std::string& text) {
-  const auto left_out = throttle.pass(now());
+  const auto left_out = throttle.pass(loop_.now().monotonic);
   if (!left_out) return;
   handle_shortage(*left_out == 0 ? text
                                  : fmt::format("{} ({} times more before)", text, *left_out));
 }
 
-void Server::enforce_short_quota() {
-  const std::string shortage = quota_->enforce();
-  if (!shortage.empty()) report_shortage(quota_reports_, shortage);
+void Server::enforce_limits() {
+  if (!resources_.admission.is_short()) return;
+  const std::string shortage = resources_.admission.enforce();
+  if (!shortage.empty()) report_shortage(memory_reports_, shortage);
 }
 
 Connection* Server::handle_read() {
@@ -87,104 +251,77 @@ Connection* Server::handle_read() {
   }
   send_without_delay(accepted.descriptor());
   if (connection_keepalive_) connection_keepalive_->apply(accepted.descriptor());
-  auto& connection = *connections_.emplace_back(make_connection(std::move(accepted)));
-  connection.index_ = static_cast<std::uint32_t>(connections_.size() - 1);
-  quota_->admit(connection);
+  Peer& peer = add_peer(std::move(accepted));
   try {
-    add_connection(connection);
+    add_connection(peer.connection);
   } catch (const SystemFailure& failure) {
-    connection.end();
+    end(peer);
     if (!peer_has_gone(failure.error_number())) handle_exception(failure);
     return nullptr;
+  } catch (...) {
+    end(peer);
+    throw;
   }
-  quota_->make_room(connection);
-  return connection.ended_ ? nullptr : &connection;
+  resources_.admission.make_room(peer);
+  return peer.ended ? nullptr : &peer.connection;
 }
 
-std::unique_ptr<Connection> Server::make_connection(Socket socket) {
-  return std::make_unique<Connection>(*this, loop_, std::move(socket));
+Server::Peer& Server::add_peer(Socket socket) {
+  if (free_slots_.empty()) {
+    if (free_slots_.capacity() <= peers_.size()) {  // so that freeing a slot never takes memory
+      free_slots_.reserve(2 * peers_.size() + 16);
+    }
+    peers_.emplace_back();
+    free_slots_.push_back(static_cast<std::uint32_t>(peers_.size() - 1));
+  }
+  const std::uint32_t slot = free_slots_.back();
+  auto peer = std::make_unique<Peer>(*this, std::move(socket), slot);
+  resources_.admission.add_connection(*peer);
+  free_slots_.pop_back();
+  peers_[slot] = std::move(peer);
+  ++connection_count_;
+  return *peers_[slot];
 }
 
 void Server::add_connection(Connection&) {}
 
 void Server::remove_connection(Connection&) {}
 
-void Server::end(Connection& connection) {
-  const std::size_t place = connection.index_;
-  auto owned = std::move(connections_[place]);
-  if (place + 1 < connections_.size()) {
-    connections_[place] = std::move(connections_.back());
-    connections_[place]->index_ = static_cast<std::uint32_t>(place);
+void Server::end(Peer& peer) noexcept {
+  if (peer.ended) return;
+  peer.ended = true;
+  if (peer.is_queued() && peer.connection.unsent() != 0) {  // replies that have gathered so far
+    peer.connection.flush(loop_.now().monotonic);
   }
-  connections_.pop_back();
-  held_.erase(connection.held_);
-  forget_buffers(connection);
-  quota_->dismiss(connection);
+  resources_.ready_queue.remove(peer);
+  resources_.admission.remove_connection(peer);
+  auto owned = std::move(peers_[peer.connection.slot()]);
+  free_slots_.push_back(peer.connection.slot());
+  --connection_count_;
   loop_.discard(std::move(owned));
-  remove_connection(connection);
-  connection.socket_ = Socket();  // at once: descriptors are few
-}
-
-std::unique_ptr<Buffers> Server::fresh_buffers() {
-  return spare_buffers_ ? std::move(spare_buffers_) : std::make_unique<Buffers>();
-}
-
-void Server::take_back(Connection& connection) {
-  forget_buffers(connection);
-  Buffers& buffers = *connection.buffers_;
-  make_empty(buffers.in);
-  make_empty(buffers.out);
-  buffers.served = buffers.sent = 0;
-  buffers.progress = {};
-  spare_buffers_ = std::move(connection.buffers_);
-}
-
-void Server::forget_buffers(Connection& connection) {
-  if (!connection.buffers_) return;
-  backlog_.remove(connection);
-  progress_.remove(connection);
-}
-
-HeldRequest Server::hold(Connection& connection) {
-  connection.held_ = ++held_made_;
-  held_.emplace(held_made_, Held{&connection, msgid_});
-  return {*this, held_made_};
-}
-
-Connection* Server::held_connection(std::uint64_t number) const noexcept {
-  const auto held = held_.find(number);
-  return held == held_.end() ? nullptr : held->second.connection;
-}
-
-void Server::answer_held(std::uint64_t number, const Reply& reply) {
-  release(number,
-          [&](Connection& connection, std::uint32_t msgid) { answer(connection, msgid, reply); });
-}
-
-void Server::fail_held(std::uint64_t number, const std::exception& failure) {
-  handle_exception(failure);
-  release(number, [&](Connection& connection, std::uint32_t msgid) {
-    connection.send(encode_error(msgid, failure.what()));
-  });
-}
-
-void Server::release(std::uint64_t number,
-                     const std::function<void(Connection&, std::uint32_t)>& send_answer) {
-  const auto node = held_.extract(number);
-  if (node.empty()) return;  // the connection has ended meanwhile
-  const auto& [connection, msgid] = node.mapped();
-  connection->go_on();
   try {
-    if (msgid) send_answer(*connection, *msgid);
-    connection->resume();
-  } catch (const std::exception& failure) {  // no memory: nothing would wake it any more
-    connection->end();
-    handle_exception(failure);
+    remove_connection(peer.connection);
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
   }
+  peer.connection.close();
 }
 
-std::span<char> Server::read_buffer() noexcept {
-  return {read_buffer_.get(), limits().bytes_per_turn};
+void Server::set_authenticated(Connection& connection) {
+  resources_.admission.set_authenticated(peer_of(connection));
+}
+
+bool Server::is_authenticated(const Connection& connection) const {
+  return peer_of(connection).is_authenticated();
+}
+
+std::vector<const Connection*> Server::connections() const {
+  std::vector<const Connection*> open;
+  open.reserve(connection_count_);
+  for (const auto& peer : peers_) {
+    if (peer) open.push_back(&peer->connection);
+  }
+  return open;
 }
 
 /// One large frame does not make the server large for good, whatever becomes of it.
@@ -193,32 +330,102 @@ void Server::trim() noexcept {
   if (message_.nodes.capacity() > KEPT_NODES) message_.nodes = {};
 }
 
-void Server::serve(Connection& connection, std::string_view frame) {
+void Server::serve(Peer& peer, std::string_view frame) {
   const struct Trim {
     ~Trim() { server.trim(); }
     Server& server;
   } trim_at_end{*this};
   encoders_.msgpack.decode(encoders_.snappy.decode(frame), message_);
   const Envelope envelope = read_envelope(message_);
-  msgid_ = envelope.msgid;
   try {
     if (!envelope.fault.empty()) throw RequestError(envelope.fault);
-    const Request request{envelope.name, *envelope.args, connection};
-    const Reply reply = dispatch(requests(), *this, request);
-    if (envelope.msgid) answer(connection, *envelope.msgid, reply);
+    const Request request{envelope.name, *envelope.args, peer.connection, envelope.msgid};
+    const Reply reply = dispatcher_.dispatch(request);
+    if (envelope.msgid && !reply.is_later()) send(peer, *envelope.msgid, reply);
   } catch (const LimitError&) {
     throw;
   } catch (const std::exception& failure) {
+    peer.deferral = 0;
     handle_exception(failure);
-    if (held_.erase(connection.held_) != 0) connection.go_on();
-    if (envelope.msgid) connection.send(encode_error(*envelope.msgid, failure.what()));
+    if (!envelope.msgid) return;
+    peer.connection.send(encode_error(*envelope.msgid, error_text(peer, failure)));
   }
 }
 
-void Server::answer(Connection& connection, std::uint32_t msgid, const Reply& reply) {
-  if (reply.is_later()) return;
-  if (reply.is_nil()) return connection.send(NilReply(msgid).message());
-  connection.send(encode_reply(msgid, reply));
+void Server::send(Peer& peer, std::uint32_t msgid, const Reply& reply) {
+  if (reply.is_nil()) return peer.connection.send(NilReply(msgid).message());
+  peer.connection.send(encode_reply(msgid, reply));
+}
+
+std::string_view Server::error_text(const Peer& peer, const std::exception& failure) {
+  const bool is_about_request = dynamic_cast<const RequestError*>(&failure) != nullptr;
+  if (peer.is_authenticated() || is_about_request) return failure.what();
+  return "the request failed for a reason that the server's log tells";
+}
+
+template <class Step>
+void Server::guarded(Peer& peer, Step&& step) noexcept {
+  try {
+    try {
+      step();
+    } catch (const ProtocolError& fault) {
+      if (peer.ended) return;
+      peer.connection.flush(loop_.now().monotonic);  // what was asked before is answered
+      handle_protocol_error(peer.connection, fault);
+      end(peer);
+    } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
+      if (peer.ended) return;
+      end(peer);
+      handle_exception(failure);
+    }
+  } catch (const std::exception& failure) {
+    end(peer);
+    loop_.report(failure);
+  }
+}
+
+DeferredReply Server::defer(const Request& request) noexcept {
+  Peer& peer = peer_of(request.connection);
+  if (++deferrals_ == 0) ++deferrals_;  // 0 stands for none
+  peer.deferral = deferrals_;
+  peer.replies = request.msgid.has_value();
+  peer.msgid = request.msgid.value_or(0);
+  return {*this, request.connection.slot(), peer.deferral};
+}
+
+Server::Peer* DeferredReply::peer() const noexcept {
+  Peer* const peer = server_->peers_[slot_].get();
+  return peer != nullptr && peer->deferral == number_ ? peer : nullptr;
+}
+
+Connection* DeferredReply::connection() const noexcept {
+  Peer* const waiting = peer();
+  return waiting == nullptr ? nullptr : &waiting->connection;
+}
+
+void DeferredReply::send(const Reply& reply) const noexcept {
+  Peer* const waiting = peer();
+  if (waiting == nullptr) return;
+  waiting->resume([&](std::uint32_t msgid) { Server::send(*waiting, msgid, reply); });
+}
+
+void DeferredReply::fail(const std::exception& failure) const noexcept {
+  try {
+    server_->handle_exception(failure);
+  } catch (const std::exception& second) {
+    server_->loop_.report(second);
+  }
+  Peer* const waiting = peer();
+  if (waiting == nullptr) return;
+  waiting->resume([&](std::uint32_t msgid) {
+    waiting->connection.send(encode_error(msgid, error_text(*waiting, failure)));
+  });
+}
+
+bool DeferredReply::end_connection(const LimitError& reason) const {
+  Peer* const waiting = peer();
+  if (waiting != nullptr) waiting->evict(reason);
+  return waiting != nullptr;
 }
 
 void Server::close() {
@@ -226,7 +433,9 @@ void Server::close() {
   resume_listening_.cancel();
   poll_.reset();
   socket_ = Socket();
-  while (!connections_.empty()) connections_.back()->end();
+  for (std::size_t slot = 0; slot < peers_.size(); ++slot) {
+    if (peers_[slot]) end(*peers_[slot]);
+  }
 }
 
 }  // namespace skein

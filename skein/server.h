@@ -1,16 +1,16 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
-#include <functional>
+#include <deque>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
-#include "skein/backlog.h"
+#include "skein/admission.h"
 #include "skein/connection.h"
 #include "skein/dispatcher.h"
 #include "skein/encoders/msgpackencoder.h"
@@ -18,12 +18,20 @@
 #include "skein/errors.h"
 #include "skein/keepalive.h"
 #include "skein/loops.h"
-#include "skein/progress_watch.h"
-#include "skein/quota.h"
+#include "skein/ready_queue.h"
 #include "skein/socket.h"
-#include "skein/throttle.h"
 
 namespace skein {
+
+/// What the servers of a process share, so that no peer gets more of it than its part, whichever
+/// server it belongs to. Outlives them.
+struct Resources {
+  explicit Resources(Loop& loop, const Limits& limits = {})
+      : admission(loop, limits), ready_queue(loop, limits) {}
+
+  Admission admission;
+  ReadyQueue ready_queue;
+};
 
 /// The encoders of a server's connections, in the order in which they are applied to a message
 /// that goes out.
@@ -33,15 +41,21 @@ struct Encoders {
 };
 
 /// A listening end point on the loop: accepts connections, decodes their requests and runs the
-/// operation that the subclass names for them. Owns its connections. Borrows the loop. No peer gets
-/// more of it than the quota's limits allow, however it behaves.
+/// operation that the subclass has named for each. Owns its connections. Borrows loop and
+/// resources.
+///
+/// A readable connection is added to the ready queue. When its turn comes it is read once, and its
+/// frames are served one after the other; replies gather and are sent at the end. A handler that
+/// defers its reply suspends the connection. At the end of a peer's stream all that came before is
+/// answered, then the connection is closed.
 class Server : private PollTarget {
  public:
+  class DeferredReply;
+
   /// Takes a socket that is bound and listens already. With a `connection_keepalive`, every
-  /// accepted TCP connection gets it. Servers of one process share a `quota`; one without has its
-  /// own. Throws SystemFailure.
-  Server(Socket sock, Loop& loop, std::optional<Keepalive> connection_keepalive = std::nullopt,
-         std::shared_ptr<Quota> quota = nullptr);
+  /// accepted TCP connection gets it. Throws SystemFailure.
+  Server(Socket sock, Loop& loop, Resources& resources,
+         std::optional<Keepalive> connection_keepalive = std::nullopt);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   virtual ~Server();
@@ -58,85 +72,138 @@ class Server : private PollTarget {
   /// Called with the fault of a peer that broke the protocol, or went beyond a limit (a
   /// LimitError); its connection ends after this.
   virtual void handle_protocol_error(Connection& connection, const ProtocolError& fault) = 0;
-
   /// Called when the process is short of something, and goes on with what it has: once in
   /// Limits::shortage_report_interval. `text` says of what.
   virtual void handle_shortage(const std::string& text) { handle_exception(Failure(text)); }
 
+  /// The peer has shown who it is, or need not: it is served first and evicted last.
+  void set_authenticated(Connection& connection);
+  bool is_authenticated(const Connection& connection) const;
+
+  /// The handler of `request`, which returns Reply::later() then, replies later. Until it does, the
+  /// connection is not read, and what has come already waits. Cannot fail.
+  DeferredReply defer(const Request& request) noexcept;
+
   /// Stops listening, ends every connection and leaves the loop. Again: nothing.
   void close();
 
-  std::size_t connection_count() const noexcept { return connections_.size(); }
+  std::size_t connection_count() const noexcept { return connection_count_; }
   /// The open ones, in no order that means anything.
-  std::span<const std::unique_ptr<Connection>> connections() const noexcept { return connections_; }
+  std::vector<const Connection*> connections() const;
   const Socket& socket() const noexcept { return socket_; }
 
  protected:
-  /// The requests that peers may call.
-  virtual std::span<const RequestRow> requests() const = 0;
-  /// A subclass that keeps state with its connections makes its own kind here.
-  virtual std::unique_ptr<Connection> make_connection(Socket socket);
+  /// Names the operation that answers the request `name`.
+  void answer_to(std::string_view name, Dispatcher::Operation operation) {
+    dispatcher_.add(name, std::move(operation));
+  }
+  /// Bytes that the subclass keeps for a peer, beyond those of its connection.
+  virtual std::size_t held_bytes(const Connection&) const { return 0; }
   Loop& loop() noexcept { return loop_; }
-  Quota& quota() noexcept { return *quota_; }
-  const Limits& limits() const noexcept { return quota_->limits(); }
+  Resources& resources() noexcept { return resources_; }
 
  private:
-  friend class Connection;
-  friend class HeldRequest;
+  class Peer;
+
+  /// Lets one report through per interval and counts those that it leaves out.
+  class Throttle {
+   public:
+    using Time = std::chrono::steady_clock::time_point;
+    explicit Throttle(std::chrono::seconds interval) : interval_(interval) {}
+    /// How many were left out since the last one that was let through; none: leave this one out.
+    std::optional<std::uint64_t> pass(Time now);
+
+   private:
+    std::chrono::seconds interval_;
+    std::optional<Time> next_;
+    std::uint64_t left_out_ = 0;
+  };
 
   void handle_events(int events) override;
   void pause_listening(const std::string& reason);
   void report_shortage(Throttle& throttle, const std::string& text);
-  void enforce_quota() {
-    if (quota_->is_short()) enforce_short_quota();
-  }
-  void enforce_short_quota();
-  std::chrono::steady_clock::time_point now() const { return loop_.now().monotonic; }
-  /// Lends buffers to a connection, and takes them back when nothing waits in them.
-  std::unique_ptr<Buffers> fresh_buffers();
-  void take_back(Connection& connection);
-  void forget_buffers(Connection& connection);
-  std::span<char> read_buffer() noexcept;
-  /// Decodes one frame and answers the request in it. Throws ProtocolError for bytes that are
-  /// none; every other failure is the request's.
-  void serve(Connection& connection, std::string_view frame);
+  Peer& add_peer(Socket socket);
+  /// Decodes the message of a frame and answers the request in it. Throws ProtocolError for bytes
+  /// that are none; every other failure is the request's.
+  void serve(Peer& peer, std::string_view frame);
+  static void send(Peer& peer, std::uint32_t msgid, const Reply& reply);
   void trim() noexcept;
-  static void answer(Connection& connection, std::uint32_t msgid, const Reply& reply);
-  void end(Connection& connection);
-  HeldRequest hold(Connection& connection);
-  /// None when it has ended.
-  Connection* held_connection(std::uint64_t number) const noexcept;
-  void answer_held(std::uint64_t number, const Reply& reply);
-  void fail_held(std::uint64_t number, const std::exception& failure);
-  void release(std::uint64_t number,
-               const std::function<void(Connection&, std::uint32_t)>& send_answer);
+  /// A failure of `step`, which does something for the peer, ends its connection.
+  template <class Step>
+  void guarded(Peer& peer, Step&& step) noexcept;
+  /// What the peer is told of a failure. A stranger is not told what is inside.
+  static std::string_view error_text(const Peer& peer, const std::exception& failure);
+  void enforce_limits();
+  void end(Peer& peer) noexcept;
+  Peer& peer_of(const Connection& connection) const { return *peers_[connection.slot()]; }
 
   Loop& loop_;
+  Resources& resources_;
+  const Limits& limits_;
   Socket socket_;
   std::unique_ptr<Poll> poll_;  // none once closed
   Timer resume_listening_;
-  std::shared_ptr<Quota> quota_;  // the process's other servers own it, too
   std::chrono::milliseconds accept_pause_;
   Throttle accept_reports_;
-  Throttle quota_reports_;
-  Backlog backlog_;
-  ProgressWatch progress_;
+  Throttle memory_reports_;
   std::optional<Keepalive> connection_keepalive_;
+  Dispatcher dispatcher_;
   Encoders encoders_;
-  Message message_;
-  std::vector<std::unique_ptr<Connection>> connections_;
-  /// A connection that waits for the answer to its request, and the number under which the peer
-  /// waits for it; none for a one-way request.
-  struct Held {
-    Connection* connection;
-    std::optional<std::uint32_t> msgid;
-  };
-  std::unordered_map<std::uint64_t, Held> held_;
-  std::uint64_t held_made_ = 0;
-  std::optional<std::uint32_t> msgid_;   ///< of the request that is being handled
+  Message message_;                      ///< the one that is being served
   std::unique_ptr<char[]> read_buffer_;  ///< shared by all connections: each empties it at once
-  /// Those of one connection after the other, so that a frame does not cost an allocation.
-  std::unique_ptr<Buffers> spare_buffers_;
+  std::vector<std::unique_ptr<Peer>> peers_;  ///< by slot; none in a free one
+  std::vector<std::uint32_t> free_slots_;
+  std::size_t connection_count_ = 0;
+  std::uint32_t deferrals_ = 0;  ///< made so far
+};
+
+/// The reply to a request whose handler has returned Reply::later(). Small and copyable; when the
+/// connection has ended meanwhile, the reply goes nowhere. The server must outlive it.
+class Server::DeferredReply {
+ public:
+  /// Made by Server::defer(). `number`: of the deferral, since the slot may get another connection.
+  DeferredReply(Server& server, std::uint32_t slot, std::uint32_t number)
+      : server_(&server), slot_(slot), number_(number) {}
+
+  /// Replies, and the connection continues with what it has sent since. Once.
+  void send(const Reply& reply) const noexcept;
+  /// Takes the failure to the server's handle_exception, and its text to the peer. Once.
+  void fail(const std::exception& failure) const noexcept;
+  /// The connection of the request; none when it has ended, or once this was sent.
+  Connection* connection() const noexcept;
+  Server& server() const noexcept { return *server_; }
+  /// Reports that a limit ends the connection, and ends it. False: it has ended before.
+  bool end_connection(const LimitError& reason) const;
+
+ private:
+  Peer* peer() const noexcept;
+
+  Server* server_;
+  std::uint32_t slot_;
+  std::uint32_t number_;
+};
+using DeferredReply = Server::DeferredReply;
+
+/// What a server keeps for each of its connections: a T for each slot, in an array, because a node
+/// of a map would cost an idle connection more than the T.
+template <class T>
+class PerConnection {
+ public:
+  /// A connection has come. Throws std::bad_alloc.
+  T& add(const Connection& connection) {
+    if (connection.slot() >= values_.size()) values_.resize(connection.slot() + 1);
+    return values_[connection.slot()];
+  }
+  /// It has ended. Returns what was kept for it; a fresh T if it was not added.
+  T remove(const Connection& connection) noexcept {
+    if (connection.slot() >= values_.size()) return T();
+    return std::exchange(values_[connection.slot()], T());
+  }
+  T& operator[](const Connection& connection) { return values_[connection.slot()]; }
+  const T& operator[](const Connection& connection) const { return values_[connection.slot()]; }
+
+ private:
+  std::deque<T> values_;
 };
 
 }  // namespace skein

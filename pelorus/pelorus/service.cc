@@ -121,10 +121,9 @@ void Service::main() {
         return std::make_unique<InfluxDatabase>(name, buffer_settings_, influx_connection_, loop_);
       },
       loop_);
-  const auto quota = std::make_shared<skein::Quota>();
-  NodeServer node_server(handler, settings_, loop_, std::string(NODE_KEY_VERIFICATION_API_URL),
-                         quota);
-  LocalServer local_server(handler, settings_, loop_, &node_server, quota);
+  skein::Resources resources(loop_);
+  NodeServer node_server(handler, settings_, loop_, resources);
+  LocalServer local_server(handler, settings_, loop_, resources, &node_server);
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
   const auto describe = [&handler] { return description(handler); };

@@ -16,10 +16,15 @@
 namespace skein {
 namespace {
 
-/// Answers "echo" with the argument "text", holds "wait"; notes what happens.
+/// Answers "echo" with the argument "text", defers "wait"; notes what happens.
 class TestServer : public Server {
  public:
-  using Server::Server;
+  TestServer(Socket socket, Loop& loop, Resources& resources, Keepalive keepalive)
+      : Server(std::move(socket), loop, resources, keepalive) {
+    answer_to("echo", [this](const Request& request) { return req_echo(request); });
+    answer_to("wait", [this](const Request& request) { return req_wait(request); });
+    answer_to("fail", [this](const Request& request) { return req_fail(request); });
+  }
 
   Reply req_echo(const Request& request) {
     MsgpackWriter result;
@@ -27,8 +32,12 @@ class TestServer : public Server {
     return Reply(std::move(result));
   }
   Reply req_wait(const Request& request) {
-    held.push_back(request.connection.hold());
+    deferred.push_back(defer(request));
     return Reply::later();
+  }
+  Reply req_fail(const Request& request) {
+    defer(request);
+    throw Failure("cannot read a secret path");
   }
 
   void add_connection(Connection& connection) override {
@@ -40,27 +49,21 @@ class TestServer : public Server {
     ++removed;
     Server::remove_connection(connection);
   }
-  void handle_exception(const std::exception& failure) override { ADD_FAILURE() << failure.what(); }
+  void handle_exception(const std::exception& failure) override {
+    failures.emplace_back(failure.what());
+  }
   void handle_protocol_error(Connection&, const ProtocolError& fault) override {
     faults.emplace_back(fault.what());
   }
   void handle_shortage(const std::string& text) override { shortages.push_back(text); }
 
-  std::vector<HeldRequest> held;
+  std::vector<DeferredReply> deferred;
+  std::vector<std::string> failures;
   std::vector<std::string> faults;
   std::vector<std::string> shortages;
   int added = 0;
   int removed = 0;
   bool refuse = false;
-
- protected:
-  std::span<const RequestRow> requests() const override {
-    static constexpr std::array<RequestRow, 2> ROWS{{
-        {"echo", RequestHandler<&TestServer::req_echo>::handle},
-        {"wait", RequestHandler<&TestServer::req_wait>::handle},
-    }};
-    return ROWS;
-  }
 };
 
 std::string request(std::uint32_t msgid, std::string_view name, std::string text = "x") {
@@ -69,11 +72,18 @@ std::string request(std::uint32_t msgid, std::string_view name, std::string text
 
 class ServerTest : public ::testing::Test {
  protected:
-  ServerTest() { server_.emplace(listening(), loop_, KEEPALIVE); }
+  ServerTest() { restart({}); }
 
   void restart(const Limits& limits) {
-    server_.emplace(listening(), loop_, KEEPALIVE, std::make_shared<Quota>(limits));
+    server_.reset();
+    resources_.emplace(loop_, limits);
+    server_.emplace(listening(), loop_, *resources_, KEEPALIVE);
   }
+
+  Connection& connection(std::size_t i) {
+    return const_cast<Connection&>(*server_->connections().at(i));
+  }
+  std::uint64_t served(std::size_t i) { return connection(i).traffic().requests; }
 
   static constexpr Keepalive KEEPALIVE{.count = 4, .idle = 300, .interval = 8};
 
@@ -101,6 +111,7 @@ class ServerTest : public ::testing::Test {
 
   support::FakeClock clock_;
   Loop loop_{clock_.clocks()};
+  std::optional<Resources> resources_;
   std::optional<TestServer> server_;
 };
 
@@ -138,83 +149,130 @@ TEST_F(ServerTest, KeepaliveIsSetOnAcceptedConnections) {
   for (const int option : {TCP_KEEPCNT, TCP_KEEPIDLE, TCP_KEEPINTVL}) {
     int value = 0;
     socklen_t length = sizeof value;
-    const int descriptor = server_->connections()[0]->socket().descriptor();
+    const int descriptor = connection(0).socket().descriptor();
     ::getsockopt(descriptor, IPPROTO_TCP, option, &value, &length);
     values.push_back(value);
   }
   EXPECT_EQ(values, (std::vector<int>{4, 300, 8}));
 }
 
-TEST_F(ServerTest, OneTurnServesAShareOfEachAndTheRestGoesOnByItself) {
-  restart({.requests_per_turn = 2});
-  auto busy = connect();
-  auto quiet = connect();
-  server_->connections()[1]->set_valid();
-  std::string stream;
-  for (std::uint32_t i = 1; i <= 5; ++i) stream += request(i, "echo");
-  busy.send(stream);
-  quiet.send(request(1, "echo"));
-  turns(1);
-  EXPECT_EQ(server_->connections()[0]->traffic().requests, 2U);
-  EXPECT_EQ(busy.replies() + quiet.replies(), "1=x ") << "replies gather while more waits";
-  turns();
-  EXPECT_EQ(busy.replies(), "1=x 2=x 3=x 4=x 5=x ");
-  busy.send(request(6, "wait") + stream);
-  turns();
-  busy.replies();
-  server_->held.front().answer({});
-  turns();
-  EXPECT_EQ(busy.replies(), "6=nil 1=x 2=x 3=x 4=x 5=x ");
-}
-
-TEST_F(ServerTest, ContentCountsInAShareAndThoseWithoutAValidKeyHaveOneForAll) {
-  restart({.bytes_per_turn = 100'000,
-           .newcomer_bytes_per_turn = 20'000,
-           .newcomers_bytes_per_turn = 30'000});
+TEST_F(ServerTest, OneTurnServesAShareOfEachAndTheRestOnTheNextTurns) {
+  restart({.authenticated = {.of_one = 10'000, .of_all = 20'000},
+           .unauthenticated = {.of_one = 10'000, .of_all = 20'000}});
   std::vector<support::SkeinPeer> peers;
   for (int i = 0; i < 4; ++i) peers.push_back(connect());
-  server_->connections()[3]->set_valid();
-  const std::string zeros(10'000, '0');  // some 500 bytes of a frame
+  server_->set_authenticated(connection(3));
+  const std::string zeros(9'900, '0');  // some 500 bytes of a frame
   std::string stream;
-  for (std::uint32_t i = 1; i <= 3; ++i) stream += request(i, "echo", zeros.substr(0, 9'900));
+  for (std::uint32_t i = 1; i <= 3; ++i) stream += request(i, "echo", zeros);
   for (auto& peer : peers) peer.send(stream);
-  const auto served = [&](std::size_t i) { return server_->connections()[i]->traffic().requests; };
   turns(1);
-  EXPECT_EQ(served(3), 3U);
-  EXPECT_LE(served(0) + served(1) + served(2), 6U) << "at once, and of those that wait";
-  turns();
-  EXPECT_EQ(served(0) + served(1) + served(2), 9U);
-
-  const std::string large = request(1, "echo", std::string(200'000, '0'));
-  for (auto& peer : peers) peer.send(large);
-  turns(1);
-  EXPECT_LE(served(0) + served(1) + served(2), 10U) << "one large one";
-  turns();
-  EXPECT_EQ(served(0) + served(1) + served(2) + served(3), 16U);
+  EXPECT_EQ(served(3), 2U) << "alone in its class";
+  EXPECT_EQ(served(0), 1U);
+  EXPECT_EQ(served(1), 1U);
+  EXPECT_EQ(served(2), 0U);
+  EXPECT_EQ(peers[0].replies(), "") << "replies gather while more waits";
+  turns(10);
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(served(i), 3U);
 }
 
-TEST_F(ServerTest, NewcomersHaveTheirSharesOneAfterTheOther) {
-  restart({.newcomer_bytes_per_turn = 20'000, .newcomers_bytes_per_turn = 20'000});
-  std::vector<support::SkeinPeer> peers;
-  for (int i = 0; i < 5; ++i) peers.push_back(connect());
-  const std::string text(9'000, '0');
+TEST_F(ServerTest, SmallFramesPassALargeOneThatHasToEarnItsCredit) {
+  restart({.unauthenticated = {.of_one = 10'000, .of_all = 10'000}});
+  auto large = connect();
+  auto small = connect();
+  large.send(request(1, "echo", std::string(50'000, '0')));
   std::string stream;
-  for (std::uint32_t i = 1; i <= 20; ++i) stream += request(i, "echo", text);
-  for (int i = 0; i < 4; ++i) peers[static_cast<std::size_t>(i)].send(stream);
-  turns(1);
-  peers[4].send(request(1, "echo", text));
-  turns(8);
-  EXPECT_EQ(peers[4].replies(), "1=" + text + " ");
-  turns(50);
-  EXPECT_EQ(server_->connections()[0]->traffic().requests, 20U);
+  for (std::uint32_t i = 1; i <= 100; ++i) stream += request(i, "echo");
+  small.send(stream);
+  turns(2);
+  EXPECT_EQ(served(0), 0U);
+  EXPECT_GE(served(1), 9U);
+  turns(20);
+  EXPECT_EQ(served(0), 1U);
+  EXPECT_EQ(served(1), 100U);
 }
 
-TEST_F(ServerTest, LargestHolderWithoutAValidKeyGoesFirst) {
+TEST_F(ServerTest, DeferredReplyComesInOrderAndWhatFollowsWaits) {
+  auto peer = connect();
+  auto other = connect();
+  peer.send(request(6, "wait") + request(7, "echo") + std::string(4, '\0'));
+  turns();
+  send(other, request(1, "echo"));
+  EXPECT_EQ(peer.replies() + other.replies(), "1=x ");
+  const DeferredReply first = server_->deferred.front();
+  first.send({});
+  turns();
+  EXPECT_EQ(peer.replies(), "6=nil 7=x end") << "what breaks the protocol waits for its turn, too";
+  EXPECT_EQ(first.connection(), nullptr);
+  auto third = connect();  // has the place of the one that has ended
+  send(third, request(8, "wait"));
+  first.send({});
+  EXPECT_EQ(third.replies(), "");
+}
+
+TEST_F(ServerTest, AllThatCameBeforeTheEndOfTheStreamIsAnswered) {
+  auto peer = connect();
+  std::string text = support::noise(1000);
+  std::ranges::replace(text, '=', '-');
+  std::string stream;
+  for (std::uint32_t i = 1; i <= 2000; ++i) stream += request(i, i == 1000 ? "wait" : "echo", text);
+  std::size_t replies = 0;
+  const auto take = [&] {
+    turns(1);
+    const std::string seen = peer.replies();
+    replies += static_cast<std::size_t>(std::ranges::count(seen, '='));
+    return seen.ends_with("end");
+  };
+  for (std::size_t sent = 0; sent < stream.size();) {
+    sent += peer.send_now(std::string_view(stream).substr(sent));
+    turns(1);
+    if (!server_->deferred.empty()) server_->deferred.front().send({});
+    if (sent < stream.size() / 2) take();
+  }
+  peer.finish_sending();
+  for (int i = 0; i < 1000 && !take(); ++i) {
+    if (!server_->deferred.empty()) server_->deferred.front().send({});
+  }
+  EXPECT_EQ(replies, 2000U);
+  EXPECT_EQ(server_->connection_count(), 0U);
+}
+
+TEST_F(ServerTest, PeerThatHasFinishedAndTakesNothingIsClosedInTheEnd) {
+  auto peer = connect();
+  std::string stream;
+  const std::string text = support::noise(50'000);
+  for (std::uint32_t i = 1; i <= 200; ++i) stream += request(i, "echo", text);
+  for (std::size_t sent = 0; sent < stream.size(); turns(1)) {
+    const auto taken = peer.send_now(std::string_view(stream).substr(sent));
+    sent += taken;
+    if (taken == 0 && connection(0).unsent() > Limits().unsent_reply_bytes) break;
+  }
+  peer.finish_sending();
+  turns();
+  clock_.tick(60);
+  turns();
+  EXPECT_EQ(server_->connection_count(), 0U);
+}
+
+TEST_F(ServerTest, StrangersAreNotToldOfInternalFailures) {
+  auto stranger = connect();
+  auto known = connect();
+  server_->set_authenticated(connection(1));
+  send(stranger, request(1, "fail") + request(2, "unknown"));
+  send(known, request(1, "fail"));
+  EXPECT_EQ(stranger.replies(),
+            "1!the request failed for a reason that the server's log tells "
+            "2!unknown request 'unknown' ");
+  EXPECT_EQ(known.replies(), "1!cannot read a secret path ");
+  EXPECT_EQ(server_->failures.size(), 3U);
+}
+
+TEST_F(ServerTest, LargestUnauthenticatedAccountGoesFirst) {
   restart({.held_bytes = 4000});
   auto valid = connect();
   auto small = connect();
   auto large = connect();
-  server_->connections()[0]->set_valid();
+  server_->set_authenticated(connection(0));
   const std::string half = request(1, "echo", support::noise(20'000));
   send(valid, half.substr(0, 2000));
   send(small, half.substr(0, 300));
@@ -225,16 +283,16 @@ TEST_F(ServerTest, LargestHolderWithoutAValidKeyGoesFirst) {
   EXPECT_EQ(small.replies(), "end");
   EXPECT_EQ(server_->shortages.size(), 1U) << "only valid ones are left";
   auto second = connect();
-  server_->connections()[1]->set_valid();
+  server_->set_authenticated(connection(1));
   send(second, half.substr(0, 3900));
   EXPECT_EQ(valid.replies(), "end") << "beyond twice the limit";
   EXPECT_EQ(second.replies(), "");
 }
 
-TEST_F(ServerTest, OldestConnectionWithoutAValidKeyMakesRoom) {
+TEST_F(ServerTest, OldestUnauthenticatedConnectionMakesRoom) {
   restart({.connections = 2});
   auto valid = connect();
-  server_->connections()[0]->set_valid();
+  server_->set_authenticated(connection(0));
   auto oldest = connect();
   auto newest = connect();
   EXPECT_EQ(oldest.replies(), "end");
@@ -265,7 +323,7 @@ TEST_F(ServerTest, HalfFrameEndsWhenNothingMoreComesAndIdlenessNever) {
 }
 
 TEST_F(ServerTest, PeerThatTakesNoRepliesIsNotReadAndEnds) {
-  restart({.unread_reply_bytes = 10'000, .requests_per_turn = 1000});
+  restart({.unsent_reply_bytes = 10'000});
   auto peer = connect();
   const std::string text = support::noise(30'000);
   std::string stream;

@@ -81,6 +81,8 @@ std::size_t SkeinPeer::send_now(std::string_view bytes) {
   return sent < 0 ? 0 : static_cast<std::size_t>(sent);
 }
 
+void SkeinPeer::finish_sending() { ::shutdown(socket_.descriptor(), SHUT_WR); }
+
 void SkeinPeer::reset() { support::reset(socket_); }
 
 std::string SkeinPeer::replies() {

@@ -30,6 +30,8 @@ class SkeinPeer {
   void send(std::string_view bytes);
   /// As much as goes at once; returns how much.
   std::size_t send_now(std::string_view bytes);
+  /// The server reads the end of the stream; replies still come.
+  void finish_sending();
   void reset();
   /// What has come back by now: "msgid=result" or "msgid!error", each with a blank behind it, where
   /// a result that is no text shows as "nil" or "map"; then "end" at the end of the stream.

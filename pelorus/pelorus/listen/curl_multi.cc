@@ -143,9 +143,11 @@ void CurlMulti::watch(CURL* easy, curl_socket_t socket, int wanted) {
     node.mapped()->stop();
     return loop_.discard(std::move(node.mapped()));
   }
-  auto& watch = watches_[socket];
-  if (!watch) watch = std::make_unique<Watch>(*this, socket);
-  watch->serve(easy, poll_events(wanted));
+  auto watched = watches_.find(socket);
+  if (watched == watches_.end()) {
+    watched = watches_.emplace(socket, std::make_unique<Watch>(*this, socket)).first;
+  }
+  watched->second->serve(easy, poll_events(wanted));
 }
 
 void CurlMulti::set_timer(long milliseconds) {

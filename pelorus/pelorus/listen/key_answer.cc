@@ -7,7 +7,7 @@
 #include <string_view>
 #include <variant>
 
-#include "pelorus/pelorus/listen/connection_counters.h"
+#include "pelorus/pelorus/listen/session.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/secret_text.h"
 #include "pelorus/translate/display.h"

@@ -7,25 +7,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <utility>
 
 #include "pelorus/pelorus/constants.h"
-#include "pelorus/pelorus/listen/complete_lines.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
 
 namespace pelorus {
 namespace {
-
-constexpr std::array<skein::RequestRow, 4> REQUESTS{{
-    {"collectd", skein::RequestHandler<&LocalServer::req_collectd>::handle},
-    {"stats", skein::RequestHandler<&LocalServer::req_stats>::handle},
-    {"status", skein::RequestHandler<&LocalServer::req_status>::handle},
-    {"fail", skein::RequestHandler<&LocalServer::req_fail>::handle},
-}};
 
 /// Everybody but the owner is kept out of the socket file.
 constexpr mode_t OWNER_ONLY = 0077;
@@ -45,7 +36,7 @@ void remove_stale(const std::string& path) {
 }
 
 /// The peer of a unix socket by what the kernel knows of it.
-std::string peer_name(const skein::Connection& connection) {
+std::string process_name(const skein::Connection& connection) {
   ucred peer{};
   socklen_t length = sizeof peer;
   if (::getsockopt(connection.socket().descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &length) !=
@@ -53,6 +44,22 @@ std::string peer_name(const skein::Connection& connection) {
     return "unknown process";
   }
   return fmt::format("process {}, user {}", peer.pid, peer.uid);
+}
+
+std::string peer_name(const ConnectionGroup::Member& peer) {
+  return process_name(*peer.connection);
+}
+
+std::string node_address(const ConnectionGroup::Member& node) {
+  return fmt::format("{}:{}", node.session->address.host(), node.session->address.port);
+}
+
+ConnectionGroup group_of(const NodeServer& server) {
+  ConnectionGroup group{"nodes", {}, node_address};
+  for (const skein::Connection* connection : server.connections()) {
+    group.members.push_back({connection, &server.session(*connection)});
+  }
+  return group;
 }
 
 }  // namespace
@@ -68,12 +75,17 @@ LocalServer::Owner LocalServer::Owner::look_up() {
 }
 
 LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
-                         const NodeServer* node_server, std::shared_ptr<skein::Quota> quota)
-    : Server(bind_listen(settings, Owner::look_up()), loop, std::nullopt, std::move(quota)),
+                         skein::Resources& resources, const NodeServer* node_server)
+    : Server(bind_listen(settings, Owner::look_up()), loop, resources),
       influx_handler_(influx_handler),
       settings_(settings),
       node_server_(node_server),
-      started_(StartTime::now(loop.clocks())) {}
+      started_(StartTime::now(loop.clocks())) {
+  answer_to("collectd", [this](const skein::Request& request) { return req_collectd(request); });
+  answer_to("stats", [this](const skein::Request& request) { return req_stats(request); });
+  answer_to("status", [this](const skein::Request& request) { return req_status(request); });
+  answer_to("fail", [this](const skein::Request& request) { return req_fail(request); });
+}
 
 skein::Socket LocalServer::bind_listen(const Settings& settings, const Owner& owner) {
   const std::string path = socket_path(settings);
@@ -98,12 +110,6 @@ void LocalServer::stop() {
   ::unlink(socket_path(settings_).c_str());
 }
 
-std::span<const skein::RequestRow> LocalServer::requests() const { return REQUESTS; }
-
-std::unique_ptr<skein::Connection> LocalServer::make_connection(skein::Socket socket) {
-  return std::make_unique<CollectdConnection>(*this, loop(), std::move(socket));
-}
-
 skein::Connection* LocalServer::handle_read() {
   skein::Connection* accepted = Server::handle_read();
   if (accepted != nullptr) log::info("Accepted local skein connection.");
@@ -113,7 +119,13 @@ skein::Connection* LocalServer::handle_read() {
 // Whoever may open the socket needs no key.
 void LocalServer::add_connection(skein::Connection& connection) {
   Server::add_connection(connection);
-  connection.set_valid();
+  sessions_.add(connection);
+  set_authenticated(connection);
+}
+
+void LocalServer::remove_connection(skein::Connection& connection) {
+  sessions_.remove(connection);
+  Server::remove_connection(connection);
 }
 
 void LocalServer::handle_exception(const std::exception& failure) {
@@ -122,7 +134,7 @@ void LocalServer::handle_exception(const std::exception& failure) {
 
 void LocalServer::handle_protocol_error(skein::Connection& connection,
                                         const skein::ProtocolError& fault) {
-  log::warning("Closing the connection of a local peer ({}): {}.", peer_name(connection),
+  log::warning("Closing the connection of a local peer ({}): {}.", process_name(connection),
                fault.what());
 }
 
@@ -132,14 +144,13 @@ void LocalServer::handle_shortage(const std::string& text) {
 
 skein::Reply LocalServer::req_collectd(const skein::Request& request) {
   PROFILE_SCOPE();
-  auto& connection = static_cast<CollectdConnection&>(request.connection);
-  auto& remainder = connection.graphite_remainder;
+  Session& session = sessions_[request.connection];
   const std::string_view metrics = request.text("metrics");
-  if (metrics.empty() && remainder.empty()) {
+  if (metrics.empty() && session.graphite_remainder.remaining() == 0) {
     throw skein::RequestError("argument 'metrics' of request 'collectd' is empty");
   }
-  const CompleteLines complete(remainder, metrics, limits().remainder_bytes);
-  connection.counters.count(influx_handler_.add_graphite(TIDEWELL_DATABASE, complete.lines()));
+  const CompleteLines lines = session.graphite_remainder.add(metrics);
+  session.counters.count(influx_handler_.add_graphite(TIDEWELL_DATABASE, lines.text()));
   return {};
 }
 
@@ -160,12 +171,12 @@ skein::Reply LocalServer::req_stats(const skein::Request&) {
 skein::Reply LocalServer::req_status(const skein::Request& request) {
   PROFILE_SCOPE();
   std::vector<ConnectionGroup> groups;
-  if (node_server_ != nullptr) {
-    groups.push_back({"nodes", node_server_->connections(), [this](const skein::Connection& node) {
-                        return node_server_->address(node);
-                      }});
+  if (node_server_ != nullptr) groups.push_back(group_of(*node_server_));
+  ConnectionGroup local{"local", {}, peer_name};
+  for (const skein::Connection* connection : connections()) {
+    local.members.push_back({connection, &sessions_[*connection]});
   }
-  groups.push_back({"local", connections(), peer_name});
+  groups.push_back(std::move(local));
   const StatusSources sources{influx_handler_, loop(), started_, groups};
   return skein::Reply(write_status(sources, ConnectionChoice::of(request)));
 }

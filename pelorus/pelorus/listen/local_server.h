@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -15,20 +14,20 @@ namespace pelorus {
 
 /// Receives what the server's own collectd measures, over the unix socket INFLUX_UNIX_SOCKET, and
 /// answers the operator's tool there. The socket is its owner's alone. Borrows handler, settings,
-/// loop and the server of the nodes.
+/// loop, resources and the server of the nodes.
 class LocalServer : public skein::Server {
  public:
   /// Binds and listens at once. `node_server`: whose connections the status lists as well; may be
   /// none. Throws SettingsError, skein::SystemFailure.
   LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
-              const NodeServer* node_server = nullptr,
-              std::shared_ptr<skein::Quota> quota = nullptr);
+              skein::Resources& resources, const NodeServer* node_server = nullptr);
 
   /// Closes the server and removes the socket file.
   void stop();
 
   skein::Connection* handle_read() override;
   void add_connection(skein::Connection& connection) override;
+  void remove_connection(skein::Connection& connection) override;
   void handle_exception(const std::exception& failure) override;
   void handle_protocol_error(skein::Connection& connection,
                              const skein::ProtocolError& fault) override;
@@ -43,10 +42,6 @@ class LocalServer : public skein::Server {
   /// "fail": fails on purpose, so that the way of a failure can be looked at.
   skein::Reply req_fail(const skein::Request& request);
 
- protected:
-  std::span<const skein::RequestRow> requests() const override;
-  std::unique_ptr<skein::Connection> make_connection(skein::Socket socket) override;
-
  private:
   /// Who is to own the socket file, as far as the system knows the account and the group.
   struct Owner {
@@ -55,11 +50,15 @@ class LocalServer : public skein::Server {
     static Owner look_up();
   };
   static skein::Socket bind_listen(const Settings& settings, const Owner& owner);
+  std::size_t held_bytes(const skein::Connection& connection) const override {
+    return sessions_[connection].graphite_remainder.remaining();
+  }
 
   InfluxHandler& influx_handler_;
   const Settings& settings_;
   const NodeServer* node_server_;
   const StartTime started_;
+  skein::PerConnection<Session> sessions_;
 };
 
 }  // namespace pelorus

@@ -8,29 +8,18 @@
 #include <limits>
 #include <vector>
 
-#include "pelorus/pelorus/listen/complete_lines.h"
 #include "skein/errors.h"
 
 namespace pelorus {
 namespace {
 
-using skein::Connection;
+using Member = ConnectionGroup::Member;
 using skein::MsgpackWriter;
 using skein::Value;
 
 constexpr std::size_t USUAL_CONNECTIONS = 100;
 /// Listing so many takes a few milliseconds, and less than 2 MiB.
 constexpr std::size_t MOST_CONNECTIONS = 2000;
-
-const ConnectionCounters& counters_of(const Connection& connection) {
-  return static_cast<const CollectdConnection&>(connection).counters;
-}
-
-const ConnectionCounters::Trouble& trouble_of(const Connection& connection) {
-  static const ConnectionCounters::Trouble NONE;
-  const auto* trouble = counters_of(connection).trouble_if_any();
-  return trouble == nullptr ? NONE : *trouble;
-}
 
 constexpr std::uint64_t LAST = std::numeric_limits<std::uint64_t>::max();
 
@@ -44,21 +33,22 @@ using Ranks = std::array<std::uint64_t, 2>;
 /// The first one is the order that is taken unless the asker names one.
 constexpr std::array<OrderRow, 4> ORDERS{{
     {"trouble",
-     [](const Connection& c) {
-       return Ranks{trouble_of(c).bad_lines + trouble_of(c).refused_auths,
-                    LAST - c.traffic().last_seen};
+     [](const Member& m) {
+       const auto& errors = m.session->counters.errors();
+       return Ranks{errors.bad_lines + errors.refused_auths,
+                    LAST - m.connection->traffic().last_seen};
      }},
     {"records",
-     [](const Connection& c) {
-       return Ranks{counters_of(c).records(), c.traffic().requests};
+     [](const Member& m) {
+       return Ranks{m.session->counters.records(), m.connection->traffic().requests};
      }},
     {"silent",
-     [](const Connection& c) {
-       return Ranks{LAST - c.traffic().last_seen, 0};
+     [](const Member& m) {
+       return Ranks{LAST - m.connection->traffic().last_seen, 0};
      }},
     {"newest",
-     [](const Connection& c) {
-       return Ranks{c.traffic().since, 0};
+     [](const Member& m) {
+       return Ranks{m.connection->traffic().since, 0};
      }},
 }};
 
@@ -71,17 +61,12 @@ ConnectionChoice::Rank rank_named(std::string_view name) {
 }
 
 /// The chosen connections of a group, in order.
-std::vector<const Connection*> choose(const ConnectionGroup& group,
-                                      const ConnectionChoice& choice) {
-  std::vector<const Connection*> all;
-  all.reserve(group.connections.size());
-  for (const auto& connection : group.connections) all.push_back(connection.get());
-  const std::size_t count = std::min(choice.most, all.size());
-  std::partial_sort(
-      all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count), all.end(),
-      [&](const Connection* a, const Connection* b) { return choice.rank(*a) > choice.rank(*b); });
-  all.resize(count);
-  return all;
+std::vector<Member> choose(const ConnectionGroup& group, const ConnectionChoice& choice) {
+  std::vector<Member> chosen(std::min(choice.most, group.members.size()));
+  std::ranges::partial_sort_copy(group.members, chosen, [&](const Member& a, const Member& b) {
+    return choice.rank(a) > choice.rank(b);
+  });
+  return chosen;
 }
 
 void write_moment(MsgpackWriter& out, std::uint32_t moment, const skein::Loop& loop) {
@@ -89,28 +74,28 @@ void write_moment(MsgpackWriter& out, std::uint32_t moment, const skein::Loop& l
   out.real(loop.clocks().wall() - static_cast<double>(now - std::min(now, moment)));
 }
 
-void write_connection(MsgpackWriter& out, const Connection& connection,
-                      const ConnectionGroup& group, const skein::Loop& loop) {
-  const ConnectionCounters& counters = counters_of(connection);
-  const ConnectionCounters::Trouble& trouble = trouble_of(connection);
-  out.map(10).text("address").text(group.address(connection));
-  write_moment(out.text("since"), connection.traffic().since, loop);
-  write_moment(out.text("last_seen"), connection.traffic().last_seen, loop);
-  out.text("requests").natural(connection.traffic().requests);
+void write_connection(MsgpackWriter& out, const Member& member, const ConnectionGroup& group,
+                      const skein::Loop& loop) {
+  const SessionCounters& counters = member.session->counters;
+  const skein::Connection::Traffic& traffic = member.connection->traffic();
+  out.map(10).text("address").text(group.address(member));
+  write_moment(out.text("since"), traffic.since, loop);
+  write_moment(out.text("last_seen"), traffic.last_seen, loop);
+  out.text("requests").natural(traffic.requests);
   out.text("records").natural(counters.records());
-  out.text("bad_lines").natural(trouble.bad_lines);
-  out.text("last_warning").text(trouble.last_warning);
+  out.text("bad_lines").natural(counters.errors().bad_lines);
+  out.text("last_warning").text(counters.errors().last_warning);
   out.text("accepted_auths").natural(counters.accepted_auths());
-  out.text("refused_auths").natural(trouble.refused_auths);
+  out.text("refused_auths").natural(counters.errors().refused_auths);
   out.text("key_ending").text(counters.key_ending());
 }
 
 void write_group(MsgpackWriter& out, const ConnectionGroup& group, const ConnectionChoice& choice,
                  const skein::Loop& loop) {
   const auto chosen = choose(group, choice);
-  out.text(group.name).map(2).text("open").natural(group.connections.size());
+  out.text(group.name).map(2).text("open").natural(group.members.size());
   out.text("connections").list(chosen.size());
-  for (const Connection* connection : chosen) write_connection(out, *connection, group, loop);
+  for (const Member& member : chosen) write_connection(out, member, group, loop);
 }
 
 void write_amount(MsgpackWriter& out, std::string_view name, const Amount& amount) {

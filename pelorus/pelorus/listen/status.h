@@ -4,13 +4,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/listen/session.h"
 #include "skein/connection.h"
 #include "skein/loops.h"
 #include "skein/request.h"
@@ -28,11 +28,15 @@ struct StartTime {
   static StartTime now(const skein::Clocks& clocks) { return {clocks.wall(), clocks.monotonic()}; }
 };
 
-/// The connections of one server. All are CollectdConnections.
+/// The connections of one server.
 struct ConnectionGroup {
+  struct Member {
+    const skein::Connection* connection;
+    const Session* session;
+  };
   std::string_view name;
-  std::span<const std::unique_ptr<skein::Connection>> connections;
-  std::function<std::string(const skein::Connection&)> address;
+  std::vector<Member> members;
+  std::string (*address)(const Member& member);
 };
 
 /// What a status is made of. Borrows everything.
@@ -47,7 +51,7 @@ struct StatusSources {
 /// chose. So the answer stays small, and the loop is not held up, however many there are.
 struct ConnectionChoice {
   /// Ranks a connection: larger values come first.
-  using Rank = std::array<std::uint64_t, 2> (*)(const skein::Connection&);
+  using Rank = std::array<std::uint64_t, 2> (*)(const ConnectionGroup::Member&);
 
   std::size_t most = 0;
   Rank rank = nullptr;

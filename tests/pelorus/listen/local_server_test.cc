@@ -8,17 +8,18 @@ namespace {
 class LocalServerTest : public ListenerTest {
  protected:
   Settings settings_ = settings(socket_path());
+  skein::Resources resources_{loop_};
 };
 
 TEST_F(LocalServerTest, StopRemovesTheSocketFile) {
-  LocalServer server(handler_, settings_, loop_);
+  LocalServer server(handler_, settings_, loop_, resources_);
   EXPECT_TRUE(std::filesystem::is_socket(socket_path()));
   server.stop();
   EXPECT_FALSE(std::filesystem::exists(socket_path()));
 }
 
 TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {
-  LocalServer server(handler_, settings_, loop_);
+  LocalServer server(handler_, settings_, loop_, resources_);
   auto peer = support::SkeinPeer::unix_socket(socket_path());
   peer.send(support::request(1, "collectd", {{"metrics", "no end"}}));
   turns();

@@ -19,8 +19,10 @@ class NodeServerTest : public ListenerTest {
  protected:
   NodeServerTest() { start({}); }
   void start(const skein::Limits& limits) {
-    server_.emplace(handler_, settings_, loop_, fmt::format("http://127.0.0.1:{}/", web_.port()),
-                    std::make_shared<skein::Quota>(limits));
+    server_.reset();
+    resources_.emplace(loop_, limits);
+    server_.emplace(handler_, settings_, loop_, *resources_,
+                    fmt::format("http://127.0.0.1:{}/", web_.port()));
   }
 
   support::SkeinPeer connect() {
@@ -89,6 +91,7 @@ class NodeServerTest : public ListenerTest {
   std::deque<const skein::Socket*> pending_;
   std::vector<std::string> asked_;
   Settings settings_ = settings(socket_path());
+  std::optional<skein::Resources> resources_;
   std::optional<NodeServer> server_;
 };
 
@@ -185,15 +188,17 @@ TEST_F(NodeServerTest, AnswerThatIsNoObjectAndBadKeysAreFailuresOfTheRequest) {
   auto peer = connect();
   peer.send(collectd("abcdef"));
   answer("[1]");
-  EXPECT_EQ(peer.replies(), "1!the web server's JSON answer is no object ");
-  peer.send(collectd(std::string(129, 'k')));
+  EXPECT_EQ(peer.replies(), "1!the request failed for a reason that the server's log tells ");
+  EXPECT_TRUE(
+      logged("error", "Exception in NodeServer: the web server's JSON answer is no object"));
+  peer.send(collectd(std::string(1025, 'k')));
   skein::MsgpackWriter number;
   number.list(4).natural(0).natural(2).text("collectd").map(2).text("key").natural(7);
   peer.send(support::frame(number.text("metrics").text(LINE)));
   peer.send(support::request(3, "add", {{"key", "abcdef"}}));
   turns();
   EXPECT_EQ(peer.replies(),
-            "1!argument 'key' has 129 bytes, 128 are allowed "
+            "1!argument 'key' has 1025 bytes, 1024 are allowed "
             "2!argument 'key' of request 'collectd' is no text "
             "3!request 'add' lacks the argument 'database' ");
   EXPECT_EQ(counted().failed_auths + counted().successful_auths, 0);
@@ -231,7 +236,39 @@ TEST_F(NodeServerTest, EachThatWaitsForABadKeyAsksForItselfOneAfterAnother) {
   EXPECT_EQ(records(), 0);
 }
 
-TEST_F(NodeServerTest, HeldRequestKeepsItsOrderAndHoldsUpNobodyElse) {
+TEST_F(NodeServerTest, KnownKeysAreAskedAboutFirstAndThoseWhosePeersHaveGoneLast) {
+  auto known = connect();
+  known.send(collectd("known"));
+  accept_key("known");
+  clock_.tick(3600);
+  std::vector<support::SkeinPeer> peers;
+  for (int i = 0; i < 8; ++i) {
+    peers.push_back(connect());
+    peers.back().send(collectd(fmt::format("busy{}", i)));
+  }
+  listen_to_web_requests();
+  asked_.clear();
+  std::optional<support::SkeinPeer> leaves = connect();
+  leaves->send(collectd("leaves"));
+  turns();
+  auto stays = connect();
+  stays.send(collectd("stays"));
+  turns();
+  known.send(collectd("known"));
+  turns();
+  leaves.reset();
+  for (int i = 0; i < 3; ++i) answer("", 404);
+  EXPECT_EQ(asked_, (std::vector<std::string>{"known", "stays", "leaves"}));
+}
+
+TEST_F(NodeServerTest, LongKeyCountsAsHeldBytes) {
+  auto peer = connect();
+  peer.send(collectd(std::string(1024, 'k')));
+  turns();
+  EXPECT_GT(resources_->admission.held_bytes(), 2048U);
+}
+
+TEST_F(NodeServerTest, PendingRequestKeepsItsOrderAndHoldsUpNobodyElse) {
   auto peer = connect();
   peer.send(collectd("known"));
   accept_key("known");
@@ -266,7 +303,7 @@ TEST_F(NodeServerTest, RequestsOfAPeerThatHasGoneAreCountedAndForwarded) {
   EXPECT_EQ(server_->connection_count(), 0U);
 }
 
-TEST_F(NodeServerTest, HeldMethodThatFailsIsAFailureOfItsRequest) {
+TEST_F(NodeServerTest, PendingOperationThatFailsIsAFailureOfItsRequest) {
   auto peer = connect();
   peer.send(support::request(1, "add", {{"key", "k"}, {"database", "other"}, {"data", "x\n"}}));
   accept_key("k");
@@ -275,7 +312,7 @@ TEST_F(NodeServerTest, HeldMethodThatFailsIsAFailureOfItsRequest) {
   EXPECT_TRUE(logged("error", "Exception in NodeServer: no database 'other' is configured"));
 }
 
-TEST_F(NodeServerTest, SubmitIsHeldWithItsPointsAndManyAreTakenInTurns) {
+TEST_F(NodeServerTest, SubmitWaitsWithItsPointsAndManyAreTakenInTurns) {
   constexpr std::size_t POINTS = 5000;
   auto peer = connect();
   peer.send(submit(1));
@@ -299,7 +336,7 @@ TEST_F(NodeServerTest, SubmitIsHeldWithItsPointsAndManyAreTakenInTurns) {
       logged("warning", "Could not translate \"b'node1.tunnel-2.state'\": No match for series"));
 }
 
-TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {
+TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedTheLargestFirst) {
   start({.held_bytes = 20'000});
   auto first = connect();
   auto second = connect();
@@ -322,7 +359,7 @@ TEST_F(NodeServerTest, HeldRequestsBeyondTheBudgetAreGivenUpTheLargestFirst) {
   EXPECT_GE(log_.texts("warning").size(), 2U);
 }
 
-TEST_F(NodeServerTest, WhatWasLetThroughAndIsGivenUpLeavesItsKeyUsable) {
+TEST_F(NodeServerTest, AdmittedRequestThatIsEvictedLeavesItsKeyUsable) {
   start({.held_bytes = 20'000});
   auto first = connect();
   first.send(collectd("k"));

@@ -1,4 +1,4 @@
-#include "pelorus/pelorus/listen/connection_counters.h"
+#include "pelorus/pelorus/listen/session.h"
 
 #include <algorithm>
 
@@ -20,7 +20,7 @@ std::string_view key_ending(std::string_view key) {
   return key.substr(begin);
 }
 
-void ConnectionCounters::note_key(std::string_view key) noexcept {
+void SessionCounters::note_key(std::string_view key) noexcept {
   std::string_view ending = pelorus::key_ending(key);
   if (ending.size() == key.size()) ending = {};
   if (ending.size() > key_ending_.size()) {
@@ -28,12 +28,17 @@ void ConnectionCounters::note_key(std::string_view key) noexcept {
     while (!ending.empty() && continues_character(ending.front())) ending.remove_prefix(1);
   }
   key_ending_ = {};
-  std::ranges::copy(ending, key_ending_.begin());
+  std::copy(ending.begin(), ending.end(), key_ending_.begin());
 }
 
-std::string_view ConnectionCounters::key_ending() const noexcept {
+std::string_view SessionCounters::key_ending() const noexcept {
   const auto end = std::ranges::find(key_ending_, '\0');
   return {key_ending_.begin(), end};
+}
+
+const SessionCounters::Errors& SessionCounters::errors() const noexcept {
+  static const Errors NONE;
+  return errors_ ? *errors_ : NONE;
 }
 
 }  // namespace pelorus

@@ -1,0 +1,383 @@
+#include "pelorus/pelorus/listen/authenticator.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <list>
+#include <map>
+#include <optional>
+
+#include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/listen/key_answer.h"
+#include "pelorus/pelorus/log.h"
+#include "skein/intrusive_list.h"
+
+namespace pelorus {
+namespace {
+
+/// What a request that waits takes up besides its arguments and its key, roughly.
+constexpr std::size_t PENDING_OVERHEAD_BYTES = 1024;
+
+/// Whether `given` is `key`, which has no dashes, with dashes anywhere.
+bool spells(std::string_view given, std::string_view key) {
+  if (given.size() == key.size()) return given == key;
+  std::size_t at = 0;
+  for (const char c : given) {
+    if (c == '-') continue;
+    if (at == key.size() || key[at++] != c) return false;
+  }
+  return at == key.size();
+}
+
+/// Whether the peer will send nothing more: a connection that is suspended is not read and does not
+/// know.
+bool has_hung_up(const skein::Socket& socket) {
+  pollfd now{socket.descriptor(), POLLRDHUP, 0};
+  return ::poll(&now, 1, 0) > 0;
+}
+
+}  // namespace
+
+/// A request that waits: the operation on copies of its arguments, and the deferred reply. Outlives
+/// its connection.
+class Authenticator::PendingRequest final : public skein::Admission::Account {
+ public:
+  PendingRequest(Authenticator& authenticator, PendingKey& key, const Operation& views,
+                 const skein::Request& request);
+  ~PendingRequest() { authenticator_.resources_.admission.release(*this); }
+
+  std::optional<Operation> operation;  ///< none once it was evicted
+  const skein::DeferredReply reply;
+  std::list<PendingRequest>::iterator place;  ///< among those of its key
+
+ private:
+  void evict(const skein::LimitError& reason) override;
+
+  Authenticator& authenticator_;
+  PendingKey& key_;
+};
+
+/// The requests of one key that wait, in order of arrival, and what they wait for.
+class Authenticator::PendingKey final : public skein::ReadyQueue::Entry {
+ public:
+  /// | state | where it stands |
+  /// |---|---|
+  /// | QUEUED | in a queue of questions |
+  /// | ASKING | the web server is being asked, for the first request |
+  /// | ADMITTED | in the ready queue: the first request may run |
+  /// | BUSY | in none: a request of it is run or answered just now, so it must not go |
+  enum class State { QUEUED, ASKING, ADMITTED, BUSY };
+
+  explicit PendingKey(Authenticator& authenticator) : authenticator_(authenticator) {}
+
+  bool serve(skein::ReadyQueue::Credit credit) noexcept override {
+    return authenticator_.run_admitted(*this, credit);
+  }
+  bool is_authenticated() const noexcept override { return true; }
+
+  const std::string* key = nullptr;  ///< of its entry in the map
+  std::list<PendingRequest> requests;
+  State state = State::BUSY;
+  std::size_t rank = 0;  ///< the queue of questions where it stands, if it is QUEUED
+  skein::ListLink<PendingKey> question;
+
+ private:
+  Authenticator& authenticator_;
+};
+
+/// Everything that waits.
+struct Authenticator::Queues {
+  static constexpr std::size_t KNOWN = 0, PRESENT = 1, GONE = 2;
+
+  /// By key without dashes. No hash table: anybody may choose keys that collide.
+  std::map<std::string, PendingKey> keys;
+  /// Keys that wait for their question: the known ones, those whose peer is still there, the
+  /// others.
+  std::array<skein::IntrusiveList<PendingKey, &PendingKey::question>, 3> questions;
+};
+
+Authenticator::PendingRequest::PendingRequest(Authenticator& authenticator, PendingKey& key,
+                                              const Operation& views, const skein::Request& request)
+    : Account(authenticator.server_.is_authenticated(request.connection)),
+      reply(authenticator.server_.defer(request)),
+      authenticator_(authenticator),
+      key_(key) {
+  operation.emplace(views.owned());
+  authenticator.resources_.admission.hold(
+      *this, PENDING_OVERHEAD_BYTES + key.key->size() + operation->bytes());
+}
+
+void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
+  if (!reply.end_connection(reason)) {
+    log::warning("Dropping a request whose peer has gone: {}.", reason.what());
+  }
+  operation.reset();
+  authenticator_.forget(key_, *this);
+}
+
+Authenticator::Authenticator(InfluxHandler& influx_handler, const Settings& settings,
+                             skein::Loop& loop, skein::Resources& resources, skein::Server& server,
+                             skein::PerConnection<Session>& sessions,
+                             const std::string& verification_url)
+    : influx_handler_(influx_handler),
+      settings_(settings),
+      loop_(loop),
+      resources_(resources),
+      server_(server),
+      sessions_(sessions),
+      queues_(std::make_unique<Queues>()),
+      verification_(settings, loop, verification_url) {}
+
+Authenticator::~Authenticator() {
+  for (auto& [key, pending] : queues_->keys) resources_.ready_queue.remove(pending);
+}
+
+Authenticator::Key Authenticator::key_of(const skein::Request& request) {
+  const std::string_view given = request.text("key");
+  if (given.size() > MAX_KEY_BYTES) {
+    throw skein::RequestError(
+        fmt::format("argument 'key' has {} bytes, {} are allowed", given.size(), MAX_KEY_BYTES));
+  }
+  Session& session = sessions_[request.connection];
+  if (session.verified_key != nullptr && spells(given, session.verified_key->first)) {
+    return Key(*session.verified_key);
+  }
+  session.verified_key = nullptr;
+  std::string key(given);
+  std::erase(key, '-');
+  session.counters.note_key(key);
+  return Key(std::move(key));
+}
+
+const VerifiedKey* Authenticator::find_verified(const std::string& key) const {
+  const auto verified = valid_.find(key);
+  return verified == valid_.end() ? nullptr : &*verified;
+}
+
+bool Authenticator::valid_key(const std::string& key, const VerifiedKey* verified) {
+  const double time = verified == nullptr ? 0 : verified->second;
+  if (loop_.now().wall - time < VALID_CUTOFF) return true;
+  // Kept: said of a key that was never seen as well.
+  log::debug("Validation error - the key \"{}\" is expired.", key);
+  return false;
+}
+
+Authenticator::PendingKey* Authenticator::find_pending(const std::string& key) {
+  if (queues_->keys.empty()) return nullptr;  // as a rule: the key need not be looked up then
+  const auto found = queues_->keys.find(key);
+  return found == queues_->keys.end() ? nullptr : &found->second;
+}
+
+skein::Reply Authenticator::forward(const skein::Request& request, const Key& node_key,
+                                    Operation&& operation) {
+  const std::string& key = node_key.text();
+  const bool behind_others = find_pending(key) != nullptr;
+  const VerifiedKey* const verified =
+      node_key.verified() != nullptr ? node_key.verified() : find_verified(key);
+  const bool admitted = !behind_others && valid_key(key, verified);
+  if (admitted) {
+    Session& session = sessions_[request.connection];
+    server_.set_authenticated(request.connection);
+    session.verified_key = verified;
+    if (!operation.is_long()) {
+      session.counters.count(operation.run(influx_handler_));
+      return {};
+    }
+  }
+  PendingKey& pending = keep(request, key, operation);
+  if (admitted) {
+    pending.state = PendingKey::State::ADMITTED;
+    resources_.ready_queue.add(pending);
+  } else if (!behind_others) {
+    check_auth(pending);
+  }
+  return skein::Reply::later();
+}
+
+Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
+                                               const std::string& key, const Operation& operation) {
+  auto& keys = queues_->keys;
+  auto found = keys.find(key);
+  const bool is_new = found == keys.end();
+  if (is_new) {
+    if (keys.size() >= MAX_PENDING_KEYS && !server_.is_authenticated(request.connection)) {
+      throw skein::LimitError(fmt::format("{} keys wait for verification, {} are allowed",
+                                          keys.size(), MAX_PENDING_KEYS));
+    }
+    found = keys.try_emplace(key, *this).first;
+    found->second.key = &found->first;
+  }
+  PendingKey& pending = found->second;
+  try {
+    auto& added = pending.requests.emplace_back(*this, pending, operation, request);
+    added.place = std::prev(pending.requests.end());
+  } catch (...) {  // nothing of the request is left
+    if (is_new) keys.erase(found);
+    throw;
+  }
+  return pending;
+}
+
+std::size_t Authenticator::rank_of(const PendingKey& pending) const {
+  if (valid_.contains(*pending.key)) return Queues::KNOWN;
+  const skein::Connection* newest = pending.requests.back().reply.connection();
+  return newest != nullptr && !has_hung_up(newest->socket()) ? Queues::PRESENT : Queues::GONE;
+}
+
+void Authenticator::check_auth(PendingKey& pending) noexcept {
+  pending.state = PendingKey::State::QUEUED;
+  pending.rank = rank_of(pending);
+  queues_->questions[pending.rank].push_back(pending);
+  ask();
+}
+
+/// The first of the first queue that is not empty. One whose peer has gone meanwhile goes to the
+/// end of its queue.
+Authenticator::PendingKey* Authenticator::next_question() noexcept {
+  for (std::size_t rank = 0; rank < queues_->questions.size(); ++rank) {
+    auto& questions = queues_->questions[rank];
+    while (!questions.empty()) {
+      PendingKey& next = questions.front();
+      questions.remove(next);
+      next.rank = rank_of(next);
+      if (next.rank <= rank) return &next;
+      queues_->questions[next.rank].push_back(next);
+    }
+  }
+  return nullptr;
+}
+
+void Authenticator::ask() noexcept {
+  while (verification_.has_room()) {
+    PendingKey* const next = next_question();
+    if (next == nullptr) return;
+    next->state = PendingKey::State::ASKING;
+    verification_.do_auth_check(
+        *next->key, [this, next](const KeyOutcome& outcome) { handle_outcome(*next, outcome); });
+  }
+}
+
+void Authenticator::handle_outcome(PendingKey& pending, const KeyOutcome& outcome) {
+  std::exception_ptr failure;
+  bool is_valid = false;
+  try {
+    is_valid = validate(pending, is_confirmed(*pending.key, outcome, settings_));
+  } catch (const std::exception&) {
+    failure = std::current_exception();
+  }
+  if (is_valid) {
+    pending.state = PendingKey::State::ADMITTED;
+    resources_.ready_queue.add(pending);
+  } else {
+    pending.state = PendingKey::State::BUSY;
+    finish_first(pending, failure);  // without a failure: dropped in silence
+    continue_with(pending);
+  }
+  ask();
+}
+
+bool Authenticator::validate(const PendingKey& pending, bool is_valid) {
+  if (const auto* connection = pending.requests.front().reply.connection()) {
+    sessions_[*connection].counters.count_auth(is_valid);
+  }
+  if (is_valid) {
+    influx_handler_.handle_successful_auth();
+    valid_[*pending.key] = loop_.clocks().wall();
+  } else {
+    influx_handler_.increment_failed_auths();
+  }
+  return is_valid;
+}
+
+bool Authenticator::run_admitted(PendingKey& pending, skein::ReadyQueue::Credit& credit) noexcept {
+  pending.state = PendingKey::State::BUSY;
+  Next next = Next::ADMITTED;
+  while (next == Next::ADMITTED && credit.spend(cost_of_first(pending))) {
+    if (run_first(pending)) next = next_of(pending);
+  }
+  if (next == Next::ADMITTED) {
+    pending.state = PendingKey::State::ADMITTED;
+    return true;
+  }
+  next == Next::QUESTION ? check_auth(pending) : erase(pending);
+  return false;
+}
+
+std::size_t Authenticator::cost_of_first(const PendingKey& pending) {
+  const auto& operation = pending.requests.front().operation;
+  return operation ? operation->cost() : 0;
+}
+
+bool Authenticator::run_first(PendingKey& pending) noexcept {
+  PendingRequest& first = pending.requests.front();
+  std::exception_ptr failure;
+  try {
+    skein::Connection* const connection = first.reply.connection();
+    if (connection != nullptr) server_.set_authenticated(*connection);
+    if (first.operation) {
+      Ingested ingested = first.operation->run(influx_handler_);
+      if (connection != nullptr) sessions_[*connection].counters.count(std::move(ingested));
+      if (!first.operation->is_done()) return false;
+    }
+  } catch (const std::exception&) {
+    failure = std::current_exception();
+  }
+  finish_first(pending, failure);
+  return true;
+}
+
+/// Its bytes are not held any more when the reply lets the connection continue.
+void Authenticator::finish_first(PendingKey& pending, const std::exception_ptr& failure) noexcept {
+  const skein::DeferredReply reply = pending.requests.front().reply;
+  pending.requests.pop_front();
+  if (!failure) return reply.send({});
+  try {
+    std::rethrow_exception(failure);
+  } catch (const std::exception& known) {
+    reply.fail(known);
+  }
+}
+
+Authenticator::Next Authenticator::next_of(const PendingKey& pending) noexcept {
+  if (pending.requests.empty()) return Next::NOTHING;
+  try {
+    const bool is_valid = valid_key(*pending.key, find_verified(*pending.key));
+    return is_valid ? Next::ADMITTED : Next::QUESTION;
+  } catch (const std::exception& failure) {  // no memory for a log line
+    loop_.report(failure);
+    return Next::QUESTION;
+  }
+}
+
+void Authenticator::continue_with(PendingKey& pending) noexcept {
+  switch (next_of(pending)) {
+    case Next::NOTHING:
+      return erase(pending);
+    case Next::QUESTION:
+      return check_auth(pending);
+    case Next::ADMITTED:
+      pending.state = PendingKey::State::ADMITTED;
+      return resources_.ready_queue.add(pending);
+  }
+}
+
+void Authenticator::forget(PendingKey& pending, const PendingRequest& request) noexcept {
+  const bool is_first = &pending.requests.front() == &request;
+  if (pending.state == PendingKey::State::ASKING && is_first) return;  // its outcome is counted
+  pending.requests.erase(request.place);
+  if (!pending.requests.empty() || pending.state == PendingKey::State::BUSY) return;
+  if (pending.state == PendingKey::State::QUEUED) {
+    queues_->questions[pending.rank].remove(pending);
+  }
+  resources_.ready_queue.remove(pending);
+  erase(pending);
+}
+
+void Authenticator::erase(PendingKey& pending) noexcept {
+  queues_->keys.erase(queues_->keys.find(*pending.key));
+}
+
+}  // namespace pelorus

@@ -1,0 +1,125 @@
+#pragma once
+
+#include <exception>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/listen/key_verification.h"
+#include "pelorus/pelorus/listen/operation.h"
+#include "pelorus/pelorus/listen/session.h"
+#include "pelorus/pelorus/settings.h"
+#include "skein/server.h"
+
+namespace pelorus {
+
+/// Longer keys are no keys, and are not worth a question to the web server.
+constexpr std::size_t MAX_KEY_BYTES = 1024;
+/// Keys that unauthenticated connections may have waiting. Ten times the nodes of a large
+/// installation that starts anew.
+constexpr std::size_t MAX_PENDING_KEYS = 100'000;
+
+/// Lets the requests of nodes through to the InfluxHandler, if their keys are valid: keeps the
+/// cache of verified keys, asks the web server about the others, and keeps the requests that wait
+/// for that.
+///
+///     request ── key valid, nothing of it waits ──> runs at once
+///        │
+///        └──> PendingKey: its requests in order ── question ──> admitted ── ready queue ──> run
+///                          ^ the next one asks again ── refused ──┘ (dropped, answered)
+///
+/// What must look as if requests were served one after the other:
+/// - A request that waits suspends its connection, so the order of a connection stays.
+/// - The first request of a key asks. After a success those behind it run as well; after a failure
+///   the next one asks for itself. There is one question per key at a time, eight in all.
+/// - Keys wait for a question in three queues, first come first served in each: keys that were
+///   confirmed before, those whose peer is still there, those whose peer has gone. So any number of
+///   made-up keys keeps no known node waiting.
+/// - Admitted requests run on the turns of the loop that the ready queue gives them, a "submit" of
+/// many
+///   points in steps. Later requests of the key wait for it.
+/// - A request whose peer has gone is counted and run all the same; its reply goes nowhere.
+///
+/// Owned by NodeServer. Borrows everything. Loop thread only.
+class Authenticator {
+ public:
+  Authenticator(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
+                skein::Resources& resources, skein::Server& server,
+                skein::PerConnection<Session>& sessions, const std::string& verification_url);
+  Authenticator(const Authenticator&) = delete;
+  Authenticator& operator=(const Authenticator&) = delete;
+  ~Authenticator();
+
+  /// The key of a request without its dashes. Nearly every request has the one with which its
+  /// connection was let in before: that costs a comparison, no copy and no look-up.
+  class Key {
+   public:
+    explicit Key(const VerifiedKey& verified) : verified_(&verified) {}
+    explicit Key(std::string text) : text_(std::move(text)) {}
+    const std::string& text() const noexcept { return verified_ ? verified_->first : text_; }
+    /// Its entry in the cache, if that is known already.
+    const VerifiedKey* verified() const noexcept { return verified_; }
+
+   private:
+    const VerifiedKey* verified_ = nullptr;
+    std::string text_;
+  };
+  /// Notes the key with its session. Throws RequestError for one that is missing, no text, or too
+  /// long.
+  Key key_of(const skein::Request& request);
+
+  /// Runs the operation of a request at once if its key is valid, nothing of the key waits and it
+  /// is short; otherwise keeps a copy and defers the reply. Throws what the operation throws, and
+  /// LimitError.
+  skein::Reply forward(const skein::Request& request, const Key& key, Operation&& operation);
+
+ private:
+  class PendingRequest;
+  class PendingKey;
+  struct Queues;
+
+  const VerifiedKey* find_verified(const std::string& key) const;
+  bool valid_key(const std::string& key, const VerifiedKey* verified);
+  PendingKey* find_pending(const std::string& key);
+  /// Keeps the request at the end of those of its key.
+  PendingKey& keep(const skein::Request& request, const std::string& key,
+                   const Operation& operation);
+  /// Asks the web server about the key as soon as there is room.
+  void check_auth(PendingKey& pending) noexcept;
+  std::size_t rank_of(const PendingKey& pending) const;
+  PendingKey* next_question() noexcept;
+  void ask() noexcept;
+  void handle_outcome(PendingKey& pending, const KeyOutcome& outcome);
+  /// Counts the outcome, and remembers a valid key. Returns `is_valid`.
+  bool validate(const PendingKey& pending, bool is_valid);
+  /// Runs admitted requests of the key as long as the credit lasts; whether there are more.
+  bool run_admitted(PendingKey& pending, skein::ReadyQueue::Credit& credit) noexcept;
+  /// Runs a step of the first request; its failure is the request's. False: there is more to do.
+  bool run_first(PendingKey& pending) noexcept;
+  void finish_first(PendingKey& pending, const std::exception_ptr& failure) noexcept;
+  static std::size_t cost_of_first(const PendingKey& pending);
+  /// What becomes of a key whose first request is over: the next one is looked at as if it came
+  /// now.
+  enum class Next { NOTHING, QUESTION, ADMITTED };
+  Next next_of(const PendingKey& pending) noexcept;
+  void continue_with(PendingKey& pending) noexcept;
+  void erase(PendingKey& pending) noexcept;
+  /// The request has been evicted.
+  void forget(PendingKey& pending, const PendingRequest& request) noexcept;
+
+  InfluxHandler& influx_handler_;
+  const Settings& settings_;
+  skein::Loop& loop_;
+  skein::Resources& resources_;
+  skein::Server& server_;
+  skein::PerConnection<Session>& sessions_;
+  /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
+  /// there are as many as there are nodes, and their sessions point here.
+  std::unordered_map<std::string, double> valid_;
+  std::unique_ptr<Queues> queues_;  ///< what waits
+  KeyVerification verification_;
+};
+
+}  // namespace pelorus

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "skein/value.h"
+
+namespace pelorus {
+
+/// What a request of a node asks of the InfluxHandler: one of its operations with all arguments.
+/// The arguments are views of the request, or of copies that owned() has made for a request that
+/// has to wait; it runs in the same way on both. One that takes long runs in several steps.
+class Operation {
+ public:
+  /// `num_metrics`: records of `data`.
+  static Operation add(std::string_view database, std::string_view data, std::int64_t num_metrics);
+  static Operation add_submit(std::string_view database, std::string_view name,
+                              skein::Value points);
+  static Operation add_graphite(std::string_view database, std::string_view lines);
+  Operation(Operation&&) = default;  ///< the views stay good
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
+
+  /// The same on copies of the arguments. None of its steps must have run.
+  Operation owned() const;
+  /// Memory that the copies take up.
+  std::size_t bytes() const noexcept;
+
+  /// Takes more than one step.
+  bool is_long() const noexcept;
+  /// What the next step costs, in bytes of content that take as long.
+  std::size_t cost() const noexcept;
+  /// Runs the next step. Throws what the operation throws, which ends it.
+  Ingested run(InfluxHandler& handler);
+  bool is_done() const noexcept { return done_; }
+
+ private:
+  enum class Kind : std::uint8_t { ADD, ADD_SUBMIT, ADD_GRAPHITE };
+  struct Arguments {
+    std::string_view database;
+    std::string_view text;                 ///< the lines; of "submit" the name
+    std::int64_t num_metrics = 0;          ///< of "add"
+    std::optional<skein::Value> points{};  ///< of "submit"
+  };
+  /// The copies that the arguments of an owned one are views of.
+  struct Copies {
+    explicit Copies(const Arguments& arguments);
+    std::string text;
+    std::unique_ptr<skein::OwnedValue> points;
+  };
+
+  Operation(Kind kind, const Arguments& arguments) : kind_(kind), arguments_(arguments) {}
+  Operation(Kind kind, std::unique_ptr<Copies> copies, const Arguments& arguments);
+
+  const Kind kind_;
+  bool done_ = false;
+  std::unique_ptr<Copies> copies_;  ///< none while the arguments are views of the request
+  Arguments arguments_;
+  std::optional<SubmitMessages> submit_;  ///< how far a "submit" is
+};
+
+}  // namespace pelorus
