@@ -7,6 +7,7 @@
 
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/settings.h"
+#include "skein/resources.h"
 #include "skein/server.h"
 #include "support/fake_clock.h"
 

@@ -35,7 +35,11 @@ void KeyVerification::do_auth_check(std::string_view key, Done done) noexcept {
 void KeyVerification::deliver() noexcept {
   const Exchange ended = std::move(*exchanges_.front());
   idle_.push_back(exchanges_.front().get());
-  ended.done(fuzz::web_server(ended.key));
+  try {
+    ended.done(fuzz::web_server(ended.key));
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
+  }
 }
 
 }  // namespace pelorus

@@ -6,6 +6,7 @@
 #include "fuzz/fuzz.h"
 #include "fuzz/peer.h"
 #include "pelorus/pelorus/ingest/value_text.h"
+#include "skein/resources.h"
 #include "support/fake_clock.h"
 
 namespace fuzz {

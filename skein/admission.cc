@@ -70,13 +70,15 @@ void Admission::evict_largest(BySize& accounts) {
 }
 
 void Admission::add_connection(Account& account) {
-  account.arrival_ = arrivals_.insert(arrivals_.end(), &account);
+  do {  // once, unless four billion connections have come since one that is still there
+    account.arrival_ = ++last_arrival_;
+  } while (!arrivals_.emplace(account.arrival_, &account).second);
   ++connections_;
 }
 
 void Admission::make_room(Account& newest) {
   if (connections_ <= limits_.connections) return;
-  Account& evicted = arrivals_.empty() ? newest : *arrivals_.front();
+  Account& evicted = arrivals_.empty() ? newest : *arrivals_.begin()->second;
   const LimitError reason(fmt::format(
       "{} connections are open, {} are allowed, and this one is the {}", connections_,
       limits_.connections, arrivals_.empty() ? "newest" : "oldest without a valid key"));

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <list>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -55,7 +55,7 @@ class Admission {
     /// The deadline has passed.
     virtual void time_out() {}
 
-    std::list<Account*>::iterator arrival_;  ///< of an unauthenticated connection: in arrivals_
+    std::uint32_t arrival_ = 0;  ///< number of an unauthenticated connection, as in arrivals_
     std::uint32_t bytes_ = 0;
     std::uint32_t watched_until_ = 0;  ///< seconds since the start, as in deadlines_; 0: not there
     bool authenticated_;
@@ -112,7 +112,8 @@ class Admission {
   BySize authenticated_;
   BySize unauthenticated_;
   std::size_t connections_ = 0;
-  std::list<Account*> arrivals_;  ///< unauthenticated connections, the oldest first
+  std::map<std::uint32_t, Account*> arrivals_;  ///< unauthenticated connections, the oldest first
+  std::uint32_t last_arrival_ = 0;
   const Time start_;
   /// Whose deadline is when, in seconds since the start. It may have become a later one since,
   /// which is noticed when the time has come: progress costs nothing here.

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -49,34 +47,5 @@ class Reply {
   std::string value_;
   bool later_ = false;
 };
-
-/// The parts of a request message, before its name and arguments have been looked at.
-struct Envelope {
-  /// Answers go to this number; none for one-way requests, and where no number can be read.
-  std::optional<std::uint32_t> msgid;
-  /// What is wrong with the shape; empty when name and args hold.
-  std::string fault;
-  std::string_view name;
-  std::optional<Value> args;
-};
-
-/// Reads `[0, msgid, name, args]` and `[2, name, args]`. Never fails: the fault is in the result.
-Envelope read_envelope(const Message& message);
-
-/// The message `[1, msgid, nil, nil]`: the reply to nearly every request, made without a writer.
-class NilReply {
- public:
-  explicit NilReply(std::uint32_t msgid);
-  std::string_view message() const noexcept { return {bytes_.data(), size_}; }
-
- private:
-  std::array<char, 9> bytes_;  ///< as much as the largest msgid takes
-  std::size_t size_ = 0;
-};
-
-/// The message `[1, msgid, nil, result]`.
-std::string encode_reply(std::uint32_t msgid, const Reply& reply);
-/// The message `[1, msgid, error, nil]`.
-std::string encode_error(std::uint32_t msgid, std::string_view error);
 
 }  // namespace skein

@@ -7,6 +7,11 @@
 #include <cerrno>
 #include <utility>
 
+#include "skein/encoders/msgpackencoder.h"
+#include "skein/encoders/snappyencoder.h"
+#include "skein/envelope.h"
+#include "skein/resources.h"
+
 namespace skein {
 namespace {
 
@@ -36,8 +41,22 @@ std::optional<std::uint64_t> Server::Throttle::pass(Time now) {
   return std::exchange(left_out_, 0);
 }
 
-/// A connection with all that its server keeps for it. Owned by the server until it ends, then by
-/// the loop until the next turn.
+/// The encoders of the connections, in the order in which they are applied to a message that goes
+/// out, and the message that is being served.
+struct Server::Encoders {
+  /// One large frame does not make the server large for good, whatever becomes of it.
+  void trim() noexcept {
+    snappy.trim();
+    if (message.nodes.capacity() > KEPT_NODES) message.nodes = {};
+  }
+
+  MsgpackEncoder msgpack;
+  SnappyEncoder snappy;
+  Message message;
+};
+
+/// A connection with all that its server keeps for it. Owned by the server, which destroys it after
+/// the callback in which it has ended. There are thousands, so its size counts.
 ///
 /// | state | means | received from? | frames served? |
 /// |---|---|---|---|
@@ -46,10 +65,7 @@ std::optional<std::uint64_t> Server::Throttle::pass(Time now) {
 /// | blocked | too many unsent replies | no | no |
 /// | finished (`end_of_stream`) | the peer sends no more; closed once all is answered | no | yes |
 /// | `ended` | closed, about to be destroyed | no | no |
-class Server::Peer final : public LoopOwned,
-                           private PollTarget,
-                           public Admission::Account,
-                           public ReadyQueue::Entry {
+class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public Admission::Account {
  public:
   Peer(Server& server, Socket socket, std::uint32_t slot)
       : server_(server), connection(server.loop_, std::move(socket), *this, slot) {}
@@ -83,7 +99,6 @@ class Server::Peer final : public LoopOwned,
  public:
   Connection connection;
 };
-
 void Server::Peer::handle_events(int events) {
   if (ended) return;
   server_.guarded(*this, [this, events] {
@@ -197,14 +212,16 @@ Server::Server(Socket sock, Loop& loop, Resources& resources,
       accept_reports_(limits_.shortage_report_interval),
       memory_reports_(limits_.shortage_report_interval),
       connection_keepalive_(connection_keepalive),
-      read_buffer_(std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES)) {
+      encoders_(std::make_unique<Encoders>()),
+      read_buffer_(std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES)),
+      sweep_(loop, [this] { sweep(); }) {
   poll_->watch(UV_READABLE);
 }
 
 Server::~Server() {
   resume_listening_.cancel();
   for (const auto& peer : peers_) {
-    if (!peer) continue;
+    if (!peer || peer->ended) continue;
     resources_.ready_queue.remove(*peer);
     resources_.admission.remove_connection(*peer);
   }
@@ -267,9 +284,11 @@ Connection* Server::handle_read() {
 }
 
 Server::Peer& Server::add_peer(Socket socket) {
+  static_assert(sizeof(Peer) <= 120, "an idle connection is to stay small");
   if (free_slots_.empty()) {
-    if (free_slots_.capacity() <= peers_.size()) {  // so that freeing a slot never takes memory
-      free_slots_.reserve(2 * peers_.size() + 16);
+    if (free_slots_.capacity() <= peers_.size()) {  // so that ending a peer never takes memory
+      ended_slots_.reserve(2 * peers_.size() + 16);
+      free_slots_.reserve(ended_slots_.capacity());
     }
     peers_.emplace_back();
     free_slots_.push_back(static_cast<std::uint32_t>(peers_.size() - 1));
@@ -295,16 +314,23 @@ void Server::end(Peer& peer) noexcept {
   }
   resources_.ready_queue.remove(peer);
   resources_.admission.remove_connection(peer);
-  auto owned = std::move(peers_[peer.connection.slot()]);
-  free_slots_.push_back(peer.connection.slot());
+  ended_slots_.push_back(peer.connection.slot());
+  sweep_.arm();
   --connection_count_;
-  loop_.discard(std::move(owned));
   try {
     remove_connection(peer.connection);
   } catch (const std::exception& failure) {
     loop_.report(failure);
   }
   peer.connection.close();
+}
+
+void Server::sweep() noexcept {
+  for (const std::uint32_t slot : ended_slots_) {
+    peers_[slot].reset();
+    free_slots_.push_back(slot);
+  }
+  ended_slots_.clear();
 }
 
 void Server::set_authenticated(Connection& connection) {
@@ -319,24 +345,18 @@ std::vector<const Connection*> Server::connections() const {
   std::vector<const Connection*> open;
   open.reserve(connection_count_);
   for (const auto& peer : peers_) {
-    if (peer) open.push_back(&peer->connection);
+    if (peer && !peer->ended) open.push_back(&peer->connection);
   }
   return open;
 }
 
-/// One large frame does not make the server large for good, whatever becomes of it.
-void Server::trim() noexcept {
-  encoders_.snappy.trim();
-  if (message_.nodes.capacity() > KEPT_NODES) message_.nodes = {};
-}
-
 void Server::serve(Peer& peer, std::string_view frame) {
   const struct Trim {
-    ~Trim() { server.trim(); }
-    Server& server;
-  } trim_at_end{*this};
-  encoders_.msgpack.decode(encoders_.snappy.decode(frame), message_);
-  const Envelope envelope = read_envelope(message_);
+    ~Trim() { encoders.trim(); }
+    Encoders& encoders;
+  } trim_at_end{*encoders_};
+  encoders_->msgpack.decode(encoders_->snappy.decode(frame), encoders_->message);
+  const Envelope envelope = read_envelope(encoders_->message);
   try {
     if (!envelope.fault.empty()) throw RequestError(envelope.fault);
     const Request request{envelope.name, *envelope.args, peer.connection, envelope.msgid};
@@ -395,7 +415,7 @@ DeferredReply Server::defer(const Request& request) noexcept {
 
 Server::Peer* DeferredReply::peer() const noexcept {
   Peer* const peer = server_->peers_[slot_].get();
-  return peer != nullptr && peer->deferral == number_ ? peer : nullptr;
+  return peer != nullptr && !peer->ended && peer->deferral == number_ ? peer : nullptr;
 }
 
 Connection* DeferredReply::connection() const noexcept {
@@ -433,8 +453,8 @@ void Server::close() {
   resume_listening_.cancel();
   poll_.reset();
   socket_ = Socket();
-  for (std::size_t slot = 0; slot < peers_.size(); ++slot) {
-    if (peers_[slot]) end(*peers_[slot]);
+  for (const auto& peer : peers_) {
+    if (peer) end(*peer);
   }
 }
 

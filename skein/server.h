@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,35 +9,17 @@
 #include <utility>
 #include <vector>
 
-#include "skein/admission.h"
 #include "skein/connection.h"
 #include "skein/dispatcher.h"
-#include "skein/encoders/msgpackencoder.h"
-#include "skein/encoders/snappyencoder.h"
 #include "skein/errors.h"
 #include "skein/keepalive.h"
 #include "skein/loops.h"
-#include "skein/ready_queue.h"
 #include "skein/socket.h"
 
 namespace skein {
 
-/// What the servers of a process share, so that no peer gets more of it than its part, whichever
-/// server it belongs to. Outlives them.
-struct Resources {
-  explicit Resources(Loop& loop, const Limits& limits = {})
-      : admission(loop, limits), ready_queue(loop, limits) {}
-
-  Admission admission;
-  ReadyQueue ready_queue;
-};
-
-/// The encoders of a server's connections, in the order in which they are applied to a message
-/// that goes out.
-struct Encoders {
-  MsgpackEncoder msgpack;
-  SnappyEncoder snappy;
-};
+struct Limits;
+struct Resources;
 
 /// A listening end point on the loop: accepts connections, decodes their requests and runs the
 /// operation that the subclass has named for each. Owns its connections. Borrows loop and
@@ -104,6 +85,7 @@ class Server : private PollTarget {
 
  private:
   class Peer;
+  struct Encoders;
 
   /// Lets one report through per interval and counts those that it leaves out.
   class Throttle {
@@ -127,7 +109,6 @@ class Server : private PollTarget {
   /// that are none; every other failure is the request's.
   void serve(Peer& peer, std::string_view frame);
   static void send(Peer& peer, std::uint32_t msgid, const Reply& reply);
-  void trim() noexcept;
   /// A failure of `step`, which does something for the peer, ends its connection.
   template <class Step>
   void guarded(Peer& peer, Step&& step) noexcept;
@@ -135,6 +116,7 @@ class Server : private PollTarget {
   static std::string_view error_text(const Peer& peer, const std::exception& failure);
   void enforce_limits();
   void end(Peer& peer) noexcept;
+  void sweep() noexcept;
   Peer& peer_of(const Connection& connection) const { return *peers_[connection.slot()]; }
 
   Loop& loop_;
@@ -148,11 +130,13 @@ class Server : private PollTarget {
   Throttle memory_reports_;
   std::optional<Keepalive> connection_keepalive_;
   Dispatcher dispatcher_;
-  Encoders encoders_;
-  Message message_;                      ///< the one that is being served
-  std::unique_ptr<char[]> read_buffer_;  ///< shared by all connections: each empties it at once
+  const std::unique_ptr<Encoders> encoders_;
+  const std::unique_ptr<char[]>
+      read_buffer_;  ///< shared by all connections: each empties it at once
   std::vector<std::unique_ptr<Peer>> peers_;  ///< by slot; none in a free one
   std::vector<std::uint32_t> free_slots_;
+  std::vector<std::uint32_t> ended_slots_;  ///< of peers that are destroyed at the end of the turn
+  TurnTask sweep_;
   std::size_t connection_count_ = 0;
   std::uint32_t deferrals_ = 0;  ///< made so far
 };
@@ -203,7 +187,7 @@ class PerConnection {
   const T& operator[](const Connection& connection) const { return values_[connection.slot()]; }
 
  private:
-  std::deque<T> values_;
+  std::vector<T> values_;
 };
 
 }  // namespace skein

@@ -23,6 +23,7 @@
 #include "pelorus/pelorus/profile.h"
 #include "pelorus/pelorus/service_status.h"
 #include "pelorus/pelorus/systemd_notify.h"
+#include "skein/resources.h"
 
 namespace pelorus {
 namespace {

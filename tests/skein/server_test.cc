@@ -1,5 +1,7 @@
 #include "skein/server.h"
 
+#include "skein/resources.h"
+
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

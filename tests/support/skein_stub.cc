@@ -9,6 +9,7 @@
 
 #include "skein/client_error.h"
 #include "skein/encoders/snappyencoder.h"
+#include "skein/envelope.h"
 #include "skein/framing.h"
 
 namespace support {

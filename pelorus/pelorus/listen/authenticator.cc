@@ -11,9 +11,13 @@
 #include <optional>
 
 #include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/listen/key_answer.h"
+#include "pelorus/pelorus/listen/key_verification.h"
 #include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/settings.h"
 #include "skein/intrusive_list.h"
+#include "skein/resources.h"
 
 namespace pelorus {
 namespace {
@@ -73,9 +77,8 @@ class Authenticator::PendingKey final : public skein::ReadyQueue::Entry {
 
   explicit PendingKey(Authenticator& authenticator) : authenticator_(authenticator) {}
 
-  bool serve(skein::ReadyQueue::Credit credit) noexcept override {
-    return authenticator_.run_admitted(*this, credit);
-  }
+  /// Runs admitted requests as long as the credit lasts.
+  bool serve(skein::ReadyQueue::Credit credit) noexcept override;
   bool is_authenticated() const noexcept override { return true; }
 
   const std::string* key = nullptr;  ///< of its entry in the map
@@ -129,7 +132,7 @@ Authenticator::Authenticator(InfluxHandler& influx_handler, const Settings& sett
       server_(server),
       sessions_(sessions),
       queues_(std::make_unique<Queues>()),
-      verification_(settings, loop, verification_url) {}
+      verification_(std::make_unique<KeyVerification>(settings, loop, verification_url)) {}
 
 Authenticator::~Authenticator() {
   for (auto& [key, pending] : queues_->keys) resources_.ready_queue.remove(pending);
@@ -251,35 +254,26 @@ Authenticator::PendingKey* Authenticator::next_question() noexcept {
 }
 
 void Authenticator::ask() noexcept {
-  while (verification_.has_room()) {
+  while (verification_->has_room()) {
     PendingKey* const next = next_question();
     if (next == nullptr) return;
     next->state = PendingKey::State::ASKING;
-    verification_.do_auth_check(
-        *next->key, [this, next](const KeyOutcome& outcome) { handle_outcome(*next, outcome); });
+    verification_->do_auth_check(*next->key, [this, next](const KeyOutcome& outcome) {
+      bool is_valid = false;
+      std::exception_ptr failure;
+      try {
+        is_valid = is_confirmed(*next->key, outcome, settings_);
+        validate(*next, is_valid);
+      } catch (const std::exception&) {
+        failure = std::current_exception();
+      }
+      handle_outcome(*next, is_valid && !failure, failure);
+      ask();
+    });
   }
 }
 
-void Authenticator::handle_outcome(PendingKey& pending, const KeyOutcome& outcome) {
-  std::exception_ptr failure;
-  bool is_valid = false;
-  try {
-    is_valid = validate(pending, is_confirmed(*pending.key, outcome, settings_));
-  } catch (const std::exception&) {
-    failure = std::current_exception();
-  }
-  if (is_valid) {
-    pending.state = PendingKey::State::ADMITTED;
-    resources_.ready_queue.add(pending);
-  } else {
-    pending.state = PendingKey::State::BUSY;
-    finish_first(pending, failure);  // without a failure: dropped in silence
-    continue_with(pending);
-  }
-  ask();
-}
-
-bool Authenticator::validate(const PendingKey& pending, bool is_valid) {
+void Authenticator::validate(const PendingKey& pending, bool is_valid) {
   if (const auto* connection = pending.requests.front().reply.connection()) {
     sessions_[*connection].counters.count_auth(is_valid);
   }
@@ -289,26 +283,35 @@ bool Authenticator::validate(const PendingKey& pending, bool is_valid) {
   } else {
     influx_handler_.increment_failed_auths();
   }
-  return is_valid;
 }
 
-bool Authenticator::run_admitted(PendingKey& pending, skein::ReadyQueue::Credit& credit) noexcept {
+void Authenticator::handle_outcome(PendingKey& pending, bool is_valid,
+                                   const std::exception_ptr& failure) noexcept {
+  if (is_valid) {
+    pending.state = PendingKey::State::ADMITTED;
+    return resources_.ready_queue.add(pending);
+  }
   pending.state = PendingKey::State::BUSY;
+  finish_first(pending, failure);  // without a failure: dropped in silence
+  continue_with(pending);
+}
+
+bool Authenticator::PendingKey::serve(skein::ReadyQueue::Credit credit) noexcept {
+  const auto cost_of_first = [this] {
+    const auto& operation = requests.front().operation;
+    return operation ? operation->cost() : 0;
+  };
+  state = State::BUSY;
   Next next = Next::ADMITTED;
-  while (next == Next::ADMITTED && credit.spend(cost_of_first(pending))) {
-    if (run_first(pending)) next = next_of(pending);
+  while (next == Next::ADMITTED && credit.spend(cost_of_first())) {
+    if (authenticator_.run_first(*this)) next = authenticator_.next_of(*this);
   }
   if (next == Next::ADMITTED) {
-    pending.state = PendingKey::State::ADMITTED;
+    state = State::ADMITTED;
     return true;
   }
-  next == Next::QUESTION ? check_auth(pending) : erase(pending);
+  next == Next::QUESTION ? authenticator_.check_auth(*this) : authenticator_.erase(*this);
   return false;
-}
-
-std::size_t Authenticator::cost_of_first(const PendingKey& pending) {
-  const auto& operation = pending.requests.front().operation;
-  return operation ? operation->cost() : 0;
 }
 
 bool Authenticator::run_first(PendingKey& pending) noexcept {

@@ -6,14 +6,14 @@
 #include <unordered_map>
 #include <utility>
 
-#include "pelorus/pelorus/ingest/influx_handler.h"
-#include "pelorus/pelorus/listen/key_verification.h"
 #include "pelorus/pelorus/listen/operation.h"
 #include "pelorus/pelorus/listen/session.h"
-#include "pelorus/pelorus/settings.h"
 #include "skein/server.h"
 
 namespace pelorus {
+
+class KeyVerification;
+class Settings;
 
 /// Longer keys are no keys, and are not worth a question to the web server.
 constexpr std::size_t MAX_KEY_BYTES = 1024;
@@ -91,15 +91,14 @@ class Authenticator {
   std::size_t rank_of(const PendingKey& pending) const;
   PendingKey* next_question() noexcept;
   void ask() noexcept;
-  void handle_outcome(PendingKey& pending, const KeyOutcome& outcome);
-  /// Counts the outcome, and remembers a valid key. Returns `is_valid`.
-  bool validate(const PendingKey& pending, bool is_valid);
-  /// Runs admitted requests of the key as long as the credit lasts; whether there are more.
-  bool run_admitted(PendingKey& pending, skein::ReadyQueue::Credit& credit) noexcept;
+  /// The web server has spoken; or what failed.
+  void handle_outcome(PendingKey& pending, bool is_valid,
+                      const std::exception_ptr& failure) noexcept;
+  /// Counts the outcome, and remembers a valid key.
+  void validate(const PendingKey& pending, bool is_valid);
   /// Runs a step of the first request; its failure is the request's. False: there is more to do.
   bool run_first(PendingKey& pending) noexcept;
   void finish_first(PendingKey& pending, const std::exception_ptr& failure) noexcept;
-  static std::size_t cost_of_first(const PendingKey& pending);
   /// What becomes of a key whose first request is over: the next one is looked at as if it came
   /// now.
   enum class Next { NOTHING, QUESTION, ADMITTED };
@@ -119,7 +118,7 @@ class Authenticator {
   /// there are as many as there are nodes, and their sessions point here.
   std::unordered_map<std::string, double> valid_;
   std::unique_ptr<Queues> queues_;  ///< what waits
-  KeyVerification verification_;
+  std::unique_ptr<KeyVerification> verification_;
 };
 
 }  // namespace pelorus

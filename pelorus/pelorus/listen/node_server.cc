@@ -9,6 +9,7 @@
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
+#include "pelorus/pelorus/settings.h"
 
 namespace pelorus {
 

@@ -1,12 +1,10 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
-#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/listen/authenticator.h"
 #include "pelorus/pelorus/listen/session.h"
-#include "pelorus/pelorus/settings.h"
 #include "skein/server.h"
 
 namespace pelorus {

@@ -4,6 +4,8 @@
 #include <utility>
 
 #include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/ingest/submit_message.h"
 
 namespace pelorus {
 namespace {
@@ -27,26 +29,26 @@ Operation Operation::add_graphite(std::string_view database, std::string_view li
   return {Kind::ADD_GRAPHITE, {.database = database, .text = lines}};
 }
 
-Operation::Copies::Copies(const Arguments& arguments)
-    : text(std::string(arguments.database).append(arguments.text)) {
-  if (arguments.points) points = std::make_unique<skein::OwnedValue>(*arguments.points);
-}
-
-Operation::Operation(Kind kind, std::unique_ptr<Copies> copies, const Arguments& arguments)
-    : kind_(kind), copies_(std::move(copies)), arguments_(arguments) {
-  const std::string_view text = copies_->text;
-  arguments_.database = text.substr(0, arguments.database.size());
-  arguments_.text = text.substr(arguments.database.size());
-  if (copies_->points) arguments_.points = copies_->points->value();
-}
+Operation::Operation(Kind kind, const Arguments& arguments) : kind_(kind), arguments_(arguments) {}
+Operation::Operation(Operation&&) noexcept = default;
+Operation::~Operation() = default;
 
 Operation Operation::owned() const {
-  return {kind_, std::make_unique<Copies>(arguments_), arguments_};
+  Operation copy(kind_, arguments_);
+  copy.own_text_ = std::make_unique<std::string>(arguments_.database);
+  *copy.own_text_ += arguments_.text;
+  const std::string_view text = *copy.own_text_;
+  copy.arguments_.database = text.substr(0, arguments_.database.size());
+  copy.arguments_.text = text.substr(arguments_.database.size());
+  if (arguments_.points) {
+    copy.own_points_ = std::make_unique<skein::OwnedValue>(*arguments_.points);
+    copy.arguments_.points = copy.own_points_->value();
+  }
+  return copy;
 }
 
 std::size_t Operation::bytes() const noexcept {
-  if (!copies_) return 0;
-  return copies_->text.size() + (copies_->points ? copies_->points->bytes() : 0);
+  return (own_text_ ? own_text_->size() : 0) + (own_points_ ? own_points_->bytes() : 0);
 }
 
 bool Operation::is_long() const noexcept {
@@ -71,7 +73,7 @@ Ingested Operation::run(InfluxHandler& handler) {
     case Kind::ADD_SUBMIT:
       break;
   }
-  if (!submit_) submit_.emplace(text, *points);
+  if (!submit_) submit_ = std::make_unique<SubmitMessages>(text, *points);
   Ingested ingested = handler.add_submit(database, *submit_, POINTS_PER_TURN);
   done_ = !submit_->has_more();
   return ingested;

@@ -7,10 +7,13 @@
 #include <string>
 #include <string_view>
 
-#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/ingest/ingested.h"
 #include "skein/value.h"
 
 namespace pelorus {
+
+class InfluxHandler;
+class SubmitMessages;
 
 /// What a request of a node asks of the InfluxHandler: one of its operations with all arguments.
 /// The arguments are views of the request, or of copies that owned() has made for a request that
@@ -22,9 +25,10 @@ class Operation {
   static Operation add_submit(std::string_view database, std::string_view name,
                               skein::Value points);
   static Operation add_graphite(std::string_view database, std::string_view lines);
-  Operation(Operation&&) = default;  ///< the views stay good
+  Operation(Operation&&) noexcept;  ///< the views stay good
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
+  ~Operation();
 
   /// The same on copies of the arguments. None of its steps must have run.
   Operation owned() const;
@@ -47,21 +51,16 @@ class Operation {
     std::int64_t num_metrics = 0;          ///< of "add"
     std::optional<skein::Value> points{};  ///< of "submit"
   };
-  /// The copies that the arguments of an owned one are views of.
-  struct Copies {
-    explicit Copies(const Arguments& arguments);
-    std::string text;
-    std::unique_ptr<skein::OwnedValue> points;
-  };
 
-  Operation(Kind kind, const Arguments& arguments) : kind_(kind), arguments_(arguments) {}
-  Operation(Kind kind, std::unique_ptr<Copies> copies, const Arguments& arguments);
+  Operation(Kind kind, const Arguments& arguments);
 
   const Kind kind_;
   bool done_ = false;
-  std::unique_ptr<Copies> copies_;  ///< none while the arguments are views of the request
   Arguments arguments_;
-  std::optional<SubmitMessages> submit_;  ///< how far a "submit" is
+  // What the arguments are views of, unless that is the request.
+  std::unique_ptr<std::string> own_text_;
+  std::unique_ptr<skein::OwnedValue> own_points_;
+  std::unique_ptr<SubmitMessages> submit_;  ///< how far a "submit" is
 };
 
 }  // namespace pelorus

@@ -1,6 +1,7 @@
 #include "pelorus/pelorus/listen/local_server.h"
 
 #include "listener_fixture.h"
+#include "skein/resources.h"
 
 namespace pelorus {
 namespace {

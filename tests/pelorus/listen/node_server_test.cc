@@ -7,6 +7,7 @@
 
 #include "../influx/stand_in.h"
 #include "listener_fixture.h"
+#include "skein/resources.h"
 
 namespace pelorus {
 namespace {

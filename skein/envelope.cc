@@ -1,0 +1,122 @@
+#include "skein/envelope.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <msgpack.hpp>
+
+namespace skein {
+namespace {
+
+constexpr std::uint64_t REQUEST = 0;
+constexpr std::uint64_t REPLY = 1;
+constexpr std::uint64_t ONE_WAY_REQUEST = 2;
+
+bool is_number(Value value, std::uint64_t number) {
+  return value.is(Value::Type::UNSIGNED) && value.natural() == number;
+}
+
+bool all_keys_are_text(Value map) {
+  for (auto at = map.begin(); at != map.end(); ++at, ++at) {
+    if (!(*at).text()) return false;
+  }
+  return true;
+}
+
+void read_name_and_args(Value name, Value args, Envelope& envelope) {
+  const auto text = name.text();
+  if (!text) {
+    envelope.fault = "request name is no text";
+  } else if (!args.is(Value::Type::MAP)) {
+    envelope.fault = "request args are no map";
+  } else if (!all_keys_are_text(args)) {
+    envelope.fault = "request args have a key that is no text";
+  } else {
+    envelope.name = *text;
+    envelope.args = args;
+  }
+}
+
+/// Bytes of the peer's may stand in an error; as text it must be good for every reader.
+std::string ascii(std::string_view text) {
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    byte >= ' ' && byte < 0x7F ? shown += c : shown += fmt::format("\\x{:02x}", byte);
+  }
+  return shown;
+}
+
+/// Lets the packer write to memory that has room for what comes.
+struct Place {
+  char* at;
+  void write(const char* data, std::size_t size) { at = std::copy_n(data, size, at); }
+};
+
+std::string encode_outcome(std::uint32_t msgid, std::string_view error, const Reply* reply) {
+  MsgpackWriter writer;
+  writer.list(4).natural(REPLY).natural(msgid);
+  if (reply == nullptr) {
+    writer.text(error).nil();
+  } else {
+    writer.nil();
+    reply->is_nil() ? writer.nil() : writer.encoded(reply->value());
+  }
+  return writer.take();
+}
+
+}  // namespace
+
+Envelope read_envelope(const Message& message) {
+  Envelope envelope;
+  const Value root = message.root();
+  if (!root.is(Value::Type::LIST) || root.size() == 0) {
+    envelope.fault = "message is no list of a request";
+    return envelope;
+  }
+  auto item = root.begin();
+  const Value kind = *item;
+  if (is_number(kind, ONE_WAY_REQUEST) && root.size() == 3) {
+    const Value name = *++item;
+    read_name_and_args(name, *++item, envelope);
+    return envelope;
+  }
+  if (!is_number(kind, REQUEST)) {
+    envelope.fault = "message is neither a request nor a one-way request";
+    return envelope;
+  }
+  if (root.size() > 1) {
+    const Value msgid = *++item;
+    if (msgid.is(Value::Type::UNSIGNED) &&
+        msgid.natural() <= std::numeric_limits<std::uint32_t>::max()) {
+      envelope.msgid = static_cast<std::uint32_t>(msgid.natural());
+    }
+  }
+  if (!envelope.msgid) {
+    envelope.fault = "request has no 32-bit message number";
+  } else if (root.size() != 4) {
+    envelope.fault = fmt::format("request has {} items instead of 4", root.size());
+  } else {
+    const Value name = *++item;
+    read_name_and_args(name, *++item, envelope);
+  }
+  return envelope;
+}
+
+NilReply::NilReply(std::uint32_t msgid) {
+  Place place{bytes_.data()};
+  msgpack::packer<Place> packer(place);
+  packer.pack_array(4).pack_uint64(REPLY).pack_uint32(msgid).pack_nil().pack_nil();
+  size_ = static_cast<std::size_t>(place.at - bytes_.data());
+}
+
+std::string encode_reply(std::uint32_t msgid, const Reply& reply) {
+  return encode_outcome(msgid, {}, &reply);
+}
+
+std::string encode_error(std::uint32_t msgid, std::string_view error) {
+  return encode_outcome(msgid, ascii(error), nullptr);
+}
+
+}  // namespace skein
