@@ -69,16 +69,14 @@ void Admission::evict_largest(BySize& accounts) {
   account->evict(reason);
 }
 
-void Admission::add_connection(Account& account) {
-  do {  // once, unless four billion connections have come since one that is still there
-    account.arrival_ = ++last_arrival_;
-  } while (!arrivals_.emplace(account.arrival_, &account).second);
+void Admission::add_connection(Account& account) noexcept {
+  arrivals_.push_back(account);
   ++connections_;
 }
 
 void Admission::make_room(Account& newest) {
   if (connections_ <= limits_.connections) return;
-  Account& evicted = arrivals_.empty() ? newest : *arrivals_.begin()->second;
+  Account& evicted = arrivals_.empty() ? newest : arrivals_.front();
   const LimitError reason(fmt::format(
       "{} connections are open, {} are allowed, and this one is the {}", connections_,
       limits_.connections, arrivals_.empty() ? "newest" : "oldest without a valid key"));
@@ -90,12 +88,12 @@ void Admission::set_authenticated(Account& connection) {
   auto node = unauthenticated_.extract({connection.bytes_, &connection});
   if (!node.empty()) authenticated_.insert(std::move(node));
   connection.authenticated_ = true;
-  arrivals_.erase(connection.arrival_);
+  arrivals_.remove(connection);
 }
 
 void Admission::remove_connection(Account& connection) noexcept {
   --connections_;
-  if (!connection.authenticated_) arrivals_.erase(connection.arrival_);
+  if (!connection.authenticated_) arrivals_.remove(connection);
   release(connection);
 }
 

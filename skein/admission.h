@@ -3,12 +3,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <set>
 #include <string>
 #include <utility>
 
 #include "skein/errors.h"
+#include "skein/intrusive_list.h"
 #include "skein/limits.h"
 #include "skein/loops.h"
 
@@ -41,6 +41,8 @@ class Admission {
     /// Bytes that are held for it.
     std::size_t bytes() const noexcept { return bytes_; }
 
+    ListLink<Account> arrival;  ///< of an unauthenticated connection: the admission's own
+
    protected:
     explicit Account(bool authenticated = false) noexcept : authenticated_(authenticated) {}
     ~Account() = default;
@@ -55,7 +57,6 @@ class Admission {
     /// The deadline has passed.
     virtual void time_out() {}
 
-    std::uint32_t arrival_ = 0;  ///< number of an unauthenticated connection, as in arrivals_
     std::uint32_t bytes_ = 0;
     std::uint32_t watched_until_ = 0;  ///< seconds since the start, as in deadlines_; 0: not there
     bool authenticated_;
@@ -82,8 +83,8 @@ class Admission {
   /// Looks at the account again at its deadline. To be called when that has become an earlier one.
   void watch(Account& account);
 
-  /// An unauthenticated connection has come. Throws std::bad_alloc.
-  void add_connection(Account& account);
+  /// An unauthenticated connection has come.
+  void add_connection(Account& account) noexcept;
   /// If there are too many connections now, evicts one; `newest` is the one that came last.
   void make_room(Account& newest);
   /// The connection's peer has shown who it is, or need not.
@@ -112,8 +113,8 @@ class Admission {
   BySize authenticated_;
   BySize unauthenticated_;
   std::size_t connections_ = 0;
-  std::map<std::uint32_t, Account*> arrivals_;  ///< unauthenticated connections, the oldest first
-  std::uint32_t last_arrival_ = 0;
+  /// Unauthenticated connections, the oldest first.
+  IntrusiveList<Account, &Account::arrival> arrivals_;
   const Time start_;
   /// Whose deadline is when, in seconds since the start. It may have become a later one since,
   /// which is noticed when the time has come: progress costs nothing here.

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -132,8 +133,8 @@ class Server : private PollTarget {
   Dispatcher dispatcher_;
   const std::unique_ptr<Encoders> encoders_;
   const std::unique_ptr<char[]>
-      read_buffer_;  ///< shared by all connections: each empties it at once
-  std::vector<std::unique_ptr<Peer>> peers_;  ///< by slot; none in a free one
+      read_buffer_;                          ///< shared by all connections: each empties it at once
+  std::deque<std::unique_ptr<Peer>> peers_;  ///< by slot; none in a free one
   std::vector<std::uint32_t> free_slots_;
   std::vector<std::uint32_t> ended_slots_;  ///< of peers that are destroyed at the end of the turn
   TurnTask sweep_;
@@ -187,7 +188,7 @@ class PerConnection {
   const T& operator[](const Connection& connection) const { return values_[connection.slot()]; }
 
  private:
-  std::vector<T> values_;
+  std::deque<T> values_;  ///< no vector, which leaves its old places behind when it grows
 };
 
 }  // namespace skein
