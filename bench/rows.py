@@ -65,6 +65,13 @@ def nanoseconds(seconds, count):
     return f"{statistics.median(seconds) * 1e9 / count:.0f} ns"
 
 
+def block_figures(build):
+    """Nanoseconds a line of the block path of a build: in blocks of 1000 and of 24 lines."""
+    said = subprocess.run([build / "bin" / "pelorus_bench", "1000", "24"], stdout=subprocess.PIPE,
+                          check=True).stdout
+    return [json.loads(line)["add_graphite_ns"] for line in said.splitlines()]
+
+
 @measures(1, 2)
 def block_rows(setting):
     """1 and 2: the block path in one process beside scanning, splitting and copying."""
@@ -209,10 +216,9 @@ class HangingVerification:
             self._node.call("collectd", {"key": HANGING_KEY, "metrics": ""})
 
 
-@measures(10)
-def stats_row(setting):
-    """10: a question to the daemon while another one hangs on the web server."""
-    daemon = setting.daemon("stats")
+def stats_rounds(daemon):
+    """Round trips of "stats", as pelorus_load describes them: rounds while a key verification hangs, and
+    quiet ones, in turn."""
     wanted = {"run": "stats", "socket": str(daemon.socket), "count": 1000, "rounds": 2 * PAIRS}
     asking = subprocess.Popen([BUILD / "bin" / "pelorus_load", json.dumps(wanted)], text=True,
                               stdin=subprocess.PIPE, stdout=subprocess.PIPE)
@@ -229,6 +235,14 @@ def stats_row(setting):
         one_round()
     rounds = json.loads(asking.stdout.read())
     asking.wait()
+    return rounds
+
+
+@measures(10)
+def stats_row(setting):
+    """10: a question to the daemon while another one hangs on the web server."""
+    daemon = setting.daemon("stats")
+    rounds = stats_rounds(daemon)
     setting.stop(daemon)
     pairs = [(hanging[1], quiet[1]) for hanging, quiet in zip(rounds[::2], rounds[1::2])]
     row = Row(10, "\"stats\" round trip, 99th percentile, one key verification always hanging / "

@@ -45,14 +45,15 @@ class Setting:
                 process.stop()
         self._web.stop()
 
-    def daemon(self, name, level="error", **settings):
+    def daemon(self, name, level="error", build=BUILD, **settings):
         """A daemon with its own folder that knows the key. Logs from `level` on, to a file."""
         folder = self.folder / name
         folder.mkdir()
         usual = {"PELORUS_BUFFER_TIME": 1e6, "PELORUS_MAX_PENDING_MESSAGES": 200_000,
                  "PELORUS_IDEAL_QUEUED_MESSAGES": 5, "PELORUS_MAX_BATCH_SIZE": 1000,
                  "INFLUX_HTTP_CONNECTION": f"127.0.0.1:{self.sink_port}"}
-        daemon = Pelorus(folder, {**usual, **settings}, environment={"PELORUS_LOG_LEVEL": level})
+        daemon = Pelorus(folder, {**usual, **settings}, environment={"PELORUS_LOG_LEVEL": level},
+                         build=build)
         self._started.append(daemon)
         daemon.wait_ready()
         with SkeinClient(daemon.node_address) as node:
