@@ -193,28 +193,6 @@ TEST_F(InfluxHTTPRequestTest, AnswerThatCameWhileTheProcessStoodStillCounts) {
   EXPECT_EQ(database->failure_count(), 0);
 }
 
-TEST_F(InfluxHTTPRequestTest, ReportThatFailsEndsTheRequestOnceAllTheSame) {
-  struct Failing : HTTPRequest {
-    Failing(const InfluxConnection& connection, skein::Loop& loop, int& reports)
-        : HTTPRequest("x", connection, 204, loop), reports_(reports) {}
-    void send_request() override {}
-    void handle_success(std::string_view) override {}
-    void handle_failure(std::optional<std::string_view>) override {
-      ++reports_;
-      throw std::bad_alloc();
-    }
-    int& reports_;
-  };
-  int reports = 0;
-  loop.keep(std::make_unique<Failing>(connection, loop, reports));
-  skein::Socket peer;
-  until([&] { return static_cast<bool>(peer = endpoint.accept()); });
-  answer(peer, "220 mail\n");
-  char byte;
-  until([&] { return ::recv(peer.descriptor(), &byte, 1, 0) == 0; });
-  EXPECT_EQ(reports, 1);
-}
-
 TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {
   database->add("m value=1 1");
   database->discard_old_data();
@@ -241,9 +219,13 @@ TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlon
   until_outcome();
 }
 
-TEST(NumericAddress, IsNotLookedUp) {
-  EXPECT_EQ(numeric_address("::1", 8086).at(0).text(), "[::1]:8086");
-  EXPECT_TRUE(numeric_address("several.test", 8086).empty());
+TEST_F(InfluxHTTPRequestTest, NumericAddressIsNotLookedUp) {
+  connect_to("::1", 1);
+  database->add("m value=1 1");
+  loop.turn();
+  EXPECT_EQ(HTTPExchange::lookups_pending(), 0U);
+  until_outcome();
+  EXPECT_THAT(warnings(), ElementsAre(HasSubstr("could not connect to influx:8086: [::1]:1: ")));
 }
 
 TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForTheNext) {
@@ -253,7 +235,7 @@ TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForThe
   connect_to("several.test", 1);
   database->add("m value=1 1");
   loop.turn();
-  until([] { return lookups_pending() == 0; });
+  until([] { return HTTPExchange::lookups_pending() == 0; });
   for (int i = 0; i < 5; ++i) loop.turn();
   EXPECT_FALSE(endpoint.accept());
   tick(2.5);
@@ -268,12 +250,12 @@ TEST_F(InfluxHTTPRequestTest, LookupThatHangsIsGivenUpAndStaysPendingUntilItsThr
   {
     const support::HangingLookups hanging;
     database->add("m value=1 1");
-    until([] { return lookups_pending() == 1; });
+    until([] { return HTTPExchange::lookups_pending() == 1; });
     tick(5);
     until_outcome();
     EXPECT_THAT(warnings(), ElementsAre(HasSubstr("influx:8086: the name lookup takes too long")));
   }
-  until([] { return lookups_pending() == 0; });
+  until([] { return HTTPExchange::lookups_pending() == 0; });
   EXPECT_EQ(database->failure_count(), 1);
 }
 
