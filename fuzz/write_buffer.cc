@@ -1,11 +1,13 @@
 // A write buffer driven by operations, one byte each, beside a model of what it has to do.
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "fuzz/fuzz.h"
 #include "pelorus/pelorus/influx/influx_database.h"
+#include "support/body_of.h"
 #include "support/fake_clock.h"
 
 namespace fuzz {
@@ -99,7 +101,8 @@ class Run {
       case 3:  // the write's connection stands
         if (!model_.writing || pulled_) return;
         pulled_ = true;
-        return require(database_.get_data() == model_.pull(), "the batch of the model");
+        return require(support::body_of(database_.get_data()) == model_.pull(),
+                       "the batch of the model");
       case 4:  // status 204
         if (!std::exchange(pulled_, false)) return;
         database_.handle_success();
@@ -155,12 +158,11 @@ class Run {
   skein::Loop loop_{clock_.clocks()};
   pelorus::BufferSettings settings_;
   Model model_{settings_};
-  const skein::LoopOwned request_{};
   int requests_ = 0;
   bool pulled_ = false;  ///< the write in flight has taken its batch
   pelorus::InfluxDatabase database_{"x", settings_, loop_, [this](pelorus::InfluxDatabase&) {
                                       ++requests_;
-                                      return &request_;
+                                      return std::make_unique<pelorus::InfluxDatabase::Request>();
                                     }};
 };
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "pelorus/pelorus/ingest/influx_handler.h"
+#include "support/body_of.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 
@@ -30,7 +31,7 @@ class HandlerTest : public ::testing::Test {
     throw std::out_of_range("no such database");
   }
   /// What is queued for the database, which is taken.
-  std::string queued(std::string_view name) { return database(name).get_data(); }
+  std::string queued(std::string_view name) { return support::body_of(database(name).get_data()); }
 
   std::size_t output_bytes_;
   support::LogCapture log_;

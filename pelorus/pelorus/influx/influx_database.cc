@@ -1,8 +1,8 @@
 #include "pelorus/pelorus/influx/influx_database.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
-#include <memory>
 #include <utility>
 
 #include "pelorus/pelorus/influx/influx_http_request.h"
@@ -10,13 +10,25 @@
 
 namespace pelorus {
 
+Batch::Batch(Messages::iterator begin, Messages::iterator end, const Amount& amount)
+    : messages_(std::move_iterator(begin), std::move_iterator(end)), amount_(amount) {}
+
+std::size_t Batch::data_length() const noexcept {
+  return amount_.bytes + (amount_.messages == 0 ? 0 : amount_.messages - 1);
+}
+
+void Batch::append_slice(std::string& buffer, std::size_t size) {
+  while (!messages_.empty() && buffer.size() < size) {
+    buffer += messages_.front();
+    messages_.pop_front();
+    if (!messages_.empty()) buffer += '\n';
+  }
+}
+
 InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings,
                                const InfluxConnection& connection, skein::Loop& loop)
     : InfluxDatabase(std::move(name), settings, loop, [&connection, &loop](InfluxDatabase& self) {
-        auto request = std::make_unique<InfluxHTTPRequest>(self.name(), self, connection, loop);
-        const auto* view = request.get();
-        loop.keep(std::move(request));
-        return view;
+        return std::make_unique<InfluxHTTPRequest>(self.name(), self, connection, loop);
       }) {}
 
 InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings, skein::Loop& loop,
@@ -37,8 +49,8 @@ void InfluxDatabase::add(std::string message) {
 }
 
 void InfluxDatabase::process_data() {
-  // Kept: a request leaves the timer alone, whether armed or not. One more look during a write does
-  // no harm, and without one the next add looks.
+  // Kept: a request leaves the timer alone, whether armed or not. A timer that fires during a write
+  // does no harm, and without a timer the next add decides.
   if (should_send()) {
     send_request();
   } else {
@@ -58,23 +70,27 @@ bool InfluxDatabase::should_drop_data() const {
   return pending_data_.size() >= settings_.max_pending_messages;
 }
 
-void InfluxDatabase::send_request() { current_request_ = make_request_(*this); }
-
-std::string InfluxDatabase::get_data() {
-  std::string data;
-  for (const std::string& message : take_batch()) (data += message) += '\n';
-  if (!data.empty()) data.pop_back();
-  return data;
+/// A request that cannot be made is a failed request: its messages stay queued, and whoever added
+/// the last one is not told to add it again.
+void InfluxDatabase::send_request() {
+  try {
+    request_ = make_request_(*this);
+    current_request_ = request_.get();
+  } catch (const std::exception& failure) {
+    handle_failure();
+    loop_.report(failure);
+    note_failure(failure.what(), std::nullopt);
+  }
 }
 
-std::deque<std::string> InfluxDatabase::take_batch() {
+Batch InfluxDatabase::get_data() {
   const Amount taken = amount_of(std::min(settings_.max_batch_size, pending_data_.size()));
   const auto end = pending_data_.begin() + static_cast<std::ptrdiff_t>(taken.messages);
-  std::deque<std::string> batch(std::move_iterator(pending_data_.begin()), std::move_iterator(end));
+  Batch batch(pending_data_.begin(), end, taken);
   pending_data_.erase(pending_data_.begin(), end);
   counters_.queued -= taken;
   counters_.in_flight += taken;
-  counters_.largest_body = std::max(counters_.largest_body, joined_bytes(taken));
+  counters_.largest_body = std::max<std::uint64_t>(counters_.largest_body, batch.data_length());
   return batch;
 }
 
@@ -88,20 +104,21 @@ void InfluxDatabase::discard_old_data() {
                       pending_data_.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-/// Every message puts the look off. Only its moment moves: the timer that is armed stays, and waits
-/// for the rest when it fires before that moment.
+/// Every message moves the due time. The timer that is armed stays, so that a message costs no
+/// timer; when the timer fires too early, it is armed again for the rest.
 void InfluxDatabase::reset_process_data_timer() {
   const auto now = loop_.now().monotonic;
-  look_again_ = now + std::chrono::duration_cast<Moment::duration>(
-                          std::chrono::duration<double>(settings_.check_for_process_data_time));
+  process_data_due_ =
+      now + std::chrono::duration_cast<TimePoint::duration>(
+                std::chrono::duration<double>(settings_.check_for_process_data_time));
   if (!timer_armed_) arm_process_data_timer(now);
 }
 
-void InfluxDatabase::arm_process_data_timer(Moment now) {
-  process_data_timer_ = loop_.call_in(look_again_ - now, [this] {
+void InfluxDatabase::arm_process_data_timer(TimePoint now) {
+  process_data_timer_ = loop_.call_in(process_data_due_ - now, [this] {
     timer_armed_ = false;
     const auto fired = loop_.clocks().monotonic();
-    fired < look_again_ ? arm_process_data_timer(fired) : process_data();
+    fired < process_data_due_ ? arm_process_data_timer(fired) : process_data();
   });
   timer_armed_ = true;
 }
@@ -112,26 +129,26 @@ void InfluxDatabase::stop_process_data_timer() {
 }
 
 void InfluxDatabase::handle_success() {
-  if (failure_count_ != 0) log::info("Connected to InfluxDB API ({} database)", name_);
-  failure_count_ = 0;
+  const bool recovered = std::exchange(failure_count_, 0) != 0;
   last_sent_time_ = loop_.clocks().wall();
   counters_.sent += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
+  if (recovered) log::info("Connected to InfluxDB API ({} database)", name_);
 }
 
-void InfluxDatabase::handle_failure() {
+void InfluxDatabase::handle_failure() noexcept {
   ++failure_count_;
   counters_.failed += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
 }
 
-void InfluxDatabase::note_failure(std::string text, std::optional<std::string_view> answer) {
+void InfluxDatabase::handle_close() noexcept { current_request_ = nullptr; }
+
+void InfluxDatabase::note_failure(std::string text, std::optional<std::uint64_t> dropped_points) {
   counters_.last_failure = {loop_.clocks().wall(), std::move(text)};
-  if (!answer) return;
-  if (const auto dropped = dropped_points(*answer)) {
-    ++counters_.partial_writes;
-    counters_.dropped_points += *dropped;
-  }
+  if (!dropped_points) return;
+  ++counters_.partial_writes;
+  counters_.dropped_points += *dropped_points;
 }
 
 Amount InfluxDatabase::amount_of(std::size_t messages) const {
@@ -140,25 +157,26 @@ Amount InfluxDatabase::amount_of(std::size_t messages) const {
   return amount;
 }
 
-double InfluxDatabase::monotonic_seconds() const {
-  const auto now = loop_.clocks().monotonic().time_since_epoch();
-  return std::chrono::duration<double>(now).count();
+/// Discarded messages count, so that a full queue that keeps overflowing still counts as growing.
+InfluxDatabase::Sample InfluxDatabase::sample() const {
+  return {loop_.clocks().monotonic(), pending_data_.size() + counters_.discarded.messages};
 }
 
-std::int64_t InfluxDatabase::backlog() const noexcept {
-  return static_cast<std::int64_t>(pending_data_.size() + counters_.discarded.messages);
+void InfluxDatabase::sample_queue() noexcept {
+  samples_[samples_taken_++ % samples_.size()] = sample();
 }
-
-void InfluxDatabase::sample_queue() { growth_.sample(monotonic_seconds(), backlog()); }
 
 std::optional<double> InfluxDatabase::seconds_until_full() const {
-  const auto growth = growth_.per_second(monotonic_seconds(), backlog());
-  if (!growth || *growth <= 0) return std::nullopt;
+  if (samples_taken_ == 0) return std::nullopt;
+  const Sample& oldest =
+      samples_[samples_taken_ < samples_.size() ? 0 : samples_taken_ % samples_.size()];
+  const Sample now = sample();
+  if (now.time <= oldest.time || now.messages <= oldest.messages) return std::nullopt;
+  const double per_second = static_cast<double>(now.messages - oldest.messages) /
+                            std::chrono::duration<double>(now.time - oldest.time).count();
   const auto room = static_cast<double>(settings_.max_pending_messages) -
                     static_cast<double>(pending_data_.size());
-  return std::max(room, 0.0) / *growth;
+  return std::max(room, 0.0) / per_second;
 }
-
-void InfluxDatabase::handle_close() { current_request_ = nullptr; }
 
 }  // namespace pelorus

@@ -1,49 +1,112 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
-#include "pelorus/pelorus/influx/queue_growth.h"
-#include "pelorus/pelorus/influx/write_counters.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/loops.h"
 
 namespace pelorus {
+
+/// A number of messages and their bytes.
+struct Amount {
+  std::uint64_t messages = 0;
+  std::uint64_t bytes = 0;
+
+  Amount& operator+=(const Amount& more) noexcept {
+    messages += more.messages;
+    bytes += more.bytes;
+    return *this;
+  }
+  Amount& operator-=(const Amount& less) noexcept {
+    messages -= less.messages;
+    bytes -= less.bytes;
+    return *this;
+  }
+};
+
+/// What became of one database's messages since the start. Each message that was added is in
+/// exactly one of the five amounts.
+struct WriteCounters {
+  struct Failure {
+    double time = 0;   ///< seconds since the epoch
+    std::string text;  ///< "status 400: b'…'", "could not connect to …"; no secret in it
+  };
+
+  Amount queued;     ///< waits now
+  Amount in_flight;  ///< taken by the present write
+  Amount sent;       ///< acknowledged
+  Amount failed;     ///< of failed writes; InfluxDB stores a part of them after a partial write
+  Amount discarded;  ///< dropped because the queue was full
+  std::uint64_t largest_body = 0;    ///< bytes of the largest body so far
+  std::uint64_t partial_writes = 0;  ///< responses that named a number of dropped points
+  std::uint64_t dropped_points = 0;  ///< sum of those numbers
+  std::optional<Failure> last_failure;
+};
+
+/// The messages of one write. They form the body of the request, oldest first, with one '\n'
+/// between each two and none after the last. The body may take hundreds of megabytes, so it is
+/// joined in slices while it is sent, and each message is freed as soon as it has been joined.
+class Batch {
+ public:
+  using Messages = std::deque<std::string>;
+
+  Batch() = default;
+  /// Moves the messages from `begin` to `end` out of their queue. `amount`: theirs. Moves all or,
+  /// when memory runs out, none.
+  Batch(Messages::iterator begin, Messages::iterator end, const Amount& amount);
+
+  /// Appends the next whole messages to `buffer` until it holds `size` bytes or the batch is empty.
+  void append_slice(std::string& buffer, std::size_t size);
+  /// Frees what has not been joined.
+  void clear() noexcept { messages_.clear(); }
+
+  std::size_t messages() const noexcept { return amount_.messages; }  ///< of the whole batch
+  std::size_t data_length() const noexcept;                           ///< bytes of the whole body
+
+ private:
+  Messages messages_;  ///< not yet joined
+  Amount amount_;      ///< of the whole batch
+};
 
 /// Per-database write buffer: queues messages and keeps at most one write in flight.
 /// Owned by InfluxHandler for the life of the process. Borrows the settings, which all buffers
 /// share, and the loop. Loop thread only. Adding a message takes constant time, however many wait.
 class InfluxDatabase {
  public:
-  /// Starts one write for the database; it is the loop's (Loop::keep) and reports back by the
-  /// handle_ operations below, on a later turn. The result is a view of it, never null.
-  using MakeRequest = std::function<const skein::LoopOwned*(InfluxDatabase& database)>;
+  /// One write. It begins on a later turn, takes its batch by get_data() and reports by the handle_
+  /// operations below.
+  class Request {
+   public:
+    virtual ~Request() = default;
+  };
+  /// Makes a write for the database. Never null.
+  using MakeRequest = std::function<std::unique_ptr<Request>(InfluxDatabase& database)>;
 
+  /// Writes by InfluxHTTPRequest.
   InfluxDatabase(std::string name, const BufferSettings& settings,
                  const InfluxConnection& connection, skein::Loop& loop);
-  /// With another way to write, for tests.
   InfluxDatabase(std::string name, const BufferSettings& settings, skein::Loop& loop,
                  MakeRequest make_request);
   InfluxDatabase(const InfluxDatabase&) = delete;
   InfluxDatabase& operator=(const InfluxDatabase&) = delete;
   ~InfluxDatabase();
 
-  /// Queues one message and decides at once.
+  /// Queues one message and calls process_data().
   void add(std::string message);
-  /// The one decision point: writes, or looks again later; then drops what is too much.
+  /// The one decision point: starts a write or sets the timer; then drops messages from a full
+  /// queue.
   void process_data();
-  /// Body of the next write: up to max_batch_size messages, oldest first, joined by one '\n'
-  /// (none after the last); empty when nothing waits. The messages leave the queue for good:
-  /// a failed write does not bring them back.
-  std::string get_data();
-  /// The messages of get_data(), not joined: they may be hundreds of megabytes.
-  std::deque<std::string> take_batch();
+  /// Takes the batch of the next write: up to max_batch_size messages, oldest first. They leave the
+  /// queue for good: a failed write does not bring them back.
+  Batch get_data();
   /// Drops the oldest discard_size messages, with a warning.
   void discard_old_data();
   /// Harmless when no timer is armed.
@@ -52,14 +115,14 @@ class InfluxDatabase {
   /// The request in flight was acknowledged.
   void handle_success();
   /// The request in flight failed; its batch is lost.
-  void handle_failure();
-  /// The connection of the request in flight is over. Comes with the request's outcome, in the
-  /// same callback: when a newer request stands there, the close of the older one is past.
-  void handle_close();
-  /// Why the last request failed, for the status. `answer`: what InfluxDB said, if it did.
-  void note_failure(std::string text, std::optional<std::string_view> answer);
-  /// Looks how long the queue is. Every ten seconds, so that seconds_until_full() can be told.
-  void sample_queue();
+  void handle_failure() noexcept;
+  /// The connection of the request in flight is over. Called in the same callback as the request's
+  /// outcome, so it never meets a newer request.
+  void handle_close() noexcept;
+  /// Why the last request failed, for the status. `dropped_points`: of a partial write.
+  void note_failure(std::string text, std::optional<std::uint64_t> dropped_points);
+  /// Records the length of the queue for seconds_until_full(). Call it every ten seconds.
+  void sample_queue() noexcept;
 
   const std::string& name() const noexcept { return name_; }
   bool has_current_request() const noexcept { return current_request_ != nullptr; }
@@ -68,36 +131,44 @@ class InfluxDatabase {
   double last_sent_time() const noexcept { return last_sent_time_; }
   std::size_t max_pending_messages() const noexcept { return settings_.max_pending_messages; }
   const WriteCounters& counters() const noexcept { return counters_; }
-  /// If the queue goes on as in the last minute. None while it does not grow, or is not known to.
+  /// If the queue grows as in the last minute. None while it does not grow or has no samples.
   std::optional<double> seconds_until_full() const;
 
  private:
-  using Moment = std::chrono::steady_clock::time_point;
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  /// The growth of the queue: how many messages have waited or been discarded at one moment.
+  struct Sample {
+    TimePoint time;
+    std::uint64_t messages = 0;
+  };
 
   bool should_send() const;
   bool should_drop_data() const;
   void send_request();
   void reset_process_data_timer();
-  void arm_process_data_timer(Moment now);
-  /// Of the messages from the front on.
+  void arm_process_data_timer(TimePoint now);
+  /// Of the first `messages` in the queue.
   Amount amount_of(std::size_t messages) const;
-  double monotonic_seconds() const;
-  /// Those that wait and all that were discarded: grows as long as more comes than is written.
-  std::int64_t backlog() const noexcept;
+  Sample sample() const;
 
   const std::string name_;
   const BufferSettings& settings_;
   skein::Loop& loop_;
   const MakeRequest make_request_;
-  const skein::LoopOwned* current_request_ = nullptr;  ///< view of the write in flight, if any
-  std::int64_t failure_count_ = 0;                     ///< failed requests since the last success
-  std::deque<std::string> pending_data_;  ///< messages not yet handed to a request, oldest first
+  const Request* current_request_ = nullptr;  ///< the write in flight; none when it has ended
+  std::int64_t failure_count_ = 0;            ///< failed requests since the last success
+  std::deque<std::string> pending_data_;      ///< messages not yet taken by a request, oldest first
   double last_sent_time_;  ///< seconds since the epoch: of construction, then of the last success
   skein::Timer process_data_timer_;
-  Moment look_again_{};  ///< when the timer is to look, if it is armed
+  TimePoint process_data_due_{};  ///< when process_data() is to run; the timer may fire earlier
   bool timer_armed_ = false;
   WriteCounters counters_;
-  QueueGrowth growth_;
+  std::array<Sample, 6> samples_{};  ///< a ring: one every ten seconds, the last minute
+  std::size_t samples_taken_ = 0;
+  /// The last write that was made. It stays until the next one is made, because it reports its end
+  /// from inside its own callback.
+  std::unique_ptr<Request> request_;
 };
 
 }  // namespace pelorus

@@ -1,14 +1,44 @@
 #include "pelorus/pelorus/influx/influx_http_request.h"
 
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <exception>
 #include <utility>
 
-#include "pelorus/pelorus/influx/influx_database.h"
+#include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/secret_text.h"
+#include "pelorus/translate/display.h"
 
 namespace pelorus {
+namespace {
+
+/// Most bytes of a response that are shown.
+constexpr std::size_t EXCERPT_BYTES = 256;
+/// Shorter passwords are not searched for: they occur in many responses by chance.
+constexpr std::size_t SHORTEST_PASSWORD = 4;
+
+/// The number after the last "dropped=" in InfluxDB's response to a partial write, if any.
+std::optional<std::uint64_t> dropped_points(std::string_view body) {
+  constexpr std::string_view LEAD = "dropped=";
+  const std::size_t lead = body.rfind(LEAD);
+  if (lead == body.npos) return std::nullopt;
+  const std::string_view digits = body.substr(lead + LEAD.size());
+  std::uint64_t number = 0;
+  const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (result.ec != std::errc()) return std::nullopt;
+  return number;
+}
+
+}  // namespace
 
 InfluxHTTPRequest::InfluxHTTPRequest(std::string database_name, InfluxDatabase& database,
                                      const InfluxConnection& connection, skein::Loop& loop)
-    : HTTPRequest(std::move(database_name), connection, success_code, loop), database_(database) {}
+    : database_name_(std::move(database_name)),
+      database_(database),
+      connection_(connection),
+      loop_(loop),
+      exchange_(connection.host, connection.port, loop, *this) {}
 
 std::string InfluxHTTPRequest::get_headers() const {
   // Kept: the name goes out as it stands, without percent-encoding. The databases are named by the
@@ -17,26 +47,94 @@ std::string InfluxHTTPRequest::get_headers() const {
          connection_.auth + "\r\nHost: " + connection_.http_connection;
 }
 
-void InfluxHTTPRequest::send_request() {
-  const std::string headers = get_headers();  // before the batch: a failure loses nothing
-  batch_ = database_.take_batch();
-  messages_ = batch_.size();
-  data_length_ = joined_bytes(database_.counters().in_flight);  // this batch: one write at a time
-  send_buf_ = headers + "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
+std::string_view InfluxHTTPRequest::send_request() {
+  send_buf_ = get_headers();  // before the batch is taken: if it fails, no message is lost
+  batch_ = database_.get_data();
+  data_length_ = batch_.data_length();
+  send_buf_ += "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
+  send_buf_.reserve(send_buf_.size() + std::min(*data_length_, HTTPExchange::SEND_BYTES_PER_TURN));
+  batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_TURN);
+  return send_buf_;
+}
+
+std::string_view InfluxHTTPRequest::next_slice() {
+  send_buf_.clear();
+  batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_TURN);
+  return send_buf_;
+}
+
+void InfluxHTTPRequest::handle_end() noexcept {
+  const HTTPResponse& response = exchange_.response();
+  reported([&] {
+    if (!exchange_.connected()) return;  // handle_close() makes it a failure
+    if (!response.complete()) {
+      handle_failure(std::nullopt);
+    } else if (response.status() == success_code) {
+      handle_success(response.body());
+    } else {
+      handle_failure(response.body());
+    }
+  });
+  reported([this] { handle_close(); });
+  batch_.clear();
+}
+
+template <class Step>
+void InfluxHTTPRequest::reported(Step&& step) noexcept {
+  try {
+    step();
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
+  }
 }
 
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }
 
 void InfluxHTTPRequest::handle_failure(std::optional<std::string_view> data) {
   database_.handle_failure();
-  database_.note_failure(failure_text(data), data);
-  HTTPRequest::handle_failure(data);
+  const std::string text = failure_text(data);
+  database_.note_failure(text, data ? dropped_points(*data) : std::nullopt);
+  log::warning("InfluxDB write ({} database) failed: {}; {} messages lost ({} bytes)",
+               database_name_, text, batch_.messages(), data_length_.value_or(0));
 }
 
 void InfluxHTTPRequest::handle_close() {
   database_.handle_close();
-  if (!connected()) handle_failure(std::nullopt);
-  HTTPRequest::handle_close();
+  if (!exchange_.connected()) handle_failure(std::nullopt);
+}
+
+/// "status 400: b'…'", "could not connect to …". No secret in it.
+std::string InfluxHTTPRequest::failure_text(std::optional<std::string_view> data) const {
+  if (!exchange_.connected()) {
+    return "could not connect to " + connection_.http_connection + ": " + exchange_.error();
+  }
+  std::string text = exchange_.error();
+  if (const int status = exchange_.response().status(); status != 0) {
+    text = "status " + std::to_string(status) + (text.empty() ? "" : ", ") + text;
+  }
+  return text + excerpt(data);
+}
+
+/// The first bytes of what was received: of the body, else of the line that made no sense. Some
+/// servers repeat the request that they refuse; what repeats the credentials is not shown.
+std::string InfluxHTTPRequest::excerpt(std::optional<std::string_view> data) const {
+  std::string_view text = data.value_or(exchange_.response().body());
+  if (text.empty()) text = exchange_.response().line();
+  if (text.empty()) return "";
+  if (repeats_credentials(text)) return ": an answer that repeats the credentials";
+  return ": " + translate::display(text.substr(0, EXCERPT_BYTES));
+}
+
+/// Whether the excerpt holds the credentials, encoded or decoded, or breaks off in them.
+bool InfluxHTTPRequest::repeats_credentials(std::string_view text) const {
+  const std::string pair = base64_decoded(connection_.auth);
+  const std::string password = pair.substr(pair.find(':') + 1);
+  for (const std::string& secret : {connection_.auth, pair, password}) {
+    if (secret.size() < SHORTEST_PASSWORD) continue;
+    const auto shown = text.substr(0, EXCERPT_BYTES + LONGEST_SPELLING * secret.size());
+    if (repeats(shown, secret) || breaks_off_in(shown, secret)) return true;
+  }
+  return false;
 }
 
 }  // namespace pelorus

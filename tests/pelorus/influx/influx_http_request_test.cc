@@ -1,12 +1,16 @@
 #include "pelorus/pelorus/influx/influx_http_request.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 
+#include <array>
 #include <chrono>
 #include <optional>
 
 #include "pelorus/influx/stand_in.h"
 #include "pelorus/pelorus/influx/influx_database.h"
+#include "support/failing_allocation.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/turn_until.h"
@@ -193,26 +197,58 @@ TEST_F(InfluxHTTPRequestTest, AnswerThatCameWhileTheProcessStoodStillCounts) {
   EXPECT_EQ(database->failure_count(), 0);
 }
 
-TEST_F(InfluxHTTPRequestTest, ReportThatFailsEndsTheRequestOnceAllTheSame) {
-  struct Failing : HTTPRequest {
-    Failing(const InfluxConnection& connection, skein::Loop& loop, int& reports)
-        : HTTPRequest("x", connection, 204, loop), reports_(reports) {}
-    void send_request() override {}
-    void handle_success(std::string_view) override {}
-    void handle_failure(std::optional<std::string_view>) override {
-      ++reports_;
-      throw std::bad_alloc();
-    }
-    int& reports_;
+/// Each allocation of a write fails once alone, and once with all that follow it.
+TEST_F(InfluxHTTPRequestTest, WhateverAllocationFailsTheRequestEndsOnceAndTheNextOneWrites) {
+  using support::FailingAllocation;
+  support::resolve_several_to({endpoint.port()});
+  database->stop_process_data_timer();
+  const auto write_once = [this] {  // allocates nothing itself
+    clock.tick(61);
+    database->process_data();
+    skein::Socket peer;
+    std::array<char, 1024> request;
+    until([&] {
+      if (!peer) peer = endpoint.accept();
+      if (::recv(peer.descriptor(), request.data(), request.size(), 0) > 0) {
+        answer(peer, NO_CONTENT);
+      }
+      return !database->has_current_request();
+    });
   };
-  int reports = 0;
-  loop.keep(std::make_unique<Failing>(connection, loop, reports));
-  skein::Socket peer;
-  until([&] { return static_cast<bool>(peer = endpoint.accept()); });
-  answer(peer, "220 mail\n");
-  char byte;
-  until([&] { return ::recv(peer.descriptor(), &byte, 1, 0) == 0; });
-  EXPECT_EQ(reports, 1);
+  for (const char* host : {"127.0.0.1", "several.test"}) {
+    connect_to(host, endpoint.port());
+    BufferSettings rare = settings;
+    rare.ideal_queued_messages = 10;
+    database.emplace("x", rare, connection, loop);
+    std::uint64_t added = 0;
+    for (const std::size_t count : {std::size_t{1}, FailingAllocation::ALL}) {
+      bool happened = true;
+      for (std::size_t number = 0; happened && !HasFailure(); ++number) {
+        SCOPED_TRACE(fmt::format("{}: {} from allocation {} on", host, count, number));
+        const WriteCounters before = database->counters();
+        database->add(fmt::format("m value={} 1", ++added));
+        database->stop_process_data_timer();
+        {
+          const FailingAllocation failing(number, count);
+          write_once();
+          happened = failing.happened();
+        }
+        const WriteCounters& after = database->counters();
+        EXPECT_EQ(after.in_flight.messages, 0U);
+        EXPECT_EQ(after.queued.messages + after.sent.messages + after.failed.messages, added);
+        EXPECT_EQ(database->failure_count(), after.sent.messages > before.sent.messages ? 0 : 1);
+        EXPECT_TRUE(happened || database->failure_count() == 0);
+        write_once();
+        EXPECT_EQ(database->pending_data_len(), 0U);
+        database->add("recovered value=1 1");
+        database->stop_process_data_timer();
+        ++added;
+        write_once();
+        EXPECT_EQ(database->failure_count(), 0);
+      }
+    }
+    EXPECT_GT(database->counters().failed.messages, 0U);
+  }
 }
 
 TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {
@@ -241,9 +277,13 @@ TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlon
   until_outcome();
 }
 
-TEST(NumericAddress, IsNotLookedUp) {
-  EXPECT_EQ(numeric_address("::1", 8086).at(0).text(), "[::1]:8086");
-  EXPECT_TRUE(numeric_address("several.test", 8086).empty());
+TEST_F(InfluxHTTPRequestTest, NumericAddressIsNotLookedUp) {
+  connect_to("::1", 1);
+  database->add("m value=1 1");
+  loop.turn();
+  EXPECT_EQ(HTTPExchange::lookups_pending(), 0U);
+  until_outcome();
+  EXPECT_THAT(warnings(), ElementsAre(HasSubstr("could not connect to influx:8086: [::1]:1: ")));
 }
 
 TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForTheNext) {
@@ -253,7 +293,7 @@ TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForThe
   connect_to("several.test", 1);
   database->add("m value=1 1");
   loop.turn();
-  until([] { return lookups_pending() == 0; });
+  until([] { return HTTPExchange::lookups_pending() == 0; });
   for (int i = 0; i < 5; ++i) loop.turn();
   EXPECT_FALSE(endpoint.accept());
   tick(2.5);
@@ -268,12 +308,12 @@ TEST_F(InfluxHTTPRequestTest, LookupThatHangsIsGivenUpAndStaysPendingUntilItsThr
   {
     const support::HangingLookups hanging;
     database->add("m value=1 1");
-    until([] { return lookups_pending() == 1; });
+    until([] { return HTTPExchange::lookups_pending() == 1; });
     tick(5);
     until_outcome();
     EXPECT_THAT(warnings(), ElementsAre(HasSubstr("influx:8086: the name lookup takes too long")));
   }
-  until([] { return lookups_pending() == 0; });
+  until([] { return HTTPExchange::lookups_pending() == 0; });
   EXPECT_EQ(database->failure_count(), 1);
 }
 

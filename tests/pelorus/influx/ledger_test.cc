@@ -13,6 +13,7 @@
 
 #include "pelorus/influx/stand_in.h"
 #include "pelorus/pelorus/influx/influx_database.h"
+#include "support/body_of.h"
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/skein_peer.h"
@@ -229,7 +230,7 @@ TEST(Ledger, EveryMessageIsAcknowledgedLostDiscardedOrQueuedAndNoneIsSentTwice) 
     EXPECT_EQ(ledger.endpoint.acknowledged + ledger.lost() + counters.discarded.messages +
                   ledger.database.pending_data_len(),
               std::size_t{MESSAGES});
-    for (const int number : numbers_in(ledger.database.get_data()))
+    for (const int number : numbers_in(support::body_of(ledger.database.get_data())))
       ++ledger.endpoint.arrived[number];
     for (const auto& [number, times] : ledger.endpoint.arrived) EXPECT_EQ(times, 1) << number;
     acknowledged += ledger.endpoint.acknowledged;
