@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string_view>
 #include <variant>
 
@@ -33,37 +34,86 @@ std::string shown_body(const std::string& body, const std::string& key, const st
   return shown;
 }
 
-/// Why `body` is no JSON; empty when it is, and stands in `answer`. The library's texts quote it.
-std::string parse(const std::string& body, nlohmann::json& answer) {
-  try {
-    answer = nlohmann::json::parse(body);
-    return {};
-  } catch (const nlohmann::json::parse_error& error) {
-    return fmt::format("no JSON at byte {}", error.byte);
-  } catch (const nlohmann::json::exception&) {
-    return "a number is out of range";
+/// Reads of a JSON text what is asked for: whether it is an object, and its member "key"; the last
+/// one if it stands there twice. No document is built: the library's would end the process when it
+/// is destroyed and there is no memory.
+class KeyReader final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  bool is_object = false;
+  bool has_key = false;
+  std::optional<std::string> text;  ///< of the member, if that is a text
+  std::string fault;                ///< why it is no JSON; the library's texts would quote it
+
+  bool null() override { return value(); }
+  bool boolean(bool) override { return value(); }
+  bool number_integer(number_integer_t) override { return value(); }
+  bool number_unsigned(number_unsigned_t) override { return value(); }
+  bool number_float(number_float_t, const string_t&) override { return value(); }
+  bool binary(binary_t&) override { return value(); }
+  bool string(string_t& value_text) override {
+    if (is_key_next()) text = std::move(value_text);
+    return value();
   }
-}
+  bool start_object(std::size_t) override {
+    is_object = is_object || depth_ == 0;
+    return begin();
+  }
+  bool start_array(std::size_t) override { return begin(); }
+  bool end_object() override { return end(); }
+  bool end_array() override { return end(); }
+  bool key(string_t& name) override {
+    if (depth_ != 1) return true;
+    key_next_ = name == "key";
+    has_key = has_key || key_next_;
+    if (key_next_) text.reset();
+    return true;
+  }
+  bool parse_error(std::size_t position, const std::string&,
+                   const nlohmann::detail::exception& error) override {
+    constexpr int NO_JSON = 101;
+    fault = error.id == NO_JSON ? fmt::format("no JSON at byte {}", position)
+                                : "a number is out of range";
+    return false;
+  }
+
+ private:
+  bool is_key_next() const { return depth_ == 1 && key_next_; }
+  bool value() {
+    if (depth_ == 1) key_next_ = false;
+    return true;
+  }
+  bool begin() {
+    ++depth_;
+    return true;
+  }
+  bool end() {
+    --depth_;
+    return value();
+  }
+
+  int depth_ = 0;          ///< lists and objects around the present value
+  bool key_next_ = false;  ///< the next value of the outermost object is the member's
+};
 
 bool is_confirmed_by(const std::string& body, const std::string& key, const Settings& settings) {
-  nlohmann::json answer;
-  if (const std::string fault = parse(body, answer); !fault.empty()) {
+  KeyReader answer;
+  nlohmann::json::sax_parse(body, &answer);
+  if (!answer.fault.empty()) {
     log::warning(
         "Received response with unexpected response content {} while trying to authenticate to "
         "web server: {}.",
-        shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")), fault);
+        shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")), answer.fault);
     return false;
   }
-  if (!answer.is_object()) throw skein::Failure("the web server's JSON answer is no object");
-  const auto member = answer.find("key");
-  if (member == answer.end()) {
+  if (!answer.is_object) throw skein::Failure("the web server's JSON answer is no object");
+  if (!answer.has_key) {
     log::warning(
         "Received response without \"key\" in response {} while trying to authenticate to web "
         "server.",
         shown_body(body, key, settings.get<std::string>("LOCAL_WWW_KEY")));
     return false;
   }
-  if (member->is_string() && member->get_ref<const std::string&>() == key) return true;
+  if (answer.text == key) return true;
   log::warning("Validation error - no node found for the key ending in {}.", key_ending(key));
   return false;
 }
