@@ -6,8 +6,8 @@
 #include <exception>
 
 #include "pelorus/ctl/rule_names.h"
-#include "pelorus/translate/display.h"
 #include "pelorus/translate/series_translator.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -54,7 +54,7 @@ TranslatedLine translate_line(std::string_view text) {
   const auto fields = fields_of(text);
   if (fields.size() != 1 && fields.size() != 3) {
     line.series = text;
-    line.error = fmt::format("Improperly formatted metric: \"{}\"", translate::display(text));
+    line.error = fmt::format("Improperly formatted metric: \"{}\"", skein::display(text));
     return line;
   }
   line.series = fields[0];

@@ -5,7 +5,7 @@
 #include <array>
 #include <iterator>
 
-#include "pelorus/pelorus/escape.h"
+#include "skein/text.h"
 
 namespace pelorus::log {
 namespace {
@@ -59,7 +59,7 @@ void StderrSink::add_line(std::string_view prefix, std::string_view line) {
   text += prefix;
   const std::size_t left_out = line.size() > LINE_BYTES ? line.size() - LINE_BYTES : 0;
   line.remove_suffix(left_out);
-  append_escaped(text, line);
+  skein::append_escaped(text, line);
   if (left_out > 0) text += fmt::format(" ({} bytes left out)", left_out);
   text += '\n';
   queue_.end_line();
@@ -93,7 +93,7 @@ void StderrSink::flush() {
 }
 
 void StderrSink::print(std::string_view line) {
-  append_escaped(queue_.text(), line);
+  skein::append_escaped(queue_.text(), line);
   queue_.text() += '\n';
   queue_.end_line();
   flush();

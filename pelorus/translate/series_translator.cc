@@ -1,7 +1,7 @@
 #include "pelorus/translate/series_translator.h"
 
-#include "pelorus/translate/display.h"
 #include "pelorus/translate/rule_table.h"
+#include "skein/text.h"
 
 namespace translate {
 namespace {
@@ -53,10 +53,10 @@ std::string failure_text(Outcome outcome, std::string_view series) {
   std::string text;
   text.reserve(before.size() + series.size() + behind.size() + 8);  // the quotes of the series
   text += before;
-  append_display(text, series);
+  skein::append_display(text, series);
   text += behind;
   if (outcome == Outcome::INVALID_SOURCE_TYPE) {
-    append_display(text, series.substr(0, SOURCE_TYPE_BYTES));
+    skein::append_display(text, series.substr(0, SOURCE_TYPE_BYTES));
   }
   return text;
 }

@@ -13,8 +13,8 @@
 
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/secret_text.h"
-#include "pelorus/translate/display.h"
 #include "skein/errors.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -285,7 +285,7 @@ std::string HTTPRequest::excerpt(std::optional<std::string_view> data) const {
   if (text.empty()) text = response_.line();
   if (text.empty()) return "";
   if (tells_credentials(text)) return ": an answer that repeats the credentials";
-  return ": " + translate::display(text.substr(0, EXCERPT_BYTES));
+  return ": " + skein::display(text.substr(0, EXCERPT_BYTES));
 }
 
 /// Whether what is shown of it, or what begins there, holds what was sent as it was sent, or

@@ -8,8 +8,9 @@
 
 #include "pelorus/pelorus/line_queue.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/translate/display.h"
+
 #include "pelorus/translate/series_translator.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -113,7 +114,7 @@ void BadLines::block_ends() {
 std::string BadLines::text_of(const BadLine& line, std::size_t shown_bytes) {
   const auto shown = line.text.substr(0, shown_bytes);
   if (line.outcome != Outcome::TRANSLATED) return failure_text(line.outcome, shown);
-  return fmt::format("Improperly formatted metric: \"{}\"", translate::display(shown));
+  return fmt::format("Improperly formatted metric: \"{}\"", skein::display(shown));
 }
 
 void BadLines::log(const BadLine& line) {

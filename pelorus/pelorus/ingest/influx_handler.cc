@@ -9,7 +9,7 @@
 #include "pelorus/pelorus/ingest/bad_lines.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
-#include "pelorus/translate/display.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -77,7 +77,7 @@ Ingested InfluxHandler::add_submit(std::string_view database_name, SubmitMessage
   if (!read) {
     const std::string_view name = messages.name();
     const auto text = fmt::format("Could not translate \"{}\": No match for series",
-                                  translate::display(name.substr(0, SHOWN_BYTES)));
+                                  skein::display(name.substr(0, SHOWN_BYTES)));
     log::warning("{}", with_left_out(text, name));
     ingested.bad_lines = 1;
     ingested.last_warning.assign(text, 0, KEPT_WARNING_BYTES);

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "pelorus/translate/display.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -32,32 +32,16 @@ std::string_view real_text(double value, std::span<char> digits) {
   return {digits.data(), end};
 }
 
-/// Length of the UTF-8 sequence at the front of `text`; 0 when there is none.
-std::size_t sequence_length(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const std::size_t length = byte(0) < 0x80   ? 1
-                             : byte(0) < 0xC2 ? 0
-                             : byte(0) < 0xE0 ? 2
-                             : byte(0) < 0xF0 ? 3
-                             : byte(0) < 0xF5 ? 4
-                                              : 0;
-  if (length == 0 || length > text.size()) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) return 0;
-  }
-  return length;
-}
-
 /// As display() without its "b", with what lies beyond ASCII as it is where it is UTF-8.
 void append_quoted(std::string& out, std::string_view text) {
-  const char quote = translate::display_quote(text);
+  const char quote = skein::display_quote(text);
   out += quote;
   while (!text.empty()) {
-    const std::size_t length = sequence_length(text);
+    const std::size_t length = skein::utf8_length(text);
     if (length > 1) {
       out += text.substr(0, length);
     } else {
-      translate::append_display_byte(out, text.front(), quote);
+      skein::append_display_byte(out, text.front(), quote);
     }
     text.remove_prefix(std::max<std::size_t>(length, 1));
   }
@@ -66,7 +50,7 @@ void append_quoted(std::string& out, std::string_view text) {
 
 void append_item(std::string& out, skein::Value value) {
   if (value.is(Type::TEXT)) return append_quoted(out, value.bytes());
-  if (value.is(Type::BYTES)) return translate::append_display(out, value.bytes());
+  if (value.is(Type::BYTES)) return skein::append_display(out, value.bytes());
   append_value_text(out, value);
 }
 
@@ -123,7 +107,7 @@ void append_value_text(std::string& out, skein::Value value) {
       append_map(out, value);
       break;
     case Type::EXTENSION:
-      translate::append_display(out, value.bytes());
+      skein::append_display(out, value.bytes());
       break;
   }
 }

@@ -10,7 +10,6 @@
 #include <random>
 #include <stdexcept>
 
-#include "pelorus/pelorus/escape.h"
 #include "pelorus/pelorus/log_pacer.h"
 #include "pelorus/pelorus/stderr_sink.h"
 #include "support/turn_until.h"
@@ -19,7 +18,6 @@
 namespace pelorus {
 namespace {
 
-using namespace std::string_view_literals;
 class Pipe {
  public:
   Pipe() { EXPECT_EQ(pipe2(ends_.data(), O_NONBLOCK | O_CLOEXEC), 0); }
@@ -166,27 +164,6 @@ TEST(Log, AbsurdlyLongLineSaysHowMuchIsLeftOut) {
   std::string read;
   while (read.empty() || read.back() != '\n') read += pipe.content();
   EXPECT_EQ(read, "<6>" + std::string(log::LINE_BYTES, 'x') + " (16 bytes left out)\n");
-}
-
-TEST(Log, ControlBytesAndBrokenTextAreEscaped) {
-  struct Row {
-    std::string_view text, escaped;
-  };
-  for (const auto& [text, escaped] :
-       {Row{"plain \\ 'text'", "plain \\ 'text'"},
-        {"\t\n\r", "\\t\\n\\r"},
-        {"\0\x1b[2J\x7f"sv, "\\x00\\x1b[2J\\x7f"},
-        {"caf\u00e9 \u20ac \U0001F600", "caf\u00e9 \u20ac \U0001F600"},
-        {"\xc2\x85\xc2\x9b\xc2\xa0", "\\xc2\\x85\\xc2\\x9b\xc2\xa0"},
-        {"\x9b\xff", "\\x9b\\xff"},
-        {"\xc3(", "\\xc3("},
-        {"\xe2\x82", "\\xe2\\x82"},
-        {"\xc0\x8a\xe0\x80\x8a", "\\xc0\\x8a\\xe0\\x80\\x8a"},
-        {"\xed\xa0\x80\xf4\x90\x80\x80", "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"}}) {
-    std::string out;
-    log::append_escaped(out, text);
-    EXPECT_EQ(out, escaped);
-  }
 }
 
 TEST(Log, TraceOfAnUntracedFailureIsThePresentOne) {
