@@ -18,7 +18,6 @@
 #include "pelorus/pelorus/listen/local_server.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/log_pacer.h"
 #include "pelorus/pelorus/memory.h"
 #include "pelorus/pelorus/profile.h"
 #include "pelorus/pelorus/service_status.h"
@@ -128,11 +127,12 @@ void Service::main() {
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
   const auto describe = [&handler] { return description(handler); };
+  log::attach(loop_);
   {
-    const log::Pacer pacer(log::stderr_sink(), loop_);
     const ServiceStatus status(describe, loop_);
     loop_.run();
   }
+  log::detach();
   systemd_notify("STOPPING=1");
   handler.stop();
   local_server.close();

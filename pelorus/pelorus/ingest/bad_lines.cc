@@ -6,9 +6,8 @@
 #include <exception>
 #include <utility>
 
-#include "pelorus/pelorus/line_queue.h"
 #include "pelorus/pelorus/log.h"
-
+#include "pelorus/pelorus/log_writer.h"
 #include "pelorus/translate/series_translator.h"
 #include "skein/text.h"
 
@@ -18,13 +17,13 @@ namespace {
 using translate::Outcome;
 
 /// Each bad line takes a line of the log at least.
-constexpr std::size_t RING_SIZE = log::QUEUE_LINES;
+constexpr std::size_t RING_SIZE = log::BUFFER_LINES;
 static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it still fits a line");
 
 }  // namespace
 
 BadLines::BadLines(Ingested& ingested)
-    : ingested_(ingested), warns_(log::enabled(spdlog::level::warn)) {}
+    : ingested_(ingested), warns_(log::enabled(log::Level::WARNING)) {}
 
 // Short of memory, it stays silent: the block has failed as well then, and that is told.
 BadLines::~BadLines() {
@@ -69,7 +68,7 @@ void BadLines::note(std::string_view text, Outcome outcome) {
 void BadLines::add(std::string_view text, Outcome outcome) {
   lines_ += lines_of(outcome);
   bytes_ += bytes_of(text, outcome);
-  while (begin_ < end_ && (lines_ > log::QUEUE_LINES || bytes_ > log::QUEUE_BYTES)) skip_oldest();
+  while (begin_ < end_ && (lines_ > log::BUFFER_LINES || bytes_ > log::BUFFER_BYTES)) skip_oldest();
   if (ring_.size() < RING_SIZE) {
     ring_.push_back({text, outcome});
   } else {

@@ -6,7 +6,7 @@
 #include "../handler_fixture.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
-#include "pelorus/pelorus/line_queue.h"
+#include "pelorus/pelorus/log_writer.h"
 #include "skein/encoders/msgpackencoder.h"
 
 namespace pelorus {
@@ -54,7 +54,7 @@ TEST_F(InfluxHandlerTest, StatisticsWithoutTheirDatabaseEndAndAreKept) {
 }
 
 TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
-  const std::size_t kept = log::QUEUE_LINES;
+  const std::size_t kept = log::BUFFER_LINES;
   handler_.add_graphite("bonding", std::string(kept + 41, '\n') + "last");
   ASSERT_EQ(log_.lines().size(), 1 + kept);
   EXPECT_EQ(log_.lines().front().text, "42 log lines were dropped: more than could be written");
