@@ -92,7 +92,7 @@ class RecordBuffer {
 /// When a record is written depends on three things:
 ///
 ///     reader_       held_  loop_     a record                        is written
-///     ------------  -----  --------  ------------------------------  ------------------------------
+///     ------------  -----  --------  ------------------------------ ------------------------------
 ///     FULL, FAILED  any    none      waits                           by flush() or finish()
 ///     FULL, FAILED  any    attached  waits                           by a timer: after 2 ms, then
 ///                                                                    doubling to 100 ms

@@ -23,7 +23,7 @@ constexpr std::size_t KEPT_BYTES = 1U << 20;
 constexpr std::size_t TIME_BYTES = TIMESTAMP_BYTES + NANOSECONDS.size();
 // What copying in steps writes too far, the blank, the timestamp and the zeros of the same record
 // cover again: behind a record the buffer holds what it held.
-static_assert(TIME_BYTES >= translate::PIECE_SLACK);
+static_assert(TIME_BYTES >= translate::COPY_STEP);
 
 #ifdef __SSE2__
 using BestScanner = VectorScanner;

@@ -11,7 +11,7 @@ namespace pelorus {
 /// Bytes behind the end of a line that a scanner may read, not use: one that takes 64 bytes for a
 /// series and a value, and the next 16 for a timestamp, may find the line's end in the first.
 constexpr std::size_t SCAN_SLACK = 64 + 16;
-static_assert(SCAN_SLACK >= translate::PIECE_SLACK);
+static_assert(SCAN_SLACK >= translate::COPY_STEP);
 
 /// One Graphite line, cut into its fields. Views over the block.
 struct ScannedLine {

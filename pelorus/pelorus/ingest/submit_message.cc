@@ -17,8 +17,8 @@ namespace pelorus {
 namespace {
 
 using Type = skein::Value::Type;
-using translate::past;
-using translate::Piece;
+using translate::drop_prefix;
+using translate::Slice;
 
 constexpr std::int64_t NANOSECONDS_PER_MILLISECOND = 1'000'000;
 
@@ -26,14 +26,14 @@ constexpr std::int64_t NANOSECONDS_PER_MILLISECOND = 1'000'000;
 /// none when the name has fewer than three parts.
 std::optional<std::string> names_of(std::string_view name) {
   translate::Parts parts(name);
-  const Piece node = past(parts[0], "node");
-  const Piece tunnel = past(parts[1], "tunnel-");
-  const Piece third = parts[2];
+  const Slice node = drop_prefix(parts[0], "node");
+  const Slice tunnel = drop_prefix(parts[1], "tunnel-");
+  const Slice third = parts[2];
   if (parts.fault() != translate::Outcome::TRANSLATED) return std::nullopt;
   const bool of_link = starts_with(third, "link");
   std::string names = fmt::format("{},node={},tunnel={}", of_link ? "link_state" : "tunnel_state",
                                   node.view(), tunnel.view());
-  if (of_link) names += fmt::format(",link={}", past(third, "link-").view());
+  if (of_link) names += fmt::format(",link={}", drop_prefix(third, "link-").view());
   const std::string_view last = name.substr(name.rfind('.') + 1);
   return fmt::format("{} {}", names, last == "overall_state" ? "overall" : last);
 }
