@@ -24,7 +24,7 @@
 #include "bench/line_floor.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/memory.h"
+#include "pelorus/pelorus/process.h"
 
 namespace {
 
