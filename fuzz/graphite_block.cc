@@ -64,8 +64,8 @@ void run(std::string_view input) {
   const auto size = BUFFER_BYTES[take_byte(input) % BUFFER_BYTES.size()];
   const auto end = input.find('\0');
   const std::array blocks{input.substr(0, end), end == input.npos ? "" : input.substr(end + 1)};
-  for (const Build road :
-       {&pelorus::GraphiteMessage::build, &pelorus::GraphiteMessage::build_plainly}) {
+  for (const Build road : {&pelorus::GraphiteMessage::build<pelorus::VectorScanner>,
+                           &pelorus::GraphiteMessage::build<pelorus::FallbackScanner>}) {
     pelorus::GraphiteMessage message(size);
     PlainGraphite plain(size);
     const Guard guard(build(road, message, "").message.data(), size);

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "pelorus/pelorus/ingest/ingested.h"
+#include "pelorus/pelorus/ingest/influx_handler.h"
 
 namespace pelorus {
 
@@ -21,7 +21,7 @@ class ConnectionCounters {
     std::string last_warning;  ///< of the last bad line
   };
 
-  void count(Ingested ingested) {
+  void count(IngestResult ingested) {
     records_ += static_cast<std::uint64_t>(ingested.records);
     if (ingested.bad_lines == 0) return;
     trouble().bad_lines += ingested.bad_lines;

@@ -139,7 +139,7 @@ skein::Reply NodeServer::req_add(const skein::Request& request) {
       request, key,
       [&] {
         influx_handler_.add(database, std::string(data), num_metrics);
-        return Ingested{.records = num_metrics};
+        return IngestResult{.records = num_metrics};
       },
       [&]() -> OwnedMethod {
         return {[this, database = std::string(database), data = std::string(data), num_metrics] {
@@ -159,7 +159,7 @@ skein::Reply NodeServer::req_submit(const skein::Request& request) {
   const skein::Value points = request.get("points");
   return dispatch(
       request, key,
-      [&]() -> std::optional<Ingested> {
+      [&]() -> std::optional<IngestResult> {
         if (points.is(skein::Value::Type::LIST) && points.size() > POINTS_PER_TURN) return {};
         return influx_handler_.add_submit(database, name, points);
       },
@@ -205,7 +205,7 @@ skein::Reply NodeServer::dispatch(const skein::Request& request, const NodeKey& 
   if (good) {
     connection.set_valid();
     collectd(connection).verified_key = verified;
-    if (std::optional<Ingested> ingested = now()) {
+    if (std::optional<IngestResult> ingested = now()) {
       collectd(connection).counters.count(*std::move(ingested));
       return {};
     }

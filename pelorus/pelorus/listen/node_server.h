@@ -56,7 +56,7 @@ class NodeServer : public skein::Server {
  private:
   /// What a part of an operation has done, and whether there is more to do.
   struct Step {
-    Ingested ingested{};
+    IngestResult ingested{};
     bool is_last = true;
   };
   /// An ingest operation with its complete argument list. One that takes long is done in steps, one

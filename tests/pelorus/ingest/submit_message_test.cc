@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "pelorus/pelorus/errors.h"
-#include "pelorus/pelorus/ingest/value_text.h"
 #include "skein/encoders/msgpackencoder.h"
 
 namespace pelorus {
@@ -48,7 +47,9 @@ std::string shown(const Write& value) {
   value(writer);
   skein::Message message;
   skein::MsgpackEncoder::decode(writer.bytes(), message);
-  return value_text(message.root());
+  std::string text;
+  append_value_text(text, message.root());
+  return text;
 }
 
 TEST(SubmitMessage, NamesGiveMeasurementTagsAndKey) {
