@@ -102,7 +102,7 @@ std::string_view real_text(double value, std::span<char> digits) {
   return {digits.data(), end};
 }
 
-/// As display() without its "b", with what lies beyond ASCII as it is where it is UTF-8.
+/// As display() without its "b"; UTF-8 characters beyond ASCII stand as they are.
 void append_quoted(std::string& out, std::string_view text) {
   const char quote = skein::display_quote(text);
   out += quote;

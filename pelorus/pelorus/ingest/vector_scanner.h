@@ -29,8 +29,8 @@ class VectorScanner {
     const std::uint64_t blanks = bits_of_64(begin, at_most_blank);
     if (blanks == 0) return false;
     const std::size_t series_size = lowest(blanks);
-    const std::uint64_t behind_series = blanks & (0 - blanks);
-    std::uint64_t later_blanks = blanks ^ behind_series;
+    const std::uint64_t after_series = blanks & (0 - blanks);
+    std::uint64_t later_blanks = blanks ^ after_series;
     const char* window = begin;
     if (later_blanks == 0) [[unlikely]] {
       if (begin[series_size] != ' ') return false;  // else the line goes on after the 64 bytes
@@ -49,7 +49,7 @@ class VectorScanner {
       return false;
     }
     line.series = {begin, series_size};
-    line.ends = (bits_of_64(begin, is_dot) & (behind_series - 1)) | behind_series;
+    line.ends = (bits_of_64(begin, is_dot) & (after_series - 1)) | after_series;
     line.value = {value, value_size};
     line.integer = value_size <= STEP
                        ? (~bits(is_digit(load(value))) & ((1U << value_size) - 1)) == 0

@@ -95,7 +95,7 @@ TEST_F(GraphiteMessageTest, LongTimestampsShowWhatTheBufferHeld) {
   EXPECT_EQ(build("m000.load.load.a 1 123456789012345"), "load a=1i 1234567890pqrst000000000\n");
 }
 
-// A wide copy must leave no trace behind the record that it belongs to.
+// A copy in steps must leave no trace after the record that it belongs to.
 TEST_F(GraphiteMessageTest, NothingBehindARecordIsTouched) {
   const std::string held =
       build(std::string("m000.load.load.") + std::string(3000, 'h') + " 1 1500000000");

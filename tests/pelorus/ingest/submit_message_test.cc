@@ -17,7 +17,7 @@ using Write = std::function<void(MsgpackWriter&)>;
 
 constexpr const char* LINK = "node12.tunnel_7.link_wan1.overall_state";
 
-/// The messages of one request; "!" behind them when the request ended with the warning.
+/// The messages of one request; "!" after them if the request ended with the warning.
 std::vector<std::string> submitted(std::string_view name, const Write& points) {
   MsgpackWriter writer;
   points(writer);

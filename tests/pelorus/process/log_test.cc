@@ -111,7 +111,7 @@ class NumberedLines {
  private:
   const Pipe& pipe_;
   LogWriter writer_;
-  std::string text_;                    ///< the begin of a line
+  std::string text_;                    ///< the start of a line
   std::size_t next_ = 0;                ///< number of the next line
   std::size_t expected_of_record_ = 0;  ///< lines that its record must still have
 };
