@@ -11,7 +11,6 @@
 // median of the pairs' ratios, low and high their quartiles. The corpus is bench/corpus.h's.
 
 #include <fmt/format.h>
-#include <spdlog/sinks/null_sink.h>
 #include <time.h>
 
 #include <algorithm>
@@ -23,9 +22,10 @@
 
 #include "bench/corpus.h"
 #include "bench/line_floor.h"
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/memory.h"
+#include "pelorus/pelorus/process.h"
 
 namespace {
 
@@ -115,8 +115,8 @@ int number(const std::string& text) {
 
 int main(int argc, char** argv) {
   pelorus::keep_freed_memory();  // as the daemon does
-  pelorus::log::set_sink(std::make_shared<spdlog::sinks::null_sink_st>());
-  pelorus::log::logger().set_level(spdlog::level::err);
+  pelorus::log::set_capture([](auto, auto) {});
+  pelorus::log::set_level(pelorus::log::Level::ERROR);
   std::vector<std::string> arguments(argv + 1, argv + argc);
   int pairs = 15;
   if (arguments.size() > 1 && arguments.front() == "--pairs") {

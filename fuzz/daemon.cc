@@ -1,15 +1,13 @@
 #include "fuzz/daemon.h"
 
 #include <fmt/format.h>
-#include <spdlog/details/null_mutex.h>
-#include <spdlog/sinks/base_sink.h>
-#include <spdlog/sinks/null_sink.h>
 
 #include <array>
 #include <optional>
 
 #include "fuzz/fuzz.h"
 #include "fuzz/peer.h"
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/log.h"
 #include "skein/encoders/msgpackencoder.h"
 #include "skein/errors.h"
@@ -38,20 +36,6 @@ const pelorus::Settings& fixed_settings() {
       "fuzz");
   return settings;
 }
-
-class Sink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
- public:
-  explicit Sink(std::string& text) : text_(text) {}
-
- protected:
-  void sink_it_(const spdlog::details::log_msg& message) override {
-    text_.append(message.payload.data(), message.payload.size()).push_back('\n');
-  }
-  void flush_() override {}
-
- private:
-  std::string& text_;
-};
 
 struct Message {
   bool decodes = true;
@@ -115,25 +99,28 @@ Daemon::Daemon()
     : loop(shared_loop()),
       handles_before(handles_of(loop)),
       settings(fixed_settings()),
-      resources(loop, LIMITS),
+      resources(std::in_place, loop, LIMITS),
       handler(
           DATABASES,
           [this](const std::string& name) {
             return std::make_unique<pelorus::InfluxDatabase>(
                 name, buffer_settings, loop,
-                [](pelorus::InfluxDatabase&) -> const skein::LoopOwned* {
+                [](pelorus::InfluxDatabase&)
+                    -> std::unique_ptr<pelorus::InfluxDatabase::Request> {
                   require(false, "nothing is written");
                   return nullptr;
                 });
           },
           loop, GRAPHITE_BUFFER_BYTES) {
-  pelorus::log::set_sink(std::make_shared<Sink>(log));
+  pelorus::log::set_capture(
+      [this](auto, std::string_view line) { log.append(line).push_back('\n'); });
 }
 
 Daemon::~Daemon() {
+  resources.reset();
   loop.turn();
   require(handles_of(loop) == handles_before, "nothing is left for the next execution");
-  pelorus::log::set_sink(std::make_shared<spdlog::sinks::null_sink_st>());
+  pelorus::log::set_capture([](auto, auto) {});
 }
 
 void Daemon::serve(skein::Server& server, std::string_view values) {

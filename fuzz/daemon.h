@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -38,7 +39,7 @@ struct Daemon {
   skein::Loop& loop;
   std::size_t handles_before;  ///< that the loop had
   const pelorus::Settings& settings;
-  skein::Resources resources;  // for the server
+  std::optional<skein::Resources> resources;  // for the server
   pelorus::BufferSettings buffer_settings{.max_pending_messages = 1U << 20,
                                           .max_buffer_time = 1e9,
                                           .ideal_queued_messages = 1U << 20,

@@ -5,12 +5,18 @@
 
 #include "fuzz/fuzz.h"
 #include "fuzz/peer.h"
-#include "pelorus/pelorus/ingest/value_text.h"
+#include "pelorus/pelorus/ingest/submit_message.h"
 #include "skein/resources.h"
 #include "support/fake_clock.h"
 
 namespace fuzz {
 namespace {
+
+std::string text_of(skein::Value value) {
+  std::string text;
+  pelorus::append_value_text(text, value);
+  return text;
+}
 
 /// Writes down what it is asked.
 class Recorder : public skein::Server {
@@ -28,12 +34,12 @@ class Recorder : public skein::Server {
   }
 
   skein::Reply req_now(const skein::Request& request) {
-    note("now", pelorus::value_text(request.args));
+    note("now", text_of(request.args));
     return {};
   }
   /// Answers on a later turn.
   skein::Reply req_later(const skein::Request& request) {
-    note("later", pelorus::value_text(request.args));
+    note("later", text_of(request.args));
     loop().call_in(0, [reply = defer(request)] { reply.send({}); });
     return skein::Reply::later();
   }

@@ -1,5 +1,5 @@
 // Blocks of Graphite lines, with an output buffer that is small and guarded at its end: with and
-// without vector instructions the message is that of the plainest road, byte for byte, and nothing
+// without vector instructions the message is the reference's, byte for byte, and nothing
 // is written past the buffer.
 #include <sanitizer/asan_interface.h>
 #include <unistd.h>
@@ -30,10 +30,10 @@ class CountBadLines : public pelorus::BadLineReporter {
 using Build = pelorus::GraphiteMessage::Built (pelorus::GraphiteMessage::*)(
     std::string_view, pelorus::BadLineReporter&);
 
-PlainGraphite::Built build(Build road, pelorus::GraphiteMessage& message, std::string_view block) {
+PlainGraphite::Built build(Build with, pelorus::GraphiteMessage& message, std::string_view block) {
   CountBadLines bad;
   try {
-    const auto built = (message.*road)(block, bad);
+    const auto built = (message.*with)(block, bad);
     return {.message = built.message,
             .num_metrics = built.num_metrics,
             .improperly_formatted = bad.improper,
@@ -43,7 +43,7 @@ PlainGraphite::Built build(Build road, pelorus::GraphiteMessage& message, std::s
   }
 }
 
-/// Makes the bytes behind the end of a buffer, up to the end of its last page, a fault to touch.
+/// Makes the bytes after the end of a buffer, up to the end of its last page, a fault to touch.
 class Guard {
  public:
   Guard(const char* buffer, std::size_t size) : begin_(buffer + size) {
@@ -64,16 +64,16 @@ void run(std::string_view input) {
   const auto size = BUFFER_BYTES[take_byte(input) % BUFFER_BYTES.size()];
   const auto end = input.find('\0');
   const std::array blocks{input.substr(0, end), end == input.npos ? "" : input.substr(end + 1)};
-  for (const Build road :
-       {&pelorus::GraphiteMessage::build, &pelorus::GraphiteMessage::build_plainly}) {
+  for (const Build with : {&pelorus::GraphiteMessage::build<pelorus::VectorScanner>,
+                           &pelorus::GraphiteMessage::build<pelorus::FallbackScanner>}) {
     pelorus::GraphiteMessage message(size);
     PlainGraphite plain(size);
-    const Guard guard(build(road, message, "").message.data(), size);
+    const Guard guard(build(with, message, "").message.data(), size);
     for (const auto block : blocks) {  // the second one meets what the first one left in the buffer
-      const auto built = build(road, message, block);
+      const auto built = build(with, message, block);
       const auto wanted = plain.build(block);
       require(built.full == wanted.full, "a block fails when, and only when, it does not fit");
-      require(built.full || built == wanted, "the plain road's message, count and bad lines");
+      require(built.full || built == wanted, "the reference's message, count and bad lines");
     }
   }
 }

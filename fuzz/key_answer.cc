@@ -25,7 +25,7 @@ void run(std::string_view input) {
     return pelorus::KeyResponse{200, std::string(input)};
   };
   Daemon daemon;
-  pelorus::NodeServer server(daemon.handler, daemon.settings, daemon.loop, daemon.resources, "");
+  pelorus::NodeServer server(daemon.handler, daemon.settings, daemon.loop, *daemon.resources, "");
   Peer peer(server, daemon.loop);
   skein::MsgpackWriter request;
   request.list(4).natural(0).natural(1).text("add").map(3);

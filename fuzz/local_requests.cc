@@ -7,7 +7,7 @@ namespace fuzz {
 
 void run(std::string_view input) {
   Daemon daemon;
-  pelorus::LocalServer server(daemon.handler, daemon.settings, daemon.loop, daemon.resources);
+  pelorus::LocalServer server(daemon.handler, daemon.settings, daemon.loop, *daemon.resources);
   daemon.serve(server, input);
   const auto& counted = daemon.handler.statistics();
   require(daemon.queued() == static_cast<std::size_t>(counted.messages),

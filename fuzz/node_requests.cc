@@ -31,7 +31,7 @@ pelorus::KeyOutcome answer(const std::string& key) {
 void run(std::string_view input) {
   web_server = answer;
   Daemon daemon;
-  pelorus::NodeServer server(daemon.handler, daemon.settings, daemon.loop, daemon.resources, "");
+  pelorus::NodeServer server(daemon.handler, daemon.settings, daemon.loop, *daemon.resources, "");
   daemon.serve(server, input);
   require(daemon.queued() <= static_cast<std::size_t>(daemon.handler.statistics().messages),
           "every queued message is counted");

@@ -7,7 +7,7 @@
 namespace fuzz {
 
 /// Graphite blocks to messages in the plainest way: cut a line into fields, translate by itself,
-/// copy byte by byte. What the daemon's fast road has to yield, down to the bytes that a timestamp
+/// copy byte by byte. What the daemon's fast path has to yield, down to the bytes that a timestamp
 /// of more than ten digits leaves in the buffer.
 class PlainGraphite {
  public:

@@ -2,7 +2,7 @@
 #include "pelorus/translate/series_translator.h"
 
 #include "fuzz/fuzz.h"
-#include "pelorus/translate/errors.h"
+#include "pelorus/translate/outcome.h"
 
 namespace fuzz {
 

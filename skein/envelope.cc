@@ -6,6 +6,8 @@
 #include <limits>
 #include <msgpack.hpp>
 
+#include "skein/text.h"
+
 namespace skein {
 namespace {
 
@@ -36,16 +38,6 @@ void read_name_and_args(Value name, Value args, Envelope& envelope) {
     envelope.name = *text;
     envelope.args = args;
   }
-}
-
-/// Bytes of the peer's may stand in an error; as text it must be good for every reader.
-std::string ascii(std::string_view text) {
-  std::string shown;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    byte >= ' ' && byte < 0x7F ? shown += c : shown += fmt::format("\\x{:02x}", byte);
-  }
-  return shown;
 }
 
 /// Lets the packer write to memory that has room for what comes.
@@ -116,7 +108,8 @@ std::string encode_reply(std::uint32_t msgid, const Reply& reply) {
 }
 
 std::string encode_error(std::uint32_t msgid, std::string_view error) {
-  return encode_outcome(msgid, ascii(error), nullptr);
+  // The peer's own bytes may stand in an error; as text it must be good for every reader.
+  return encode_outcome(msgid, as_ascii(error), nullptr);
 }
 
 }  // namespace skein

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "skein/errors.h"
+#include "skein/text.h"
 
 namespace skein {
 

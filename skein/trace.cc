@@ -14,15 +14,6 @@
 namespace skein {
 namespace {
 
-std::string demangled(const char* name) {
-  struct Free {
-    void operator()(char* text) const noexcept { std::free(text); }  // NOLINT: the ABI's contract
-  };
-  int status = 0;
-  std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
-  return status == 0 ? text.get() : name;
-}
-
 std::string line_of(void* address) {
   const auto at = reinterpret_cast<std::uintptr_t>(address);
   Dl_info info{};
@@ -36,6 +27,15 @@ std::string line_of(void* address) {
 }
 
 }  // namespace
+
+std::string demangled(const char* name) {
+  struct Free {
+    void operator()(char* text) const noexcept { std::free(text); }  // NOLINT: the ABI's contract
+  };
+  int status = 0;
+  std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
+  return status == 0 ? text.get() : name;
+}
 
 Trace Trace::here() noexcept {
   Trace trace;

@@ -6,6 +6,9 @@
 
 namespace skein {
 
+/// The name of a type or function as its source has it; `name` itself if it is not a mangled one.
+std::string demangled(const char* name);
+
 /// The call stack at one moment: return addresses only, so that taking one is cheap.
 /// Names are looked up when, and only when, somebody wants to read them.
 class Trace {

@@ -6,8 +6,8 @@
 #include <exception>
 
 #include "pelorus/ctl/rule_names.h"
-#include "pelorus/translate/display.h"
 #include "pelorus/translate/series_translator.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -38,7 +38,7 @@ std::string_view plugin_of(std::string_view series) {
 /// "load (equals \"load\")"; empty when no row of the translator's table takes the series.
 std::string rule_of(std::string_view series) {
   const std::string_view plugin = plugin_of(series);
-  const std::string padded = std::string(plugin) + std::string(translate::PIECE_SLACK, '\0');
+  const std::string padded = std::string(plugin) + std::string(translate::COPY_STEP, '\0');
   const auto rule = translate::choose_rule({padded.data(), plugin.size()});
   if (rule == nullptr) return "";
   const auto* row = std::ranges::find(translate::RULES, rule, &translate::RuleRow::rule);
@@ -54,7 +54,7 @@ TranslatedLine translate_line(std::string_view text) {
   const auto fields = fields_of(text);
   if (fields.size() != 1 && fields.size() != 3) {
     line.series = text;
-    line.error = fmt::format("Improperly formatted metric: \"{}\"", translate::display(text));
+    line.error = fmt::format("Improperly formatted metric: \"{}\"", skein::display(text));
     return line;
   }
   line.series = fields[0];

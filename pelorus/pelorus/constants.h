@@ -14,19 +14,19 @@ using namespace std::chrono_literals;
 
 /// A node key that was verified this long ago is verified again.
 constexpr int VALID_CUTOFF = 3600;  // seconds
-/// Points of a legacy submit request in a turn of the loop: about a millisecond's work, whatever
-/// numbers are in them.
+/// Points of a legacy submit request in a turn of the loop: about a millisecond of work, whatever
+/// numbers they hold.
 constexpr std::size_t POINTS_PER_TURN = 1024;
 /// Pending connections of either listening socket.
 constexpr int LISTEN_BACKLOG = 1024;
 /// Where node keys are verified: the origin is a build option, the path is the web application's.
 constexpr std::string_view NODE_KEY_VERIFICATION_API_URL =
     PELORUS_TIDEWELL_ORIGIN "/api/v4/nodes/key-verification/";
-/// Longest wait to connect to the web server, and for each piece of its answer.
+/// Longest wait to connect to the web server, and for each part of its answer.
 constexpr double NODE_API_TIMEOUT = 1.0;  // seconds
 /// Time between two reports of the daemon about itself.
 constexpr int STATS_INTERVAL = 10;  // seconds
-/// A node that vanished without a word is noticed after 300 + 4 × 8 seconds.
+/// A node that vanished without closing its connection is noticed after 300 + 4 × 8 seconds.
 constexpr int KEEPALIVE_IDLE = 300;  // seconds
 constexpr int KEEPALIVE_COUNT = 4;
 constexpr int KEEPALIVE_INTERVAL = 8;  // seconds

@@ -1,98 +1,85 @@
 #include "pelorus/pelorus/log.h"
 
-#include <cxxabi.h>
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <typeinfo>
 #include <utility>
 
-#include "pelorus/pelorus/stderr_sink.h"
+#include "pelorus/pelorus/log_writer.h"
 #include "skein/errors.h"
 
 namespace pelorus::log {
 namespace {
 
-struct LevelName {
-  std::string_view name;
-  spdlog::level::level_enum level;
-};
-constexpr std::array<LevelName, 4> LEVELS{{
-    {"debug", spdlog::level::debug},
-    {"info", spdlog::level::info},
-    {"warning", spdlog::level::warn},
-    {"error", spdlog::level::err},
-}};
+using Clock = std::chrono::system_clock;
 
-bool set_level(std::string_view name) {
-  for (const LevelName& row : LEVELS) {
-    if (row.name != name) continue;
-    logger().set_level(row.level);
+/// How long the end of the process may wait for the reader of the log.
+constexpr std::chrono::milliseconds LAST_WAIT{500};
+
+std::unique_ptr<LogWriter> standard_error() {
+  const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
+  return std::make_unique<LogWriter>(
+      STDERR_FILENO, journal ? LogWriter::Prefix::PRIORITY : LogWriter::Prefix::TIME);
+}
+
+struct State {
+  Level level = Level::INFO;
+  std::unique_ptr<LogWriter> writer = standard_error();
+  Capture capture;  ///< receives the lines in place of the writer, if set
+};
+
+State& state() {
+  static State instance;
+  return instance;
+}
+
+/// One record: `first`, then `others`.
+void add(Level level, std::string_view first, std::span<const std::string> others = {}) {
+  const Capture& capture = state().capture;
+  if (!capture) return state().writer->write(level, Clock::now(), first, others);
+  capture(level, first);
+  for (const std::string& line : others) capture(level, line);
+}
+
+/// False if no level has this name.
+bool set_level_named(std::string_view name) {
+  for (const Level level : {Level::DEBUG, Level::INFO, Level::WARNING, Level::ERROR}) {
+    if (name_of(level) != name) continue;
+    set_level(level);
     return true;
   }
   return false;
 }
 
-/// How long the end of the process may wait for who reads the log.
-constexpr std::chrono::milliseconds LAST_PATIENCE{500};
-
-std::shared_ptr<spdlog::sinks::sink> standard_error() {
-  const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
-  return std::make_shared<StderrSink>(
-      STDERR_FILENO, journal ? StderrSink::Prefix::PRIORITY : StderrSink::Prefix::TIME);
-}
-
-std::string kind_of(const std::exception& failure) {
-  const char* name = typeid(failure).name();
-  int status = 0;
-  const std::unique_ptr<char, void (*)(void*)> text(
-      abi::__cxa_demangle(name, nullptr, nullptr, &status), std::free);
-  return text ? text.get() : name;
-}
-
 }  // namespace
-
-spdlog::logger& logger() {
-  static spdlog::logger instance("pelorus", standard_error());
-  return instance;
-}
 
 void start() {
   std::signal(SIGPIPE, SIG_IGN);
-  set_sink(standard_error());
+  state().writer = standard_error();
+  state().capture = nullptr;
+  set_level(Level::INFO);
   const char* level = std::getenv("PELORUS_LOG_LEVEL");
-  set_level("info");
-  if (level != nullptr && !set_level(level)) {
+  if (level != nullptr && !set_level_named(level)) {
     warning("PELORUS_LOG_LEVEL \"{}\" is no level: logging at info", level);
   }
 }
 
-void finish() {
-  if (auto* sink = stderr_sink()) sink->finish(LAST_PATIENCE);
-}
+void attach(skein::Loop& loop) { state().writer->attach(loop); }
+void detach() { state().writer->detach(); }
+void finish() { state().writer->finish(LAST_WAIT); }
 
-void set_sink(std::shared_ptr<spdlog::sinks::sink> sink) { logger().sinks() = {std::move(sink)}; }
+void set_level(Level level) { state().level = level; }
+bool enabled(Level level) { return level >= state().level; }
 
-StderrSink* stderr_sink() { return dynamic_cast<StderrSink*>(logger().sinks().front().get()); }
-
-void hold(bool held) {
-  if (auto* sink = stderr_sink()) sink->hold(held);
-}
-
-void drop(std::uint64_t lines) {
-  if (auto* sink = stderr_sink()) return sink->drop(lines);
-  warning("{} log lines were dropped: more than could be written", lines);
-}
-
-void write(spdlog::level::level_enum level, fmt::string_view text, fmt::format_args arguments) {
-  if (!logger().should_log(level)) return;
+void write(Level level, fmt::string_view text, fmt::format_args arguments) {
+  if (!enabled(level)) return;
   fmt::memory_buffer line;
   fmt::vformat_to(fmt::appender(line), text, arguments);
-  logger().log(level, spdlog::string_view_t(line.data(), line.size()));
-  logger().flush();  // the end of the record
+  add(level, {line.data(), line.size()});
 }
 
 void exception(std::string_view text, const std::exception& failure) {
@@ -100,25 +87,29 @@ void exception(std::string_view text, const std::exception& failure) {
 }
 
 void exception(std::string_view text, std::span<const std::string> trace) {
-  if (!logger().should_log(spdlog::level::err)) return;
-  if (auto* sink = stderr_sink()) return sink->log_record(spdlog::level::err, text, trace);
-  logger().error(spdlog::string_view_t(text));
-  for (const std::string& line : trace) logger().error(spdlog::string_view_t(line));
-  logger().flush();
-}
-
-void print_trace(const std::exception& failure) {
-  for (const std::string& line : trace_lines(failure)) {
-    if (auto* sink = stderr_sink()) sink->print(line);
-  }
+  if (enabled(Level::ERROR)) add(Level::ERROR, text, trace);
 }
 
 std::vector<std::string> trace_lines(const std::exception& failure) {
   const auto* traced = dynamic_cast<const skein::Failure*>(&failure);
   const skein::Trace trace = traced != nullptr ? traced->trace() : skein::Trace::here();
-  std::vector<std::string> lines{fmt::format("{}: {}", kind_of(failure), failure.what())};
+  std::vector<std::string> lines{
+      fmt::format("{}: {}", skein::demangled(typeid(failure).name()), failure.what())};
   for (const std::string& frame : trace.lines()) lines.push_back("    " + frame);
   return lines;
 }
+
+void print_trace(const std::exception& failure) {
+  for (const std::string& line : trace_lines(failure)) state().writer->write_bare(line);
+}
+
+void hold(bool held) { state().writer->hold(held); }
+
+void drop(std::uint64_t lines) {
+  if (!state().capture) return state().writer->drop(lines);
+  state().capture(Level::WARNING, dropped_text(lines));
+}
+
+void set_capture(Capture capture) { state().capture = std::move(capture); }
 
 }  // namespace pelorus::log

@@ -1,25 +1,24 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <spdlog/logger.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <memory>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// The one logger of the daemon, named "pelorus". Control bytes in whatever is logged are escaped
-// by the sink, and a line never breaks in two. To log never waits: see StderrSink. Loop thread
-// only.
+namespace skein {
+class Loop;
+}
+
+// The log of the daemon. Logging never blocks and a line never breaks in two: see LogWriter.
+// Control bytes in whatever is logged are escaped. Loop thread only.
 namespace pelorus::log {
 
-class StderrSink;
-
-spdlog::logger& logger();
+enum class Level : std::uint8_t { DEBUG, INFO, WARNING, ERROR };
 
 /// Logs to standard error from now on, at the level that PELORUS_LOG_LEVEL names (debug, info,
 /// warning, error; info by default). Under the journal (JOURNAL_STREAM is set) each line, those of
@@ -27,55 +26,62 @@ spdlog::logger& logger();
 /// Ignores SIGPIPE: a log without a reader loses its lines and nothing else.
 void start();
 
-/// Writes out what still waits, at the end of the process: gives up after half a second.
+/// While the loop runs, the log writes at the end of each turn what has gathered in it. Borrows
+/// the loop until detach() or finish().
+void attach(skein::Loop& loop);
+/// From now on each record is written at once again.
+void detach();
+
+/// Writes what still waits, at the end of the process: gives up after half a second.
 void finish();
 
-/// Counts lines as dropped that would have come now. For who has more to say at once than the log
-/// takes (QUEUE_LINES, QUEUE_BYTES): it leaves the older ones unsaid, which the sink would drop.
-void drop(std::uint64_t lines);
+void set_level(Level level);
+/// Whether a line of this level would be written: ask before its text costs much to make.
+bool enabled(Level level);
 
-/// Between hold(true) and hold(false) lines gather, to be written in one go.
-void hold(bool held);
-
-/// Where start() has the lines go; none where a test has them go elsewhere.
-StderrSink* stderr_sink();
-/// Replaces where lines go. For tests.
-void set_sink(std::shared_ptr<spdlog::sinks::sink> sink);
-
-/// Formats and logs, or does neither where the level is off.
-void write(spdlog::level::level_enum level, fmt::string_view text, fmt::format_args arguments);
-
-/// Whether a line of this level would go anywhere: ask before its text costs much to make.
-inline bool enabled(spdlog::level::level_enum level) { return logger().should_log(level); }
+/// Formats and logs a record of one line, or does neither if the level is off.
+void write(Level level, fmt::string_view text, fmt::format_args arguments);
 
 template <class... Args>
 void debug(fmt::format_string<Args...> text, Args&&... args) {
-  write(spdlog::level::debug, text, fmt::make_format_args(args...));
+  write(Level::DEBUG, text, fmt::make_format_args(args...));
 }
 template <class... Args>
 void info(fmt::format_string<Args...> text, Args&&... args) {
-  write(spdlog::level::info, text, fmt::make_format_args(args...));
+  write(Level::INFO, text, fmt::make_format_args(args...));
 }
 template <class... Args>
 void warning(fmt::format_string<Args...> text, Args&&... args) {
-  write(spdlog::level::warn, text, fmt::make_format_args(args...));
+  write(Level::WARNING, text, fmt::make_format_args(args...));
 }
 template <class... Args>
 void error(fmt::format_string<Args...> text, Args&&... args) {
-  write(spdlog::level::err, text, fmt::make_format_args(args...));
+  write(Level::ERROR, text, fmt::make_format_args(args...));
 }
 
-/// Logs `text` at error level, then the failure's trace line by line: the stack that raised it
-/// where it is a skein::Failure, else the present one.
+/// Logs one record at error level: `text`, then the failure's trace line by line. The trace is the
+/// stack that raised the failure if it is a skein::Failure, else the present stack.
 void exception(std::string_view text, const std::exception& failure);
 
-/// The same with a trace that was taken before, for failures that many lines share.
+/// The same with a trace that was taken before, for failures that many records share.
 void exception(std::string_view text, std::span<const std::string> trace);
 
-/// The lines of a failure's trace, its kind and text first, as exception() logs them.
+/// The lines of a failure's trace, its type and text first, as exception() logs them.
 std::vector<std::string> trace_lines(const std::exception& failure);
 
-/// Writes those lines as they stand, without priority or time.
+/// Writes those lines without priority or time.
 void print_trace(const std::exception& failure);
+
+/// Between hold(true) and hold(false) records gather, to be written together.
+void hold(bool held);
+
+/// Counts lines as dropped. For a caller with more to log at once than the log's buffer takes
+/// (BUFFER_LINES, BUFFER_BYTES): it skips its oldest lines, which the buffer would drop.
+void drop(std::uint64_t lines);
+
+/// Receives each line in place of standard error.
+using Capture = std::function<void(Level level, std::string_view line)>;
+/// For tests and benchmarks.
+void set_capture(Capture capture);
 
 }  // namespace pelorus::log

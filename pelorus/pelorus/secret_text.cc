@@ -15,7 +15,7 @@ struct Escape {
   std::size_t digits;
 };
 constexpr std::array<Escape, 3> ESCAPES{{{"%", 2}, {"\\x", 2}, {"\\u", 4}}};
-/// Stand for themselves behind a backslash.
+/// Stand for themselves after a backslash.
 constexpr std::string_view QUOTED = "\\/\"'";
 
 /// The byte that `text` begins with, and how many bytes spell it.
@@ -50,7 +50,7 @@ std::string without_escapes(std::string_view text) {
   return plain;
 }
 
-bool ends_in_midst(std::string_view text, std::string_view secret) {
+bool ends_within(std::string_view text, std::string_view secret) {
   for (std::size_t size = std::min(secret.size(), text.size()); size >= TELLING_BYTES; --size) {
     if (text.ends_with(secret.substr(0, size))) return true;
   }
@@ -73,7 +73,7 @@ bool repeats(std::string_view text, std::string_view secret) {
 }
 
 bool breaks_off_in(std::string_view text, std::string_view secret) {
-  return in_any_spelling(text, secret, ends_in_midst);
+  return in_any_spelling(text, secret, ends_within);
 }
 
 std::string base64_decoded(std::string_view text) {

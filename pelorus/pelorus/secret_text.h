@@ -6,19 +6,17 @@
 
 namespace pelorus {
 
-/// Whether `text` holds `secret`: as it stands, percent-encoded or with a backslash's escapes,
-/// those of JSON and of our log, and with dashes anywhere. For answers of others that are to be
-/// logged.
+/// Whether `text` contains `secret`: as it is, percent-encoded, or with the backslash escapes of
+/// JSON or of our log; dashes do not count. For answers from outside that are to be logged.
 bool repeats(std::string_view text, std::string_view secret);
 
-/// Bytes that one byte may be spelt with: \u0041.
+/// Most bytes that spell one byte: \u0041.
 constexpr std::size_t LONGEST_SPELLING = 6;
 
-/// Whether `text`, as one that was cut may, ends in the midst of `secret`. Less than four bytes of
-/// it tell nothing.
+/// Whether `text`, which was cut, ends within `secret`. Fewer than four bytes of it do not count.
 bool breaks_off_in(std::string_view text, std::string_view secret);
 
-/// The bytes that Base64 text stands for, as far as it is some.
+/// The bytes that Base64 text encodes, up to the first byte that is not Base64.
 std::string base64_decoded(std::string_view text);
 
 }  // namespace pelorus

@@ -1,27 +1,20 @@
 #include "pelorus/pelorus/service.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <new>
 #include <optional>
 #include <span>
 
-#include "pelorus/pelorus/arguments.h"
 #include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/listen/local_server.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/log_pacer.h"
-#include "pelorus/pelorus/memory.h"
+#include "pelorus/pelorus/process.h"
 #include "pelorus/pelorus/profile.h"
-#include "pelorus/pelorus/service_status.h"
 #include "pelorus/pelorus/systemd_notify.h"
 #include "skein/resources.h"
 
@@ -37,39 +30,12 @@ void log_loop_failures(skein::Loop& loop) {
   });
 }
 
-/// What the process opens must not become its standard output by chance, and be written to.
-void open_standard_descriptors() {
-  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-    if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);  // takes the lowest number
-  }
-}
-
-/// The settings hold secrets, and so does the memory of whoever has read them: no core is written,
-/// and nobody but root looks into it.
-void keep_memory_private() { ::prctl(PR_SET_DUMPABLE, 0); }
-
-/// A peer that has gone is noticed by the call that writes to it, and a terminal that has gone is
-/// no reason to stop.
-void ignore_signals() {
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGHUP, SIG_IGN);
-}
-
-/// Each node takes a descriptor, and the usual soft limit of 1,024 is kept low for the sake of
-/// programs that use select().
-void raise_descriptor_limit() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-/// Whatever ends the process, its log gets out as far as anybody reads it.
-struct LastWords {
-  LastWords() = default;
-  LastWords(const LastWords&) = delete;
-  LastWords& operator=(const LastWords&) = delete;
-  ~LastWords() { log::finish(); }
+/// Whatever ends the process, what waits in the log is written as far as it is read.
+struct FinishLog {
+  FinishLog() = default;
+  FinishLog(const FinishLog&) = delete;
+  FinishLog& operator=(const FinishLog&) = delete;
+  ~FinishLog() { log::finish(); }
 };
 
 std::optional<Service> load_service(skein::Loop& loop) {
@@ -92,7 +58,7 @@ void run_service(Service& service, bool profiled) {
   try {
     profiled ? service.profile() : service.main();
   } catch (const skein::KeyboardInterrupt&) {
-    // Whoever sits at the terminal wanted it to end, and sees that it has.
+    // Somebody at the terminal has ended it, and sees that it has ended.
   } catch (const std::exception& failure) {
     log::exception(fmt::format("Unhandled exception: {}", failure.what()), failure);
   }
@@ -128,11 +94,12 @@ void Service::main() {
   loop_.call_in(STATS_INTERVAL, [&handler] { handler.send_stats(); });
   loop_.call_in(0, [] { systemd_notify("READY=1"); });
   const auto describe = [&handler] { return description(handler); };
+  log::attach(loop_);
   {
-    const log::Pacer pacer(log::stderr_sink(), loop_);
     const ServiceStatus status(describe, loop_);
     loop_.run();
   }
+  log::detach();
   systemd_notify("STOPPING=1");
   handler.stop();
   local_server.close();
@@ -162,7 +129,7 @@ int run_process(int argument_count, char** arguments) {
   raise_descriptor_limit();
   keep_freed_memory();
   log::start();
-  const LastWords last_words;
+  const FinishLog finish_log;
   skein::Loop& loop = skein::loops::loop();
   log_loop_failures(loop);
   loop.watch_signals();

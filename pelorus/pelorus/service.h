@@ -12,7 +12,7 @@ namespace pelorus {
 /// loop and releases them in order.
 class Service {
  public:
-  /// Reads the values that are settled at load. Throws SettingsError. Borrows the loop.
+  /// Reads the values that are fixed at load. Throws SettingsError. Borrows the loop.
   Service(Settings settings, skein::Loop& loop);
 
   /// Runs until the loop is stopped (SIGTERM). Throws whatever keeps it from starting, and
@@ -31,7 +31,7 @@ class Service {
   skein::Loop& loop_;
 };
 
-/// The whole process behind the command line. Returns its exit status: 1 when it could not load,
+/// The whole process, from its command line on. Returns its exit status: 1 if it could not load,
 /// else 0, also after a failure, which has been logged then.
 int run_process(int argument_count, char** arguments);
 

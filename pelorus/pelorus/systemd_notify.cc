@@ -1,14 +1,20 @@
 #include "pelorus/pelorus/systemd_notify.h"
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
+#include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/log.h"
 #include "skein/socket.h"
 
@@ -33,18 +39,58 @@ int send_datagram(std::string_view name, std::string_view state) {
   return sent < 0 ? errno : 0;
 }
 
+/// Sends a state to the socket that NOTIFY_SOCKET names. Returns 0 or the error number.
+int notify(std::string_view state) {
+  const char* name = std::getenv("NOTIFY_SOCKET");
+  return name == nullptr || *name == '\0' ? 0 : send_datagram(name, state);
+}
+
+/// A variable of the environment that holds a number; none when it is unset or empty.
+std::optional<std::int64_t> number_of(const char* variable) {
+  const char* value = std::getenv(variable);
+  const std::string_view text = value != nullptr ? value : "";
+  if (text.empty()) return std::nullopt;
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error == std::errc() && end == text.data() + text.size() && number > 0) return number;
+  log::warning("{} \"{}\" is not a number above 0: it is not heeded", variable, text);
+  return std::nullopt;
+}
+
+/// What WATCHDOG_USEC asks of this process; none if it asks nothing, or asks another process
+/// (WATCHDOG_PID).
+std::optional<std::chrono::microseconds> watchdog_interval() {
+  const auto process = number_of("WATCHDOG_PID");
+  if (process && *process != ::getpid()) return std::nullopt;
+  const auto interval = number_of("WATCHDOG_USEC");
+  if (!interval) return std::nullopt;
+  return std::chrono::microseconds(*interval);
+}
+
 }  // namespace
 
 void systemd_notify(std::string_view state) {
-  if (const int error = systemd_notify_quietly(state)) {
+  if (const int error = notify(state)) {
     log::warning("Cannot notify the service manager at {} of {}: {}", std::getenv("NOTIFY_SOCKET"),
                  state, std::generic_category().message(error));
   }
 }
 
-int systemd_notify_quietly(std::string_view state) {
-  const char* name = std::getenv("NOTIFY_SOCKET");
-  return name == nullptr || *name == '\0' ? 0 : send_datagram(name, state);
+ServiceStatus::ServiceStatus(Describe describe, skein::Loop& loop)
+    : describe_(std::move(describe)), loop_(loop), watchdog_(watchdog_interval()) {
+  if (std::getenv("NOTIFY_SOCKET") != nullptr) timer_ = loop_.call_in(0, [this] { report(); });
+}
+
+void ServiceStatus::report() {
+  timer_ = watchdog_ ? loop_.call_in(*watchdog_ / 2, [this] { report(); })
+                     : loop_.call_in(STATS_INTERVAL, [this] { report(); });
+  const int error =
+      notify(fmt::format("{}STATUS={}", watchdog_ ? "WATCHDOG=1\n" : "", describe_()));
+  if (error != 0 && !failed_) {
+    log::warning("Cannot tell the service manager the status: {}",
+                 std::generic_category().message(error));
+  }
+  failed_ = error != 0;
 }
 
 }  // namespace pelorus

@@ -1,15 +1,44 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
 #include <string_view>
 
+#include "skein/loops.h"
+
+// What the service manager hears: states, a line about the daemon, and signs of life.
 namespace pelorus {
 
-/// Tells the service manager a state, for example "READY=1": one datagram to the socket that
-/// NOTIFY_SOCKET names (a path, or an abstract name after '@'). Without it, nothing is sent.
-/// Never waits, and never throws for a failure to send: that is logged as a warning.
+/// Sends the service manager a state, for example "READY=1": one datagram to the socket that
+/// NOTIFY_SOCKET names (a path, or an abstract name after '@'). Without it, sends nothing. Never
+/// blocks, and never throws for a failure to send: that is logged as a warning.
 void systemd_notify(std::string_view state);
 
-/// The same without the warning. Returns 0, or the error number of the failure.
-int systemd_notify_quietly(std::string_view state);
+/// Keeps the service manager informed while the loop runs: a line about the state (STATUS=), and,
+/// if the manager watches for it (WATCHDOG_USEC), a sign of life (WATCHDOG=1) twice as often as it
+/// asks. Without a watchdog the line is sent once in STATS_INTERVAL. A failure to send is logged
+/// once until it works again.
+class ServiceStatus {
+ public:
+  using Describe = std::function<std::string()>;
+
+  /// `describe` makes the line. Begins on the next turn of the loop, which it borrows.
+  ServiceStatus(Describe describe, skein::Loop& loop);
+  ServiceStatus(const ServiceStatus&) = delete;
+  ServiceStatus& operator=(const ServiceStatus&) = delete;
+  ~ServiceStatus() { timer_.cancel(); }
+
+ private:
+  void report();
+
+  Describe describe_;
+  skein::Loop& loop_;
+  /// Without a sign for so long the manager ends the daemon; none if it does not watch.
+  std::optional<std::chrono::microseconds> watchdog_;
+  skein::Timer timer_;
+  bool failed_ = false;  ///< the last report
+};
 
 }  // namespace pelorus

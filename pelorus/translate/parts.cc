@@ -4,7 +4,7 @@
 
 namespace translate {
 
-Piece Parts::missing() noexcept {
+Slice Parts::missing() noexcept {
   fault_ = Outcome::PART_MISSING;
   return {series_.data(), 0};
 }
@@ -13,7 +13,7 @@ std::size_t Parts::look_up_end(std::size_t begin) const noexcept {
   return std::min(series_.find('.', begin), series_.size());
 }
 
-Piece Parts::look_up(std::size_t index) noexcept {
+Slice Parts::look_up(std::size_t index) noexcept {
   for (std::size_t begin = begin_; begin <= series_.size();) {
     const std::size_t end = look_up_end(begin);
     if (index-- == 0) return between(begin, end);
@@ -22,14 +22,14 @@ Piece Parts::look_up(std::size_t index) noexcept {
   return missing();
 }
 
-Piece Parts::last_but_one() noexcept {
+Slice Parts::last_but_one() noexcept {
   const std::size_t end = series_.rfind('.');
   if (end == std::string_view::npos || end < begin_) return missing();
   const std::size_t dot = end == 0 ? std::string_view::npos : series_.rfind('.', end - 1);
   return between(dot == std::string_view::npos || dot < begin_ ? begin_ : dot + 1, end);
 }
 
-Piece Parts::up_to_last(Piece begin) const noexcept {
+Slice Parts::up_to_last(Slice begin) const noexcept {
   const std::size_t last_dot = series_.rfind('.');
   const auto at = static_cast<std::size_t>(begin.data - series_.data());
   if (last_dot == std::string_view::npos || last_dot < at + begin.size) return begin;

@@ -1,12 +1,29 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "pelorus/translate/parts.h"
-#include "pelorus/translate/text.h"
+#include "pelorus/translate/slice.h"
 
 namespace translate {
+
+/// The names of one record as separate strings.
+struct TranslatedSeries {
+  std::string measurement;
+  std::string key;
+  std::vector<std::pair<std::string, std::string>> tags;  ///< in their order on the wire
+};
+
+/// What a concatenation writes, as a string by itself.
+template <class Names>
+[[gnu::cold, gnu::noinline]] std::string to_string(const Names& names) {
+  std::string text(names.size() + COPY_STEP, '\0');
+  text.resize(static_cast<std::size_t>(names.write(text.data()) - text.data()));
+  return text;
+}
 
 /// ",KEY=" as it goes to the wire.
 template <Padded KEY>
@@ -19,23 +36,23 @@ consteval auto tag_begin() {
 }
 
 /// A tag whose key is a literal.
-template <Padded KEY, class Value = Text<1>>
+template <Padded KEY, class Value = Concatenation<1>>
 struct Tag {
   Value value;
 
-  static constexpr std::size_t key_size() noexcept { return KEY.SIZE; }
+  static std::string key_text() { return std::string(KEY.slice().view()); }
   [[gnu::always_inline]] char* write(char* out) const noexcept {
     static constexpr auto BEGIN = tag_begin<KEY>();
-    return value.write(copy_in_steps(out, BEGIN.piece()));
+    return value.write(copy_in_steps(out, BEGIN.slice()));
   }
 };
 
 /// A tag whose key comes from the data.
 struct AnyTag {
-  Piece key;
-  Text<1> value;
+  Slice key;
+  Concatenation<1> value;
 
-  std::size_t key_size() const noexcept { return key.size; }
+  std::string key_text() const { return std::string(key.view()); }
   [[gnu::always_inline]] char* write(char* out) const noexcept {
     *out++ = ',';
     out = copy_in_steps(out, key);
@@ -45,60 +62,50 @@ struct AnyTag {
 };
 
 template <Padded KEY>
-Tag<KEY> tag(Piece value) noexcept {
-  return {text(value)};
+Tag<KEY> tag(Slice value) noexcept {
+  return {concat(value)};
 }
 template <Padded KEY, std::size_t COUNT>
 Tag<KEY, Replaced<COUNT>> tag(Replaced<COUNT> value) noexcept {
   return {value};
 }
-inline AnyTag tag(Piece key, Piece value) noexcept { return {key, text(value)}; }
+inline AnyTag tag(Slice key, Slice value) noexcept { return {key, concat(value)}; }
 
-/// Sizes of what a record's names consist of, by which they can be told apart.
-struct NameSizes {
-  struct OfTag {
-    std::size_t key = 0;
-    std::size_t value = 0;
-  };
-  std::size_t measurement = 0;
-  std::size_t key = 0;
-  std::array<OfTag, 3> tags{};  ///< the node, and at most two of a rule
-  std::size_t tag_count = 0;
-};
-
-/// Where a rule writes the names of its record, "measurement,tag=value… key=", the tags in the
-/// order in which they are given, behind the one of the source. A rule writes once or not at all.
+/// Where a rule writes the names of its record: "measurement,tag=value… key=", the tag of the
+/// source first, then the rule's tags in the order in which they are given. A rule writes once or
+/// not at all.
 class Record {
  public:
-  /// Room at `out` for whatever the parts come to, in steps. `sizes` may be null.
-  Record(const Parts& parts, char* out, NameSizes* sizes) noexcept
-      : parts_(parts), out_(out), sizes_(sizes) {}
+  /// There is room at `out` for whatever the parts come to, copied in steps. `separate`, which may
+  /// be null, receives the names as well: the bytes at `out` cannot be taken apart again, since
+  /// nothing in them is escaped.
+  Record(const Parts& parts, char* out, TranslatedSeries* separate) noexcept
+      : parts_(parts), out_(out), separate_(separate) {}
 
   /// The source's tag, the first of each record.
-  void set_node(Piece identifier) noexcept { node_ = identifier; }
+  void set_node(Slice identifier) noexcept { node_ = identifier; }
   bool has_node() const noexcept { return node_.data != nullptr; }
 
-  /// Nothing is written, and the fault is returned, if one of the parts was missing or the key is
-  /// empty.
+  /// If one of the parts was missing or the key is empty, writes nothing and returns the fault.
   template <class Measurement, class Key, class... Tags>
   [[gnu::always_inline]] Outcome write(const Measurement& measurement, const Key& key,
-                                       const Tags&... tags) noexcept {
-    return write_texts(as_text(measurement), as_text(key), tags...);
+                                       const Tags&... tags) {
+    return write_names(as_names(measurement), as_names(key), tags...);
   }
 
-  /// Behind what was written.
+  /// The end of what was written.
   char* end() const noexcept { return out_; }
 
  private:
-  static Text<1> as_text(Piece piece) noexcept { return text(piece); }
-  template <class AnyText>
-  static const AnyText& as_text(const AnyText& text) noexcept {
-    return text;
+  static Concatenation<1> as_names(Slice slice) noexcept { return concat(slice); }
+  template <class Names>
+  static const Names& as_names(const Names& names) noexcept {
+    return names;
   }
 
   template <class Measurement, class Key, class... Tags>
-  [[gnu::always_inline]] Outcome write_texts(const Measurement& measurement, const Key& key,
-                                             const Tags&... tags) noexcept {
+  [[gnu::always_inline]] Outcome write_names(const Measurement& measurement, const Key& key,
+                                             const Tags&... tags) {
     using namespace literals;
     if (parts_.fault() != Outcome::TRANSLATED) return parts_.fault();
     if (key.size() == 0) return Outcome::KEY_MISSING;
@@ -109,21 +116,19 @@ class Record {
     out = key.write(out);
     *out++ = '=';
     out_ = out;
-    if (sizes_ != nullptr) [[unlikely]] {
-      std::size_t count = 0;
-      if (has_node()) sizes_->tags[count++] = {"node"_p.size, node_.size};
-      ((sizes_->tags[count++] = {tags.key_size(), tags.value.size()}), ...);
-      sizes_->measurement = measurement.size();
-      sizes_->key = key.size();
-      sizes_->tag_count = count;
+    if (separate_ != nullptr) [[unlikely]] {
+      separate_->measurement = to_string(measurement);
+      separate_->key = to_string(key);
+      if (has_node()) separate_->tags.emplace_back("node", node_.view());
+      (separate_->tags.emplace_back(tags.key_text(), to_string(tags.value)), ...);
     }
     return Outcome::TRANSLATED;
   }
 
   const Parts& parts_;
   char* out_;
-  NameSizes* sizes_;
-  Piece node_{nullptr, 0};
+  TranslatedSeries* separate_;
+  Slice node_{nullptr, 0};
 };
 
 }  // namespace translate

@@ -19,7 +19,7 @@ struct RuleRow {
   std::string_view literal;
   Rule rule;
 
-  /// Whether every part that `later` takes is taken here already.
+  /// Whether this row takes every part that `later` takes.
   constexpr bool hides(const RuleRow& later) const noexcept {
     return test == RuleTest::STARTS_WITH ? later.literal.starts_with(literal)
                                          : later.test == test && later.literal == literal;
@@ -69,10 +69,15 @@ consteval bool every_row_reachable() {
 }
 static_assert(every_row_reachable());
 
-/// The first bytes of a plugin part, or of a literal, as words: compared in one step.
+/// The first bytes of a plugin part, or of a literal, as words: compared in one step. Bytes after
+/// the end of a short part or literal are masked off:
+///
+///     part      c p u - 0 . c p u - i d l e . v
+///     mask      1 1 1 1 0 0 0 0 0 0 0 0 0 0 0 0
+///     literal   c p u -
 struct FirstBytes {
   static constexpr std::size_t SIZE = 16;
-  static_assert(SIZE <= PIECE_SLACK);
+  static_assert(SIZE <= COPY_STEP);
 
   std::array<std::uint64_t, 2> words;
 };
@@ -83,7 +88,7 @@ struct WordRow {
   FirstBytes literal;
   FirstBytes mask;  ///< which of these bytes the literal has
 
-  bool matches(const FirstBytes& first, Piece plugin) const noexcept {
+  bool matches(const FirstBytes& first, Slice plugin) const noexcept {
     const auto differing = ((first.words[0] & mask.words[0]) ^ literal.words[0]) |
                            ((first.words[1] & mask.words[1]) ^ literal.words[1]);
     if (differing != 0) return false;
@@ -103,9 +108,9 @@ consteval WordRow word_row(const RuleRow& row) {
   return {row, std::bit_cast<FirstBytes>(literal), std::bit_cast<FirstBytes>(mask)};
 }
 
-/// The table as it is looked up: the rows whose literal begins with a given byte stand together, in
-/// the order of the table. As every literal begins with some byte, looking at these alone finds the
-/// same row as looking at all.
+/// The table as it is looked up: the rows whose literal begins with the same byte stand together,
+/// in the order of the table. A row matches only a part that begins with that byte, so looking at
+/// these rows alone finds the same row as looking at all.
 struct RulesByFirstByte {
   struct Range {
     std::uint8_t begin = 0;
@@ -130,9 +135,9 @@ consteval RulesByFirstByte rules_by_first_byte() {
   return by_byte;
 }
 
-/// The rule for a plugin part, which has PIECE_SLACK readable bytes behind its begin; null when no
-/// row matches.
-inline Rule choose_rule(Piece plugin) noexcept {
+/// The rule for a plugin part, which has COPY_STEP readable bytes from its start on; null if no row
+/// matches.
+inline Rule choose_rule(Slice plugin) noexcept {
   static constexpr RulesByFirstByte BY_BYTE = rules_by_first_byte();
   FirstBytes first;
   std::memcpy(&first, plugin.data, sizeof first);

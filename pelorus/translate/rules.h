@@ -3,9 +3,9 @@
 #include "pelorus/translate/parts.h"
 #include "pelorus/translate/record.h"
 
-// One rule per plugin. Each names its record's measurement, field key and tags, in this order; the
-// parts begin with the plugin part. Fixed offsets are applied blindly: collectd's naming is taken
-// for granted, whatever bytes stand there. No state, nothing is thrown.
+// One rule per plugin. Each writes its record's measurement, field key and tags, in this order; the
+// parts begin with the plugin part. Prefixes are dropped by their length, whatever bytes stand
+// there: collectd's naming is taken for granted. No state, nothing is thrown.
 namespace translate {
 
 using Rule = Outcome (*)(Record& record, Parts& parts);
@@ -40,7 +40,7 @@ Outcome tunnel(Record& record, Parts& parts);
 Outcome uptime(Record& record, Parts& parts);
 Outcome vmem(Record& record, Parts& parts);
 
-// These run behind `tunnel`, on the parts behind the plugin part.
+// `tunnel` calls these, with the parts after the plugin part.
 using TunnelTag = Tag<"tunnel">;
 Outcome tunnel_interface_statistics(Record& record, Parts& parts, TunnelTag tunnel);
 Outcome tunnel_balancer(Record& record, Parts& parts, TunnelTag tunnel);

@@ -49,7 +49,7 @@ constexpr std::array<BridgeRow, 6> BRIDGE_RULES{{
     {"outside_connection_queues",
      [](Record& record, Parts& parts, BridgeTag bridge) {
        // The single gauge of the older form has no name of its own.
-       const Piece name = parts[2];
+       const Slice name = parts[2];
        return record.write("bridge_outside_connection_queues"_p,
                            name == "value" ? "legacy"_p : name, bridge);
      }},
@@ -59,19 +59,19 @@ constexpr std::array<BridgeRow, 6> BRIDGE_RULES{{
      }},
     {"traffic_bytes",
      [](Record& record, Parts& parts, BridgeTag bridge) {
-       const Piece name = parts[2];  // outside_tx → bridge_outside_bytes tx
-       return record.write(text("bridge_"_p, without_last(name, 3), "_bytes"_p), last(name, 2),
+       const Slice name = parts[2];  // outside_tx → bridge_outside_bytes tx
+       return record.write(concat("bridge_"_p, drop_last(name, 3), "_bytes"_p), last(name, 2),
                            bridge);
      }},
 }};
 
 }  // namespace
 
-// tunnel-4.… → tunnel=4, and a rule for what is behind it
+// tunnel-4.… → tunnel=4, and a rule for the parts after it
 Outcome tunnel(Record& record, Parts& parts) {
-  const auto id = tag<"tunnel">(past(parts[0], "tunnel-"));
+  const auto id = tag<"tunnel">(drop_prefix(parts[0], "tunnel-"));
   parts.remove_first();
-  const Piece type = parts[0];
+  const Slice type = parts[0];
   if (parts[1] == "interface_statistics") return tunnel_interface_statistics(record, parts, id);
   if (type.size == 0) return Outcome::REFUSED;
   for (const SelectorRow& row : TUNNEL_RULES) {
@@ -84,10 +84,10 @@ Outcome tunnel(Record& record, Parts& parts) {
 // Kept: the tag's key comes from the data, the text before the dash. A key that is there already
 // keeps its place and gets the new value.
 Outcome tunnel_interface_statistics(Record& record, Parts& parts, TunnelTag tunnel) {
-  const auto pieces = split_at_dash(parts[0]);
-  if (!pieces) return Outcome::NOT_TWO_PIECES;
-  const auto [kind, instance] = *pieces;
-  const auto measurement = text(kind, "_interface_statistics"_p);
+  const auto sides = split_at_dash(parts[0]);
+  if (!sides) return Outcome::NO_DASH;
+  const auto [kind, instance] = *sides;
+  const auto measurement = concat(kind, "_interface_statistics"_p);
   if (kind == "tunnel") return record.write(measurement, parts[2], tag<"tunnel">(instance));
   if (kind == "node" && record.has_node()) {
     record.set_node(instance);
@@ -98,34 +98,35 @@ Outcome tunnel_interface_statistics(Record& record, Parts& parts, TunnelTag tunn
 
 // link_2.latency.value → link_latency,link=2 value
 Outcome tunnel_link(Record& record, Parts& parts, TunnelTag tunnel) {
-  const auto link = tag<"link">(past(parts[0], "link_"));
-  const Piece type = parts[1];
-  const Piece key = parts[2];
+  const auto link = tag<"link">(drop_prefix(parts[0], "link_"));
+  const Slice type = parts[1];
+  const Slice key = parts[2];
   if (starts_with(type, "link_")) return record.write(type, key, tunnel, link);
-  return record.write(text("link_"_p, type), key, tunnel, link);
+  return record.write(concat("link_"_p, type), key, tunnel, link);
 }
 
 // tun_traffic.rx → tunnel_traffic rx
 Outcome tunnel_statistics(Record& record, Parts& parts, TunnelTag tunnel) {
-  const Piece type = parts[0];
+  const Slice type = parts[0];
   if (!starts_with(type, "tun_")) return record.write(type, parts[1], tunnel);
-  return record.write(text("tunnel_"_p, past(type, "tun_")), parts[1], tunnel);
+  return record.write(concat("tunnel_"_p, drop_prefix(type, "tun_")), parts[1], tunnel);
 }
 
 // reorderer.drops.count → tunnel_reorderer_drops count
 Outcome tunnel_reorderer(Record& record, Parts& parts, TunnelTag tunnel) {
-  return record.write(text("tunnel_reorderer_"_p, parts[1]), parts[2], tunnel);
+  return record.write(concat("tunnel_reorderer_"_p, parts[1]), parts[2], tunnel);
 }
 
 // compressor.ratios.in → tunnel_compressor_ratio in
 // Kept: one byte, the plural's "s", goes here and not in tunnel_reorderer.
 Outcome tunnel_compressor(Record& record, Parts& parts, TunnelTag tunnel) {
-  return record.write(text("tunnel_compressor_"_p, without_last(parts[1], 1)), parts[2], tunnel);
+  return record.write(concat("tunnel_compressor_"_p, drop_last(parts[1], 1)), parts[2], tunnel);
 }
 
 // packet_protocols_udp.value → tunnel_packet_protocols udp
 Outcome tunnel_packet_protocols(Record& record, Parts& parts, TunnelTag tunnel) {
-  return record.write("tunnel_packet_protocols"_p, past(parts[0], "packet_protocols_"), tunnel);
+  return record.write("tunnel_packet_protocols"_p, drop_prefix(parts[0], "packet_protocols_"),
+                      tunnel);
 }
 
 // balancer.flows.active.value → tunnel_balancer_flows active
@@ -135,20 +136,21 @@ Outcome tunnel_balancer(Record& record, Parts& parts, TunnelTag tunnel) {
 
 // link-7.packet_loss.value → link_packet_loss,link=7 value
 Outcome link_packet_loss(Record& record, Parts& parts) {
-  return record.write("link_packet_loss"_p, "value"_p, tag<"link">(past(parts[0], "link-")));
+  return record.write("link_packet_loss"_p, "value"_p, tag<"link">(drop_prefix(parts[0], "link-")));
 }
 
 // aggregation-cpu-average.cpu-idle → aggregation_cpu_average idle
 Outcome aggregation_cpu_average(Record& record, Parts& parts) {
-  return record.write("aggregation_cpu_average"_p, past(parts[1], "cpu-"));
+  return record.write("aggregation_cpu_average"_p, drop_prefix(parts[1], "cpu-"));
 }
 
 // aggregator.tun_sent.bytes → aggregator_tunnel_sent bytes; aggregator.flows.open →
 // aggregator_flows
 Outcome aggregator(Record& record, Parts& parts) {
-  const Piece type = parts[1];
-  return record.write(starts_with(type, "tun") ? text("aggregator_tunnel_"_p, past(type, "tun_"))
-                                               : text("aggregator_"_p, type),
+  const Slice type = parts[1];
+  return record.write(starts_with(type, "tun")
+                          ? concat("aggregator_tunnel_"_p, drop_prefix(type, "tun_"))
+                          : concat("aggregator_"_p, type),
                       parts[2]);
 }
 
@@ -157,12 +159,12 @@ Outcome aggregator(Record& record, Parts& parts) {
 Outcome aggfail(Record& record, Parts& parts) {
   constexpr std::string_view FAILED = "failed_checks";
   constexpr std::string_view SUCCESSFUL = "successful_checks";
-  const Piece name = past(parts[1], "gauge-");
+  const Slice name = drop_prefix(parts[1], "gauge-");
   if (name.view().find(FAILED) != std::string_view::npos) {
-    return record.write(parts[0], text(without_last(name, FAILED.size()), "failures"_p));
+    return record.write(parts[0], concat(drop_last(name, FAILED.size()), "failures"_p));
   }
   if (name.view().find(SUCCESSFUL) != std::string_view::npos) {
-    return record.write(parts[0], text(without_last(name, SUCCESSFUL.size()), "successes"_p));
+    return record.write(parts[0], concat(drop_last(name, SUCCESSFUL.size()), "successes"_p));
   }
   return record.write(parts[0], name);
 }
@@ -175,8 +177,8 @@ Outcome status(Record& record, Parts& parts) {
 
 // bridge-main.open_connections.value → bridge_connections,bridge=main open
 Outcome bridge(Record& record, Parts& parts) {
-  const auto id = tag<"bridge">(past(parts[0], "bridge-"));
-  const Piece type = parts[1];
+  const auto id = tag<"bridge">(drop_prefix(parts[0], "bridge-"));
+  const Slice type = parts[1];
   for (const BridgeRow& row : BRIDGE_RULES) {
     if (type.view() == row.type) return row.rule(record, parts, id);
   }

@@ -2,10 +2,7 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-#include "pelorus/translate/errors.h"
 #include "pelorus/translate/outcome.h"
 #include "pelorus/translate/record.h"
 
@@ -14,40 +11,44 @@ namespace translate {
 /// The text of an outcome's failure: `Could not translate "b'…'": reason`, or what was unexpected.
 std::string failure_text(Outcome outcome, std::string_view series);
 
-/// A translated name that stands by itself.
-struct TranslatedSeries {
-  std::string measurement;
-  std::string key;
-  std::vector<std::pair<std::string, std::string>> tags;  ///< in their order on the wire
-};
-
 /// Room for the names of a series of so many bytes: a rule writes each byte seven times at most,
 /// next to literals, and in steps that reach somewhat further.
 constexpr std::size_t names_bytes_at_most(std::size_t series_bytes) {
   return 8 * series_bytes + 256;
 }
 
-/// Where the names of a record end; they begin where they were asked for. Good when TRANSLATED.
+/// Where the names of a record end; they begin where they were asked for. Good if TRANSLATED.
 struct NamesWritten {
   char* end;
   Outcome outcome;
 };
 
 /// Handles the conversion of Graphite series names to line-protocol measurement, field key and
-/// tags. Holds no state: one serves any number of callers.
+/// tags:
+///
+///     node12 . disk-sda . disk_octets . read  →  disk,node=12,device=sda read_octets
+///     source   plugin     type          instance
+///
+/// 1. Splits the name at its dots and takes the first part, the source, off: "node" and an
+///    identifier give the tag "node", "m…" gives none.
+/// 2. Looks the plugin part up in a table of rules (rule_table.h); the first row that matches wins.
+/// 3. The rule names measurement, field key and tags as slices of the name and literals, and the
+///    record copies them (record.h).
+///
+/// Holds no state: one serves any number of callers.
 class GraphiteSeriesTranslator {
  public:
-  /// Splits the name at its dots, reads the source from the first part, and lets the rule of the
-  /// plugin part make the rest. Throws GraphiteSeriesTranslationError, or UnexpectedSeriesError
-  /// for a name that its rule does not check for.
+  /// Throws GraphiteSeriesTranslationError, or UnexpectedSeriesError for a name that its rule does
+  /// not check for.
   TranslatedSeries translate(std::string_view series) const;
 
-  /// The same without throwing or allocating, for the road of each line: writes
+  /// The same without throwing or allocating, for the fast path of each line: writes
   /// "measurement,tag=value… key=" to `out`, which has room for names_bytes_at_most, and nothing if
-  /// the name cannot be translated. `series` has PIECE_SLACK readable bytes behind it, and `ends`
-  /// are those of its parts.
+  /// the name cannot be translated. `series` has COPY_STEP readable bytes of padding after it, and
+  /// `ends` are those of its parts. `separate`, if given, receives the names one by one, which
+  /// allocates.
   NamesWritten translate(std::string_view series, PartEnds ends, char* out,
-                         NameSizes* sizes = nullptr) const noexcept;
+                         TranslatedSeries* separate = nullptr) const;
 };
 
 }  // namespace translate

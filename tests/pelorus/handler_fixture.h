@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "support/body_of.h"
 #include "support/fake_clock.h"

@@ -1,14 +1,11 @@
 #pragma once
 
-#include <spdlog/sinks/base_sink.h>
-
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace support {
 
-/// Collects what the daemon logs for as long as it lives, every level included.
+/// Collects what the daemon logs for as long as it lives, every level included. One at a time.
 class LogCapture {
  public:
   struct Line {
@@ -18,16 +15,17 @@ class LogCapture {
   };
 
   LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture();
 
-  std::vector<Line> lines() const;
+  const std::vector<Line>& lines() const { return lines_; }
   /// Texts of one level, in order.
   std::vector<std::string> texts(const std::string& level) const;
-  void clear();
+  void clear() { lines_.clear(); }
 
  private:
-  class Sink;
-  std::shared_ptr<Sink> sink_;  // shared with the logger
+  std::vector<Line> lines_;
 };
 
 }  // namespace support

@@ -8,7 +8,7 @@
 
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/secret_text.h"
-#include "pelorus/translate/display.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -122,7 +122,7 @@ std::string InfluxHTTPRequest::excerpt(std::optional<std::string_view> data) con
   if (text.empty()) text = exchange_.response().line();
   if (text.empty()) return "";
   if (repeats_credentials(text)) return ": an answer that repeats the credentials";
-  return ": " + translate::display(text.substr(0, EXCERPT_BYTES));
+  return ": " + skein::display(text.substr(0, EXCERPT_BYTES));
 }
 
 /// Whether the excerpt holds the credentials, encoded or decoded, or breaks off in them.

@@ -6,10 +6,10 @@
 #include <exception>
 #include <utility>
 
-#include "pelorus/pelorus/line_queue.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/translate/display.h"
+#include "pelorus/pelorus/log_writer.h"
 #include "pelorus/translate/series_translator.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -17,15 +17,14 @@ namespace {
 using translate::Outcome;
 
 /// Each bad line takes a line of the log at least.
-constexpr std::size_t RING_SIZE = log::QUEUE_LINES;
+constexpr std::size_t RING_SIZE = log::BUFFER_LINES;
 static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it still fits a line");
 
 }  // namespace
 
-BadLines::BadLines(Ingested& ingested)
-    : ingested_(ingested), warns_(log::enabled(spdlog::level::warn)) {}
+BadLines::BadLines() : warns_(log::enabled(log::Level::WARNING)) {}
 
-// Short of memory, it stays silent: the block has failed as well then, and that is told.
+// Out of memory, it stays silent: the block has failed as well then, and that is logged.
 BadLines::~BadLines() {
   try {
     block_ends();
@@ -34,13 +33,13 @@ BadLines::~BadLines() {
 }
 
 void BadLines::improperly_formatted(std::string_view line) {
-  if (!line.empty()) note(line, Outcome::TRANSLATED);
+  if (!line.empty()) count(line, Outcome::TRANSLATED);
   if (warns_) add(line, Outcome::TRANSLATED);
 }
 
 void BadLines::empty_lines(std::size_t count) {
   if (!warns_) return;
-  if (count > RING_SIZE) {  // these alone are all that the log can take
+  if (count > RING_SIZE) {  // the log takes no more than these
     while (begin_ < end_) skip_oldest();
     skipped_ += count - RING_SIZE;
     count = RING_SIZE;
@@ -49,7 +48,7 @@ void BadLines::empty_lines(std::size_t count) {
 }
 
 void BadLines::not_translated(std::string_view series, Outcome outcome) {
-  note(series, outcome);
+  count(series, outcome);
   const bool unexpected = is_unexpected(outcome);
   if (unexpected && trace_.empty()) {
     trace_ = log::trace_lines(translate::UnexpectedSeriesError(""));
@@ -59,8 +58,8 @@ void BadLines::not_translated(std::string_view series, Outcome outcome) {
   if (unexpected || warns_) add(series, outcome);
 }
 
-void BadLines::note(std::string_view text, Outcome outcome) {
-  ++ingested_.bad_lines;
+void BadLines::count(std::string_view text, Outcome outcome) {
+  ++count_;
   last_.text = text;
   last_.outcome = outcome;
 }
@@ -68,7 +67,7 @@ void BadLines::note(std::string_view text, Outcome outcome) {
 void BadLines::add(std::string_view text, Outcome outcome) {
   lines_ += lines_of(outcome);
   bytes_ += bytes_of(text, outcome);
-  while (begin_ < end_ && (lines_ > log::QUEUE_LINES || bytes_ > log::QUEUE_BYTES)) skip_oldest();
+  while (begin_ < end_ && (lines_ > log::BUFFER_LINES || bytes_ > log::BUFFER_BYTES)) skip_oldest();
   if (ring_.size() < RING_SIZE) {
     ring_.push_back({text, outcome});
   } else {
@@ -105,15 +104,17 @@ void BadLines::block_ends() {
     log::hold(false);
   }
   lines_ = bytes_ = 0;
-  if (last_.text.empty()) return;
-  ingested_.last_warning = text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);
-  last_ = {};
+}
+
+std::string BadLines::last_warning() const {
+  if (count_ == 0) return {};
+  return text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);
 }
 
 std::string BadLines::text_of(const BadLine& line, std::size_t shown_bytes) {
   const auto shown = line.text.substr(0, shown_bytes);
   if (line.outcome != Outcome::TRANSLATED) return failure_text(line.outcome, shown);
-  return fmt::format("Improperly formatted metric: \"{}\"", translate::display(shown));
+  return fmt::format("Improperly formatted metric: \"{}\"", skein::display(shown));
 }
 
 void BadLines::log(const BadLine& line) {

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "pelorus/pelorus/ingest/graphite_message.h"
-#include "pelorus/pelorus/ingest/ingested.h"
 
 namespace pelorus {
 
@@ -15,22 +14,28 @@ constexpr std::size_t SHOWN_BYTES = 64U << 10;
 /// As much of a warning as is kept for the status.
 constexpr std::size_t KEPT_WARNING_BYTES = 160;
 
-/// Logs the bad lines of one block, in order, when the block ends: only as many of the newest as
-/// the log can take are put into words, and the log is told the number of the others. So a block of
-/// a million line ends costs next to nothing. All lines that fail in an unexpected way fail in the
-/// same place: the trace is taken once. What was bad is noted for the status, whatever is logged.
+/// Logs the bad lines of one block, in order, when the block ends: a ring buffer of the newest, as
+/// many as the log's buffer takes. Only those are formatted, and the log is told the number of the
+/// others, so a block of a million line ends costs next to nothing. All lines that fail in an
+/// unexpected way fail in the same place: the trace is taken once. Counts the bad lines for the
+/// status, whether they are logged or not.
 class BadLines : public BadLineReporter {
  public:
-  explicit BadLines(Ingested& ingested);
+  BadLines();
   BadLines(const BadLines&) = delete;
   BadLines& operator=(const BadLines&) = delete;
-  /// Logs what is left, where a failure has ended the block.
+  /// Logs what is left, if a failure has ended the block.
   ~BadLines() override;
 
   void improperly_formatted(std::string_view line) override;
   void empty_lines(std::size_t count) override;
   void not_translated(std::string_view series, translate::Outcome outcome) override;
   void block_ends() override;
+
+  /// Bad lines so far. An empty line does not count: every block ends with one.
+  std::uint64_t count() const noexcept { return count_; }
+  /// The start of the last one's warning; empty if there was none. The block must still be there.
+  std::string last_warning() const;
 
  private:
   struct BadLine {
@@ -39,30 +44,28 @@ class BadLines : public BadLineReporter {
   };
 
   void add(std::string_view text, translate::Outcome outcome);
-  void note(std::string_view text, translate::Outcome outcome);
+  void count(std::string_view text, translate::Outcome outcome);
   void skip_oldest();
-  /// What it comes to in the log: its lines, and its bytes at least.
+  /// Its lines in the log, and its bytes there at least.
   std::size_t lines_of(translate::Outcome outcome) const;
   std::size_t bytes_of(std::string_view text, translate::Outcome outcome) const;
   static std::string text_of(const BadLine& line, std::size_t shown_bytes);
   void log(const BadLine& line);
   void log_unexpected(const std::string& text);
 
-  Ingested& ingested_;
-  const bool warns_;  ///< warnings are logged, and not only errors
-  BadLine last_;      ///< that is noted
-  /// The newest, as a ring once it has grown to its full size.
+  const bool warns_;         ///< whether warnings are logged, and not only errors
+  std::uint64_t count_ = 0;  ///< empty lines left out
+  BadLine last_;             ///< the last that was counted
   std::vector<BadLine> ring_;
-  std::uint64_t begin_ = 0, end_ = 0;  ///< numbers of the first in the ring, and behind the last
-  std::size_t lines_ = 0, bytes_ = 0;  ///< what those in the ring come to
-  std::uint64_t skipped_ = 0;          ///< lines of the log that were left unsaid
-  std::string kind_;                   ///< what the first line of such a trace begins with
-  std::vector<std::string> trace_;     ///< of the failures that nobody expects
+  std::uint64_t begin_ = 0, end_ = 0;  ///< numbers of the first in the ring, and after the last
+  std::size_t lines_ = 0, bytes_ = 0;  ///< in the log, of those in the ring
+  std::uint64_t skipped_ = 0;          ///< lines of the log that were left out
+  std::string kind_;                   ///< what the first line of a trace begins with
+  std::vector<std::string> trace_;     ///< of the unexpected failures
   std::size_t trace_bytes_ = 0;
 };
 
-/// `text`, which shows `shown` or its first SHOWN_BYTES, and the number of the bytes that it does
-/// not show.
+/// `text`, which shows `shown` or its first SHOWN_BYTES, with the number of bytes left out.
 std::string with_left_out(std::string text, std::string_view shown);
 
 }  // namespace pelorus

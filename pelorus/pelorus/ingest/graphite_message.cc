@@ -21,15 +21,8 @@ constexpr std::string_view NANOSECONDS = "000000000\n";
 /// One very long line does not keep its memory.
 constexpr std::size_t KEPT_BYTES = 1U << 20;
 constexpr std::size_t TIME_BYTES = TIMESTAMP_BYTES + NANOSECONDS.size();
-// What copying in steps writes too far, the blank, the timestamp and the zeros of the same record
-// cover again: behind a record the buffer holds what it held.
-static_assert(TIME_BYTES >= translate::PIECE_SLACK);
-
-#ifdef __SSE2__
-using BestScanner = VectorScanner;
-#else
-using BestScanner = PlainScanner;
-#endif
+// What a copy in steps writes too much is covered by the rest of the same record.
+static_assert(TIME_BYTES >= translate::COPY_STEP);
 
 /// "value " or "valuei ", with the "i" of an integer.
 char* write_value(char* out, std::string_view value, bool integer) {
@@ -39,7 +32,7 @@ char* write_value(char* out, std::string_view value, bool integer) {
   return out + (integer ? 2 : 1);
 }
 
-void give_back_if_large(std::string& text) {
+void free_if_large(std::string& text) {
   if (text.capacity() > KEPT_BYTES) text = {};
 }
 
@@ -58,58 +51,46 @@ OutputBuffer::~OutputBuffer() { ::munmap(bytes_, size_); }
 
 GraphiteMessage::GraphiteMessage(std::size_t buffer_bytes) : buffer_(buffer_bytes) {}
 
-GraphiteMessage::Built GraphiteMessage::build(std::string_view block, BadLineReporter& reporter) {
-  return build_with<BestScanner>(block, reporter);
-}
-
-GraphiteMessage::Built GraphiteMessage::build_plainly(std::string_view block,
-                                                      BadLineReporter& reporter) {
-  return build_with<PlainScanner>(block, reporter);
-}
-
 template <class Scanner>
-GraphiteMessage::Built GraphiteMessage::build_with(std::string_view block,
-                                                   BadLineReporter& reporter) {
+GraphiteMessage::Built GraphiteMessage::build(std::string_view block, BadLineReporter& reporter) {
   position_ = buffer_.begin();
   num_metrics_ = 0;
-  // Lines are scanned in windows that reach beyond their end: those that end near the end of the
-  // block, and the last one, which has no line end, are copied to where there is room behind them.
-  const std::size_t safe = block.size() > SCAN_SLACK ? block.size() - SCAN_SLACK : 0;
+  const std::size_t safe = block.size() > SCAN_PADDING ? block.size() - SCAN_PADDING : 0;
   const std::size_t tail = safe == 0 ? 0 : block.rfind('\n', safe - 1) + 1;
   add_lines<Scanner>(block.data(), block.data() + tail, reporter);
-  tail_.reserve(block.size() - tail + 1 + SCAN_SLACK);
+  tail_.reserve(block.size() - tail + 1 + SCAN_PADDING);
   tail_.assign(block.substr(tail)).push_back('\n');
   const std::size_t size = tail_.size();
-  tail_.append(SCAN_SLACK, '\0');
+  tail_.append(SCAN_PADDING, '\0');
   add_lines<Scanner>(tail_.data(), tail_.data() + size, reporter);
   reporter.block_ends();
-  give_back_if_large(tail_);
-  give_back_if_large(names_);
+  free_if_large(tail_);
+  free_if_large(names_);
   return {{buffer_.begin(), static_cast<std::size_t>(position_ - buffer_.begin())}, num_metrics_};
 }
 
 template <class Scanner>
 void GraphiteMessage::add_lines(const char* begin, const char* end, BadLineReporter& reporter) {
   while (begin != end) {
-    UsualLine usual;
-    if (Scanner::scan(begin, usual) && add_usual_line(usual, reporter)) [[likely]] {
-      begin = usual.end() + 1;
+    FastPathLine fast;
+    if (Scanner::scan(begin, fast) && add_fast(fast, reporter)) [[likely]] {
+      begin = fast.end() + 1;
       continue;
     }
     if (*begin == '\n') {
-      const char* const behind = std::find_if(begin, end, [](char c) { return c != '\n'; });
-      reporter.empty_lines(static_cast<std::size_t>(behind - begin));
-      begin = behind;
+      const char* const after = std::find_if(begin, end, [](char c) { return c != '\n'; });
+      reporter.empty_lines(static_cast<std::size_t>(after - begin));
+      begin = after;
       continue;
     }
     ScannedLine line;
     begin = scan_line(begin, line);
-    add_line(line, reporter);
+    add_slowly(line, reporter);
   }
 }
 
-/// False when the record may not fit the buffer.
-bool GraphiteMessage::add_usual_line(const UsualLine& line, BadLineReporter& reporter) {
+/// False if the record may not fit the buffer.
+bool GraphiteMessage::add_fast(const FastPathLine& line, BadLineReporter& reporter) {
   if (line.value == "nan") return true;
   const auto room = static_cast<std::size_t>(buffer_.end() - position_);
   if (room < names_bytes_at_most(line.series.size()) + line.value.size() + TIME_BYTES) return false;
@@ -126,7 +107,7 @@ bool GraphiteMessage::add_usual_line(const UsualLine& line, BadLineReporter& rep
   return true;
 }
 
-void GraphiteMessage::add_line(const ScannedLine& line, BadLineReporter& reporter) {
+void GraphiteMessage::add_slowly(const ScannedLine& line, BadLineReporter& reporter) {
   if (line.field_count != line.fields.size()) return reporter.improperly_formatted(line.line);
   const auto& [series, value, timestamp] = line.fields;
   if (value == "nan") return;
@@ -145,12 +126,17 @@ void GraphiteMessage::add_line(const ScannedLine& line, BadLineReporter& reporte
                     size, room, buffer_.size()));
   }
   char* const out = std::ranges::copy(names_, position_).out;
-  // Kept: ten bytes are copied and the timestamp's length is stepped over. Of a longer one the
-  // buffer keeps what it held between its tenth byte and the zeros.
+  // Kept: ten bytes are copied, and the position advances by the timestamp's length. After the
+  // tenth byte of a longer one the record shows what the buffer held.
   std::memcpy(out, timestamp.data(), std::min(timestamp.size(), TIMESTAMP_BYTES));
   std::ranges::copy(NANOSECONDS, out + timestamp.size());
   position_ += size;
   ++num_metrics_;
 }
+
+template GraphiteMessage::Built GraphiteMessage::build<VectorScanner>(std::string_view,
+                                                                      BadLineReporter&);
+template GraphiteMessage::Built GraphiteMessage::build<FallbackScanner>(std::string_view,
+                                                                        BadLineReporter&);
 
 }  // namespace pelorus

@@ -11,9 +11,6 @@
 
 namespace pelorus {
 
-/// Size of the output buffer of the daemon. Memory is taken as it is written to.
-constexpr std::size_t GRAPHITE_BUFFER_BYTES = 500'000'000;
-
 /// A fixed run of memory that starts as zeros and costs nothing until it is used.
 class OutputBuffer {
  public:
@@ -32,8 +29,8 @@ class OutputBuffer {
   std::size_t size_;
 };
 
-/// Hears of the lines of a block that yield no record: views, good until block_ends() or the
-/// failure that ends the build.
+/// Receives the lines of a block that yield no record, as views that are valid until block_ends()
+/// or the failure that ends the build.
 class BadLineReporter {
  public:
   virtual ~BadLineReporter() = default;
@@ -48,8 +45,26 @@ class BadLineReporter {
   virtual void block_ends() {}
 };
 
+class VectorScanner;
+
 /// Builds line-protocol messages out of blocks of Graphite lines, in one buffer that is reused.
 /// Pure: no clock, no log, no socket.
+///
+/// A line takes the fast path if the scanner knows its form and its record is sure to fit: it is
+/// translated straight into the buffer. Any other line takes the slow path, to the same bytes.
+///
+/// A scanner reads beyond the end of a line, so the last lines of a block are copied to where there
+/// is padding after them:
+///
+///     block    line \n line \n … line \n│line \n line
+///                                       │├─ within SCAN_PADDING bytes of the end ─┤
+///     tail_                              line \n line \n │ SCAN_PADDING zeros │
+///
+/// Copies in steps write beyond the end of a name; what they write there, the blank, the timestamp
+/// and the zeros of the same record cover again. So after a record the buffer holds what it held:
+///
+///     buffer_  records written │ names= │value│i│ │timestamp│000000000\n│ untouched
+///                              position_
 class GraphiteMessage {
  public:
   struct Built {
@@ -57,26 +72,24 @@ class GraphiteMessage {
     std::int64_t num_metrics = 0;  ///< records in it
   };
 
-  explicit GraphiteMessage(std::size_t buffer_bytes = GRAPHITE_BUFFER_BYTES);
+  explicit GraphiteMessage(std::size_t buffer_bytes);
 
   /// One record per good line of `block`, in order; the others go to `reporter`, save those whose
   /// value is "nan", which are skipped silently. A block that ends in "\n" has a last, empty line.
-  /// Throws OutputBufferFullError when a record does not fit the buffer.
+  /// `Scanner` is VectorScanner or FallbackScanner, which yield the same. Throws
+  /// OutputBufferFullError if a record does not fit the buffer.
+  template <class Scanner = VectorScanner>
   Built build(std::string_view block, BadLineReporter& reporter);
-  /// The same without the processor's vector instructions.
-  Built build_plainly(std::string_view block, BadLineReporter& reporter);
 
  private:
   template <class Scanner>
-  Built build_with(std::string_view block, BadLineReporter& reporter);
-  template <class Scanner>
   void add_lines(const char* begin, const char* end, BadLineReporter& reporter);
-  bool add_usual_line(const UsualLine& line, BadLineReporter& reporter);
-  void add_line(const ScannedLine& line, BadLineReporter& reporter);
+  bool add_fast(const FastPathLine& line, BadLineReporter& reporter);
+  void add_slowly(const ScannedLine& line, BadLineReporter& reporter);
 
   OutputBuffer buffer_;
-  std::string tail_;   ///< the last lines of a block, with room to read on behind them
-  std::string names_;  ///< of a record that is not written to the buffer at once
+  std::string tail_;   ///< the last lines of a block, with padding
+  std::string names_;  ///< of a record on the slow path
   char* position_ = nullptr;
   std::int64_t num_metrics_ = 0;
   translate::GraphiteSeriesTranslator series_translator_;

@@ -3,26 +3,57 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
+#include <stdexcept>
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/errors.h"
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
+#include "pelorus/pelorus/ingest/graphite_message.h"
+#include "pelorus/pelorus/ingest/submit_message.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
-#include "pelorus/translate/display.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
 
 /// As much of a database's name as an error shows.
 constexpr std::size_t SHOWN_NAME_BYTES = 64;
+/// In a statistics message.
+constexpr std::int64_t STATISTICS_RECORDS = 4;
+constexpr std::int64_t NANOSECONDS_PER_SECOND = 1'000'000'000;
+constexpr double BEYOND_NANOSECONDS = 0x1p127;
 
 }  // namespace
+
+Nanoseconds timestamp_to_influx(std::int64_t timestamp) {
+  return Nanoseconds{timestamp} * NANOSECONDS_PER_SECOND;
+}
+
+Nanoseconds timestamp_to_influx(double timestamp) {
+  const double product = timestamp * static_cast<double>(NANOSECONDS_PER_SECOND);
+  if (!(std::fabs(product) < BEYOND_NANOSECONDS)) {
+    throw std::domain_error("a time that is no moment has no nanoseconds");
+  }
+  return static_cast<Nanoseconds>(product);
+}
+
+std::string statistics_message(const Statistics& statistics, Nanoseconds now) {
+  return fmt::format(
+      "proxy_messages value={messages} {now}\nproxy_records value={records} {now}\n"
+      "proxy_successful_auths value={successful_auths} {now}\n"
+      "proxy_failed_auths value={failed_auths} {now}\n",
+      fmt::arg("messages", statistics.messages), fmt::arg("records", statistics.records),
+      fmt::arg("successful_auths", statistics.successful_auths),
+      fmt::arg("failed_auths", statistics.failed_auths), fmt::arg("now", now));
+}
 
 InfluxHandler::InfluxHandler(std::span<const std::string> database_names,
                              const MakeDatabase& make_database, skein::Loop& loop,
                              std::size_t graphite_buffer_bytes)
-    : loop_(loop), graphite_message_(graphite_buffer_bytes) {
+    : loop_(loop), graphite_message_(std::make_unique<GraphiteMessage>(graphite_buffer_bytes)) {
   for (const std::string& name : database_names) {
     auto database = make_database(name);
     const auto same = std::ranges::find(databases_, name, [](const auto& d) { return d->name(); });
@@ -33,6 +64,8 @@ InfluxHandler::InfluxHandler(std::span<const std::string> database_names,
     }
   }
 }
+
+InfluxHandler::~InfluxHandler() = default;
 
 InfluxDatabase& InfluxHandler::database(std::string_view name) {
   for (const auto& database : databases_) {
@@ -50,39 +83,37 @@ void InfluxHandler::add(std::string_view database_name, std::string data,
   database(database_name).add(std::move(data));
 }
 
-Ingested InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
+IngestResult InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
   PROFILE_SCOPE();
-  Ingested ingested;
-  BadLines bad_lines(ingested);
-  const auto built = graphite_message_.build(metrics, bad_lines);
-  ingested.records = built.num_metrics;
+  BadLines bad_lines;
+  const auto built = graphite_message_->build(metrics, bad_lines);
   add(database_name, std::string(built.message), built.num_metrics);
-  return ingested;
+  return {built.num_metrics, bad_lines.count(), bad_lines.last_warning()};
 }
 
-Ingested InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
-                                   skein::Value points) {
+IngestResult InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
+                                       skein::Value points) {
   SubmitMessages messages(name, points);
   return add_submit(database_name, messages, points.size());
 }
 
-Ingested InfluxHandler::add_submit(std::string_view database_name, SubmitMessages& messages,
-                                   std::size_t most_points) {
+IngestResult InfluxHandler::add_submit(std::string_view database_name, SubmitMessages& messages,
+                                       std::size_t most_points) {
   PROFILE_SCOPE();
-  Ingested ingested;
+  IngestResult result;
   const bool read = messages.make(most_points, [&](std::string line) {
     add(database_name, std::move(line), 1);
-    ++ingested.records;
+    ++result.records;
   });
   if (!read) {
     const std::string_view name = messages.name();
     const auto text = fmt::format("Could not translate \"{}\": No match for series",
-                                  translate::display(name.substr(0, SHOWN_BYTES)));
+                                  skein::display(name.substr(0, SHOWN_BYTES)));
     log::warning("{}", with_left_out(text, name));
-    ingested.bad_lines = 1;
-    ingested.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
+    result.bad_lines = 1;
+    result.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
   }
-  return ingested;
+  return result;
 }
 
 Statistics InfluxHandler::totals() const noexcept {

@@ -8,10 +8,14 @@
 
 namespace pelorus {
 
-/// Bytes behind the end of a line that a scanner may read, not use: one that takes 64 bytes for a
-/// series and a value, and the next 16 for a timestamp, may find the line's end in the first.
-constexpr std::size_t SCAN_SLACK = 64 + 16;
-static_assert(SCAN_SLACK >= translate::PIECE_SLACK);
+/// Readable padding after the end of a line. A scanner that reads 64 bytes for series and value,
+/// and 16 more for the timestamp, may find the line's end in the first of them:
+///
+///     a . b   7   1 5 0 0 0 0 0 0 0 0 \n │ next line, or padding …
+///     ├─ 64 bytes: series and value ─────────────────────────────────────────────┤
+///             ├─ 16 bytes: timestamp ────────┤
+constexpr std::size_t SCAN_PADDING = 64 + 16;
+static_assert(SCAN_PADDING >= translate::COPY_STEP);
 
 /// One Graphite line, cut into its fields. Views over the block.
 struct ScannedLine {
@@ -22,7 +26,7 @@ struct ScannedLine {
 };
 
 /// Cuts the line that begins at `begin`, up to the first "\n", which must be there. Any line, on
-/// any processor. Returns the byte behind the "\n".
+/// any processor. Returns the byte after the "\n".
 const char* scan_line(const char* begin, ScannedLine& line) noexcept;
 
 /// Whether all bytes of `text` are decimal digits; true for none.
@@ -31,10 +35,10 @@ bool all_digits(std::string_view text) noexcept;
 /// Seconds since the epoch, from 2001 to 2286.
 constexpr std::size_t TIMESTAMP_BYTES = 10;
 
-/// A line of the usual form: series, a blank, value, a blank, timestamp of TIMESTAMP_BYTES, "\n". A
-/// scanner's `scan` tells whether the line that begins at `begin` is one, if it can, and cuts it;
-/// its end stands within SCAN_SLACK bytes before the last that may be read.
-struct UsualLine {
+/// A line for the fast path: series, a blank, value, a blank, timestamp of TIMESTAMP_BYTES, "\n". A
+/// scanner's `scan` cuts the line that begins at `begin` and returns true, or returns false if it
+/// is not of this form or the scanner cannot tell. SCAN_PADDING bytes after the line are readable.
+struct FastPathLine {
   std::string_view series;
   translate::PartEnds ends;  ///< of its parts
   std::string_view value;
@@ -44,9 +48,9 @@ struct UsualLine {
   const char* end() const noexcept { return timestamp + TIMESTAMP_BYTES; }
 };
 
-/// Scans no line by itself: leaves all to scan_line, on any processor.
-struct PlainScanner {
-  static bool scan(const char*, UsualLine&) noexcept { return false; }
+/// The scanner without a fast path: leaves every line to scan_line, on any processor.
+struct FallbackScanner {
+  static bool scan(const char*, FastPathLine&) noexcept { return false; }
 };
 
 }  // namespace pelorus

@@ -12,18 +12,28 @@
 namespace pelorus {
 
 /// Scans with the vector instructions that every x86-64 has: a bit for each of 64 bytes at once,
-/// from which all cuts are drawn.
+/// from which all cuts are taken.
+///
+///     begin     n o d e 7 . l o a d . a   1 . 5   1 5 0 0 0 0 0 0 0 0 \n │ padding …
+///     blanks    0 0 0 0 0 0 0 0 0 0 0 0 1 0 0 0 1 0 0 0 …               64 bits
+///     dots      0 0 0 0 0 1 0 0 0 0 1 0 0 0 1 …                         64 bits
+///     ends      0 0 0 0 0 1 0 0 0 0 1 0 1                               dots before the first
+///                                                                       blank, and that blank
+///
+/// The lowest blank ends the series, the next one the value. If the second lies beyond the first 64
+/// bytes, the next 64 are scanned for it. The timestamp is tested with one load of 16 bytes: its
+/// first blank must be the "\n" after ten bytes.
 class VectorScanner {
  public:
-  static bool scan(const char* begin, UsualLine& line) noexcept {
+  static bool scan(const char* begin, FastPathLine& line) noexcept {
     const std::uint64_t blanks = bits_of_64(begin, at_most_blank);
     if (blanks == 0) return false;
     const std::size_t series_size = lowest(blanks);
-    const std::uint64_t behind_series = blanks & (0 - blanks);
-    std::uint64_t later_blanks = blanks ^ behind_series;
+    const std::uint64_t after_series = blanks & (0 - blanks);
+    std::uint64_t later_blanks = blanks ^ after_series;
     const char* window = begin;
     if (later_blanks == 0) [[unlikely]] {
-      if (begin[series_size] != ' ') return false;  // else the line goes on behind the 64 bytes
+      if (begin[series_size] != ' ') return false;  // else the line goes on after the 64 bytes
       window += WINDOW;
       later_blanks = bits_of_64(window, at_most_blank);
       if (later_blanks == 0) return false;
@@ -39,7 +49,7 @@ class VectorScanner {
       return false;
     }
     line.series = {begin, series_size};
-    line.ends = (bits_of_64(begin, is_dot) & (behind_series - 1)) | behind_series;
+    line.ends = (bits_of_64(begin, is_dot) & (after_series - 1)) | after_series;
     line.value = {value, value_size};
     line.integer = value_size <= STEP
                        ? (~bits(is_digit(load(value))) & ((1U << value_size) - 1)) == 0
@@ -50,8 +60,9 @@ class VectorScanner {
  private:
   static constexpr std::size_t STEP = sizeof(__m128i);
   static constexpr std::size_t WINDOW = 64;
-  static_assert(WINDOW + STEP <= SCAN_SLACK);
-  static constexpr unsigned TIMESTAMP_MASK = (2U << TIMESTAMP_BYTES) - 1;  ///< and a byte behind it
+  static_assert(WINDOW + STEP <= SCAN_PADDING);
+  static constexpr unsigned TIMESTAMP_MASK =
+      (2U << TIMESTAMP_BYTES) - 1;  ///< and the byte after it
   static_assert(TIMESTAMP_BYTES < STEP);
 
   static __m128i load(const char* bytes) noexcept {
@@ -64,7 +75,7 @@ class VectorScanner {
     return static_cast<std::size_t>(__builtin_ctzll(word));
   }
 
-  /// White space, and other control characters, which make a line unusual.
+  /// White space, and other control characters, which keep a line off the fast path.
   static __m128i at_most_blank(__m128i chunk) noexcept {
     return _mm_cmpeq_epi8(_mm_min_epu8(chunk, _mm_set1_epi8(' ')), chunk);
   }
@@ -87,6 +98,12 @@ class VectorScanner {
   }
 };
 
+}  // namespace pelorus
+
+#else
+
+namespace pelorus {
+class VectorScanner : public FallbackScanner {};
 }  // namespace pelorus
 
 #endif

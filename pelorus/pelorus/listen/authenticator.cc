@@ -321,7 +321,7 @@ bool Authenticator::run_first(PendingKey& pending) noexcept {
     skein::Connection* const connection = first.reply.connection();
     if (connection != nullptr) server_.set_authenticated(*connection);
     if (first.operation) {
-      Ingested ingested = first.operation->run(influx_handler_);
+      IngestResult ingested = first.operation->run(influx_handler_);
       if (connection != nullptr) sessions_[*connection].counters.count(std::move(ingested));
       if (!first.operation->is_done()) return false;
     }

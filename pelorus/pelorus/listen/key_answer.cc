@@ -11,8 +11,8 @@
 #include "pelorus/pelorus/listen/session.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/secret_text.h"
-#include "pelorus/translate/display.h"
 #include "skein/errors.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -21,7 +21,7 @@ constexpr long HTTP_OK = 200;
 
 /// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
 std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
-  const std::string shown = translate::display(body);
+  const std::string shown = skein::display(body);
   // An escape's last digit may complete what the bytes behind it leave out.
   const auto told = [&](const std::string& secret) {
     return repeats(body, secret) || repeats(shown, secret);

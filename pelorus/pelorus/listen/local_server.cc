@@ -12,6 +12,7 @@
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/listen/node_server.h"
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/profile.h"
 

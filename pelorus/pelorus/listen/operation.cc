@@ -61,7 +61,7 @@ std::size_t Operation::cost() const noexcept {
   return std::min(arguments_.points->size(), POINTS_PER_TURN) * COST_OF_A_POINT;
 }
 
-Ingested Operation::run(InfluxHandler& handler) {
+IngestResult Operation::run(InfluxHandler& handler) {
   done_ = true;
   const auto& [database, text, num_metrics, points] = arguments_;
   switch (kind_) {
@@ -74,7 +74,7 @@ Ingested Operation::run(InfluxHandler& handler) {
       break;
   }
   if (!submit_) submit_ = std::make_unique<SubmitMessages>(text, *points);
-  Ingested ingested = handler.add_submit(database, *submit_, POINTS_PER_TURN);
+  IngestResult ingested = handler.add_submit(database, *submit_, POINTS_PER_TURN);
   done_ = !submit_->has_more();
   return ingested;
 }

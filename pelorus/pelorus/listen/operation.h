@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "pelorus/pelorus/ingest/ingested.h"
+#include "pelorus/pelorus/ingest/ingest_result.h"
 #include "skein/value.h"
 
 namespace pelorus {
@@ -40,7 +40,7 @@ class Operation {
   /// What the next step costs, in bytes of content that take as long.
   std::size_t cost() const noexcept;
   /// Runs the next step. Throws what the operation throws, which ends it.
-  Ingested run(InfluxHandler& handler);
+  IngestResult run(InfluxHandler& handler);
   bool is_done() const noexcept { return done_; }
 
  private:

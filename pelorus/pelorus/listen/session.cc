@@ -2,20 +2,20 @@
 
 #include <algorithm>
 
+#include "skein/text.h"
+
 namespace pelorus {
 namespace {
 
 /// As much of a key as may be shown.
 constexpr std::size_t SHOWN_KEY_CHARACTERS = 4;
 
-bool continues_character(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80; }
-
 }  // namespace
 
 std::string_view key_ending(std::string_view key) {
   std::size_t begin = key.size();
   for (std::size_t characters = 0; begin > 0 && characters < SHOWN_KEY_CHARACTERS; --begin) {
-    if (!continues_character(key[begin - 1])) ++characters;
+    if (!skein::is_utf8_continuation(key[begin - 1])) ++characters;
   }
   return key.substr(begin);
 }
@@ -25,7 +25,7 @@ void SessionCounters::note_key(std::string_view key) noexcept {
   if (ending.size() == key.size()) ending = {};
   if (ending.size() > key_ending_.size()) {
     ending.remove_prefix(ending.size() - key_ending_.size());
-    while (!ending.empty() && continues_character(ending.front())) ending.remove_prefix(1);
+    while (!ending.empty() && skein::is_utf8_continuation(ending.front())) ending.remove_prefix(1);
   }
   key_ending_ = {};
   std::copy(ending.begin(), ending.end(), key_ending_.begin());

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "pelorus/pelorus/ingest/ingested.h"
+#include "pelorus/pelorus/ingest/ingest_result.h"
 #include "pelorus/pelorus/listen/line_assembler.h"
 #include "skein/socket.h"
 
@@ -26,7 +26,7 @@ class SessionCounters {
     std::string last_warning;  ///< of the last bad line
   };
 
-  void count(Ingested ingested) {
+  void count(IngestResult ingested) {
     records_ += static_cast<std::uint64_t>(ingested.records);
     if (ingested.bad_lines == 0) return;
     errors_or_new().bad_lines += ingested.bad_lines;

@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "skein/errors.h"
 
 namespace pelorus {

@@ -23,7 +23,7 @@ class BadLines : public BadLineReporter {
   std::vector<std::string> lines;
 };
 
-/// Builds each block on both roads, with and without vector instructions, which must agree.
+/// Builds each block with both scanners, with vector instructions and without, which must agree.
 class GraphiteMessageTest : public ::testing::Test {
  protected:
   std::string build(std::string_view block) {
@@ -31,7 +31,7 @@ class GraphiteMessageTest : public ::testing::Test {
     const auto built = message_.build(block, bad_);
     count_ = built.num_metrics;
     BadLines bad;
-    const auto plain = plain_message_.build_plainly(block, bad);
+    const auto plain = plain_message_.build<FallbackScanner>(block, bad);
     EXPECT_EQ(built.message, plain.message);
     EXPECT_EQ(count_, plain.num_metrics);
     EXPECT_EQ(bad_.lines, bad.lines);
@@ -95,7 +95,7 @@ TEST_F(GraphiteMessageTest, LongTimestampsShowWhatTheBufferHeld) {
   EXPECT_EQ(build("m000.load.load.a 1 123456789012345"), "load a=1i 1234567890pqrst000000000\n");
 }
 
-// A wide copy must leave no trace behind the record that it belongs to.
+// A copy in steps must leave no trace after the record that it belongs to.
 TEST_F(GraphiteMessageTest, NothingBehindARecordIsTouched) {
   const std::string held =
       build(std::string("m000.load.load.") + std::string(3000, 'h') + " 1 1500000000");

@@ -1,16 +1,31 @@
+#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 #include "../handler_fixture.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
-#include "pelorus/pelorus/line_queue.h"
+#include "pelorus/pelorus/log_writer.h"
 #include "skein/encoders/msgpackencoder.h"
 
 namespace pelorus {
 namespace {
+
+TEST(Statistics, SecondsBecomeNanoseconds) {
+  EXPECT_EQ(timestamp_to_influx(std::int64_t{0}), 0);
+  EXPECT_EQ(timestamp_to_influx(std::int64_t{1}), 1'000'000'000);
+  EXPECT_TRUE(timestamp_to_influx(std::numeric_limits<std::int64_t>::min()) ==
+              Nanoseconds{std::numeric_limits<std::int64_t>::min()} * 1'000'000'000);
+  EXPECT_EQ(timestamp_to_influx(1.5), 1'500'000'000);
+  EXPECT_EQ(timestamp_to_influx(-1.0000000005), -1'000'000'000);
+  EXPECT_THROW(timestamp_to_influx(std::nan("")), std::domain_error);
+  EXPECT_THROW(timestamp_to_influx(1e300), std::domain_error);
+}
 
 struct InfluxHandlerTest : HandlerTest {
   InfluxHandlerTest() : HandlerTest(4096) {}
@@ -54,7 +69,7 @@ TEST_F(InfluxHandlerTest, StatisticsWithoutTheirDatabaseEndAndAreKept) {
 }
 
 TEST_F(InfluxHandlerTest, OnlyTheNewestBadLinesOfAFloodArePutIntoWords) {
-  const std::size_t kept = log::QUEUE_LINES;
+  const std::size_t kept = log::BUFFER_LINES;
   handler_.add_graphite("bonding", std::string(kept + 41, '\n') + "last");
   ASSERT_EQ(log_.lines().size(), 1 + kept);
   EXPECT_EQ(log_.lines().front().text, "42 log lines were dropped: more than could be written");

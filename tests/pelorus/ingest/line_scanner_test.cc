@@ -29,9 +29,9 @@ translate::PartEnds ends_of(std::string_view series) {
 #ifdef __SSE2__
 constexpr bool HAS_VECTORS = true;
 
-/// Whether the line is a usual one to the vector scanner; then its cuts must be those of `scanned`.
-bool usual(const std::string& padded, const ScannedLine& scanned) {
-  UsualLine line;
+/// Whether the vector scanner takes the line; then its cuts must be those of `scanned`.
+bool fast(const std::string& padded, const ScannedLine& scanned) {
+  FastPathLine line;
   if (!VectorScanner::scan(padded.data(), line)) return false;
   const auto& [series, value, timestamp] = scanned.fields;
   EXPECT_EQ(scanned.field_count, 3) << padded;
@@ -45,24 +45,24 @@ bool usual(const std::string& padded, const ScannedLine& scanned) {
 }
 #else
 constexpr bool HAS_VECTORS = false;
-bool usual(const std::string&, const ScannedLine&) { return false; }
+bool fast(const std::string&, const ScannedLine&) { return false; }
 #endif
 
-/// Cuts a line the slow way and compares. Returns whether it is a usual one to the vector scanner.
+/// Cuts a line the slow way and compares. Returns whether the vector scanner takes it.
 bool expect_cut_like_a_stream_does(const std::string& line) {
   std::vector<std::string> words;
   std::istringstream stream(line);
   for (std::string word; stream >> word;) words.push_back(word);
 
   ScannedLine scanned;
-  const std::string padded = line + "\n" + std::string(SCAN_SLACK, '.');
+  const std::string padded = line + "\n" + std::string(SCAN_PADDING, '.');
   EXPECT_EQ(scan_line(padded.data(), scanned), padded.data() + line.size() + 1);
   EXPECT_EQ(scanned.line, line);
   EXPECT_EQ(scanned.field_count, std::min<std::size_t>(words.size(), 4)) << line;
   for (std::size_t i = 0; i < std::min<std::size_t>(words.size(), 3); ++i) {
     EXPECT_EQ(scanned.fields[i], words[i]) << line;
   }
-  return usual(padded, scanned);
+  return fast(padded, scanned);
 }
 
 TEST(LineScanner, CutsRandomLinesLikeAStreamDoes) {
@@ -88,9 +88,9 @@ TEST(LineScanner, CutsAtTheEdgesOfItsWindows) {
   }
 }
 
-// One byte of a usual line changed, to every value at every place: what is still cut as usual is
+// One byte of a line changed, to every value at every place: what the vector scanner still takes is
 // cut right.
-TEST(LineScanner, CutsUsualLinesWithOneOddByte) {
+TEST(LineScanner, CutsFastPathLinesWithOneOddByte) {
   const std::string line = "node7.cpu-0.cpu-idle.value 1234567 1500000000";
   for (std::size_t place = 0; place < line.size(); ++place) {
     for (int byte = 0; byte < 256; ++byte) {

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "pelorus/pelorus/errors.h"
-#include "pelorus/pelorus/ingest/value_text.h"
 #include "skein/encoders/msgpackencoder.h"
 
 namespace pelorus {
@@ -18,7 +17,7 @@ using Write = std::function<void(MsgpackWriter&)>;
 
 constexpr const char* LINK = "node12.tunnel_7.link_wan1.overall_state";
 
-/// The messages of one request; "!" behind them when the request ended with the warning.
+/// The messages of one request; "!" after them if the request ended with the warning.
 std::vector<std::string> submitted(std::string_view name, const Write& points) {
   MsgpackWriter writer;
   points(writer);
@@ -48,7 +47,9 @@ std::string shown(const Write& value) {
   value(writer);
   skein::Message message;
   skein::MsgpackEncoder::decode(writer.bytes(), message);
-  return value_text(message.root());
+  std::string text;
+  append_value_text(text, message.root());
+  return text;
 }
 
 TEST(SubmitMessage, NamesGiveMeasurementTagsAndKey) {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spdlog/details/log_msg.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,16 +9,20 @@
 #include <random>
 #include <stdexcept>
 
-#include "pelorus/pelorus/escape.h"
-#include "pelorus/pelorus/log_pacer.h"
-#include "pelorus/pelorus/stderr_sink.h"
+#include "pelorus/pelorus/log_writer.h"
 #include "support/turn_until.h"
 #include "surroundings.h"
 
 namespace pelorus {
 namespace {
 
-using namespace std::string_view_literals;
+using log::Level, log::LogWriter;
+using Prefix = LogWriter::Prefix;
+
+void write(LogWriter& writer, std::string_view text, std::span<const std::string> others = {}) {
+  writer.write(Level::INFO, std::chrono::system_clock::now(), text, others);
+}
+
 class Pipe {
  public:
   Pipe() { EXPECT_EQ(pipe2(ends_.data(), O_NONBLOCK | O_CLOEXEC), 0); }
@@ -41,44 +44,40 @@ class Pipe {
 TEST(Log, LineBeginsWithItsPriorityOrItsTimeAndLevel) {
   const support::Variable zone("TZ", "UTC");
   tzset();
-  const auto moment = spdlog::log_clock::from_time_t(1714571100) + std::chrono::milliseconds(7);
+  const auto moment =
+      std::chrono::system_clock::from_time_t(1714571100) + std::chrono::milliseconds(7);
   struct Row {
-    spdlog::level::level_enum level;
+    Level level;
     std::string journal, plain;
   };
-  for (const auto& [level, journal, plain] :
-       std::vector<Row>{{spdlog::level::debug, "<7>", "debug "},
-                        {spdlog::level::info, "<6>", "info "},
-                        {spdlog::level::warn, "<4>", "warning "},
-                        {spdlog::level::err, "<3>", "error "}}) {
+  for (const auto& [level, journal, plain] : std::vector<Row>{{Level::DEBUG, "<7>", "debug "},
+                                                              {Level::INFO, "<6>", "info "},
+                                                              {Level::WARNING, "<4>", "warning "},
+                                                              {Level::ERROR, "<3>", "error "}}) {
     const Pipe pipe;
-    const spdlog::details::log_msg message(moment, {}, "pelorus", level, "two\nlines");
-    for (const auto prefix : {log::StderrSink::Prefix::PRIORITY, log::StderrSink::Prefix::TIME}) {
-      log::StderrSink sink(pipe.writer(), prefix);
-      sink.log(message);
-      sink.flush();
-    }
+    LogWriter(pipe.writer(), Prefix::PRIORITY).write(level, moment, "two\nlines");
+    LogWriter(pipe.writer(), Prefix::TIME).write(level, moment, "two\nlines");
     EXPECT_EQ(pipe.content(),
               journal + "two\\nlines\n2024-05-01 13:45:00.007 " + plain + "two\\nlines\n");
   }
 }
 
-/// Numbered lines through a sink into a small pipe, and what came out of it.
+/// Numbered lines through a writer into a small pipe, and what came out of it.
 class NumberedLines {
  public:
-  explicit NumberedLines(const Pipe& pipe) : pipe_(pipe), sink_(pipe.writer(), Prefix::PRIORITY) {
+  explicit NumberedLines(const Pipe& pipe) : pipe_(pipe), writer_(pipe.writer(), Prefix::PRIORITY) {
     fcntl(pipe.writer(), F_SETPIPE_SZ, 4096);
   }
 
-  void log_record(std::size_t lines, std::size_t bytes) {
-    for (std::size_t i = 0; i < lines; ++i) {
-      const auto text = fmt::format("{} {} {:x>{}}", logged++, lines - i, "", bytes);
-      sink_.log({"pelorus", spdlog::level::info, text});
+  void log_record(std::size_t count, std::size_t bytes) {
+    std::vector<std::string> lines;
+    for (std::size_t i = 0; i < count; ++i) {
+      lines.push_back(fmt::format("{} {} {:x>{}}", logged++, count - i, "", bytes));
     }
-    sink_.flush();
+    write(writer_, lines.front(), std::span(lines).subspan(1));
   }
   void drop(std::size_t lines) {
-    sink_.drop(lines);
+    writer_.drop(lines);
     logged += lines;
   }
   /// Reads what is there. Every line that is missing stands in the count of the notice in its
@@ -102,7 +101,7 @@ class NumberedLines {
   }
   void read_all() {
     while (next_ < logged && !testing::Test::HasFailure()) {
-      sink_.pace();
+      writer_.flush();
       read();
     }
   }
@@ -110,10 +109,9 @@ class NumberedLines {
   std::size_t logged = 0, dropped = 0;
 
  private:
-  using Prefix = log::StderrSink::Prefix;
   const Pipe& pipe_;
-  log::StderrSink sink_;
-  std::string text_;                    ///< the begin of a line
+  LogWriter writer_;
+  std::string text_;                    ///< the start of a line
   std::size_t next_ = 0;                ///< number of the next line
   std::size_t expected_of_record_ = 0;  ///< lines that its record must still have
 };
@@ -135,58 +133,44 @@ TEST(Log, EveryLineComesOrIsCountedAndRecordsStayWhole) {
   }
 }
 
-TEST(Log, PacedRecordsGoOutAtTheEndOfTheTurnAndWhenTheReaderComesBack) {
+TEST(Log, RecordsGoOutAtTheEndOfTheTurnAndWhenTheReaderComesBack) {
   const Pipe pipe;
   skein::Loop loop;
-  log::StderrSink sink(pipe.writer(), log::StderrSink::Prefix::PRIORITY);
-  const auto log_line = [&sink](const std::string& text) {
-    sink.log({"pelorus", spdlog::level::info, text});
-    sink.flush();
-  };
-  const log::Pacer pacer(&sink, loop);
+  LogWriter writer(pipe.writer(), Prefix::PRIORITY);
+  writer.attach(loop);
   loop.call_in(1000, [] {});  // a loop that has nothing to wait for has no turns
   std::string first;
-  while (log_line("a"), !(first = pipe.content()).empty()) EXPECT_EQ(first, "<6>a\n") << "at once";
-  log_line("b");
+  while (write(writer, "a"), !(first = pipe.content()).empty()) {
+    EXPECT_EQ(first, "<6>a\n") << "at once";
+  }
+  write(writer, "b");
   loop.turn();
   EXPECT_EQ(pipe.content(), "<6>a\n<6>b\n");
-  const std::string text(3000, 'x');
-  for (int line = 0; line < 100; ++line) log_line(text);
+  for (int line = 0; line < 100; ++line) write(writer, std::string(3000, 'x'));
   std::string read;
   support::turn_until(loop,
                       [&] { return (read += pipe.content()).size() == 100 * (3 + 3000 + 1); });
 }
 
+TEST(Log, HeldRecordsAreWrittenTogether) {
+  const Pipe pipe;
+  LogWriter writer(pipe.writer(), Prefix::PRIORITY);
+  writer.hold(true);
+  write(writer, "a");
+  write(writer, "b");
+  EXPECT_EQ(pipe.content(), "");
+  writer.hold(false);
+  EXPECT_EQ(pipe.content(), "<6>a\n<6>b\n");
+}
+
 TEST(Log, AbsurdlyLongLineSaysHowMuchIsLeftOut) {
   const Pipe pipe;
   fcntl(pipe.writer(), F_SETPIPE_SZ, 1 << 20);
-  log::StderrSink sink(pipe.writer(), log::StderrSink::Prefix::PRIORITY);
-  sink.log({"pelorus", spdlog::level::info, std::string(log::LINE_BYTES + 16, 'x')});
-  sink.flush();
+  LogWriter writer(pipe.writer(), Prefix::PRIORITY);
+  write(writer, std::string(log::LINE_BYTES + 16, 'x'));
   std::string read;
   while (read.empty() || read.back() != '\n') read += pipe.content();
   EXPECT_EQ(read, "<6>" + std::string(log::LINE_BYTES, 'x') + " (16 bytes left out)\n");
-}
-
-TEST(Log, ControlBytesAndBrokenTextAreEscaped) {
-  struct Row {
-    std::string_view text, escaped;
-  };
-  for (const auto& [text, escaped] :
-       {Row{"plain \\ 'text'", "plain \\ 'text'"},
-        {"\t\n\r", "\\t\\n\\r"},
-        {"\0\x1b[2J\x7f"sv, "\\x00\\x1b[2J\\x7f"},
-        {"caf\u00e9 \u20ac \U0001F600", "caf\u00e9 \u20ac \U0001F600"},
-        {"\xc2\x85\xc2\x9b\xc2\xa0", "\\xc2\\x85\\xc2\\x9b\xc2\xa0"},
-        {"\x9b\xff", "\\x9b\\xff"},
-        {"\xc3(", "\\xc3("},
-        {"\xe2\x82", "\\xe2\\x82"},
-        {"\xc0\x8a\xe0\x80\x8a", "\\xc0\\x8a\\xe0\\x80\\x8a"},
-        {"\xed\xa0\x80\xf4\x90\x80\x80", "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"}}) {
-    std::string out;
-    log::append_escaped(out, text);
-    EXPECT_EQ(out, escaped);
-  }
 }
 
 TEST(Log, TraceOfAnUntracedFailureIsThePresentOne) {

@@ -1,7 +1,14 @@
-#include "pelorus/pelorus/arguments.h"
+#include "pelorus/pelorus/process.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
+#include <csignal>
 #include <cwchar>
 #include <string_view>
 
@@ -10,11 +17,18 @@
 namespace pelorus {
 namespace {
 
+constexpr int MIB = 1 << 20;
+/// Freed memory that the allocator keeps.
+constexpr int KEPT_BYTES = 4 * MIB;
+/// Larger blocks, such as the body after a long outage, are mapped by themselves and go back to the
+/// system as soon as they are freed.
+constexpr int OWN_MAPPING_BYTES = 1 * MIB;
+
 constexpr wchar_t UNDECODABLE = 0xDC00;  // added to the value of the byte
 constexpr auto INVALID = static_cast<std::size_t>(-1);
 constexpr auto INCOMPLETE = static_cast<std::size_t>(-2);
 
-/// The environment's character encoding for as long as it lives, then the one before it.
+/// Sets the environment's character encoding; its end restores the one before.
 class EnvironmentLocale {
  public:
   EnvironmentLocale() : before_(std::setlocale(LC_CTYPE, nullptr)) { std::setlocale(LC_CTYPE, ""); }
@@ -56,6 +70,32 @@ std::vector<std::wstring> decode_arguments(std::span<char* const> arguments) {
 
 bool wants_profile(const std::vector<std::wstring>& arguments) {
   return std::find(arguments.begin(), arguments.end(), L"--profile") != arguments.end();
+}
+
+void open_standard_descriptors() {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    if (::fcntl(descriptor, F_GETFD) < 0) ::open("/dev/null", O_RDWR);  // takes the lowest number
+  }
+}
+
+void keep_memory_private() { ::prctl(PR_SET_DUMPABLE, 0); }
+
+void ignore_signals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGHUP, SIG_IGN);
+}
+
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void keep_freed_memory() {
+  // Both: setting one of them ends the allocator's own adjustment of the other.
+  ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
+  ::mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_BYTES);
 }
 
 }  // namespace pelorus

@@ -1,4 +1,4 @@
-#include "pelorus/pelorus/arguments.h"
+#include "pelorus/pelorus/process.h"
 
 #include <gtest/gtest.h>
 
