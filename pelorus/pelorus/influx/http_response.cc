@@ -27,7 +27,7 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(0, text.find_last_not_of(BLANKS) + 1);
 }
 
-/// The number that `text` begins with, and what follows it; none without digits and past 64 bits.
+/// The number at the start of `text`, and the rest; none without digits or beyond 64 bits.
 std::optional<std::pair<std::uint64_t, std::string_view>> leading_number(std::string_view text,
                                                                          int base) {
   std::uint64_t number = 0;
@@ -150,7 +150,7 @@ void HTTPResponse::read_content_length(std::string_view value) {
 }
 
 void HTTPResponse::end_head() {
-  if (status_ < 200 && status_ != 101) {  // the real answer follows, within the same bounds
+  if (status_ < 200 && status_ != 101) {  // the final response follows, within the same limits
     phase_ = Phase::STATUS_LINE;
     status_ = 0;
     content_length_.reset();
