@@ -1,11 +1,14 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo scale-demo deb asan bench fuzz chaos soak packages format tidy clean
+.PHONY: build check demo scale-demo deb asan bench fuzz chaos soak format tidy clean
 .NOTPARALLEL:
 
-build: packages
+build:
+	@scripts/install-packages build
 	@scripts/build dev
 
-check: build
+check:
+	@scripts/install-packages build deb fuzz check servers
+	@scripts/build dev
 	@scripts/format
 	@scripts/tidy build/dev
 	@ctest --preset dev
@@ -13,47 +16,54 @@ check: build
 	@ctest --preset fuzz
 
 demo: build
+	@scripts/install-packages servers demo
 	@demo/demo.py build/dev
 
 # Two daemons behind HAProxy, one of them killed under way, and one VictoriaMetrics.
 scale-demo: build
+	@scripts/install-packages servers scale
 	@demo/scale/scale_demo.py build/dev
 
-deb: packages
+deb:
+	@scripts/install-packages build deb
 	@scripts/build-packages build/deb
 	@ls build/deb/*.deb
 
 # The suite under the address and undefined-behaviour sanitizers.
-asan: packages
+asan:
+	@scripts/install-packages build check servers
 	@scripts/build asan
 	@ctest --preset asan
 
-bench: packages
+bench:
+	@scripts/install-packages build servers
 	@scripts/build bench
 	@bench/table.py
 
 # Every fuzz target for so many seconds; `make check` replays their committed inputs.
 fuzz: SECONDS ?= 60
-fuzz: packages
+fuzz:
+	@scripts/install-packages build fuzz
 	@scripts/build fuzz
 	@fuzz/run.py $(SECONDS)
 
 # Every fault that a peer, InfluxDB, the web server or the machine can have, on the real daemon.
 chaos: build
+	@scripts/install-packages servers
 	@chaos/chaos.py build/dev
 
 # Good and bad peers together for so many minutes.
 soak: MINUTES ?= 20
 soak: build
+	@scripts/install-packages servers
 	@chaos/soak.py build/dev $(MINUTES)
 
-packages:
-	@scripts/install-packages
-
 format:
+	@scripts/install-packages check
 	@scripts/format --fix
 
 tidy: build
+	@scripts/install-packages check
 	@scripts/tidy build/dev
 
 clean:

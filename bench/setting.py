@@ -53,7 +53,7 @@ class Setting:
                  "PELORUS_IDEAL_QUEUED_MESSAGES": 5, "PELORUS_MAX_BATCH_SIZE": 1000,
                  "INFLUX_HTTP_CONNECTION": f"127.0.0.1:{self.sink_port}"}
         daemon = Pelorus(folder, {**usual, **settings}, environment={"PELORUS_LOG_LEVEL": level},
-                         build=build)
+                         program=build / "bin" / "pelorus")
         self._started.append(daemon)
         daemon.wait_ready()
         with SkeinClient(daemon.node_address) as node:

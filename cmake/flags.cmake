@@ -1,11 +1,15 @@
 # Flags of our own code. `pelorus_flags` is linked by every target of this tree, never exported.
 add_library(pelorus_flags INTERFACE)
-target_compile_options(pelorus_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
+target_compile_options(pelorus_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)  # no path of the building machine in the programs
+if(PELORUS_WERROR)
+  target_compile_options(pelorus_flags INTERFACE -Werror)
+endif()
 target_include_directories(pelorus_flags INTERFACE ${PROJECT_SOURCE_DIR})
 
 if(PELORUS_HARDENING)
   target_compile_options(pelorus_flags INTERFACE
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=  # nor in what debuggers read: builds are reproducible
     -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -fstack-protector-strong -fstack-clash-protection)
   target_compile_definitions(pelorus_flags INTERFACE _GLIBCXX_ASSERTIONS)
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
@@ -25,8 +29,10 @@ if(PELORUS_SANITIZE)
   add_link_options(-fsanitize=${PELORUS_SANITIZE})
 endif()
 
-find_program(CCACHE ccache)
-if(CCACHE)
-  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+if(PELORUS_CCACHE)
+  find_program(CCACHE ccache)
+  if(CCACHE)
+    set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  endif()
 endif()

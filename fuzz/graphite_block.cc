@@ -34,12 +34,15 @@ PlainGraphite::Built build(Build with, pelorus::GraphiteMessage& message, std::s
   CountBadLines bad;
   try {
     const auto built = (message.*with)(block, bad);
-    return {.message = built.message,
+    return {.full = false,
+            .message = built.message,
             .num_metrics = built.num_metrics,
             .improperly_formatted = bad.improper,
             .not_translated = bad.untranslated};
   } catch (const pelorus::OutputBufferFullError&) {
-    return {.full = true};
+    PlainGraphite::Built full;
+    full.full = true;
+    return full;
   }
 }
 

@@ -23,6 +23,9 @@ from pathlib import Path
 import sys
 
 REPOSITORY = Path(__file__).resolve().parents[1]
+# Debian's servers lie in folders that the PATH of an ordinary user leaves out.
+os.environ["PATH"] += ":/usr/local/sbin:/usr/sbin:/sbin"
+
 BUILD = Path(os.environ.get("PELORUS_BUILD", REPOSITORY / "build" / "dev")).resolve()
 
 

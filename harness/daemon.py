@@ -41,10 +41,10 @@ class Pelorus(Process):
     priorities and every message is written at once."""
 
     def __init__(self, folder, settings=None, arguments=(), environment=None, wrapper=(),
-                 build=BUILD, **options):
+                 program=None, **options):
         """`settings` and `environment` are put over the usual ones; None removes an entry.
         `wrapper`: a command that changes its own surroundings and then becomes the daemon.
-        `build`: whose program it is.
+        `program`: an installed daemon, instead of the build's.
         `options` are those of subprocess.Popen."""
         self.folder = Path(folder)
         self.socket = self.folder / "local.socket"
@@ -55,7 +55,7 @@ class Pelorus(Process):
         self.notify = NotifySocket(self.folder / "notify")
         surroundings = {"PELORUS_SETTINGS": str(settings_file), "JOURNAL_STREAM": "1:1",
                         "NOTIFY_SOCKET": self.notify.name, "PELORUS_LOG_LEVEL": None}
-        super().__init__([*wrapper, build / "bin" / "pelorus", *arguments],
+        super().__init__([*wrapper, program or BUILD / "bin" / "pelorus", *arguments],
                          self.folder / "pelorus.log", cwd=self.folder,
                          env=_overlay({**os.environ, **surroundings}, environment), **options)
 

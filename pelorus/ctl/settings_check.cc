@@ -170,7 +170,7 @@ class Check {
   void web_key() {
     const auto key = get<std::string>("LOCAL_WWW_KEY");
     if (!key) return;
-    if (std::ranges::any_of(*key, [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; })) {
+    if (std::ranges::any_of(*key, [](unsigned char c) { return c < ' ' || c == '\x7f'; })) {
       error("LOCAL_WWW_KEY holds a control byte");
     } else if (key->empty()) {
       warn("LOCAL_WWW_KEY is empty: the web server will confirm no node");

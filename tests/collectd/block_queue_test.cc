@@ -18,7 +18,10 @@ class Queue : public testing::Test {
  protected:
   /// A line of `size` bytes that begins with `name`.
   static std::string line(char name, std::size_t size) {
-    return std::string(1, name) + std::string(size - 2, '.') + "\n";
+    std::string text(size, '.');
+    text.front() = name;
+    text.back() = '\n';
+    return text;
   }
   /// The first byte of each waiting block; takes them all.
   std::string blocks() {

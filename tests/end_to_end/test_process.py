@@ -166,7 +166,7 @@ class LogReaders(FolderTest):
                 with SkeinClient(daemon.socket) as client:
                     client.collectd("x\n" * 100_000)
                     self.assertEqual(client.call("stats")["bonding"]["failure_count"], 0)
-                if name == "closed":
+                if name == "closed" and os.geteuid() == 0:  # others may not look into the daemon
                     self.assertEqual({os.readlink(f"/proc/{daemon.pid}/fd/{i}") for i in range(3)},
                                      {"/dev/null"})
                 daemon.send_signal(signal.SIGTERM)

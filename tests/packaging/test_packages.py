@@ -73,24 +73,27 @@ class Packages(unittest.TestCase):
         cls.root = folder / "root"
         for package in (folder / "deb").glob("*.deb"):
             run("dpkg-deb", "-x", package, cls.root)
-        cls.unit = Unit(cls.root / "lib/systemd/system/pelorus.service", cls.root)
+        [cls.unit_file] = cls.root.glob("**/systemd/system/pelorus.service")
+        cls.unit = Unit(cls.unit_file, cls.root)
 
     def test_unit_is_well_formed_and_hardly_exposed(self):
-        file = self.root / "lib/systemd/system/pelorus.service"
-        run("systemd-analyze", "security", "--offline=true", f"--threshold={EXPOSURE}", file)
+        run("systemd-analyze", "security", "--offline=true", f"--threshold={EXPOSURE}",
+            self.unit_file)
         # With programs where they can be found here; it names keys and values that it doesn't know.
-        moved = self.root / "pelorus.service"
-        moved.write_text(self.unit.moved(self.unit.text))
-        self.assertEqual(run("systemd-analyze", "verify", "--man=no", moved), "")
+        for name in ("pelorus.service", "pelorus.path"):
+            unit = Unit(self.unit_file.with_name(name), self.root)
+            (self.root / name).write_text(unit.moved(unit.text))
+        self.assertEqual(run("systemd-analyze", "verify", "--man=no", self.root / "pelorus.service",
+                             self.root / "pelorus.path"), "")
 
     def test_completion_offers_what_the_program_has(self):
         script = self.root / "usr/share/bash-completion/completions/pelorusctl"
         for line, word, expected in [("pelorusctl st", "st", "stats"), ("pelorusctl --", "--", "--socket"),
                                      ("pelorusctl send --", "--", "--key-file")]:
             words = shlex.join([*line.split()[:-1], word])
-            offered = run("bash", "-c", f". {script}; COMP_WORDS=({words}); "
+            offered = run("bash", "-c", f". '{script}'; COMP_WORDS=({words}); "
                           "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _pelorusctl "
-                          f"{self.root}/usr/bin/pelorusctl; echo \"${{COMPREPLY[@]}}\"").split()
+                          f"'{self.root}/usr/bin/pelorusctl'; echo \"${{COMPREPLY[@]}}\"").split()
             self.assertIn(expected, offered, line)
             self.assertTrue(all(each.startswith(word) for each in offered), offered)
 

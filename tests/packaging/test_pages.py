@@ -70,13 +70,22 @@ class Pages(unittest.TestCase):
         self.assertEqual({key: value for key, value in example.items() if key in listed},
                          json.loads(shown))
 
-    def test_manual_pages_are_well_formed(self):
+    def test_manual_pages_are_well_formed_and_lose_nothing(self):
         with tempfile.TemporaryDirectory() as folder:
             subprocess.run([REPOSITORY / "scripts" / "manual", folder], check=True, timeout=60)
             pages = sorted(path.name for path in Path(folder).rglob("*.[0-9]"))
             self.assertEqual(pages, ["pelorus-settings.5", "pelorus.8", "pelorusctl.1",
                                      "write_skein.5"])
             for path in Path(folder).rglob("*.[0-9]"):
-                done = subprocess.run(["groff", "-k", "-man", "-t", "-ww", "-z", "-Tutf8", path],
-                                      check=True, timeout=60, stderr=subprocess.PIPE, text=True)
+                done = subprocess.run(
+                    ["groff", "-k", "-man", "-t", "-ww", "-rLL=1000n", "-Tutf8", "-P-cbou", path], check=True,
+                    timeout=60, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
                 self.assertEqual(done.stderr, "")
+                for markup in ("**", "`", "]("):
+                    self.assertNotIn(markup, done.stdout, path.name)
+                page = {"pelorus": "operations",
+                        "pelorus-settings": "settings"}.get(path.stem, path.stem)
+                source = (REPOSITORY / "doc" / f"{page}.md").read_text()
+                name = re.compile(r"\w+_\w+")  # an underscore may be taken for emphasis
+                self.assertLessEqual(set(name.findall(re.sub(r"\]\([^)]*\)", "]", source))),
+                                     set(name.findall(done.stdout)), path.name)

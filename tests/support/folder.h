@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 namespace support {
@@ -9,7 +10,9 @@ namespace support {
 /// A new folder, which goes with all that is in it.
 class Folder {
  public:
-  Folder() { ::mkdtemp(path_.data()); }
+  Folder() {
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no folder at " + path_);
+  }
   Folder(const Folder&) = delete;
   ~Folder() { std::filesystem::remove_all(path_); }
 

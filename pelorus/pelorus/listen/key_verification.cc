@@ -34,7 +34,7 @@ std::string form_of(CURL* easy, std::string_view key) {
 /// The token as it is now. A byte that would end the header early is refused.
 std::string read_token(const Settings& settings) {
   auto token = settings.get<std::string>("LOCAL_WWW_KEY");
-  const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+  const auto is_control = [](unsigned char c) { return c < ' ' || c == '\x7f'; };
   if (std::any_of(token.begin(), token.end(), is_control)) {
     throw SettingsError(fmt::format(
         "Setting LOCAL_WWW_KEY in {} must be text without control bytes", settings.source()));
@@ -42,8 +42,13 @@ std::string read_token(const Settings& settings) {
   return token;
 }
 
-/// What libcurl says of a head line that does not end within 100 KiB.
-bool is_endless_line(CURLcode result) { return result == CURLE_OUT_OF_MEMORY; }
+/// What libcurl says of a head line that does not end within 100 KiB: since 8.6 CURLE_TOO_LARGE.
+bool is_endless_line(CURLcode result) {
+#if LIBCURL_VERSION_NUM >= 0x080600
+  if (result == CURLE_TOO_LARGE) return true;
+#endif
+  return result == CURLE_OUT_OF_MEMORY;
+}
 
 /// A fault of this process or of the URL, not of the way to the web server.
 bool is_own_fault(CURLcode result) {

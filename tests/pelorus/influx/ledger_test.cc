@@ -196,7 +196,9 @@ struct Ledger {
     return messages;
   }
   std::size_t discards() const {
-    return std::ranges::count(logs.texts("warning"), "Queue filled up, discarding data");
+    const auto count =
+        std::ranges::count(logs.texts("warning"), "Queue filled up, discarding data");
+    return static_cast<std::size_t>(count);
   }
 
   support::FakeClock clock;
