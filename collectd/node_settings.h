@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "liboconfig/oconfig.h"
-#include "skein/endpoint.h"
+#include "skein/client_stream.h"
 
 namespace write_skein {
 

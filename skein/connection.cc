@@ -153,10 +153,7 @@ void Connection::queue_up() {
 
 void Connection::send(std::string_view message) {
   if (ended_ || deaf_) return;
-  std::string& out = buffers().out;
-  const std::size_t begin = begin_frame(out);
-  SnappyEncoder::encode(message, out);
-  end_frame(out, begin);
+  append_frame(message, buffers().out);
   if (serving_) return;
   flush();
   settle();

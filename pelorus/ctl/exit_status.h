@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "skein/client_error.h"
+#include "skein/client_stream.h"
 
 namespace pelorus::ctl {
 
