@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "skein/key_file.h"
+#include "pelorus/node_key_file.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -77,9 +77,9 @@ skein::Timeouts ServerOptions::timeouts() const {
 
 std::string ServerOptions::key() const {
   if (host.empty()) return "";
-  if (!key_file.empty()) return skein::read_key_file(key_file);
+  if (!key_file.empty()) return read_node_key_file(key_file);
   const char* key = std::getenv(KEY_VARIABLE);
-  if (key == nullptr || !skein::is_node_key(key)) {
+  if (key == nullptr || !is_node_key(key)) {
     throw UsageError("--host needs a node key: --key-file or the environment variable " +
                      std::string(KEY_VARIABLE));
   }
