@@ -6,7 +6,6 @@
 
 #include "bench/corpus.h"
 #include "skein/encoders/msgpackencoder.h"
-#include "skein/encoders/snappyencoder.h"
 #include "skein/framing.h"
 
 namespace bench {
@@ -28,9 +27,7 @@ constexpr std::array<std::string_view, 7> BAD_LINES{"{}.unknownplugin.a.value 1 
 
 std::string framed(std::string_view content) {
   std::string frame;
-  const std::size_t begin = skein::begin_frame(frame);
-  skein::SnappyEncoder::encode(content, frame);
-  skein::end_frame(frame, begin);
+  skein::append_frame(content, frame);
   return frame;
 }
 

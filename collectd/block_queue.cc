@@ -1,5 +1,6 @@
 #include "collectd/block_queue.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace write_skein {
@@ -14,41 +15,41 @@ void BlockQueue::add(std::string_view lines, Clock::time_point now) {
 }
 
 void BlockQueue::add_line(std::string_view line, Clock::time_point now) {
-  if (open_.lines.size() + line.size() > BLOCK_BYTES) complete_open();
-  if (open_.lines.empty()) opened_ = now;
-  open_.lines += line;
-  ++open_.values;
+  if (filling_.lines.size() + line.size() > BLOCK_BYTES) complete_block();
+  if (filling_.lines.empty()) first_line_at_ = now;
+  filling_.lines += line;
+  ++filling_.values;
   bytes_ += line.size();
 }
 
-void BlockQueue::complete_open() {
-  if (open_.lines.empty()) return;
-  open_.lines.shrink_to_fit();
-  blocks_.push_back(std::exchange(open_, {}));
+void BlockQueue::complete_block() {
+  if (filling_.lines.empty()) return;
+  filling_.lines.shrink_to_fit();
+  blocks_.push_back(std::exchange(filling_, {}));
 }
 
 void BlockQueue::flush(Clock::duration age, Clock::time_point now) {
-  if (now - opened_ >= age) complete_open();
+  if (now - first_line_at_ >= age) complete_block();
 }
 
 std::optional<BlockQueue::Clock::time_point> BlockQueue::due() const {
   if (!blocks_.empty()) return Clock::time_point::min();
-  if (open_.lines.empty()) return std::nullopt;
-  return opened_ + max_age_;
+  if (filling_.lines.empty()) return std::nullopt;
+  return first_line_at_ + max_age_;
 }
 
 Block BlockQueue::take() {
-  if (blocks_.empty()) complete_open();
+  if (blocks_.empty()) complete_block();
   Block block = std::move(blocks_.front());
   blocks_.pop_front();
-  on_its_way_ = block.lines.size();
+  in_flight_ = block.lines.size();
   return block;
 }
 
-void BlockQueue::delivered() noexcept { bytes_ -= std::exchange(on_its_way_, 0); }
+void BlockQueue::delivered() noexcept { bytes_ -= std::exchange(in_flight_, 0); }
 
-void BlockQueue::give_back(Block block) {
-  on_its_way_ = 0;
+void BlockQueue::put_back(Block block) {
+  in_flight_ = 0;
   blocks_.push_front(std::move(block));
 }
 
@@ -65,7 +66,7 @@ void BlockQueue::drop_beyond_limit() {
 Loss BlockQueue::take_loss() noexcept { return std::exchange(loss_, {}); }
 
 Loss BlockQueue::waiting() const noexcept {
-  Loss all{bytes_ - on_its_way_, open_.values};
+  Loss all{bytes_ - in_flight_, filling_.values};
   for (const Block& block : blocks_) all.values += block.values;
   return all;
 }

@@ -4,13 +4,12 @@
 #include <signal.h>
 
 #include <exception>
-#include <random>
 #include <utility>
 
 namespace write_skein {
 namespace {
 
-/// Threads started during its life take no signals.
+/// Threads that are started while it exists take no signals.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -34,10 +33,10 @@ skein::Timeouts timeouts_of(const NodeSettings& settings) {
 
 }  // namespace
 
-NodeSender::NodeSender(NodeSettings settings, Clock::duration max_age, Report report)
+NodeSender::NodeSender(NodeSettings settings, Clock::duration max_age, Log log)
     : settings_(std::move(settings)),
       client_(settings_.endpoint, timeouts_of(settings_)),
-      complaints_(settings_.name, std::move(report)),
+      errors_(settings_.name, std::move(log)),
       backoff_(std::random_device()()),
       queue_(settings_.queue_limit, max_age) {}
 
@@ -77,7 +76,7 @@ void NodeSender::stop(Clock::duration grace) {
   client_.cancel();
   thread_.join();
   client_.close();
-  complaints_.stopped(queue_.waiting(), last_failure_);
+  errors_.stopped(queue_.waiting(), last_failure_);
 }
 
 void NodeSender::run() {
@@ -89,7 +88,7 @@ void NodeSender::run() {
 
 std::optional<Block> NodeSender::next_block() {
   std::unique_lock lock(mutex_);
-  while (!gave_up_) {
+  while (!last_attempt_failed_) {
     const auto due = queue_.due();
     if (due && (stopping_ || *due <= Clock::now())) return queue_.take();
     if (stopping_) return std::nullopt;
@@ -104,48 +103,44 @@ void NodeSender::deliver(Block block) {
   } catch (const std::exception& failure) {
     client_.close();
     last_failure_ = failure.what();
-    return keep(std::move(block));
+    return retry_later(std::move(block));
   }
   backoff_.reset();
   std::unique_lock lock(mutex_);
   queue_.delivered();
   const Loss loss = queue_.take_loss();
   lock.unlock();
-  complaints_.answered(loss, Clock::now());
+  errors_.answered(loss, Clock::now());
 }
 
 void NodeSender::send(const Block& block) {
-  const bool stood = client_.is_open();
-  try {
-    if (!stood) client_.open();
-    call(block);
-  } catch (const skein::ClientError& error) {
-    if (error.kind() == skein::ClientError::Kind::SERVER) {
-      return complaints_.refused(error.what(), block.values, Clock::now());
-    }
-    // The server may have been restarted since the last block: no reason to complain or to wait.
-    if (!stood || error.kind() != skein::ClientError::Kind::LOST) throw;
-    send(block);
-  }
-}
-
-void NodeSender::call(const Block& block) {
   skein::MsgpackWriter args;
   args.map(settings_.key.empty() ? 1 : 2);
   if (!settings_.key.empty()) args.text("key").text(settings_.key);
   args.text("metrics").text(block.lines);
-  client_.call("collectd", args);
+  const bool was_open = client_.is_open();
+  try {
+    if (!was_open) client_.open();
+    client_.call("collectd", args);
+  } catch (const skein::ClientError& error) {
+    if (error.kind() == skein::ClientError::Kind::SERVER) {
+      return errors_.refused(error.what(), block.values, Clock::now());
+    }
+    // The server may have been restarted since the last block: reconnect at once, report nothing.
+    if (!was_open || error.kind() != skein::ClientError::Kind::LOST) throw;
+    send(block);
+  }
 }
 
-void NodeSender::keep(Block block) {
+void NodeSender::retry_later(Block block) {
   const auto now = Clock::now();
   std::unique_lock lock(mutex_);
-  queue_.give_back(std::move(block));
-  // At the end there is one attempt, and no waiting for a better moment.
-  gave_up_ = stopping_;
-  if (gave_up_) return;
+  queue_.put_back(std::move(block));
+  // At the end there is only one attempt.
+  last_attempt_failed_ = stopping_;
+  if (last_attempt_failed_) return;
   lock.unlock();
-  complaints_.failed(last_failure_, now);
+  errors_.failed(last_failure_, now);
   lock.lock();
   changed_.wait_until(lock, now + backoff_.next(), [this] { return stopping_; });
 }

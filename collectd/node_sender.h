@@ -1,75 +1,98 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
 
-#include "collectd/backoff.h"
 #include "collectd/block_queue.h"
-#include "collectd/complaints.h"
+#include "collectd/error_reporter.h"
 #include "collectd/node_settings.h"
 #include "skein/client.h"
 
 namespace write_skein {
 
-/// Sends the lines of one node from a thread of its own, a block at a time; a block is kept until
-/// the server has answered. collectd's threads only queue. Owned by the plugin from start to end.
+/// Exponential backoff with full jitter: each wait is random, between zero and a bound that doubles
+/// with every failure. So many senders do not come back at the same moment.
+class Backoff {
+ public:
+  using Duration = std::chrono::milliseconds;
+  static constexpr Duration FIRST_BOUND{1000};
+  static constexpr Duration LAST_BOUND{60'000};
+
+  explicit Backoff(unsigned seed) : random_(seed) {}
+
+  Duration next() {
+    std::uniform_int_distribution<Duration::rep> wait(0, bound_.count());
+    bound_ = std::min(bound_ * 2, LAST_BOUND);
+    return Duration(wait(random_));
+  }
+  void reset() noexcept { bound_ = FIRST_BOUND; }
+
+ private:
+  std::minstd_rand random_;
+  Duration bound_ = FIRST_BOUND;
+};
+
+/// Sends the lines of one node from a thread of its own, one block at a time. A block is kept until
+/// the server has answered it. collectd's threads only add to the queue. The plugin owns the sender
+/// from its start to its shutdown.
 class NodeSender {
  public:
   using Clock = BlockQueue::Clock;
 
-  /// `max_age`: longest time that a line waits for its block to fill. `report` is called from the
-  /// sender's thread and from stop(). Throws skein::Failure when there is no descriptor left.
-  NodeSender(NodeSettings settings, Clock::duration max_age, Report report);
-  /// Stops at once if stop() was not called.
+  /// `max_age`: longest time that a line waits for its block to fill. `log` is called from the
+  /// sender's thread and from stop(). Throws skein::Failure if no descriptor is left.
+  NodeSender(NodeSettings settings, Clock::duration max_age, Log log);
+  /// Stops without grace unless stop() was called.
   ~NodeSender();
 
   const NodeSettings& settings() const noexcept { return settings_; }
 
-  /// Starts the thread, which takes no signals: they are collectd's.
+  /// Starts the thread. It takes no signals: they are collectd's.
   void start();
 
   /// Queues complete lines; never waits for the network. Any thread.
   void add(std::string_view lines);
-  /// Sends what has waited for `age`. Any thread.
+  /// Sends what has waited for at least `age`. Any thread.
   void flush(Clock::duration age);
 
-  /// Makes the thread send all that waits and then end; does not wait for it.
+  /// Tells the thread to send everything and then to end; does not wait for it.
   void begin_stop();
-  /// The same, and waits for the end: for at most `grace`, then what still runs is cut off.
-  /// Reports what stayed behind.
+  /// The same, and waits for the end. After `grace` a request that still runs is cancelled.
+  /// Reports what was not sent.
   void stop(Clock::duration grace);
 
  private:
   void run();
-  /// Waits for the next block that is to go; none when the thread is to end.
+  /// Waits until a block is due. None when the thread is to end.
   std::optional<Block> next_block();
   void deliver(Block block);
-  /// Throws when the block has to be sent again.
+  /// Throws if the block must be sent again.
   void send(const Block& block);
-  void call(const Block& block);
-  /// Puts the block back and waits for the next attempt.
-  void keep(Block block);
+  /// Puts the block back and waits until the next attempt.
+  void retry_later(Block block);
 
   const NodeSettings settings_;
-  // Thread of the sender only, save client_.cancel().
+  // Used by the sender's thread only, except for client_.cancel():
   skein::Client client_;
-  Complaints complaints_;
+  ErrorReporter errors_;
   Backoff backoff_;
   std::string last_failure_;
 
   std::mutex mutex_;
-  std::condition_variable changed_;   // queue_.due(), stopping_
+  std::condition_variable changed_;   // queue_.due() or stopping_
   std::condition_variable finished_;  // ended_
   // Guarded by mutex_:
   BlockQueue queue_;
   bool stopping_ = false;
-  bool gave_up_ = false;  ///< the attempt that is left at the end has failed
-  bool ended_ = false;    ///< the thread touches nothing any more
+  bool last_attempt_failed_ = false;  ///< while stopping there is only one
+  bool ended_ = false;                ///< the thread uses this object no more
   std::thread thread_;
 };
 

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <strings.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <array>
@@ -13,8 +12,8 @@
 #include <utility>
 
 #include "collectd/block_queue.h"
+#include "pelorus/node_key_file.h"
 #include "skein/errors.h"
-#include "skein/key_file.h"
 
 namespace write_skein {
 namespace {
@@ -23,7 +22,7 @@ constexpr std::string_view DEFAULT_PORT = "8995";
 constexpr double MAX_QUEUE_BYTES = 1U << 30;
 constexpr double MAX_TIMEOUT = 3600;  // seconds
 
-/// The options of one <Node> as they are met.
+/// What the options of one <Node> have set so far.
 struct Draft {
   NodeSettings settings;
   std::string socket;
@@ -56,7 +55,7 @@ double number(const oconfig_item_t& option, double least, double most) {
   return found;
 }
 
-/// Quoted or not.
+/// The number may be in quotes.
 std::string port(const oconfig_item_t& option) {
   constexpr std::string_view DEMAND = "needs a number from 1 to 65535";
   int found = 0;
@@ -74,9 +73,9 @@ std::string port(const oconfig_item_t& option) {
 void set_socket(const oconfig_item_t& option, Draft& draft) {
   draft.socket = text(option);
   if (draft.socket.front() != '/') refuse(option, "needs an absolute path");
-  if (draft.socket.size() >= sizeof(sockaddr_un::sun_path)) {
+  if (draft.socket.size() > skein::MAX_UNIX_PATH_BYTES) {
     refuse(option, fmt::format("has a path of {} bytes, {} are possible", draft.socket.size(),
-                               sizeof(sockaddr_un::sun_path) - 1));
+                               skein::MAX_UNIX_PATH_BYTES));
   }
 }
 
@@ -91,12 +90,12 @@ void set_only_key(const oconfig_item_t& option, Draft& draft, std::string key) {
 
 void set_key(const oconfig_item_t& option, Draft& draft) {
   std::string key = text(option);
-  if (!skein::is_node_key(key)) refuse(option, "holds blanks or control bytes");
+  if (!pelorus::is_node_key(key)) refuse(option, "holds blanks or control bytes");
   set_only_key(option, draft, std::move(key));
 }
 
 void set_key_file(const oconfig_item_t& option, Draft& draft) {
-  set_only_key(option, draft, skein::read_key_file(text(option)));
+  set_only_key(option, draft, pelorus::read_node_key_file(text(option)));
 }
 
 void set_store_rates(const oconfig_item_t& option, Draft& draft) {
@@ -140,7 +139,7 @@ constexpr std::array<Option, 9> OPTIONS{{
 
 void set_option(const oconfig_item_t& item, Draft& draft) {
   const auto* option = std::find_if(OPTIONS.begin(), OPTIONS.end(), [&](const Option& known) {
-    return strcasecmp(known.name, item.key) == 0;  // collectd's options know no case
+    return strcasecmp(known.name, item.key) == 0;  // collectd ignores the case of options
   });
   if (option == OPTIONS.end()) refuse(item, "is no option of a node");
   option->set(item, draft);
@@ -155,7 +154,7 @@ void set_endpoint(Draft& draft) {
   }
   if (!draft.host.empty()) throw skein::Failure("has both a Socket and a Host");
   if (!draft.port.empty()) throw skein::Failure("has a Port, but no Host");
-  // The local server asks for no key: a secret is not sent where nobody wants it.
+  // The local server does not ask for a key, so the secret is not sent to it.
   if (!draft.settings.key.empty()) throw skein::Failure("has a key, which goes with a Host only");
   draft.settings.endpoint = skein::Endpoint::unix_socket(draft.socket);
 }

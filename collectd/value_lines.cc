@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -37,7 +38,7 @@ std::string prefix_of(const Identifier& id) {
   if (!id.plugin_instance.empty()) append_name(prefix += '-', id.plugin_instance);
   append_name(prefix += '.', id.type);
   if (!id.type_instance.empty()) {
-    // A peer of ntpd may also be a host name: its dots are put together again just the same.
+    // A peer of ntpd may also be a host name, whose dots the daemon restores as well.
     const bool keep_dots = id.plugin == "ntpd" || is_address(id.type_instance);
     append_name(prefix += '-', id.type_instance, keep_dots);
   }
@@ -51,23 +52,23 @@ std::string text_of(T number) {
   return {text.data(), end};
 }
 
-struct NumberText {
-  std::optional<std::string> operator()(double number) const {
-    if (!std::isfinite(number)) return std::nullopt;
-    std::string text = text_of(number);
-    if (text.find('.') == std::string::npos)
-      text.insert(std::min(text.find('e'), text.size()), ".0");
-    return text;
-  }
-  std::optional<std::string> operator()(std::int64_t number) const {
-    if (number < 0) return std::nullopt;
-    return text_of(number);
-  }
-  std::optional<std::string> operator()(std::uint64_t number) const {
-    if (number > std::numeric_limits<std::int64_t>::max()) return std::nullopt;
-    return text_of(number);
-  }
-};
+/// None for a number that is left out.
+std::optional<std::string> shown(double number) {
+  if (!std::isfinite(number)) return std::nullopt;
+  std::string text = text_of(number);
+  if (text.find('.') == text.npos) text.insert(std::min(text.find('e'), text.size()), ".0");
+  return text;
+}
+
+std::optional<std::string> shown(std::int64_t count) {
+  if (count < 0) return std::nullopt;
+  return text_of(count);
+}
+
+std::optional<std::string> shown(std::uint64_t count) {
+  if (count > std::numeric_limits<std::int64_t>::max()) return std::nullopt;
+  return text_of(count);
+}
 
 }  // namespace
 
@@ -76,7 +77,7 @@ void append_lines(const Identifier& identifier, std::span<const Sample> samples,
   const std::string prefix = prefix_of(identifier);
   const std::string time = text_of(seconds);
   for (const Sample& sample : samples) {
-    const auto number = std::visit(NumberText(), sample.number);
+    const auto number = std::visit([](auto kind) { return shown(kind); }, sample.number);
     if (!number) continue;
     out += prefix;
     append_name(out, sample.source);

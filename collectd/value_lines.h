@@ -8,7 +8,8 @@
 
 namespace write_skein {
 
-/// What collectd calls a value list's identifier. Borrowed texts; instances may be empty.
+/// The identifier of a value list, as collectd calls it. The texts are borrowed; instances may be
+/// empty.
 struct Identifier {
   std::string_view host;
   std::string_view plugin;
@@ -17,24 +18,24 @@ struct Identifier {
   std::string_view type_instance;
 };
 
-/// A gauge or a rate; an absolute count that may fall (DERIVE); one that may not.
+/// A gauge or a rate; a count that may fall (DERIVE); a count that only grows.
 using Number = std::variant<double, std::int64_t, std::uint64_t>;
 
-/// One data source of a value list. Borrowed name.
+/// One data source of a value list. The name is borrowed.
 struct Sample {
   std::string_view source;
   Number number;
 };
 
-/// Appends a line "host.plugin[-instance].type[-instance].source number seconds\n" per sample.
+/// Appends one line "host.plugin[-instance].type[-instance].source number seconds\n" per sample.
 ///
-/// Dots, blanks and control bytes in the names become "_", and so do "," "=" and "\", which would
-/// break the record that the line becomes in InfluxDB. The dots of an address in the type instance
-/// stay: the daemon puts the peers of ntpd together again.
+/// In names, dots, blanks and control bytes become "_". So do "," "=" and "\", which would break
+/// the record that the line becomes in InfluxDB. An address in the type instance keeps its dots:
+/// the daemon joins the parts of a peer of ntpd again.
 ///
-/// A number keeps its kind, because InfluxDB refuses a field that is a float now and an integer
-/// later: a double always has a decimal point, a count never. Left out are doubles that are not
-/// finite, counts beyond 2^63-1, and counts below 0, which the daemon would write as floats.
+/// A number keeps its kind, because InfluxDB refuses a field whose type changes: a double always
+/// has a decimal point, a count never has one. Doubles that are not finite are left out, and so are
+/// counts above 2^63-1 and counts below 0, which the daemon would write as floats.
 void append_lines(const Identifier& identifier, std::span<const Sample> samples,
                   std::int64_t seconds, std::string& out);
 

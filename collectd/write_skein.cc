@@ -1,9 +1,10 @@
-// The collectd plugin "write_skein": hands collectd's values to the nodes of its configuration,
-// each a pelorus daemon, over its local socket or its node listener. doc/write_skein.md has the
-// options. The daemon takes the first dotted part of a series name for its source, so collectd's
-// Hostname must begin with "m" ("m000": this machine) or be "node" and the node's number.
+// The collectd plugin "write_skein": sends collectd's values to the nodes of its configuration.
+// Each node is a pelorus daemon, reached over its local socket or its node listener. The options
+// are in doc/write_skein.md. The daemon takes the first dotted part of a series name as the source,
+// so collectd's Hostname must begin with "m" ("m000": this machine) or be "node" and the node's
+// number.
 //
-// What happens to the values is in node_sender.h; here they only come in.
+// This file holds collectd's callbacks; node_sender.h sends the values.
 
 extern "C" {
 #include "core/daemon/collectd.h"
@@ -30,31 +31,25 @@ using write_skein::NodeSettings;
 using write_skein::Number;
 using write_skein::Sample;
 
-/// Time to send what waits when collectd ends.
+/// Time to send what is queued when collectd ends.
 constexpr auto SHUTDOWN_GRACE = std::chrono::seconds(2);
 
-// collectd calls without an object. Configuration, start and end come from its main thread, writes
-// only between the last two.
+// collectd's callbacks for configuration, start and shutdown take no object. Its main thread calls
+// them; writes come only between start and shutdown.
 std::vector<NodeSettings> configured;
 std::vector<std::unique_ptr<NodeSender>> senders;
 
-struct Free {
-  void operator()(gauge_t* rates) const noexcept { std::free(rates); }  // NOLINT: from collectd
-};
-using Rates = std::unique_ptr<gauge_t, Free>;
-
-void report(write_skein::Level level, const std::string& text) {
-  plugin_log(level == write_skein::Level::WARNING ? LOG_WARNING : LOG_NOTICE,
-             "write_skein plugin: %s", text.c_str());
+void log_line(int priority, const std::string& line) {
+  plugin_log(priority, "write_skein plugin: %s", line.c_str());
 }
 
-/// No exception crosses into collectd: `operation` fails with -1 and a line.
+/// No exception reaches collectd: if `operation` throws, a line is logged and -1 returned.
 template <class Operation>
 int guarded(Operation operation) noexcept {
   try {
     return operation();
   } catch (const std::exception& failure) {
-    plugin_log(LOG_ERR, "write_skein plugin: %s", failure.what());
+    log_line(LOG_ERR, failure.what());
     return -1;
   }
 }
@@ -76,10 +71,12 @@ Number number_of(int type, const value_t& value) {
   }
 }
 
-/// None when collectd has no rates for the list.
+/// None if collectd has no rates for the list.
 std::optional<std::vector<Sample>> samples_of(const data_set_t& set, const value_list_t& list,
                                               bool store_rates) {
-  const Rates rates(store_rates ? uc_get_rate(&set, &list) : nullptr);
+  // collectd allocates the rates by malloc().
+  const std::unique_ptr<gauge_t, decltype(&std::free)> rates(
+      store_rates ? uc_get_rate(&set, &list) : nullptr, &std::free);
   if (store_rates && !rates) return std::nullopt;
   std::vector<Sample> samples;
   samples.reserve(set.ds_num);
@@ -122,18 +119,18 @@ int configure(oconfig_item_t* block) {
 
 void start(const NodeSettings& settings) {
   senders.push_back(
-      std::make_unique<NodeSender>(settings, duration_of(plugin_get_interval()), report));
+      std::make_unique<NodeSender>(settings, duration_of(plugin_get_interval()), log_line));
   const std::string name = "write_skein/" + settings.name;
-  const user_data_t data{senders.back().get(), nullptr};  // ours until shutdown
+  const user_data_t data{senders.back().get(), nullptr};  // owned by `senders` until shutdown
   plugin_register_write(name.c_str(), write, &data);
   plugin_register_flush(name.c_str(), flush, &data);
   senders.back()->start();
 }
 
-/// Threads begin here: the configuration is read before collectd goes into the background.
+/// Starts the threads. configure() would be too early: collectd forks after it.
 int init() {
   return guarded([] {
-    if (configured.empty()) report(write_skein::Level::WARNING, "no <Node> block: nothing is sent");
+    if (configured.empty()) log_line(LOG_WARNING, "no <Node> block: nothing is sent");
     for (const NodeSettings& settings : configured) start(settings);
     configured.clear();
     return 0;

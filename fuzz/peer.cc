@@ -79,9 +79,7 @@ std::vector<std::string> Peer::messages() const {
 
 std::string frame(std::string_view message) {
   std::string bytes;
-  const auto begin = skein::begin_frame(bytes);
-  skein::SnappyEncoder::encode(message, bytes);
-  skein::end_frame(bytes, begin);
+  skein::append_frame(message, bytes);
   return bytes;
 }
 

@@ -143,10 +143,7 @@ std::size_t Connection::unserved() const noexcept {
 
 void Connection::send(std::string_view message) {
   Buffers& unfinished = buffers();
-  if (unfinished.deaf) return;
-  const std::size_t begin = begin_frame(unfinished.out);
-  SnappyEncoder::encode(message, unfinished.out);
-  end_frame(unfinished.out, begin);
+  if (!unfinished.deaf) append_frame(message, unfinished.out);
 }
 
 void Connection::flush(std::chrono::steady_clock::time_point now) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "skein/encoders/snappyencoder.h"
 #include "skein/errors.h"
 #include "skein/limits.h"
 
@@ -43,13 +44,10 @@ std::size_t missing_to_frame(std::string_view bytes) {
   return whole > bytes.size() ? whole - bytes.size() : 0;
 }
 
-std::size_t begin_frame(std::string& out) {
+void append_frame(std::string_view message, std::string& out) {
   const std::size_t begin = out.size();
   out.append(FRAME_PREFIX_BYTES, '\0');
-  return begin;
-}
-
-void end_frame(std::string& out, std::size_t begin) {
+  SnappyEncoder::encode(message, out);
   const Prefix big_endian = htonl(static_cast<Prefix>(out.size() - begin - FRAME_PREFIX_BYTES));
   std::memcpy(&out[begin], &big_endian, sizeof big_endian);
 }

@@ -5,11 +5,9 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <memory>
 
 #include "skein/errors.h"
@@ -47,17 +45,25 @@ Address peer_address(int descriptor) {
   return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
 }
 
-void bind_unix(const Socket& socket, const std::string& path) {
+std::optional<sockaddr_un> unix_address(std::string_view path) {
+  if (path.empty() || path.size() > MAX_UNIX_PATH_BYTES || path.find('\0') != path.npos) {
+    return std::nullopt;
+  }
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof address.sun_path ||
-      path.find('\0') != std::string::npos) {
+  path.copy(address.sun_path, path.size());
+  return address;
+}
+
+void bind_unix(const Socket& socket, const std::string& path) {
+  const auto address = unix_address(path);
+  if (!address) {
     throw SystemFailure(fmt::format("bind to the {}-byte path '{}' (1 to {} bytes are possible)",
-                                    path.size(), path, sizeof address.sun_path - 1),
+                                    path.size(), path, MAX_UNIX_PATH_BYTES),
                         ENAMETOOLONG);
   }
-  std::memcpy(address.sun_path, path.data(), path.size());
-  if (::bind(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+  if (::bind(socket.descriptor(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) !=
+      0) {
     throw SystemFailure(fmt::format("bind to '{}'", path), errno);
   }
 }

@@ -1,9 +1,13 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/un.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace skein {
@@ -39,6 +43,13 @@ struct Address {
 /// The far end of a connected TCP socket. Throws SystemFailure (ENOTCONN: the peer has gone
 /// already).
 Address peer_address(int descriptor);
+
+/// Longest path of a unix socket.
+constexpr std::size_t MAX_UNIX_PATH_BYTES = sizeof(sockaddr_un::sun_path) - 1;
+
+/// The address of a filesystem path. None if the path is empty, longer than MAX_UNIX_PATH_BYTES or
+/// holds a zero byte.
+std::optional<sockaddr_un> unix_address(std::string_view path);
 
 /// Binds to a filesystem path. Throws SystemFailure; a path that is too long for a socket address
 /// is named as such.

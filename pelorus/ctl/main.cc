@@ -1,5 +1,6 @@
-// pelorusctl, the operator's tool. One file per subcommand: each adds itself to the command line
-// and runs when it was named. What fails is thrown and becomes an exit status here.
+// pelorusctl, the operator's tool. Each subcommand has a file of its own, adds itself to the
+// command line and runs if it was named. It throws what fails; main() turns that into an exit
+// status.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -9,21 +10,15 @@
 #include <string_view>
 #include <utility>
 
-#include "pelorus/ctl/check.h"
-#include "pelorus/ctl/exit_status.h"
-#include "pelorus/ctl/send.h"
-#include "pelorus/ctl/server_options.h"
-#include "pelorus/ctl/stats.h"
-#include "pelorus/ctl/status.h"
-#include "pelorus/ctl/thresholds.h"
-#include "pelorus/ctl/translate.h"
+#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/subcommands.h"
 
 namespace {
 
 namespace ctl = pelorus::ctl;
 using ctl::ExitStatus;
 
-ExitStatus complain(std::string_view text, ExitStatus status) {
+ExitStatus fail(std::string_view text, ExitStatus status) {
   fmt::print(stderr, "pelorusctl: {}\n", text);
   return status;
 }
@@ -32,21 +27,22 @@ void add_version(CLI::App& app) {
   app.set_version_flag("--version", "pelorusctl " PELORUS_VERSION, "Print the version and exit");
 }
 
-/// Whether a monitoring system reads the exit status: 2 means that something is critical, then.
+/// Whether a monitoring system reads the exit status. For it, 2 means CRITICAL, not a wrong
+/// command.
 bool monitoring(int argc, char** argv) {
   return std::any_of(argv, argv + argc, [](std::string_view argument) {
     return argument.starts_with("--warn") || argument.starts_with("--crit");
   });
 }
 
-/// A word that is no subcommand is named, rather than that there is none.
+/// Names a word that is no subcommand, instead of saying that there is no subcommand.
 void parse(CLI::App& app, int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::RequiredError&) {
     if (app.get_subcommands().empty() && app.remaining_size() > 0) {
       auto words = app.remaining();
-      std::ranges::reverse(words);  // the error wants the last one first
+      std::ranges::reverse(words);  // the error expects the last one first
       throw CLI::ExtrasError(std::move(words));
     }
     throw;
@@ -73,8 +69,7 @@ ExitStatus run(int argc, char** argv) {
     return static_cast<ExitStatus>(ended.get_exit_code());
   } catch (const CLI::ParseError& error) {
     if (app.exit(error) == 0) return ExitStatus::SUCCESS;
-    return monitoring(argc, argv) ? static_cast<ExitStatus>(ctl::Health::UNKNOWN)
-                                  : ExitStatus::USAGE;
+    return monitoring(argc, argv) ? ctl::MONITORING_UNKNOWN : ExitStatus::USAGE;
   }
   return ExitStatus::SUCCESS;
 }
@@ -86,14 +81,14 @@ int main(int argc, char** argv) {
   try {
     status = run(argc, argv);
   } catch (const skein::ClientError& error) {
-    status = complain(ctl::explain(error), ctl::exit_status_of(error.kind()));
+    status = fail(ctl::explain(error), ctl::exit_status_of(error.kind()));
   } catch (const ctl::UsageError& error) {
-    status = complain(error.what(), ExitStatus::USAGE);
+    status = fail(error.what(), ExitStatus::USAGE);
   } catch (const std::exception& error) {
-    status = complain(error.what(), ExitStatus::FAILURE);
+    status = fail(error.what(), ExitStatus::FAILURE);
   }
   if (std::fflush(stdout) != 0 && status == ExitStatus::SUCCESS) {
-    status = complain("cannot write to standard output", ExitStatus::FAILURE);
+    status = fail("cannot write to standard output", ExitStatus::FAILURE);
   }
   return static_cast<int>(status);
 }

@@ -1,24 +1,308 @@
-#include "pelorus/ctl/stats.h"
+#include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <iterator>
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "pelorus/ctl/exit_status.h"
-#include "pelorus/ctl/json.h"
-#include "pelorus/ctl/prometheus.h"
+#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/output.h"
 #include "pelorus/ctl/reply.h"
-#include "pelorus/ctl/server_options.h"
-#include "pelorus/ctl/thresholds.h"
+#include "pelorus/ctl/subcommands.h"
 
 namespace pelorus::ctl {
 namespace {
 
+// For people: a table with one row for each database, in the order of the reply. A value that is
+// missing or of an unexpected type shows as "?".
+
+std::string yes_or_no(const ReplyValue& value) {
+  const auto boolean = value.boolean();
+  return boolean ? (*boolean ? "yes" : "no") : "?";
+}
+
+std::string count(const ReplyValue& value) {
+  const auto number = value.number();
+  return number ? human_count(*number) : "?";
+}
+
+std::string moment(const ReplyValue& value) {
+  const auto number = value.number();
+  return number ? human_moment(*number) : "?";
+}
+
+std::string stats_table(skein::Value databases, const Palette& palette) {
+  Table table({{"database"},
+               {"writing"},
+               {"waiting", Table::RIGHT},
+               {"failures", Table::RIGHT},
+               {"last write"}});
+  ReplyValue(databases).each_pair([&](const std::string& name, const ReplyValue& stats) {
+    const ReplyValue failures = stats["failure_count"];
+    table.add({{name},
+               {yes_or_no(stats["has_current_request"])},
+               {count(stats["pending_data_len"])},
+               {count(failures), failures.amount() > 0 ? Tone::BAD : Tone::PLAIN},
+               {moment(stats["last_sent_time"])}});
+  });
+  return table.draw(palette);
+}
+
+// For a monitoring system: one line with a verdict and performance data.
+
+/// Exit status of a monitoring plugin.
+enum class Health : int { OK = 0, WARNING = 1, CRITICAL = 2, UNKNOWN = 3 };
+constexpr std::array<const char*, 4> HEALTH_NAMES{"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+
+struct Measure {
+  const char* name;    ///< in a threshold, and in the performance data
+  const char* key;     ///< in the reply
+  const char* phrase;  ///< what is wrong, around the value
+};
+
+constexpr std::array<Measure, 3> MEASURES{{
+    {"queue", "pending_data_len", "messages waiting: {:.0f}"},
+    {"failures", "failure_count", "failed writes: {:.0f}"},
+    {"age", "last_sent_time", "seconds since the last good write: {:.0f}"},
+}};
+constexpr std::size_t AGE = 2;
+
+/// The value of each measure from which a database is not well. None: the measure is not judged.
+using Thresholds = std::array<std::optional<double>, MEASURES.size()>;
+
+/// From texts such as "queue=1000,age=60". Throws UsageError.
+Thresholds parse_thresholds(const std::vector<std::string>& texts) {
+  Thresholds thresholds;
+  for (const std::string& text : texts) {
+    const std::size_t sign = std::min(text.find('='), text.size());
+    const auto* measure =
+        std::ranges::find(MEASURES, std::string_view(text).substr(0, sign), &Measure::name);
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const char* const begin = std::min(text.data() + sign + 1, end);
+    const auto result = std::from_chars(begin, end, number);
+    if (measure == MEASURES.end() || result.ec != std::errc() || result.ptr != end ||
+        !std::isfinite(number)) {
+      throw UsageError(
+          fmt::format("'{}' is no threshold: queue=N, failures=N or age=SECONDS", text));
+    }
+    thresholds.at(static_cast<std::size_t>(measure - MEASURES.begin())) = number;
+  }
+  return thresholds;
+}
+
+/// Collects what is said about all databases. The worst finding decides.
+class Verdict {
+ public:
+  void add(Health health, std::string_view finding) {
+    health_ = std::max(health_, health);
+    if (!findings_.empty()) findings_ += ", ";
+    findings_ += finding;
+  }
+  void judge(const std::string& database, std::size_t measure, double value,
+             std::optional<double> warning, std::optional<double> critical) {
+    const auto finding = [&](double limit) {
+      return fmt::format("{}: {} (limit {:g})", database,
+                         fmt::format(fmt::runtime(MEASURES.at(measure).phrase), value), limit);
+    };
+    if (critical && value >= *critical) {
+      add(Health::CRITICAL, finding(*critical));
+    } else if (warning && value >= *warning) {
+      add(Health::WARNING, finding(*warning));
+    }
+    const auto shown = [](auto limit) { return limit ? fmt::format("{:g}", *limit) : ""; };
+    performance_ += fmt::format(" '{}_{}'={:.0f}{};{};{};0", database, MEASURES.at(measure).name,
+                                value, measure == AGE ? "s" : "", shown(warning), shown(critical));
+  }
+
+  Health health() const { return health_; }
+  /// "WARNING - bonding: … | performance data"
+  std::string line(std::size_t databases) const {
+    const std::string well =
+        human_number_of("database", databases) + (databases == 1 ? " is well" : " are well");
+    return fmt::format("{} - {}{}{}", HEALTH_NAMES.at(static_cast<std::size_t>(health_)),
+                       findings_.empty() ? well : findings_, performance_.empty() ? "" : " |",
+                       performance_);
+  }
+
+ private:
+  Health health_ = Health::OK;
+  std::string findings_;
+  std::string performance_;
+};
+
+/// A name without the characters that would end the quotation or the text before the "|".
+std::string plain_name(std::string name) {
+  name = without_controls(name);
+  std::ranges::replace_if(
+      name, [](char c) { return c == '|' || c == '\'' || c == '='; }, '_');
+  return name;
+}
+
+double now() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+/// Judges the reply to "stats" and prints the line. `only`: the databases that count; all if empty.
+/// A database or a value that is missing makes it UNKNOWN.
+Health judge(skein::Value databases, const std::vector<std::string>& only,
+             const Thresholds& warning, const Thresholds& critical) {
+  Verdict verdict;
+  std::vector<std::string> seen;
+  ReplyValue(databases).each_pair([&](const std::string& name, const ReplyValue& stats) {
+    if (!only.empty() && std::ranges::find(only, name) == only.end()) return;
+    seen.push_back(name);
+    for (std::size_t i = 0; i < MEASURES.size(); ++i) {
+      const auto number = stats[MEASURES.at(i).key].number();
+      if (!number) {
+        verdict.add(Health::UNKNOWN,
+                    fmt::format("{}: no {} in the answer", plain_name(name), MEASURES.at(i).key));
+        continue;
+      }
+      verdict.judge(plain_name(name), i, i == AGE ? std::fmax(now() - *number, 0) : *number,
+                    warning.at(i), critical.at(i));
+    }
+  });
+  for (const std::string& name : only) {
+    if (std::ranges::find(seen, name) == seen.end()) {
+      verdict.add(Health::UNKNOWN, fmt::format("{}: no such database", plain_name(name)));
+    }
+  }
+  if (seen.empty() && only.empty()) verdict.add(Health::UNKNOWN, "no databases");
+  std::puts(verdict.line(seen.size()).c_str());
+  return verdict.health();
+}
+
+// For Prometheus: the reply to "status" as text for a textfile collector. Connections are counted,
+// not listed.
+
+/// A label's value between its quotation marks.
+std::string escaped(std::string_view text) {
+  std::string out;
+  for (const char byte : text) {
+    if (byte == '\\' || byte == '"') out += '\\';
+    if (byte == '\n') {
+      out += "\\n";
+    } else {
+      out += byte;
+    }
+  }
+  return out;
+}
+
+struct Metric {
+  const char* name;
+  const char* type;
+  const char* help;
+  const char* group;  ///< the map that holds the value; null for the outermost
+  const char* key;
+
+  std::optional<double> value_in(const ReplyValue& map) const {
+    return (group == nullptr ? map[key] : map[group][key]).number();
+  }
+};
+
+constexpr std::array<Metric, 4> DAEMON_METRICS{{
+    {"pelorus_start_time_seconds", "gauge", "Unix time at which the daemon started.", nullptr,
+     "started"},
+    {"pelorus_loop_delay_seconds", "gauge", "Longest turn of the event loop in the last minute.",
+     nullptr, "loop_delay"},
+    {"pelorus_messages_total", "counter", "Messages received.", "totals", "messages"},
+    {"pelorus_records_total", "counter", "Records received.", "totals", "records"},
+}};
+
+constexpr std::array<Metric, 17> DATABASE_METRICS{{
+    {"pelorus_queue_messages", "gauge", "Messages that wait.", "queued", "messages"},
+    {"pelorus_queue_bytes", "gauge", "Bytes that wait.", "queued", "bytes"},
+    {"pelorus_queue_limit_messages", "gauge", "Messages at which the oldest are dropped.", nullptr,
+     "max_pending"},
+    {"pelorus_queue_full_seconds", "gauge", "Seconds until the queue is full; absent when never.",
+     nullptr, "seconds_until_full"},
+    {"pelorus_in_flight_messages", "gauge", "Messages of the present write.", "in_flight",
+     "messages"},
+    {"pelorus_sent_messages_total", "counter", "Messages that were acknowledged.", "sent",
+     "messages"},
+    {"pelorus_sent_bytes_total", "counter", "Bytes that were acknowledged.", "sent", "bytes"},
+    {"pelorus_failed_messages_total", "counter", "Messages of failed writes.", "failed",
+     "messages"},
+    {"pelorus_failed_bytes_total", "counter", "Bytes of failed writes.", "failed", "bytes"},
+    {"pelorus_discarded_messages_total", "counter", "Messages dropped from a full queue.",
+     "discarded", "messages"},
+    {"pelorus_discarded_bytes_total", "counter", "Bytes dropped from a full queue.", "discarded",
+     "bytes"},
+    {"pelorus_consecutive_failures", "gauge", "Failed writes since the last good one.", nullptr,
+     "failure_count"},
+    {"pelorus_last_success_timestamp_seconds", "gauge", "Unix time of the last good write.",
+     nullptr, "last_sent_time"},
+    {"pelorus_last_failure_timestamp_seconds", "gauge", "Unix time of the last failed write.",
+     nullptr, "last_failure_time"},
+    {"pelorus_partial_writes_total", "counter", "Writes that InfluxDB took in part.", nullptr,
+     "partial_writes"},
+    {"pelorus_dropped_points_total", "counter", "Points that InfluxDB dropped of such writes.",
+     nullptr, "dropped_points"},
+    {"pelorus_largest_body_bytes", "gauge", "Largest body of one write.", nullptr, "largest_body"},
+}};
+
+void append_head(std::string& out, const Metric& metric) {
+  fmt::format_to(std::back_inserter(out), "# HELP {0} {1}\n# TYPE {0} {2}\n", metric.name,
+                 metric.help, metric.type);
+}
+
+/// `labels`: as they stand between the braces. A value that the reply lacks is left out.
+void append_sample(std::string& out, const Metric& metric, const std::string& labels,
+                   std::optional<double> value) {
+  if (!value) return;
+  const std::string braced = labels.empty() ? "" : "{" + labels + "}";
+  fmt::format_to(std::back_inserter(out), "{}{} {}\n", metric.name, braced, *value);
+}
+
+std::string prometheus_text(skein::Value reply) {
+  const ReplyValue status(reply);
+  std::string out;
+  const Metric build{"pelorus_build_info", "gauge", "Version of the daemon.", nullptr, "version"};
+  append_head(out, build);
+  append_sample(out, build, fmt::format("version=\"{}\"", escaped(status["version"].text())), 1);
+  for (const Metric& metric : DAEMON_METRICS) {
+    append_head(out, metric);
+    append_sample(out, metric, "", metric.value_in(status));
+  }
+  const Metric auths{"pelorus_authentications_total", "counter",
+                     "Answers of the web server about node keys.", "totals", nullptr};
+  append_head(out, auths);
+  const ReplyValue totals = status["totals"];
+  append_sample(out, auths, "result=\"accepted\"", totals["accepted_auths"].number());
+  append_sample(out, auths, "result=\"refused\"", totals["refused_auths"].number());
+  const Metric open{"pelorus_connections", "gauge", "Open connections.", nullptr, "open"};
+  append_head(out, open);
+  for (const char* listener : {"nodes", "local"}) {
+    append_sample(out, open, fmt::format("listener=\"{}\"", listener),
+                  open.value_in(status[listener]));
+  }
+  for (const Metric& metric : DATABASE_METRICS) {
+    append_head(out, metric);
+    status["databases"].each_pair([&](const std::string& name, const ReplyValue& database) {
+      append_sample(out, metric, fmt::format("database=\"{}\"", escaped(name)),
+                    metric.value_in(database));
+    });
+  }
+  return out;
+}
+
+// The subcommand.
+
 struct StatsOptions {
   bool json = false;
   bool prometheus = false;
-  double watch = 0;  ///< seconds between two looks; 0: one look
+  double watch = 0;  ///< seconds between two requests; 0: only one
   std::vector<std::string> warning;
   std::vector<std::string> critical;
   std::vector<std::string> databases;
@@ -37,30 +321,22 @@ std::string draw(const ServerOptions& server, const StatsOptions& options) {
                       : stats_table(answer.result(), Palette::of_stdout());
 }
 
-double now() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
-
-/// One line for a monitoring system, whatever happens.
-Judgement judge_daemon(const ServerOptions& server, const StatsOptions& options) {
+/// Prints one line whatever happens.
+Health monitor(const ServerOptions& server, const StatsOptions& options) {
   try {
-    const auto warning = Thresholds::parse(options.warning);
-    const auto critical = Thresholds::parse(options.critical);
-    const skein::Answer answer = ask(server, "stats");
-    return judge(answer.result(), options.databases, warning, critical, now());
+    const auto warning = parse_thresholds(options.warning);
+    const auto critical = parse_thresholds(options.critical);
+    return judge(ask(server, "stats").result(), options.databases, warning, critical);
   } catch (const skein::ClientError& error) {
-    return {Health::UNKNOWN, "UNKNOWN - " + explain(error)};
+    fmt::print("UNKNOWN - {}\n", explain(error));
   } catch (const std::exception& error) {
-    return {Health::UNKNOWN, std::string("UNKNOWN - ") + error.what()};
+    fmt::print("UNKNOWN - {}\n", error.what());
   }
+  return Health::UNKNOWN;
 }
 
 void run(const ServerOptions& server, const StatsOptions& options) {
-  if (options.monitoring()) {
-    const Judgement judgement = judge_daemon(server, options);
-    std::puts(judgement.line.c_str());
-    throw CLI::RuntimeError(static_cast<int>(judgement.health));
-  }
+  if (options.monitoring()) throw CLI::RuntimeError(static_cast<int>(monitor(server, options)));
   if (!options.databases.empty()) throw UsageError("--database needs --warn or --crit");
   if (options.watch > 0) watch(options.watch, [&] { return draw(server, options); });
   std::fputs(draw(server, options).c_str(), stdout);

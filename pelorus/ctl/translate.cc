@@ -1,23 +1,149 @@
-#include "pelorus/ctl/translate.h"
-
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
 #include <cstdio>
+#include <exception>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
-#include "pelorus/ctl/exit_status.h"
-#include "pelorus/ctl/human.h"
-#include "pelorus/ctl/terminal.h"
-#include "pelorus/ctl/translated_line.h"
+#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/output.h"
+#include "pelorus/ctl/subcommands.h"
+#include "pelorus/translate/rule_table.h"
+#include "pelorus/translate/series_translator.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
+
+/// The names of the translator's rules.
+constexpr std::array<std::pair<translate::Rule, std::string_view>, translate::RULES.size()>
+    RULE_NAMES{{
+        {translate::rules::aggfail, "aggfail"},
+        {translate::rules::aggregator, "aggregator"},
+        {translate::rules::aggregation_cpu_average, "aggregation_cpu_average"},
+        {translate::rules::bridge, "bridge"},
+        {translate::rules::conntrack, "conntrack"},
+        {translate::rules::cpu, "cpu"},
+        {translate::rules::cpufreq, "cpufreq"},
+        {translate::rules::df, "df"},
+        {translate::rules::disk, "disk"},
+        {translate::rules::entropy, "entropy"},
+        {translate::rules::filecount_influxdb, "filecount_influxdb"},
+        {translate::rules::interface, "interface"},
+        {translate::rules::irq, "irq"},
+        {translate::rules::load, "load"},
+        {translate::rules::link_packet_loss, "link_packet_loss"},
+        {translate::rules::memory, "memory"},
+        {translate::rules::nginx, "nginx"},
+        {translate::rules::ntpd, "ntpd"},
+        {translate::rules::postgresql, "postgresql"},
+        {translate::rules::process, "process"},
+        {translate::rules::processes, "processes"},
+        {translate::rules::redis, "redis"},
+        {translate::rules::status, "status"},
+        {translate::rules::swap, "swap"},
+        {translate::rules::tunnel, "tunnel"},
+        {translate::rules::uptime, "uptime"},
+        {translate::rules::vmem, "vmem"},
+    }};
+
+#ifndef __SANITIZE_ADDRESS__  // with it, g++ 12 cannot compare functions in a constant expression
+constexpr bool is_named(translate::Rule rule) {
+  return std::ranges::any_of(RULE_NAMES, [&](const auto& named) { return named.first == rule; });
+}
+static_assert(std::ranges::all_of(translate::RULES, is_named, &translate::RuleRow::rule));
+#endif
+
+/// What the daemon makes of one series name or one Graphite line.
+struct TranslatedLine {
+  std::string series;
+  std::string value;  ///< empty if only a series name was given
+  std::string rule;   ///< its name and which plugin parts it matches; empty if none matches
+  std::string measurement;
+  std::string key;
+  std::vector<std::pair<std::string, std::string>> tags;
+  std::string error;     ///< as the daemon logs it; empty if it is translated
+  bool skipped = false;  ///< its value is "nan": the daemon leaves it out without logging that
+};
+
+/// The daemon splits a line at these.
+constexpr std::string_view WHITE_SPACE = " \t\r\v\f\n";
+
+std::vector<std::string_view> fields_of(std::string_view line) {
+  std::vector<std::string_view> fields;
+  while (true) {
+    const std::size_t begin = line.find_first_not_of(WHITE_SPACE);
+    if (begin == line.npos) return fields;
+    line.remove_prefix(begin);
+    const std::size_t size = std::min(line.find_first_of(WHITE_SPACE), line.size());
+    fields.push_back(line.substr(0, size));
+    line.remove_prefix(size);
+  }
+}
+
+/// The part of a series name that selects the rule.
+std::string_view plugin_of(std::string_view series) {
+  const std::size_t dot = series.find('.');
+  if (dot == series.npos) return {};
+  series.remove_prefix(dot + 1);
+  return series.substr(0, series.find('.'));
+}
+
+/// "load (equals \"load\")"; empty if no row of the translator's table matches the series.
+std::string rule_of(std::string_view series) {
+  const std::string_view plugin = plugin_of(series);
+  const std::string padded = std::string(plugin) + std::string(translate::COPY_STEP, '\0');
+  const auto rule = translate::choose_rule({padded.data(), plugin.size()});
+  if (rule == nullptr) return "";
+  const auto* row = std::ranges::find(translate::RULES, rule, &translate::RuleRow::rule);
+  const auto* named = std::ranges::find_if(
+      RULE_NAMES, [&](const auto& candidate) { return candidate.first == rule; });
+  return fmt::format("{} ({} \"{}\")", named->second,
+                     row->test == translate::EQUALS ? "equals" : "starts with", row->literal);
+}
+
+/// `text`: "series", or "series value timestamp".
+TranslatedLine translate_line(std::string_view text) {
+  TranslatedLine line;
+  const auto fields = fields_of(text);
+  if (fields.size() != 1 && fields.size() != 3) {
+    line.series = text;
+    line.error = fmt::format("Improperly formatted metric: \"{}\"", skein::display(text));
+    return line;
+  }
+  line.series = fields[0];
+  if (fields.size() == 3) line.value = fields[1];
+  line.skipped = line.value == "nan";
+  try {
+    auto translated = translate::GraphiteSeriesTranslator().translate(line.series);
+    line.rule = rule_of(line.series);
+    line.measurement = std::move(translated.measurement);
+    line.key = std::move(translated.key);
+    line.tags = std::move(translated.tags);
+  } catch (const translate::GraphiteSeriesTranslationError& error) {
+    line.error = error.what();
+  } catch (const translate::UnexpectedSeriesError& error) {
+    line.rule = rule_of(line.series);
+    line.error = fmt::format("Unexpected error occurred when translating series: {}", error.what());
+  }
+  return line;
+}
+
+/// Whether the daemon writes the value as an integer.
+bool is_integer(std::string_view value) {
+  return !value.empty() &&
+         std::ranges::all_of(value, [](char byte) { return byte >= '0' && byte <= '9'; });
+}
 
 struct TranslateOptions {
   std::vector<std::string> series;
@@ -25,7 +151,7 @@ struct TranslateOptions {
   bool lint = false;
 };
 
-/// Which fields came as integers and which as floats. InfluxDB refuses the second kind.
+/// Which fields came as integers and which as floats. InfluxDB refuses the type that comes second.
 class FieldTypes {
  public:
   void note(const TranslatedLine& line) {
@@ -34,7 +160,7 @@ class FieldTypes {
     std::string& first = is_integer(line.value) ? seen.integer : seen.real;
     if (first.empty()) first = line.series + " " + line.value;
   }
-  /// A line for each field that came as both.
+  /// One line for each field that came as both.
   std::vector<std::string> conflicts() const {
     std::vector<std::string> lines;
     for (const auto& [field, seen] : fields_) {

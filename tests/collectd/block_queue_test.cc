@@ -1,16 +1,11 @@
 #include "collectd/block_queue.h"
 
-#include <gmock/gmock.h>
-
-#include "collectd/backoff.h"
-#include "collectd/complaints.h"
+#include <gtest/gtest.h>
 
 namespace write_skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 const BlockQueue::Clock::time_point START{1h};
 
@@ -79,58 +74,13 @@ TEST_F(Queue, AtItsLimitTheOldestBlockIsDroppedAndCounted) {
   EXPECT_EQ(blocks(), "bcd");
 }
 
-TEST_F(Queue, BlockOnItsWayCountsButIsNotDropped) {
+TEST_F(Queue, BlockInFlightCountsButIsNotDropped) {
   for (const char name : {'a', 'b', 'c'}) queue.add(line(name, BLOCK_BYTES), START);
   Block first = queue.take();
   queue.add(line('d', BLOCK_BYTES), START);
   EXPECT_EQ(queue.take_loss().values, 1U);  // b
-  queue.give_back(std::move(first));
+  queue.put_back(std::move(first));
   EXPECT_EQ(blocks(), "acd");
-}
-
-TEST(Backoff, WaitsSpreadBelowABoundThatDoublesUpToTheLast) {
-  Backoff backoff(1);
-  for (int round = 0; round < 2; ++round) {
-    auto bound = Backoff::FIRST_BOUND;
-    bool jitters = false;
-    for (int i = 0; i < 20; ++i) {
-      const auto wait = backoff.next();
-      EXPECT_LE(wait, bound);
-      jitters = jitters || wait < bound / 2;
-      bound = std::min(bound * 2, Backoff::LAST_BOUND);
-    }
-    EXPECT_TRUE(jitters);
-    backoff.reset();
-  }
-}
-
-class ComplaintsTest : public testing::Test {
- protected:
-  std::vector<std::string> said;
-  Complaints complaints{"a", [this](Level, const std::string& text) { said.push_back(text); }};
-};
-
-TEST_F(ComplaintsTest, OneLinePerOutageAndOneWhenItIsOver) {
-  complaints.answered({}, START);
-  complaints.failed("refused", START);
-  complaints.failed("timed out", START + 30s);
-  complaints.answered({.bytes = 640, .values = 7}, START + 90s);
-  complaints.answered({}, START + 100s);
-  EXPECT_THAT(said, ElementsAre(HasSubstr("node \"a\": refused; values are queued"),
-                                HasSubstr("back after 90 s; 7 values (640 bytes) were dropped")));
-}
-
-TEST_F(ComplaintsTest, RefusedAndDroppedValuesAreSummedUpBetweenRareLines) {
-  for (int i = 0; i < 3; ++i) {
-    complaints.refused("bad key", 10, START + i * 1s);
-    complaints.answered({.bytes = 1, .values = 2}, START + i * 1s);
-  }
-  EXPECT_THAT(said, ElementsAre(HasSubstr("refused 10 values, they are lost: bad key"),
-                                HasSubstr("too slow: 2 values")));
-  said.clear();
-  complaints.refused("bad key", 10, START + Complaints::REPEAT);
-  complaints.answered({}, START + Complaints::REPEAT);
-  EXPECT_THAT(said, ElementsAre(HasSubstr("refused 30 values"), HasSubstr("4 values")));
 }
 
 }  // namespace

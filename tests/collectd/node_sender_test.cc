@@ -20,20 +20,20 @@ class Sender : public testing::Test {
   std::unique_ptr<NodeSender> make(std::chrono::seconds max_age = 1h) {
     settings.name = "a";
     settings.endpoint = skein::Endpoint::unix_socket(path);
-    auto sender = std::make_unique<NodeSender>(
-        settings, max_age, [this](Level, const std::string& text) { report(text); });
+    auto sender = std::make_unique<NodeSender>(settings, max_age,
+                                               [this](int, const std::string& line) { log(line); });
     sender->start();
     return sender;
   }
 
-  void report(const std::string& text) {
+  void log(const std::string& line) {
     const std::lock_guard lock(mutex);
-    said.push_back(text);
-    reported.notify_all();
+    logged.push_back(line);
+    changed.notify_all();
   }
-  void wait_for_report() {
+  void wait_for_line() {
     std::unique_lock lock(mutex);
-    ASSERT_TRUE(reported.wait_for(lock, 10s, [this] { return !said.empty(); }));
+    ASSERT_TRUE(changed.wait_for(lock, 10s, [this] { return !logged.empty(); }));
   }
 
   static SkeinStub::Outcome answer(const SkeinStub::Call& call) { return SkeinStub::reply(call); }
@@ -42,8 +42,8 @@ class Sender : public testing::Test {
   const std::string path = folder / "socket";
   NodeSettings settings;
   std::mutex mutex;
-  std::condition_variable reported;
-  std::vector<std::string> said;  // guarded by mutex while a sender runs
+  std::condition_variable changed;
+  std::vector<std::string> logged;  // guarded by mutex while a sender runs
 };
 
 TEST_F(Sender, SendsWhatIsOldFlushedOrLeftAtTheEnd) {
@@ -62,18 +62,18 @@ TEST_F(Sender, SendsWhatIsOldFlushedOrLeftAtTheEnd) {
   EXPECT_EQ(stub.metrics_with("left\n"), "old\nflushed\nleft\n");
   EXPECT_EQ(stub.calls()[0].name, "collectd");
   EXPECT_EQ(stub.calls()[0].args.at("key"), "12-ab");
-  EXPECT_THAT(said, ElementsAre());
+  EXPECT_THAT(logged, ElementsAre());
 }
 
 TEST_F(Sender, KeepsValuesThroughAnOutage) {
   const auto sender = make(0s);
   sender->add("first\n");
-  wait_for_report();
+  wait_for_line();
   sender->add("second\n");
   SkeinStub stub(answer, path);
   EXPECT_EQ(stub.metrics_with("second\n"), "first\nsecond\n");
   sender->stop(10s);
-  EXPECT_THAT(said, ElementsAre(HasSubstr("No such file"), HasSubstr("0 values (0 bytes)")));
+  EXPECT_THAT(logged, ElementsAre(HasSubstr("No such file"), HasSubstr("0 values (0 bytes)")));
 }
 
 TEST_F(Sender, RestartOfTheServerBetweenBlocksIsNoOutage) {
@@ -86,7 +86,7 @@ TEST_F(Sender, RestartOfTheServerBetweenBlocksIsNoOutage) {
   sender->add("second\n");
   EXPECT_EQ(stub->metrics_with("second\n"), "second\n");
   sender->stop(10s);
-  EXPECT_THAT(said, ElementsAre());
+  EXPECT_THAT(logged, ElementsAre());
 }
 
 TEST_F(Sender, RefusedBlockIsNotSentAgain) {
@@ -100,7 +100,7 @@ TEST_F(Sender, RefusedBlockIsNotSentAgain) {
   sender->add("good\n");
   EXPECT_EQ(stub.metrics_with("good\n"), "bad\ngood\n");
   sender->stop(10s);
-  EXPECT_THAT(said, ElementsAre(HasSubstr("refused 1 values, they are lost: no")));
+  EXPECT_THAT(logged, ElementsAre(HasSubstr("refused 1 values, they are lost: no")));
 }
 
 TEST_F(Sender, EndIsBoundedAndSaysWhatStayedBehind) {
@@ -114,9 +114,25 @@ TEST_F(Sender, EndIsBoundedAndSaysWhatStayedBehind) {
     sender->add("never\n");
     stub.calls(1);
     sender->stop(50ms);
-    EXPECT_THAT(said.back(), HasSubstr("1 values (6 bytes) could not be sent before the end: "));
-    EXPECT_THAT(said.back(), HasSubstr(row.text));
-    said.clear();
+    EXPECT_THAT(logged.back(), HasSubstr("1 values (6 bytes) could not be sent before the end: "));
+    EXPECT_THAT(logged.back(), HasSubstr(row.text));
+    logged.clear();
+  }
+}
+
+TEST(Backoff, WaitsSpreadBelowABoundThatDoublesUpToTheLast) {
+  Backoff backoff(1);
+  for (int round = 0; round < 2; ++round) {
+    auto bound = Backoff::FIRST_BOUND;
+    bool jitters = false;
+    for (int i = 0; i < 20; ++i) {
+      const auto wait = backoff.next();
+      EXPECT_LE(wait, bound);
+      jitters = jitters || wait < bound / 2;
+      bound = std::min(bound * 2, Backoff::LAST_BOUND);
+    }
+    EXPECT_TRUE(jitters);
+    backoff.reset();
   }
 }
 

@@ -7,11 +7,8 @@
 #include <functional>
 #include <thread>
 
-#include "skein/client_c.h"
 #include "skein/errors.h"
 #include "support/skein_stub.h"
-
-extern "C" int call_from_c(const char* path, char* error, size_t error_size);
 
 namespace {
 
@@ -157,18 +154,6 @@ TEST_F(OpenClient, AnotherThreadCancelsForGood) {
   canceller.join();
   client.open();  // a unix socket connects without waiting
   EXPECT_EQ(failure_of([&] { client.call("collectd", metrics("x")); }).first, Kind::CANCELLED);
-}
-
-TEST(ClientC, ServesACaller) {
-  SkeinStub stub([](const SkeinStub::Call& call) {
-    return call.args.at("metrics") == "good\n" ? SkeinStub::reply(call)
-                                               : SkeinStub::error(call, "a long complaint");
-  });
-  std::array<char, 7> error{};
-  EXPECT_EQ(call_from_c(stub.path().c_str(), error.data(), error.size()), SKEIN_SERVER);
-  EXPECT_STREQ(error.data(), "a long");
-  EXPECT_EQ(stub.calls(2)[0].args.at("key"), "12-ab");
-  EXPECT_EQ(call_from_c("/nowhere/at/all", error.data(), error.size()), SKEIN_NO_SOCKET);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/un.h>
 
 #include <array>
 #include <random>
@@ -23,9 +22,7 @@ std::string shown(skein::Value result) {
 
 std::string frame(std::string_view message) {
   std::string bytes;
-  const std::size_t begin = skein::begin_frame(bytes);
-  skein::SnappyEncoder::encode(message, bytes);
-  skein::end_frame(bytes, begin);
+  skein::append_frame(message, bytes);
   return bytes;
 }
 
@@ -64,10 +61,7 @@ SkeinPeer SkeinPeer::tcp(int port) {
 }
 
 SkeinPeer SkeinPeer::unix_socket(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return connected(address, AF_UNIX);
+  return connected(skein::unix_address(path).value(), AF_UNIX);
 }
 
 void SkeinPeer::send(std::string_view bytes) {

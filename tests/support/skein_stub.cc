@@ -7,7 +7,6 @@
 #include <chrono>
 #include <utility>
 
-#include "skein/client_error.h"
 #include "skein/encoders/snappyencoder.h"
 #include "skein/envelope.h"
 #include "skein/framing.h"

@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
+#include "skein/client_stream.h"
 #include "skein/request.h"
 #include "skein/socket.h"
-#include "skein/waiter.h"
 #include "support/folder.h"
 #include "support/skein_peer.h"
 

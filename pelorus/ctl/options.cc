@@ -1,19 +1,72 @@
-#include "pelorus/ctl/server_options.h"
+#include "pelorus/ctl/options.h"
+
+#include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
+#include <iterator>
 
-#include "skein/key_file.h"
+#include "pelorus/node_key_file.h"
 
 namespace pelorus::ctl {
 namespace {
+
+using Kind = skein::ClientError::Kind;
+
+struct Row {
+  Kind kind;
+  ExitStatus status;
+  const char* meaning;
+  const char* hint;  ///< after the text of the error
+};
+
+constexpr std::array<Row, 7> ROWS{{
+    {Kind::NO_SOCKET, ExitStatus::NO_SOCKET, "no socket at that path",
+     "; pelorus does not run, or its socket lies elsewhere (--socket)"},
+    {Kind::REFUSED, ExitStatus::REFUSED, "connection refused",
+     "; nobody listens there, pelorus may have ended"},
+    {Kind::NOT_PERMITTED, ExitStatus::NOT_PERMITTED, "no permission to use the socket",
+     "; only the socket's owner and root may use it"},
+    {Kind::TIMED_OUT, ExitStatus::TIMED_OUT, "time-out", " (--timeout)"},
+    {Kind::SERVER, ExitStatus::SERVER_ERROR, "the server answered with an error", ""},
+    {Kind::UNREACHABLE, ExitStatus::UNREACHABLE, "cannot connect for another reason", ""},
+    {Kind::LOST, ExitStatus::LOST, "connection lost, or no skein server", ""},
+}};
+
+const Row* row_of(Kind kind) {
+  const auto* row =
+      std::find_if(ROWS.begin(), ROWS.end(), [&](const Row& known) { return known.kind == kind; });
+  return row == ROWS.end() ? nullptr : row;
+}
 
 constexpr const char* DEFAULT_SOCKET = "/run/pelorus/collectd.sock";
 constexpr const char* KEY_VARIABLE = "PELORUS_NODE_KEY";
 constexpr double MAX_TIMEOUT = 86400;  // seconds
 
 }  // namespace
+
+ExitStatus exit_status_of(Kind kind) {
+  const Row* row = row_of(kind);
+  return row == nullptr ? ExitStatus::FAILURE : row->status;
+}
+
+std::string explain(const skein::ClientError& error) {
+  const Row* row = row_of(error.kind());
+  const char* lead = error.kind() == Kind::SERVER ? "the server answered: " : "";
+  return fmt::format("{}{}{}", lead, error.what(), row == nullptr ? "" : row->hint);
+}
+
+std::string exit_status_help() {
+  std::string help = "Exit status:\n  0  done\n  1  any other failure\n  2  wrong command line\n";
+  for (const Row& row : ROWS) {
+    fmt::format_to(std::back_inserter(help), "  {}  {}\n", static_cast<int>(row.status),
+                   row.meaning);
+  }
+  return help;
+}
 
 void ServerOptions::add_local(CLI::App& command) {
   command.add_option("--socket", socket, "Local socket of the daemon")
@@ -77,9 +130,9 @@ skein::Timeouts ServerOptions::timeouts() const {
 
 std::string ServerOptions::key() const {
   if (host.empty()) return "";
-  if (!key_file.empty()) return skein::read_key_file(key_file);
+  if (!key_file.empty()) return read_node_key_file(key_file);
   const char* key = std::getenv(KEY_VARIABLE);
-  if (key == nullptr || !skein::is_node_key(key)) {
+  if (key == nullptr || !is_node_key(key)) {
     throw UsageError("--host needs a node key: --key-file or the environment variable " +
                      std::string(KEY_VARIABLE));
   }
