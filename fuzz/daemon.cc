@@ -105,8 +105,7 @@ Daemon::Daemon()
           [this](const std::string& name) {
             return std::make_unique<pelorus::InfluxDatabase>(
                 name, buffer_settings, loop,
-                [](pelorus::InfluxDatabase&)
-                    -> std::unique_ptr<pelorus::InfluxDatabase::Request> {
+                [](pelorus::InfluxDatabase&) -> std::unique_ptr<pelorus::InfluxDatabase::Request> {
                   require(false, "nothing is written");
                   return nullptr;
                 });

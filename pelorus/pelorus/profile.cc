@@ -244,6 +244,9 @@ std::string table(const std::vector<Row>& rows) {
   return text;
 }
 
+void enter(Profiler& profiler, Site& site) { profiler.enter(site); }
+void leave(Profiler& profiler) noexcept { profiler.leave(); }
+
 std::string file_name(double seconds_since_epoch) {
   std::array<char, 512> digits{};  // the largest double has 309 digits
   const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), seconds_since_epoch,

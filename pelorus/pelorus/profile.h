@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "pelorus/pelorus/profile_scope.h"
+
 // The call profiler behind "--profile": each function that matters says PROFILE_SCOPE() first, and
 // a profiled run counts and times every call of it, writes what it measured to a file and prints a
 // table of that. In any other run a scope costs a branch on entering and one on leaving. Loop
@@ -55,19 +57,6 @@ std::vector<Row> from_callgrind(std::string_view data);
 /// "file:line(function)", the file without its folders.
 std::string table(const std::vector<Row>& rows);
 
-class Profiler;
-
-/// One function that can be measured; static, made by PROFILE_SCOPE().
-struct Site {
-  const char* file;
-  unsigned line;
-  const char* function;
-  void* record = nullptr;  ///< the active profiler's, from the first call on
-};
-
-/// The profiler at work; none in a run that is not profiled.
-inline Profiler* active = nullptr;
-
 /// Collects for as long as it lives. One at a time.
 class Profiler {
  public:
@@ -112,29 +101,6 @@ class Profiler {
   std::deque<Record> records_;  // addresses stay: sites, calls and frames point here
   std::vector<Frame> frames_;
 };
-
-/// Measures from here to the end of the block.
-class Scope {
- public:
-  explicit Scope(Site& site) : profiler_(active) {
-    if (profiler_ != nullptr) [[unlikely]]
-      profiler_->enter(site);
-  }
-  Scope(const Scope&) = delete;
-  Scope& operator=(const Scope&) = delete;
-  ~Scope() {
-    if (profiler_ != nullptr) [[unlikely]]
-      profiler_->leave();
-  }
-
- private:
-  Profiler* profiler_;
-};
-
-/// First statement of a function that a profiled run shall measure.
-#define PROFILE_SCOPE()                                                                 \
-  static constinit ::pelorus::profile::Site profile_site{__FILE__, __LINE__, __func__}; \
-  const ::pelorus::profile::Scope profile_scope(profile_site)
 
 /// "pelorus.profile" and the moment in its shortest exact decimal form, never with an exponent.
 std::string file_name(double seconds_since_epoch);

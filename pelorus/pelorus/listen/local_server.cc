@@ -11,10 +11,10 @@
 #include <utility>
 
 #include "pelorus/pelorus/constants.h"
-#include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/influx/influx_database.h"
+#include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/profile.h"
+#include "pelorus/pelorus/profile_scope.h"
 
 namespace pelorus {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/profile.h"
+#include "pelorus/pelorus/profile_scope.h"
 #include "pelorus/pelorus/settings.h"
 
 namespace pelorus {

@@ -1,5 +1,5 @@
-#include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/influx/influx_database.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
