@@ -44,8 +44,10 @@ class SettingsCheck {
     node_server();
     web_key();
     file_mode();
-    if (errors_.empty()) fmt::print("{} can be used\n", settings_->source());
   }
+
+  /// The file that was read. Only if there are no errors.
+  const std::string& source() const { return settings_->source(); }
 
   /// The daemon would not start, or would lose data.
   const std::vector<std::string>& errors() const { return errors_; }
@@ -219,6 +221,7 @@ void run(const CheckOptions& options) {
   const Palette palette = Palette::of_stdout();
   SettingsCheck check(options.message_bytes);
   check.run(options.file);
+  if (check.errors().empty()) fmt::print("{} can be used\n", check.source());
   for (const std::string& text : check.errors()) {
     fmt::print("{} {}\n", palette.paint(Tone::BAD, "error:"), without_controls(text));
   }
@@ -232,22 +235,22 @@ void run(const CheckOptions& options) {
 
 void add_check(CLI::App& app) {
   CLI::App* command =
-      app.add_subcommand("check", "Look whether the daemon could work with its settings");
+      app.add_subcommand("check", "Check the settings of the daemon; needs no daemon");
   const auto options = std::make_shared<CheckOptions>();  // shared with the callback
   command
       ->add_option("file", options->file,
-                   "The settings; without it the file that PELORUS_SETTINGS names, else "
+                   "Settings file; default: the file that PELORUS_SETTINGS names, else "
                    "/etc/pelorus/settings.json")
       ->type_name("FILE");
   command
       ->add_option("--message-bytes", options->message_bytes,
-                   "Size of a usual message, to tell how large a write becomes; a block of "
-                   "collectd's has up to 65536")
+                   "Usual size of a message, to estimate the size of a write; a block of "
+                   "collectd has up to 65536")
       ->type_name("BYTES")
       ->check(CLI::Range(1.0, 1e9).description(""))
       ->capture_default_str();
   command->footer(
-      "Exit status:\n  0  they can be used, perhaps with warnings\n  1  they cannot\n"
+      "Exit status:\n  0  the settings can be used, perhaps with warnings\n  1  they cannot\n"
       "  2  wrong command line\n");
   command->callback([options] { run(*options); });
 }

@@ -50,7 +50,7 @@ void parse(CLI::App& app, int argc, char** argv) {
 }
 
 ExitStatus run(int argc, char** argv) {
-  CLI::App app("Asks and feeds a running pelorus, and looks at what it would be given.",
+  CLI::App app("Queries and feeds a running pelorus, and checks lines and settings without one.",
                "pelorusctl");
   ctl::ServerOptions server;
   app.require_subcommand(1);

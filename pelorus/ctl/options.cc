@@ -82,7 +82,7 @@ void ServerOptions::add_remote(CLI::App& command) {
   auto* with_host = command
                         .add_option("--host", host,
                                     "Send to the node listener of this host instead, as a node "
-                                    "does. It takes every block and drops those of keys that the "
+                                    "does. It answers every block, but drops those whose key the "
                                     "administration application does not confirm")
                         ->type_name("HOST");
   command.add_option("--port", port, "Port of the node listener")
@@ -92,8 +92,8 @@ void ServerOptions::add_remote(CLI::App& command) {
       ->needs(with_host);
   command
       .add_option("--key-file", key_file,
-                  "File whose first line is the node key; without it the environment variable "
-                  "PELORUS_NODE_KEY holds the key")
+                  "File whose first line is the node key; without this option, the key is taken "
+                  "from the environment variable PELORUS_NODE_KEY")
       ->type_name("FILE")
       ->needs(with_host);
 }
@@ -110,8 +110,8 @@ CLI::Option* add_watch(CLI::App& command, double& seconds) {
     }
   };
   return command
-      .add_option_function<std::string>(
-          "--watch", take, "Show it again and again, in place on a terminal; usually every 2 s")
+      .add_option_function<std::string>("--watch", take,
+                                        "Repeat every SECONDS (default 2), in place on a terminal")
       ->type_name("[SECONDS]")
       ->expected(0, 1);
 }

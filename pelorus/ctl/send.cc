@@ -247,16 +247,16 @@ void run(const ServerOptions& server, const SendOptions& options) {
 }  // namespace
 
 void add_send(CLI::App& app, ServerOptions& server) {
-  CLI::App* command = app.add_subcommand(
-      "send", "Send lines to a daemon, in blocks that each wait for their reply");
+  CLI::App* command =
+      app.add_subcommand("send", "Send lines to a daemon block by block, and wait for each reply");
   const auto options = std::make_shared<SendOptions>();  // shared with the callback
-  command->add_option("file", options->file, "Lines to send; without it, standard input")
+  command->add_option("file", options->file, "File with the lines; default: standard input")
       ->type_name("FILE");
   command
       ->add_option("--kind", options->kind,
-                   "What a line is: graphite, \"series value timestamp\"; add, a record of line "
-                   "protocol; submit, \"name milliseconds value\", a point of the legacy API whose "
-                   "value is the rest of the line. The last two need --host")
+                   "Kind of the lines: graphite, \"series value timestamp\"; add, records of line "
+                   "protocol; submit, points of the legacy API, \"name milliseconds value\", where "
+                   "the value is the rest of the line. The last two need --host")
       ->type_name("graphite|add|submit")
       ->check(CLI::IsMember({"graphite", "add", "submit"}).description(""))
       ->capture_default_str();

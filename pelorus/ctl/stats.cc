@@ -345,23 +345,22 @@ void run(const ServerOptions& server, const StatsOptions& options) {
 }  // namespace
 
 void add_stats(CLI::App& app, ServerOptions& server) {
-  CLI::App* command =
-      app.add_subcommand("stats", "Show what waits for each database and how its writes fare");
+  CLI::App* command = app.add_subcommand("stats", "Show the queue and the writes of each database");
   const auto options = std::make_shared<StatsOptions>();  // shared with the callback
   auto* json = command->add_flag("--json", options->json, "Print the daemon's reply as JSON");
   auto* prometheus =
       command
           ->add_flag("--prometheus", options->prometheus,
-                     "Print counters in Prometheus' text format, for a textfile collector")
+                     "Print metrics in the text format of Prometheus, for a textfile collector")
           ->excludes(json);
   auto* watching = add_watch(*command, options->watch)->excludes(prometheus);
   const char* form = "NAME=NUMBER";
   auto* warning =
       command
           ->add_option("--warn", options->warning,
-                       "Be a monitoring plugin: one line, and WARNING from this value "
-                       "on. NAME is queue (messages that wait), failures (failed writes "
-                       "since the last good one) or age (seconds since that)")
+                       "Act as a monitoring plugin: print one line, with WARNING from this "
+                       "value. NAME is queue (waiting messages), failures (failed writes "
+                       "since the last good one) or age (seconds since the last good one)")
           ->type_name(form);
   auto* critical =
       command->add_option("--crit", options->critical, "The same for CRITICAL")->type_name(form);
@@ -370,11 +369,11 @@ void add_stats(CLI::App& app, ServerOptions& server) {
   }
   command
       ->add_option("--database", options->databases,
-                   "Judge this database alone; may be given again. With --warn or --crit")
+                   "Judge only this database; may be repeated. Needs --warn or --crit")
       ->type_name("NAME");
   command->footer(
       "With --warn or --crit the exit status is a monitoring plugin's:\n"
-      "  0  OK\n  1  WARNING\n  2  CRITICAL\n  3  UNKNOWN: whatever keeps it from judging\n\n" +
+      "  0  OK\n  1  WARNING\n  2  CRITICAL\n  3  UNKNOWN: it could not judge\n\n" +
       exit_status_help());
   server.add_local(*command);
   command->callback([&server, options] { run(server, *options); });

@@ -194,8 +194,8 @@ void add_status(CLI::App& app, ServerOptions& server) {
   add_watch(*command, options->watch);
   command
       ->add_option("--connections", options->connections,
-                   "List at most so many connections of nodes, and as many local ones; the daemon "
-                   "lists 2000 at most")
+                   "List at most N connections of nodes and N local ones; the daemon lists at most "
+                   "2000")
       ->type_name("N")
       ->capture_default_str();
   command

@@ -260,22 +260,22 @@ void run(const TranslateOptions& options) {
 void add_translate(CLI::App& app) {
   CLI::App* command = app.add_subcommand(
       "translate",
-      "Show what the daemon makes of series names or Graphite lines, without a daemon");
+      "Show how the daemon translates series names or Graphite lines; needs no daemon");
   const auto options = std::make_shared<TranslateOptions>();  // shared with the callback
   command
       ->add_option("series", options->series,
                    "Series names, or whole lines (\"series value timestamp\") in quotation marks; "
-                   "without any, each line of standard input")
+                   "without any, the lines of standard input")
       ->type_name("");
   auto* json = command->add_flag("--json", options->json, "Print one JSON object a line");
   command
       ->add_flag("--lint", options->lint,
-                 "Print only what cannot be translated, and each field that comes both as an "
-                 "integer and as a float: InfluxDB refuses one of the two")
+                 "Print only what cannot be translated, and fields that come both as an integer "
+                 "and as a float: InfluxDB refuses the type that comes second")
       ->excludes(json);
   command->footer(
-      "Exit status:\n  0  everything is translated\n"
-      "  1  something is not, or with --lint a field comes in two types\n"
+      "Exit status:\n  0  everything was translated\n"
+      "  1  something was not, or with --lint a field comes in two types\n"
       "  2  wrong command line\n");
   command->callback([options] { run(*options); });
 }
