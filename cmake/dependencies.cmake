@@ -12,5 +12,8 @@ pkg_check_modules(libcurl REQUIRED IMPORTED_TARGET libcurl>=7.87)
 add_library(msgpack_headers INTERFACE)
 target_compile_definitions(msgpack_headers INTERFACE MSGPACK_NO_BOOST)
 
+# Header-only: vector instructions, written once for all processors.
+find_path(SIMDE_INCLUDE_DIR simde/x86/sse2.h REQUIRED)
+
 # Headers of the collectd daemon for its write plugin.
 find_path(COLLECTD_INCLUDE_DIR core/daemon/plugin.h PATH_SUFFIXES collectd REQUIRED)

@@ -25,8 +25,8 @@ struct ScannedLine {
   std::array<std::string_view, 3> fields;  ///< series, value, timestamp; the first three at most
 };
 
-/// Cuts the line that begins at `begin`, up to the first "\n", which must be there. Any line, on
-/// any processor. Returns the byte after the "\n".
+/// Cuts the line that begins at `begin`, up to the first "\n", which must be there. Returns the
+/// byte after the "\n".
 const char* scan_line(const char* begin, ScannedLine& line) noexcept;
 
 /// Whether all bytes of `text` are decimal digits; true for none.
@@ -48,7 +48,7 @@ struct FastPathLine {
   const char* end() const noexcept { return timestamp + TIMESTAMP_BYTES; }
 };
 
-/// The scanner without a fast path: leaves every line to scan_line, on any processor.
+/// The scanner without a fast path, to compare with: leaves every line to scan_line.
 struct FallbackScanner {
   static bool scan(const char*, FastPathLine&) noexcept { return false; }
 };

@@ -1,18 +1,17 @@
 #pragma once
 
-#include "pelorus/pelorus/ingest/line_scanner.h"
-
-#ifdef __SSE2__
-
-#include <emmintrin.h>
+#include <simde/x86/sse2.h>
 
 #include <cstddef>
 #include <cstdint>
 
+#include "pelorus/pelorus/ingest/line_scanner.h"
+
 namespace pelorus {
 
-/// Scans with the vector instructions that every x86-64 has: a bit for each of 64 bytes at once,
-/// from which all cuts are taken.
+/// Scans with vector instructions: a bit for each of 64 bytes at once, from which all cuts are
+/// taken. They are SSE2's, which every x86-64 has; SIMDe makes those of other processors out of
+/// them.
 ///
 ///     begin     n o d e 7 . l o a d . a   1 . 5   1 5 0 0 0 0 0 0 0 0 \n │ padding …
 ///     blanks    0 0 0 0 0 0 0 0 0 0 0 0 1 0 0 0 1 0 0 0 …               64 bits
@@ -58,33 +57,33 @@ class VectorScanner {
   }
 
  private:
-  static constexpr std::size_t STEP = sizeof(__m128i);
+  static constexpr std::size_t STEP = sizeof(simde__m128i);
   static constexpr std::size_t WINDOW = 64;
   static_assert(WINDOW + STEP <= SCAN_PADDING);
   static constexpr unsigned TIMESTAMP_MASK =
       (2U << TIMESTAMP_BYTES) - 1;  ///< and the byte after it
   static_assert(TIMESTAMP_BYTES < STEP);
 
-  static __m128i load(const char* bytes) noexcept {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+  static simde__m128i load(const char* bytes) noexcept {
+    return simde_mm_loadu_si128(reinterpret_cast<const simde__m128i*>(bytes));
   }
-  static unsigned bits(__m128i matches) noexcept {
-    return static_cast<unsigned>(_mm_movemask_epi8(matches));
+  static unsigned bits(simde__m128i matches) noexcept {
+    return static_cast<unsigned>(simde_mm_movemask_epi8(matches));
   }
   static std::size_t lowest(std::uint64_t word) noexcept {
     return static_cast<std::size_t>(__builtin_ctzll(word));
   }
 
   /// White space, and other control characters, which keep a line off the fast path.
-  static __m128i at_most_blank(__m128i chunk) noexcept {
-    return _mm_cmpeq_epi8(_mm_min_epu8(chunk, _mm_set1_epi8(' ')), chunk);
+  static simde__m128i at_most_blank(simde__m128i chunk) noexcept {
+    return simde_mm_cmpeq_epi8(simde_mm_min_epu8(chunk, simde_mm_set1_epi8(' ')), chunk);
   }
-  static __m128i is_dot(__m128i chunk) noexcept {
-    return _mm_cmpeq_epi8(chunk, _mm_set1_epi8('.'));
+  static simde__m128i is_dot(simde__m128i chunk) noexcept {
+    return simde_mm_cmpeq_epi8(chunk, simde_mm_set1_epi8('.'));
   }
-  static __m128i is_digit(__m128i chunk) noexcept {
-    const __m128i above_zero = _mm_sub_epi8(chunk, _mm_set1_epi8('0'));
-    return _mm_cmpeq_epi8(_mm_min_epu8(above_zero, _mm_set1_epi8(9)), above_zero);
+  static simde__m128i is_digit(simde__m128i chunk) noexcept {
+    const simde__m128i above_zero = simde_mm_sub_epi8(chunk, simde_mm_set1_epi8('0'));
+    return simde_mm_cmpeq_epi8(simde_mm_min_epu8(above_zero, simde_mm_set1_epi8(9)), above_zero);
   }
 
   template <class Test>
@@ -99,11 +98,3 @@ class VectorScanner {
 };
 
 }  // namespace pelorus
-
-#else
-
-namespace pelorus {
-class VectorScanner : public FallbackScanner {};
-}  // namespace pelorus
-
-#endif
