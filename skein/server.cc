@@ -32,15 +32,6 @@ bool peer_has_gone(int error_number) {
 
 }  // namespace
 
-std::optional<std::uint64_t> Server::Throttle::pass(Time now) {
-  if (next_ && now < *next_) {
-    ++left_out_;
-    return std::nullopt;
-  }
-  next_ = now + interval_;
-  return std::exchange(left_out_, 0);
-}
-
 /// The encoders of the connections, in the order in which they are applied to a message that goes
 /// out, and the message that is being served.
 struct Server::Encoders {

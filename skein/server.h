@@ -16,6 +16,7 @@
 #include "skein/keepalive.h"
 #include "skein/loops.h"
 #include "skein/socket.h"
+#include "skein/throttle.h"
 
 namespace skein {
 
@@ -87,20 +88,6 @@ class Server : private PollTarget {
  private:
   class Peer;
   struct Encoders;
-
-  /// Lets one report through per interval and counts those that it leaves out.
-  class Throttle {
-   public:
-    using Time = std::chrono::steady_clock::time_point;
-    explicit Throttle(std::chrono::seconds interval) : interval_(interval) {}
-    /// How many were left out since the last one that was let through; none: leave this one out.
-    std::optional<std::uint64_t> pass(Time now);
-
-   private:
-    std::chrono::seconds interval_;
-    std::optional<Time> next_;
-    std::uint64_t left_out_ = 0;
-  };
 
   void handle_events(int events) override;
   void pause_listening(const std::string& reason);

@@ -220,7 +220,7 @@ constexpr std::array<Metric, 4> DAEMON_METRICS{{
     {"pelorus_records_total", "counter", "Records received.", "totals", "records"},
 }};
 
-constexpr std::array<Metric, 17> DATABASE_METRICS{{
+constexpr std::array<Metric, 20> DATABASE_METRICS{{
     {"pelorus_queue_messages", "gauge", "Messages that wait.", "queued", "messages"},
     {"pelorus_queue_bytes", "gauge", "Bytes that wait.", "queued", "bytes"},
     {"pelorus_queue_limit_messages", "gauge", "Messages at which the oldest are dropped.", nullptr,
@@ -232,6 +232,10 @@ constexpr std::array<Metric, 17> DATABASE_METRICS{{
     {"pelorus_sent_messages_total", "counter", "Messages that were acknowledged.", "sent",
      "messages"},
     {"pelorus_sent_bytes_total", "counter", "Bytes that were acknowledged.", "sent", "bytes"},
+    {"pelorus_partial_messages_total", "counter", "Messages of writes stored in part.", "partial",
+     "messages"},
+    {"pelorus_partial_bytes_total", "counter", "Bytes of writes stored in part.", "partial",
+     "bytes"},
     {"pelorus_failed_messages_total", "counter", "Messages of failed writes.", "failed",
      "messages"},
     {"pelorus_failed_bytes_total", "counter", "Bytes of failed writes.", "failed", "bytes"},
@@ -245,10 +249,12 @@ constexpr std::array<Metric, 17> DATABASE_METRICS{{
      nullptr, "last_sent_time"},
     {"pelorus_last_failure_timestamp_seconds", "gauge", "Unix time of the last failed write.",
      nullptr, "last_failure_time"},
-    {"pelorus_partial_writes_total", "counter", "Writes that InfluxDB took in part.", nullptr,
+    {"pelorus_partial_writes_total", "counter", "Writes that InfluxDB stored in part.", nullptr,
      "partial_writes"},
     {"pelorus_dropped_points_total", "counter", "Points that InfluxDB dropped of such writes.",
      nullptr, "dropped_points"},
+    {"pelorus_unknown_drops_total", "counter",
+     "Such writes whose answer names no number of dropped points.", nullptr, "unknown_drops"},
     {"pelorus_largest_body_bytes", "gauge", "Largest body of one write.", nullptr, "largest_body"},
 }};
 

@@ -66,6 +66,16 @@ Cell until_full(const ReplyValue& seconds) {
           seconds.amount() < SOON_FULL_SECONDS ? Tone::BAD : Tone::WARNING};
 }
 
+/// "16", "unknown", "16, and an unknown number in 2 of these writes"
+std::string dropped_points(const ReplyValue& database) {
+  const double named = database["dropped_points"].amount();
+  const double unknown = database["unknown_drops"].amount();
+  if (unknown == 0) return human_count(named);
+  if (named == 0) return "unknown";
+  return fmt::format("{}, and an unknown number in {} of these writes", human_count(named),
+                     human_count(unknown));
+}
+
 /// One line for each kind of failed write of a database.
 std::string write_problems(const std::string& name, const ReplyValue& database, double now,
                            const Palette& palette) {
@@ -78,8 +88,9 @@ std::string write_problems(const std::string& name, const ReplyValue& database, 
   }
   if (const double partial = database["partial_writes"].amount(); partial > 0) {
     say(Tone::WARNING,
-        fmt::format("writes that InfluxDB took in part: {}; points that it dropped: {}",
-                    human_count(partial), human_count(database["dropped_points"].amount())));
+        fmt::format(
+            "writes that InfluxDB stored in part: {}, messages: {}; points that it dropped: {}",
+            human_count(partial), amount(database["partial"]), dropped_points(database)));
   }
   if (const std::string failure = database["last_failure"].text(); !failure.empty()) {
     say(Tone::PLAIN,

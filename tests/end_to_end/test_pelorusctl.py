@@ -134,9 +134,9 @@ class Pelorusctl(CtlTest):
         tidewell(sent=1, queued=0, in_flight=0)
         influx.answer = status(400, PARTIAL)
         local.collectd(LINE)
-        now = tidewell(failed=1, in_flight=0)
+        now = tidewell(partial=1, failed=0, in_flight=0)
         record = len("load shortterm=0.5 1700000000000000000\n")
-        self.assertEqual((now["sent"]["bytes"], now["failed"]["bytes"], now["largest_body"]),
+        self.assertEqual((now["sent"]["bytes"], now["partial"]["bytes"], now["largest_body"]),
                          (record, record, record))
         self.assertEqual((now["partial_writes"], now["dropped_points"]), (1, 3))
         self.assertIn("status 400: ", now["last_failure"])

@@ -84,6 +84,7 @@ void HTTPExchange::start() {
 
 /// In libuv's thread pool: a slow name server does not hold up the loop.
 void HTTPExchange::look_up() {
+  looked_up_ = true;
   auto request = std::make_unique<uv_getaddrinfo_t>();
   request->data = this;
   const addrinfo hints = stream_hints(0);
@@ -164,7 +165,8 @@ int HTTPExchange::connect_to(const Address& address) {
 
 void HTTPExchange::note_failed_address(int error) {
   if (!error_.empty()) error_ += ", ";
-  error_ += text_of(addresses_[addresses_tried_ - 1]) + ": " + error_text(error);
+  if (looked_up_) error_ += text_of(addresses_[addresses_tried_ - 1]) + ": ";
+  error_ += error_text(error);
 }
 
 void HTTPExchange::connect_timed_out() {

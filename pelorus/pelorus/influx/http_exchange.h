@@ -74,7 +74,8 @@ class HTTPExchange : private skein::PollTarget {
   bool connected() const noexcept { return connected_; }
   /// What has been received. An exchange that ended with a complete response has not failed.
   const HTTPResponse& response() const noexcept { return response_; }
-  /// Why the exchange failed. Before the connection: what became of each address.
+  /// Why the exchange failed. Before the connection: what became of each address that the lookup
+  /// of the host's name found; of the host itself if it is an address.
   const std::string& error() const noexcept { return error_; }
 
   /// Name lookups that libuv has not finished, abandoned ones included. While there are any, the
@@ -122,6 +123,7 @@ class HTTPExchange : private skein::PollTarget {
   bool ended_ = false;
   skein::Timer timer_;
   uv_getaddrinfo_t* lookup_ = nullptr;  ///< libuv's until on_lookup(), which frees it
+  bool looked_up_ = false;              ///< the host is a name
   std::vector<Address> addresses_;      ///< in the resolver's order
   std::size_t addresses_tried_ = 0;
   std::chrono::steady_clock::time_point connect_deadline_;

@@ -9,6 +9,12 @@
 #include "pelorus/pelorus/log.h"
 
 namespace pelorus {
+namespace {
+
+/// Between two log lines about failed writes that lost nothing.
+constexpr std::chrono::seconds IDLE_FAILURE_INTERVAL{10};
+
+}  // namespace
 
 Batch::Batch(Messages::iterator begin, Messages::iterator end, const Amount& amount)
     : messages_(std::move_iterator(begin), std::move_iterator(end)), amount_(amount) {}
@@ -37,6 +43,7 @@ InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings,
       settings_(settings),
       loop_(loop),
       make_request_(std::move(make_request)),
+      idle_failures_(IDLE_FAILURE_INTERVAL),
       last_sent_time_(loop.clocks().wall()) {}
 
 InfluxDatabase::~InfluxDatabase() { stop_process_data_timer(); }
@@ -79,7 +86,7 @@ void InfluxDatabase::send_request() {
   } catch (const std::exception& failure) {
     handle_failure();
     loop_.report(failure);
-    note_failure(failure.what(), std::nullopt);
+    note_failure(failure.what());
   }
 }
 
@@ -133,22 +140,28 @@ void InfluxDatabase::handle_success() {
   last_sent_time_ = loop_.clocks().wall();
   counters_.sent += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
+  idle_failures_.reset();
   if (recovered) log::info("Connected to InfluxDB API ({} database)", name_);
 }
 
-void InfluxDatabase::handle_failure() noexcept {
+void InfluxDatabase::handle_failure(const std::optional<PartialWrite>& partial) noexcept {
   ++failure_count_;
-  counters_.failed += std::exchange(counters_.in_flight, {});
+  (partial ? counters_.partial : counters_.failed) += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
+  if (!partial) return;
+  ++counters_.partial_writes;
+  counters_.dropped_points += partial->dropped_points.value_or(0);
+  if (!partial->dropped_points) ++counters_.unknown_drops;
 }
 
 void InfluxDatabase::handle_close() noexcept { current_request_ = nullptr; }
 
-void InfluxDatabase::note_failure(std::string text, std::optional<std::uint64_t> dropped_points) {
+void InfluxDatabase::note_failure(std::string text) {
   counters_.last_failure = {loop_.clocks().wall(), std::move(text)};
-  if (!dropped_points) return;
-  ++counters_.partial_writes;
-  counters_.dropped_points += *dropped_points;
+}
+
+std::optional<std::uint64_t> InfluxDatabase::pass_idle_failure() noexcept {
+  return idle_failures_.pass(loop_.clocks().monotonic());
 }
 
 Amount InfluxDatabase::amount_of(std::size_t messages) const {

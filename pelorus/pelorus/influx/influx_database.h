@@ -12,6 +12,7 @@
 
 #include "pelorus/pelorus/settings.h"
 #include "skein/loops.h"
+#include "skein/throttle.h"
 
 namespace pelorus {
 
@@ -32,22 +33,29 @@ struct Amount {
   }
 };
 
+/// What InfluxDB says of a write that it has stored in part.
+struct PartialWrite {
+  std::optional<std::uint64_t> dropped_points;  ///< none if the answer does not tell
+};
+
 /// What became of one database's messages since the start. Each message that was added is in
-/// exactly one of the five amounts.
+/// exactly one of the six amounts.
 struct WriteCounters {
   struct Failure {
     double time = 0;   ///< seconds since the epoch
     std::string text;  ///< "status 400: b'…'", "could not connect to …"; no secret in it
   };
 
-  Amount queued;     ///< waits now
-  Amount in_flight;  ///< taken by the present write
-  Amount sent;       ///< acknowledged
-  Amount failed;     ///< of failed writes; InfluxDB stores a part of them after a partial write
-  Amount discarded;  ///< dropped because the queue was full
+  Amount queued;                     ///< waits now
+  Amount in_flight;                  ///< taken by the present write
+  Amount sent;                       ///< acknowledged
+  Amount partial;                    ///< of writes that InfluxDB has stored in part
+  Amount failed;                     ///< of failed writes that it has not stored
+  Amount discarded;                  ///< dropped because the queue was full
   std::uint64_t largest_body = 0;    ///< bytes of the largest body so far
-  std::uint64_t partial_writes = 0;  ///< responses that named a number of dropped points
-  std::uint64_t dropped_points = 0;  ///< sum of those numbers
+  std::uint64_t partial_writes = 0;  ///< writes that InfluxDB has stored in part
+  std::uint64_t dropped_points = 0;  ///< points of those that it dropped, as far as it told
+  std::uint64_t unknown_drops = 0;   ///< partial writes whose answer names no number
   std::optional<Failure> last_failure;
 };
 
@@ -114,13 +122,16 @@ class InfluxDatabase {
 
   /// The request in flight was acknowledged.
   void handle_success();
-  /// The request in flight failed; its batch is lost.
-  void handle_failure() noexcept;
+  /// The request in flight failed; its batch is lost, or stored in part.
+  void handle_failure(const std::optional<PartialWrite>& partial = std::nullopt) noexcept;
   /// The connection of the request in flight is over. Called in the same callback as the request's
   /// outcome, so it never meets a newer request.
   void handle_close() noexcept;
-  /// Why the last request failed, for the status. `dropped_points`: of a partial write.
-  void note_failure(std::string text, std::optional<std::uint64_t> dropped_points);
+  /// Why the last request failed, for the status.
+  void note_failure(std::string text);
+  /// A request failed before it took any message: whether to log that, and how many were left out
+  /// before. The first one is logged, then one every ten seconds until a success.
+  std::optional<std::uint64_t> pass_idle_failure() noexcept;
   /// Records the length of the queue for seconds_until_full(). Call it every ten seconds.
   void sample_queue() noexcept;
 
@@ -158,6 +169,7 @@ class InfluxDatabase {
   const MakeRequest make_request_;
   const Request* current_request_ = nullptr;  ///< the write in flight; none when it has ended
   std::int64_t failure_count_ = 0;            ///< failed requests since the last success
+  skein::Throttle idle_failures_;             ///< log lines of those that lost nothing
   std::deque<std::string> pending_data_;      ///< messages not yet taken by a request, oldest first
   double last_sent_time_;  ///< seconds since the epoch: of construction, then of the last success
   skein::Timer process_data_timer_;

@@ -1,5 +1,7 @@
 #include "pelorus/pelorus/influx/influx_http_request.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -18,16 +20,27 @@ constexpr std::size_t EXCERPT_BYTES = 256;
 /// Shorter passwords are not searched for: they occur in many responses by chance.
 constexpr std::size_t SHORTEST_PASSWORD = 4;
 
-/// The number after the last "dropped=" in InfluxDB's response to a partial write, if any.
-std::optional<std::uint64_t> dropped_points(std::string_view body) {
-  constexpr std::string_view LEAD = "dropped=";
-  const std::size_t lead = body.rfind(LEAD);
-  if (lead == body.npos) return std::nullopt;
-  const std::string_view digits = body.substr(lead + LEAD.size());
-  std::uint64_t number = 0;
-  const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (result.ec != std::errc()) return std::nullopt;
-  return number;
+/// Whether the response says that InfluxDB has stored the rest of the batch, and how many points it
+/// dropped:
+///
+///     {"error":"partial write: field type conflict: … dropped=16"}
+///     {"error":"partial write: unable to parse 'm value=': missing field value dropped=0"}
+///
+/// The lines that it cannot parse are not in its number, so "dropped=0" tells nothing. They are
+/// quoted, and a batch of which no line can be parsed is refused as a whole: what is said behind
+/// "unable to parse" does not count.
+std::optional<PartialWrite> partial_write(std::string_view body) {
+  constexpr std::string_view DROPPED = "dropped=";
+  const std::string_view said = body.substr(0, body.find("unable to parse"));
+  if (said.find("partial write") == said.npos) return std::nullopt;
+  PartialWrite partial;
+  const std::string_view number = body.substr(std::min(body.rfind(DROPPED), body.size()));
+  std::uint64_t points = 0;
+  if (!number.empty()) {
+    std::from_chars(number.data() + DROPPED.size(), number.data() + number.size(), points);
+  }
+  if (points != 0) partial.dropped_points = points;
+  return partial;
 }
 
 }  // namespace
@@ -91,11 +104,25 @@ void InfluxHTTPRequest::reported(Step&& step) noexcept {
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }
 
 void InfluxHTTPRequest::handle_failure(std::optional<std::string_view> data) {
-  database_.handle_failure();
+  const auto partial = data ? partial_write(*data) : std::nullopt;
+  database_.handle_failure(partial);
   const std::string text = failure_text(data);
-  database_.note_failure(text, data ? dropped_points(*data) : std::nullopt);
-  log::warning("InfluxDB write ({} database) failed: {}; {} messages lost ({} bytes)",
-               database_name_, text, batch_.messages(), data_length_.value_or(0));
+  database_.note_failure(text);
+  const std::size_t messages = batch_.messages();
+  if (partial) {
+    const auto points = partial->dropped_points;
+    log::warning(
+        "InfluxDB write ({} database) stored in part: {}; dropped points: {}, of {} messages ({} "
+        "bytes)",
+        database_name_, text, points ? std::to_string(*points) : "unknown", messages,
+        data_length_.value_or(0));
+  } else if (messages != 0) {
+    log::warning("InfluxDB write ({} database) failed: {}; {} messages lost ({} bytes)",
+                 database_name_, text, messages, data_length_.value_or(0));
+  } else if (const auto left_out = database_.pass_idle_failure()) {
+    log::warning("InfluxDB write ({} database) failed: {}; nothing lost{}", database_name_, text,
+                 *left_out == 0 ? "" : fmt::format(" ({} times more before)", *left_out));
+  }
 }
 
 void InfluxHTTPRequest::handle_close() {

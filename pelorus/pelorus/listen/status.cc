@@ -106,11 +106,12 @@ void write_amount(MsgpackWriter& out, std::string_view name, const Amount& amoun
 
 void write_database(MsgpackWriter& out, const InfluxDatabase& database) {
   const WriteCounters& counters = database.counters();
-  out.text(database.name()).map(14);
+  out.text(database.name()).map(16);
   out.text("max_pending").natural(database.max_pending_messages());
   write_amount(out, "queued", counters.queued);
   write_amount(out, "in_flight", counters.in_flight);
   write_amount(out, "sent", counters.sent);
+  write_amount(out, "partial", counters.partial);
   write_amount(out, "failed", counters.failed);
   write_amount(out, "discarded", counters.discarded);
   out.text("failure_count").integer(database.failure_count());
@@ -118,6 +119,7 @@ void write_database(MsgpackWriter& out, const InfluxDatabase& database) {
   out.text("largest_body").natural(counters.largest_body);
   out.text("partial_writes").natural(counters.partial_writes);
   out.text("dropped_points").natural(counters.dropped_points);
+  out.text("unknown_drops").natural(counters.unknown_drops);
   out.text("last_failure").text(counters.last_failure ? counters.last_failure->text : "");
   const double failed_at = counters.last_failure ? counters.last_failure->time : 0;
   counters.last_failure ? out.text("last_failure_time").real(failed_at)
