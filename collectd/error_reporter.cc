@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace write_skein {
@@ -25,24 +26,45 @@ void ErrorReporter::answered(Loss loss, Clock::time_point now) {
     return;
   }
   dropped_.values += loss.values;
-  if (dropped_.values == 0 || !dropped_.is_due(now)) return;
-  log_(LOG_WARNING, fmt::format("{}too slow: {} values were dropped from a full queue", prefix_,
-                                std::exchange(dropped_.values, 0)));
-  dropped_.last_line = now;
+  report(now);
 }
 
 void ErrorReporter::refused(const std::string& reason, std::size_t values, Clock::time_point now) {
   refused_.values += values;
-  if (!refused_.is_due(now)) return;
-  log_(LOG_WARNING, fmt::format("{}the server refused {} values, they are lost: {}", prefix_,
-                                std::exchange(refused_.values, 0), reason));
-  refused_.last_line = now;
+  refusal_ = reason;
+  report(now);
 }
 
-void ErrorReporter::stopped(Loss loss, const std::string& reason) {
-  if (loss.values == 0) return;
+ErrorReporter::Clock::time_point ErrorReporter::due() const {
+  return std::min(refused_.due(), dropped_.due());
+}
+
+void ErrorReporter::report(Clock::time_point now) {
+  if (refused_.due() <= now) say_refused(now);
+  if (dropped_.due() <= now) say_dropped(now);
+}
+
+std::size_t ErrorReporter::Unreported::take(Clock::time_point now) {
+  next_line = now + REPEAT;
+  return std::exchange(values, 0);
+}
+
+void ErrorReporter::say_refused(Clock::time_point now) {
+  log_(LOG_WARNING, fmt::format("{}the server refused {} values, they are lost: {}", prefix_,
+                                refused_.take(now), refusal_));
+}
+
+void ErrorReporter::say_dropped(Clock::time_point now) {
+  log_(LOG_WARNING, fmt::format("{}{}{} values were dropped from a full queue", prefix_,
+                                outage_ ? "" : "too slow: ", dropped_.take(now)));
+}
+
+void ErrorReporter::stopped(Loss unsent, Loss dropped, const std::string& reason) {
+  dropped_.values += dropped.values;
+  report(Clock::time_point::max() - REPEAT);  // whatever is left, before its time
+  if (unsent.values == 0) return;
   log_(LOG_WARNING, fmt::format("{}{} values ({} bytes) could not be sent before the end: {}",
-                                prefix_, loss.values, loss.bytes, reason));
+                                prefix_, unsent.values, unsent.bytes, reason));
 }
 
 }  // namespace write_skein

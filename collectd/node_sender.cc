@@ -3,11 +3,15 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
 namespace write_skein {
 namespace {
+
+/// A wait of the sender's thread while nothing is due.
+constexpr std::chrono::hours LONGEST_WAIT{24};
 
 /// Threads that are started while it exists take no signals.
 class SignalsBlocked {
@@ -76,7 +80,7 @@ void NodeSender::stop(Clock::duration grace) {
   client_.cancel();
   thread_.join();
   client_.close();
-  errors_.stopped(queue_.waiting(), last_failure_);
+  errors_.stopped(queue_.waiting(), queue_.take_loss(), last_failure_);
 }
 
 void NodeSender::run() {
@@ -90,9 +94,18 @@ std::optional<Block> NodeSender::next_block() {
   std::unique_lock lock(mutex_);
   while (!last_attempt_failed_) {
     const auto due = queue_.due();
-    if (due && (stopping_ || *due <= Clock::now())) return queue_.take();
+    const auto now = Clock::now();
+    if (due && (stopping_ || *due <= now)) return queue_.take();
     if (stopping_) return std::nullopt;
-    due ? static_cast<void>(changed_.wait_until(lock, *due)) : changed_.wait(lock);
+    if (errors_.due() <= now) {
+      lock.unlock();
+      errors_.report(now);
+      lock.lock();
+      continue;
+    }
+    // Far in the future, but not so far that the wait overflows.
+    const auto wake = std::min(due.value_or(now + LONGEST_WAIT), errors_.due());
+    changed_.wait_until(lock, wake);
   }
   return std::nullopt;
 }
@@ -118,9 +131,16 @@ void NodeSender::send(const Block& block) {
   args.map(settings_.key.empty() ? 1 : 2);
   if (!settings_.key.empty()) args.text("key").text(settings_.key);
   args.text("metrics").text(block.lines);
+  if (settings_.reconnect_interval > Clock::duration::zero() &&
+      Clock::now() - opened_at_ >= settings_.reconnect_interval) {
+    client_.close();
+  }
   const bool was_open = client_.is_open();
   try {
-    if (!was_open) client_.open();
+    if (!was_open) {
+      client_.open();
+      opened_at_ = Clock::now();
+    }
     client_.call("collectd", args);
   } catch (const skein::ClientError& error) {
     if (error.kind() == skein::ClientError::Kind::SERVER) {

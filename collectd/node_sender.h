@@ -84,6 +84,7 @@ class NodeSender {
   ErrorReporter errors_;
   Backoff backoff_;
   std::string last_failure_;
+  Clock::time_point opened_at_{};  ///< when client_ connected last
 
   std::mutex mutex_;
   std::condition_variable changed_;   // queue_.due() or stopping_

@@ -20,7 +20,8 @@ namespace {
 
 constexpr std::string_view DEFAULT_PORT = "8995";
 constexpr double MAX_QUEUE_BYTES = 1U << 30;
-constexpr double MAX_TIMEOUT = 3600;  // seconds
+constexpr double MAX_TIMEOUT = 3600;              // seconds
+constexpr double MAX_RECONNECT_INTERVAL = 86400;  // seconds
 
 /// What the options of one <Node> have set so far.
 struct Draft {
@@ -120,12 +121,17 @@ void set_send_timeout(const oconfig_item_t& option, Draft& draft) {
   draft.settings.send_timeout = timeout(option);
 }
 
+void set_reconnect_interval(const oconfig_item_t& option, Draft& draft) {
+  draft.settings.reconnect_interval =
+      std::chrono::seconds(static_cast<long>(number(option, 0, MAX_RECONNECT_INTERVAL)));
+}
+
 struct Option {
   const char* name;
   void (*set)(const oconfig_item_t&, Draft&);
 };
 
-constexpr std::array<Option, 9> OPTIONS{{
+constexpr std::array<Option, 10> OPTIONS{{
     {"Socket", set_socket},
     {"Host", set_host},
     {"Port", set_port},
@@ -135,6 +141,7 @@ constexpr std::array<Option, 9> OPTIONS{{
     {"QueueLimit", set_queue_limit},
     {"ConnectTimeout", set_connect_timeout},
     {"SendTimeout", set_send_timeout},
+    {"ReconnectInterval", set_reconnect_interval},
 }};
 
 void set_option(const oconfig_item_t& item, Draft& draft) {

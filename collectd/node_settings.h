@@ -19,6 +19,8 @@ struct NodeSettings {
   std::size_t queue_limit = 16U << 20;  ///< bytes
   std::chrono::seconds connect_timeout{5};
   std::chrono::seconds send_timeout{30};  ///< for a block, and again for its reply
+  std::chrono::nanoseconds reconnect_interval{
+      0};  ///< age at which a connection is renewed; 0: never
 };
 
 /// Reads the <Plugin write_skein> block and appends its nodes to `nodes`.

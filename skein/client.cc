@@ -7,6 +7,7 @@
 #include "skein/errors.h"
 #include "skein/framing.h"
 #include "skein/limits.h"
+#include "skein/text.h"
 
 namespace skein {
 namespace {
@@ -20,15 +21,6 @@ constexpr std::size_t MAX_ERROR_TEXT = 1000;
 
 bool is_number(Value value, std::uint64_t number) {
   return value.is(Value::Type::UNSIGNED) && value.natural() == number;
-}
-
-/// Fit for a terminal and a log: without control bytes, and of bounded length.
-std::string readable(std::string_view text) {
-  std::string shown(text.substr(0, MAX_ERROR_TEXT));
-  for (char& byte : shown) {
-    if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7F) byte = '?';
-  }
-  return shown;
 }
 
 }  // namespace
@@ -61,7 +53,8 @@ Answer Client::call(std::string_view name, const MsgpackWriter& args) {
     send(name, args);
     Answer answer = receive();
     if (answer.error().is(Value::Type::NIL)) return answer;
-    throw ClientError(Kind::SERVER, readable(*answer.error().text()));
+    throw ClientError(Kind::SERVER,
+                      without_controls(answer.error().text()->substr(0, MAX_ERROR_TEXT)));
   } catch (const ClientError& error) {
     if (error.kind() != Kind::SERVER) close();
     throw;

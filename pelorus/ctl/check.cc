@@ -18,6 +18,7 @@
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/socket.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -189,7 +190,7 @@ class SettingsCheck {
   void web_key() {
     const auto key = get<std::string>("LOCAL_WWW_KEY");
     if (!key) return;
-    if (std::ranges::any_of(*key, [](unsigned char c) { return c < ' ' || c == '\x7f'; })) {
+    if (std::ranges::any_of(*key, skein::is_control)) {
       error("LOCAL_WWW_KEY holds a control byte");
     } else if (key->empty()) {
       warn("LOCAL_WWW_KEY is empty: the web server will confirm no node");
@@ -223,10 +224,10 @@ void run(const CheckOptions& options) {
   check.run(options.file);
   if (check.errors().empty()) fmt::print("{} can be used\n", check.source());
   for (const std::string& text : check.errors()) {
-    fmt::print("{} {}\n", palette.paint(Tone::BAD, "error:"), without_controls(text));
+    fmt::print("{} {}\n", palette.paint(Tone::BAD, "error:"), skein::without_controls(text));
   }
   for (const std::string& text : check.warnings()) {
-    fmt::print("{} {}\n", palette.paint(Tone::WARNING, "warning:"), without_controls(text));
+    fmt::print("{} {}\n", palette.paint(Tone::WARNING, "warning:"), skein::without_controls(text));
   }
   if (!check.errors().empty()) throw CLI::RuntimeError(static_cast<int>(ExitStatus::FAILURE));
 }

@@ -11,10 +11,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
 #include "pelorus/ctl/options.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -37,11 +39,6 @@ const char* code_of(Tone tone) {
   return "";
 }
 
-bool is_control(char byte) {
-  const auto code = static_cast<unsigned char>(byte);
-  return code < 0x20 || code == 0x7f;
-}
-
 /// Overwrites the screen: clears the rest of each line, and of the screen after the last line.
 std::string in_place(std::string_view text) {
   std::string out = "\033[H";
@@ -62,8 +59,8 @@ std::string draw_or_explain(const std::function<std::string()>& draw) {
 
 /// Columns on the screen, one for each UTF-8 character.
 std::size_t width_of(std::string_view text) {
-  return static_cast<std::size_t>(std::ranges::count_if(
-      text, [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80; }));
+  return static_cast<std::size_t>(
+      std::ranges::count_if(text, std::not_fn(skein::is_utf8_continuation)));
 }
 
 }  // namespace
@@ -81,18 +78,12 @@ std::string Palette::paint(Tone tone, std::string_view text) const {
   return fmt::format("{}{}\033[0m", code_of(tone), text);
 }
 
-std::string without_controls(std::string_view text) {
-  std::string safe(text);
-  std::replace_if(safe.begin(), safe.end(), is_control, '?');
-  return safe;
-}
-
 std::string Table::draw(const Palette& palette) const {
   std::vector<std::vector<Cell>> all(1);
   for (const Column& column : columns_) all[0].push_back({column.heading, Tone::HEADING});
   for (const auto& row : rows_) {
     all.push_back(row);
-    for (Cell& cell : all.back()) cell.text = without_controls(cell.text);
+    for (Cell& cell : all.back()) cell.text = skein::without_controls(cell.text);
   }
   std::vector<std::size_t> widths(columns_.size());
   for (const auto& row : all) {

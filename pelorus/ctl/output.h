@@ -26,9 +26,6 @@ class Palette {
   bool coloured_;
 };
 
-/// Text from elsewhere with "?" for every control byte, so that it cannot move the cursor.
-std::string without_controls(std::string_view text);
-
 struct Cell {
   std::string text;
   Tone tone = Tone::PLAIN;

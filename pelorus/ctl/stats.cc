@@ -18,6 +18,7 @@
 #include "pelorus/ctl/output.h"
 #include "pelorus/ctl/reply.h"
 #include "pelorus/ctl/subcommands.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -142,7 +143,7 @@ class Verdict {
 
 /// A name without the characters that would end the quotation or the text before the "|".
 std::string plain_name(std::string name) {
-  name = without_controls(name);
+  name = skein::without_controls(name);
   std::ranges::replace_if(
       name, [](char c) { return c == '|' || c == '\'' || c == '='; }, '_');
   return name;

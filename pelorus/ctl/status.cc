@@ -13,6 +13,7 @@
 #include "pelorus/ctl/output.h"
 #include "pelorus/ctl/reply.h"
 #include "pelorus/ctl/subcommands.h"
+#include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
@@ -51,7 +52,7 @@ std::string head(const ReplyValue& status, const Palette& palette) {
       "longest turn of the loop in the last minute: {}\n"
       "messages received: {}, records in them: {}\n"
       "keys verified: {} accepted, {}\n",
-      palette.paint(Tone::HEADING, "pelorus " + without_controls(status["version"].text())),
+      palette.paint(Tone::HEADING, "pelorus " + skein::without_controls(status["version"].text())),
       human_duration(status["uptime"].amount()), human_moment(status["started"].amount()),
       palette.paint(delay >= SLOW_TURN_SECONDS ? Tone::BAD : Tone::PLAIN,
                     fmt::format("{:.0f} ms", delay * 1000)),
@@ -81,7 +82,8 @@ std::string write_problems(const std::string& name, const ReplyValue& database, 
                            const Palette& palette) {
   std::string lines;
   const auto say = [&](Tone tone, const std::string& words) {
-    lines += palette.paint(tone, without_controls(fmt::format("  {}: {}", name, words))) + "\n";
+    lines +=
+        palette.paint(tone, skein::without_controls(fmt::format("  {}: {}", name, words))) + "\n";
   };
   if (const double failures = database["failure_count"].amount(); failures > 0) {
     say(Tone::BAD, "failed writes since the last good one: " + human_count(failures));
@@ -154,7 +156,8 @@ std::string connections_part(std::string_view title, const ReplyValue& group, bo
     }
     table.add(std::move(row));
     if (const std::string warning = connection["last_warning"].text(); !warning.empty()) {
-      warnings += "  " + without_controls(connection["address"].text() + ": " + warning) + "\n";
+      warnings +=
+          "  " + skein::without_controls(connection["address"].text() + ": " + warning) + "\n";
     }
   });
   const auto open = static_cast<std::size_t>(group["open"].amount());

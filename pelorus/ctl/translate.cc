@@ -192,10 +192,10 @@ std::string joined(const TranslatedLine& line) {
 void print_line(const TranslatedLine& line, const Palette& palette) {
   const auto row = [&](const char* name, const std::string& text, Tone tone = Tone::PLAIN) {
     if (!text.empty()) {
-      fmt::print("  {:<12} {}\n", name, palette.paint(tone, without_controls(text)));
+      fmt::print("  {:<12} {}\n", name, palette.paint(tone, skein::without_controls(text)));
     }
   };
-  fmt::print("{}\n", palette.paint(Tone::HEADING, without_controls(line.series)));
+  fmt::print("{}\n", palette.paint(Tone::HEADING, skein::without_controls(line.series)));
   row("rule", line.rule);
   row("measurement", line.measurement);
   row("tags", joined(line));
@@ -247,7 +247,7 @@ void run(const TranslateOptions& options) {
   if (options.lint) {
     for (const std::string& conflict : types.conflicts()) {
       ++conflicts;
-      fmt::print("{}\n", palette.paint(Tone::WARNING, without_controls(conflict)));
+      fmt::print("{}\n", palette.paint(Tone::WARNING, skein::without_controls(conflict)));
     }
     fmt::print("{}, {} not translated, {} of two types\n", human_number_of("line", lines), failed,
                human_number_of("field", conflicts));

@@ -42,5 +42,20 @@ TEST_F(Reporter, RefusedAndDroppedValuesAreSummedUpBetweenRareLines) {
   EXPECT_THAT(lines, ElementsAre(HasSubstr("refused 30 values"), HasSubstr("4 values")));
 }
 
+TEST_F(Reporter, NoLostValueStaysUnreported) {
+  for (const int values : {10, 20}) errors.refused("bad key", values, START);
+  EXPECT_EQ(errors.due(), START + ErrorReporter::REPEAT);
+  errors.report(START + ErrorReporter::REPEAT - 1s);
+  EXPECT_EQ(lines.size(), 1U);
+  errors.report(START + ErrorReporter::REPEAT);
+  EXPECT_THAT(lines.back(), HasSubstr("refused 20 values, they are lost: bad key"));
+  EXPECT_EQ(errors.due(), ErrorReporter::Clock::time_point::max());
+  errors.refused("bad key", 30, START + ErrorReporter::REPEAT);
+  lines.clear();
+  errors.stopped({.bytes = 8, .values = 4}, {.bytes = 10, .values = 5}, "cancelled");
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("refused 30 values"), HasSubstr("5 values were dropped"),
+                                 HasSubstr("4 values (8 bytes) could not be sent before the end")));
+}
+
 }  // namespace
 }  // namespace write_skein

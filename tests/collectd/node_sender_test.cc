@@ -89,6 +89,19 @@ TEST_F(Sender, RestartOfTheServerBetweenBlocksIsNoOutage) {
   EXPECT_THAT(logged, ElementsAre());
 }
 
+TEST_F(Sender, RenewsItsConnectionOnceThatHasTheGivenAge) {
+  for (const auto interval : {0ns, 1ns}) {
+    SkeinStub stub(answer, path);
+    settings.reconnect_interval = interval;
+    const auto sender = make(0s);
+    sender->add("first\n");
+    stub.calls(1);
+    sender->add("second\n");
+    EXPECT_EQ(stub.calls(2).back().connection, interval == 0ns ? 1 : 2);
+  }
+  EXPECT_THAT(logged, ElementsAre());
+}
+
 TEST_F(Sender, RefusedBlockIsNotSentAgain) {
   const auto refuse_bad = [](const auto& call) {
     return call.args.at("metrics") == "bad\n" ? SkeinStub::error(call, "no") : answer(call);

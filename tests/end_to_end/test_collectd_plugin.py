@@ -16,7 +16,7 @@ KEY_FILE = 'Host "h"\nNodeKeyFile "{folder}'
 # Options of a node, and the complaint about them; none: they are good.
 CONFIGURATIONS = [
     ('Socket "/run/a"\nStoreRates false\nQueueLimit 131072', ""),
-    ('Host "10.1.2.3"\nPort 8995\nNodeKey "12-ab"\nSendTimeout 2', ""),
+    ('Host "10.1.2.3"\nPort 8995\nNodeKey "12-ab"\nSendTimeout 2\nReconnectInterval 3600', ""),
     (KEY_FILE + '/key"\nPort "8995"', ""),
     ("", 'Node "a": needs a Socket or a Host'),
     ('Socket "/run/a"\nHost "h"', 'Node "a": has both a Socket and a Host'),
@@ -28,6 +28,7 @@ CONFIGURATIONS = [
     ('Host "h"\nPort "http"', "Port needs a number from 1 to 65535"),
     ('Host "h"\nStoreRates "maybe"', "StoreRates needs true or false"),
     ('Host "h"\nQueueLimit 1000', "QueueLimit needs a whole number from 131072"),
+    ('Host "h"\nReconnectInterval -1', "ReconnectInterval needs a whole number from 0 to 86400"),
     ('Host "h"\nNodeKey "secret key"', "NodeKey holds blanks"),
     ('Host "h"\nColour "red"', 'Node "a": Colour is no option of a node'),
     (KEY_FILE + '/none"', "cannot read the key file"),
@@ -54,10 +55,10 @@ class CollectdPlugin(FolderTest):
             stream.sendall(f"{text}\n".encode())
             self.assertEqual(stream.recv(1), b"0", text)
 
-    def flush_until(self, stub, *texts):
+    def flush_until(self, node, stub, *texts):
         """A flush may overtake values that collectd's own threads still hold."""
         def come():
-            self.command("FLUSH timeout=0")
+            self.command(f"FLUSH timeout=0 plugin=write_skein/{node}")
             return all(text in stub.metrics() for text in texts)
         wait_until(come, texts, pause=0.1)
 
@@ -82,12 +83,12 @@ class CollectdPlugin(FolderTest):
         self.command("PUTVAL m000/load/load interval=10 1700000000:0.5:2:U")
         self.command(octets + "1700000000:100:7")
         self.command(octets + "1700000010:300:7")
-        self.flush_until(rates, "m000.load.load.shortterm 0.5 1700000000\n"
+        self.flush_until("rates", rates, "m000.load.load.shortterm 0.5 1700000000\n"
                                 "m000.load.load.midterm 2.0 1700000000\n",
                          "m000.interface-eth0.if_octets.rx 20.0 1700000010\n"
                          "m000.interface-eth0.if_octets.tx 0.0 1700000010\n")
         self.assertNotIn("longterm", rates.metrics())
-        self.flush_until(counts, "m000.interface-eth0.if_octets.rx 300 1700000010\n")
+        self.flush_until("counts", counts, "m000.interface-eth0.if_octets.rx 300 1700000010\n")
         self.assertEqual(counts.calls[0][1]["key"], "12-ab")
         self.command("PUTVAL m000/uptime/uptime interval=10 1700000020:5")
         collectd.send_signal(signal.SIGTERM)

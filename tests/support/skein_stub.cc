@@ -18,7 +18,7 @@ constexpr auto LONGEST_WAIT = std::chrono::seconds(10);
 
 SkeinStub::Call read_call(const skein::Message& message) {
   const skein::Envelope envelope = skein::read_envelope(message);
-  SkeinStub::Call call{envelope.msgid.value_or(0), std::string(envelope.name), {}};
+  SkeinStub::Call call{envelope.msgid.value_or(0), std::string(envelope.name), {}, 0};
   for (auto at = envelope.args->begin(); at != envelope.args->end(); ++at) {
     const std::string key(*(*at).text());
     ++at;
@@ -87,6 +87,7 @@ void SkeinStub::run() {
     for (;;) {
       waiter_.wait(listening_.descriptor(), POLLIN, skein::Waiter::Clock::now() + LONGEST_WAIT);
       const skein::Socket peer(::accept(listening_.descriptor(), nullptr, nullptr));
+      ++connections_;
       if (peer) serve(peer);
     }
   } catch (const skein::ClientError&) {  // cancelled: the test is over
@@ -114,7 +115,8 @@ bool SkeinStub::answer(const skein::Socket& peer, std::string_view payload) {
   skein::SnappyEncoder decoder;
   skein::Message message;
   skein::MsgpackEncoder::decode(decoder.decode(payload), message);
-  const Call call = read_call(message);
+  Call call = read_call(message);
+  call.connection = connections_;
   const Outcome outcome = handler_(call);
   {
     const std::lock_guard lock(mutex_);

@@ -25,6 +25,7 @@ class SkeinStub {
     std::uint32_t msgid = 0;
     std::string name;
     std::map<std::string, std::string> args;  ///< the text arguments
+    int connection = 0;                       ///< counted from 1
   };
   /// What becomes of one call: `bytes` go out as they are, then the connection may be closed.
   struct Outcome {
@@ -65,6 +66,7 @@ class SkeinStub {
   Handler handler_;
   skein::Waiter waiter_;
   skein::Socket listening_;
+  int connections_ = 0;  // so far
   std::mutex mutex_;
   std::condition_variable called_;
   std::vector<Call> calls_;  // guarded by mutex_
