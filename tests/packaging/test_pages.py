@@ -13,6 +13,8 @@ OPERATIONS = REPOSITORY / "doc" / "operations.md"
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 LOG_CALL = re.compile(r"(?<![\w.>])(?:log::)?(?:debug|info|warning|error|exception)\(\s*"
                       rf"(?:fmt::format\(\s*)?{LITERAL}")
+# Logged by the stop() of a server, which the daemon does not call when it ends.
+NEVER_WRITTEN = {"Closed local socket", "Skein socket closed"}
 
 
 def sources():
@@ -43,6 +45,7 @@ class Pages(unittest.TestCase):
     def test_every_log_line_can_be_looked_up(self):
         lines = documented_lines()
         logged = {spelled(text).rstrip(".") for text in LOG_CALL.findall(sources())}
+        logged -= NEVER_WRITTEN
         self.assertGreater(len(logged), 20)
         for text in sorted(logged):
             if pieces(text, r"\{[^}]*\}"):  # else the text comes from elsewhere
