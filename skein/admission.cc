@@ -63,6 +63,7 @@ std::string Admission::enforce() {
 void Admission::evict_largest(BySize& accounts) {
   const auto [bytes, account] = *accounts.rbegin();
   const LimitError reason(
+      EndReason::HELD_BYTES,
       fmt::format("{} bytes are held for all connections, {} are allowed, and {} for this one",
                   held_bytes_, limits_.held_bytes, bytes));
   hold(*account, 0);
@@ -77,9 +78,11 @@ void Admission::add_connection(Account& account) noexcept {
 void Admission::make_room(Account& newest) {
   if (connections_ <= limits_.connections) return;
   Account& evicted = arrivals_.empty() ? newest : arrivals_.front();
-  const LimitError reason(fmt::format(
-      "{} connections are open, {} are allowed, and this one is the {}", connections_,
-      limits_.connections, arrivals_.empty() ? "newest" : "oldest without a valid key"));
+  const LimitError reason(
+      EndReason::CONNECTIONS,
+      fmt::format("{} connections are open, {} are allowed, and this one is the {}", connections_,
+                  limits_.connections,
+                  arrivals_.empty() ? "newest" : "oldest without a valid key"));
   evicted.evict(reason);
 }
 

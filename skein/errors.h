@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -37,17 +39,34 @@ class RequestError : public Failure {
   using Failure::Failure;
 };
 
+/// Why a server ends a connection.
+enum class EndReason : std::uint8_t {
+  PROTOCOL,        ///< bytes that break it, or one message beyond its limits
+  HELD_BYTES,      ///< memory that is held for all peers
+  CONNECTIONS,     ///< their number
+  HALF_FRAME,      ///< no more bytes of a frame in time
+  UNSENT_REPLIES,  ///< replies not taken in time
+  LINE_BYTES,      ///< a line without an end
+  PENDING_KEYS,    ///< keys that wait for verification
+};
+constexpr std::size_t END_REASONS = 7;
+
 /// Bytes that break the framing, compression or encoding contract. The connection ends.
 class ProtocolError : public Failure {
  public:
-  using Failure::Failure;
+  explicit ProtocolError(const std::string& text, EndReason reason = EndReason::PROTOCOL)
+      : Failure(text), reason_(reason) {}
+  EndReason reason() const noexcept { return reason_; }
+
+ private:
+  EndReason reason_;
 };
 
 /// A peer takes up more than a limit allows; the text names the limit and the size seen. The
 /// connection ends.
 class LimitError : public ProtocolError {
  public:
-  using ProtocolError::ProtocolError;
+  LimitError(EndReason limit, const std::string& text) : ProtocolError(text, limit) {}
 };
 
 /// The terminal's interrupt (SIGINT) ended Loop::run().

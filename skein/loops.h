@@ -116,7 +116,8 @@ class Loop {
     if (!now_ || work_began_ == 0) now_ = {clocks_.monotonic(), clocks_.wall()};
     return *now_;
   }
-  /// Whole seconds of a clock that never steps, as of the beginning of the present turn: costs nothing.
+  /// Whole seconds of a clock that never steps, as of the beginning of the present turn: costs
+  /// nothing.
   std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
   /// Another one for each turn.
   std::uint64_t turn_number() const noexcept { return turn_number_; }

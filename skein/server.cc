@@ -164,9 +164,7 @@ void Server::Peer::resume(Write&& write) {
 }
 
 void Server::Peer::evict(const LimitError& reason) {
-  if (ended) return;
-  server_.handle_protocol_error(connection, reason);
-  server_.end(*this);
+  if (!ended) server_.end_for(*this, reason);
 }
 
 Admission::Time Server::Peer::deadline() const {
@@ -183,12 +181,15 @@ Admission::Time Server::Peer::deadline() const {
 void Server::Peer::time_out() {
   const Limits& limits = server_.limits_;
   if (connection.unsent() > limits.unsent_reply_bytes) {
-    return evict(LimitError(fmt::format(
-        "{} bytes of replies, {} are allowed, and none taken for {} seconds", connection.unsent(),
-        limits.unsent_reply_bytes, limits.unsent_reply_timeout.count())));
+    return evict(
+        LimitError(EndReason::UNSENT_REPLIES,
+                   fmt::format("{} bytes of replies, {} are allowed, and none taken for {} seconds",
+                               connection.unsent(), limits.unsent_reply_bytes,
+                               limits.unsent_reply_timeout.count())));
   }
   if (end_of_stream) return server_.end(*this);  // it has gone, whole
-  evict(LimitError(fmt::format("{} bytes of a half frame and no more for {} seconds",
+  evict(LimitError(EndReason::HALF_FRAME,
+                   fmt::format("{} bytes of a half frame and no more for {} seconds",
                                connection.unserved(), limits.half_frame_timeout.count())));
 }
 
@@ -297,6 +298,12 @@ void Server::add_connection(Connection&) {}
 
 void Server::remove_connection(Connection&) {}
 
+void Server::end_for(Peer& peer, const ProtocolError& fault) {
+  ++resources_.counters.ended_connections.at(static_cast<std::size_t>(fault.reason()));
+  handle_protocol_error(peer.connection, fault);
+  end(peer);
+}
+
 void Server::end(Peer& peer) noexcept {
   if (peer.ended) return;
   peer.ended = true;
@@ -357,6 +364,7 @@ void Server::serve(Peer& peer, std::string_view frame) {
     throw;
   } catch (const std::exception& failure) {
     peer.deferral = 0;
+    ++resources_.counters.refused_requests;
     handle_exception(failure);
     if (!envelope.msgid) return;
     peer.connection.send(encode_error(*envelope.msgid, error_text(peer, failure)));
@@ -382,8 +390,7 @@ void Server::guarded(Peer& peer, Step&& step) noexcept {
     } catch (const ProtocolError& fault) {
       if (peer.ended) return;
       peer.connection.flush(loop_.now().monotonic);  // what was asked before is answered
-      handle_protocol_error(peer.connection, fault);
-      end(peer);
+      end_for(peer, fault);
     } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
       if (peer.ended) return;
       end(peer);
@@ -421,6 +428,7 @@ void DeferredReply::send(const Reply& reply) const noexcept {
 }
 
 void DeferredReply::fail(const std::exception& failure) const noexcept {
+  ++server_->resources_.counters.refused_requests;
   try {
     server_->handle_exception(failure);
   } catch (const std::exception& second) {

@@ -103,6 +103,8 @@ class Server : private PollTarget {
   /// What the peer is told of a failure. A stranger is not told what is inside.
   static std::string_view error_text(const Peer& peer, const std::exception& failure);
   void enforce_limits();
+  /// Reports the fault and ends the connection.
+  void end_for(Peer& peer, const ProtocolError& fault);
   void end(Peer& peer) noexcept;
   void sweep() noexcept;
   Peer& peer_of(const Connection& connection) const { return *peers_[connection.slot()]; }

@@ -212,13 +212,17 @@ struct Metric {
   }
 };
 
-constexpr std::array<Metric, 4> DAEMON_METRICS{{
+constexpr std::array<Metric, 6> DAEMON_METRICS{{
     {"pelorus_start_time_seconds", "gauge", "Unix time at which the daemon started.", nullptr,
      "started"},
     {"pelorus_loop_delay_seconds", "gauge", "Longest turn of the event loop in the last minute.",
      nullptr, "loop_delay"},
     {"pelorus_messages_total", "counter", "Messages received.", "totals", "messages"},
     {"pelorus_records_total", "counter", "Records received.", "totals", "records"},
+    {"pelorus_refused_requests_total", "counter", "Requests that failed and were answered so.",
+     "totals", "refused_requests"},
+    {"pelorus_dropped_log_lines_total", "counter", "Log lines that could not be written.", "totals",
+     "dropped_log_lines"},
 }};
 
 constexpr std::array<Metric, 20> DATABASE_METRICS{{
@@ -272,6 +276,21 @@ void append_sample(std::string& out, const Metric& metric, const std::string& la
   fmt::format_to(std::back_inserter(out), "{}{} {}\n", metric.name, braced, *value);
 }
 
+/// A counter for each entry of a map, with the entry's name as a label.
+struct LabelledMetric {
+  Metric metric;
+  const char* label;
+};
+
+constexpr std::array<LabelledMetric, 2> LABELLED_METRICS{{
+    {{"pelorus_bad_lines_total", "counter", "Lines that yielded no record.", "totals", "bad_lines"},
+     "kind"},
+    {{"pelorus_ended_connections_total", "counter",
+      "Connections that the daemon ended because of a limit or a broken protocol.", "totals",
+      "ended_connections"},
+     "reason"},
+}};
+
 std::string prometheus_text(skein::Value reply) {
   const ReplyValue status(reply);
   std::string out;
@@ -288,6 +307,13 @@ std::string prometheus_text(skein::Value reply) {
   const ReplyValue totals = status["totals"];
   append_sample(out, auths, "result=\"accepted\"", totals["accepted_auths"].number());
   append_sample(out, auths, "result=\"refused\"", totals["refused_auths"].number());
+  for (const auto& [metric, label] : LABELLED_METRICS) {
+    append_head(out, metric);
+    const ReplyValue counts = status[metric.group][metric.key];
+    counts.each_pair([&](const std::string& name, const ReplyValue& count) {
+      append_sample(out, metric, fmt::format("{}=\"{}\"", label, escaped(name)), count.number());
+    });
+  }
   const Metric open{"pelorus_connections", "gauge", "Open connections.", nullptr, "open"};
   append_head(out, open);
   for (const char* listener : {"nodes", "local"}) {

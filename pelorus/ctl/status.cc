@@ -43,22 +43,47 @@ Cell bad_amount(const ReplyValue& amounts) {
   return {amount(amounts), amounts["messages"].amount() > 0 ? Tone::BAD : Tone::FAINT};
 }
 
+/// "3 (format 1, no_rule 2)"
+std::string count_by_name(const ReplyValue& counts) {
+  double sum = 0;
+  std::string parts;
+  counts.each_pair([&](const std::string& name, const ReplyValue& count) {
+    if (count.amount() == 0) return;
+    sum += count.amount();
+    parts += fmt::format("{}{} {}", parts.empty() ? "" : ", ", name, human_count(count.amount()));
+  });
+  return human_count(sum) + (parts.empty() ? "" : " (" + parts + ")");
+}
+
+/// What was refused since the start, of closed connections too.
+std::string refusals(const ReplyValue& totals) {
+  return fmt::format(
+      "bad lines: {}, refused requests: {}\n"
+      "connections ended by a limit or a broken protocol: {}, dropped log lines: {}\n",
+      count_by_name(totals["bad_lines"]), human_count(totals["refused_requests"].amount()),
+      count_by_name(totals["ended_connections"]),
+      human_count(totals["dropped_log_lines"].amount()));
+}
+
 std::string head(const ReplyValue& status, const Palette& palette) {
   const double delay = status["loop_delay"].amount();
   const ReplyValue totals = status["totals"];
   const double refused = totals["refused_auths"].amount();
   return fmt::format(
-      "{}, up {}, since {}\n"
-      "longest turn of the loop in the last minute: {}\n"
-      "messages received: {}, records in them: {}\n"
-      "keys verified: {} accepted, {}\n",
-      palette.paint(Tone::HEADING, "pelorus " + skein::without_controls(status["version"].text())),
-      human_duration(status["uptime"].amount()), human_moment(status["started"].amount()),
-      palette.paint(delay >= SLOW_TURN_SECONDS ? Tone::BAD : Tone::PLAIN,
-                    fmt::format("{:.0f} ms", delay * 1000)),
-      human_count(totals["messages"].amount()), human_count(totals["records"].amount()),
-      human_count(totals["accepted_auths"].amount()),
-      palette.paint(refused > 0 ? Tone::WARNING : Tone::PLAIN, human_count(refused) + " refused"));
+             "{}, up {}, since {}\n"
+             "longest turn of the loop in the last minute: {}\n"
+             "messages received: {}, records in them: {}\n"
+             "keys verified: {} accepted, {}\n",
+             palette.paint(Tone::HEADING,
+                           "pelorus " + skein::without_controls(status["version"].text())),
+             human_duration(status["uptime"].amount()), human_moment(status["started"].amount()),
+             palette.paint(delay >= SLOW_TURN_SECONDS ? Tone::BAD : Tone::PLAIN,
+                           fmt::format("{:.0f} ms", delay * 1000)),
+             human_count(totals["messages"].amount()), human_count(totals["records"].amount()),
+             human_count(totals["accepted_auths"].amount()),
+             palette.paint(refused > 0 ? Tone::WARNING : Tone::PLAIN,
+                           human_count(refused) + " refused")) +
+         refusals(totals);
 }
 
 Cell until_full(const ReplyValue& seconds) {

@@ -110,6 +110,8 @@ void drop(std::uint64_t lines) {
   state().capture(Level::WARNING, dropped_text(lines));
 }
 
+std::uint64_t dropped_lines() { return state().writer->dropped_lines(); }
+
 void set_capture(Capture capture) { state().capture = std::move(capture); }
 
 }  // namespace pelorus::log

@@ -79,6 +79,9 @@ void hold(bool held);
 /// (BUFFER_LINES, BUFFER_BYTES): it skips its oldest lines, which the buffer would drop.
 void drop(std::uint64_t lines);
 
+/// Lines dropped since the start.
+std::uint64_t dropped_lines();
+
 /// Receives each line in place of standard error.
 using Capture = std::function<void(Level level, std::string_view line)>;
 /// For tests and benchmarks.

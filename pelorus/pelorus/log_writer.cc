@@ -94,7 +94,7 @@ void RecordBuffer::drop(std::uint64_t lines) {
 }
 
 void RecordBuffer::dropped_written(std::string_view rest) {
-  dropped_ = 0;
+  reported_ += std::exchange(dropped_, 0);
   begun_ = rest;
 }
 

@@ -52,6 +52,8 @@ class RecordBuffer {
   void drop(std::uint64_t lines);
   /// Lines dropped since dropped_written().
   std::uint64_t dropped() const noexcept { return dropped_; }
+  /// Lines dropped since the start.
+  std::uint64_t dropped_in_all() const noexcept { return reported_ + dropped_; }
   /// The line that tells of the dropped ones has been written, save `rest`.
   void dropped_written(std::string_view rest);
 
@@ -78,6 +80,7 @@ class RecordBuffer {
   std::deque<Record> records_;
   std::size_t lines_ = 0;  ///< of the records
   std::uint64_t dropped_ = 0;
+  std::uint64_t reported_ = 0;  ///< dropped lines of which the log has told
 };
 
 /// Writes records to a descriptor, each line with its prefix and with control bytes escaped, and
@@ -125,6 +128,8 @@ class LogWriter {
   void write_bare(std::string_view line);
   /// Counts lines as dropped that would have come now, and drops what waits before them.
   void drop(std::uint64_t lines);
+  /// Lines dropped since the start.
+  std::uint64_t dropped_lines() const noexcept { return buffer_.dropped_in_all(); }
   /// While held, records gather: for a caller that adds many.
   void hold(bool held);
 

@@ -175,6 +175,17 @@ class Pelorusctl(CtlTest):
         self.assertIn("local: 2 open, 1 listed", one)
         with self.assertRaisesRegex(SkeinError, "must be trouble, records"):
             good.call("status", {"order": "age"})
+        good.close()
+        bad.send_bytes(b"\0\0\0\1x")
+        bad.close()
+
+        def totals():
+            counts = self.status(daemon)["totals"]
+            return counts if counts["ended_connections"]["protocol"] else None
+        now = wait_until(totals, "the end of a connection")
+        self.assertEqual({kind: n for kind, n in now["bad_lines"].items() if n},
+                         {"format": 1, "no_rule": 1})
+        self.assertEqual((now["refused_requests"], now["dropped_log_lines"]), (1, 0))
 
     def test_prometheus_text_can_be_parsed(self):
         daemon = self.start_pelorus({"INFLUX_DATABASES": [{"name": "tidewell"},

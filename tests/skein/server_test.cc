@@ -85,6 +85,9 @@ class ServerTest : public ::testing::Test {
   Connection& connection(std::size_t i) {
     return const_cast<Connection&>(*server_->connections().at(i));
   }
+  std::uint64_t ended_by(EndReason reason) {
+    return resources_->counters.ended_connections.at(static_cast<std::size_t>(reason));
+  }
   std::uint64_t served(std::size_t i) { return connection(i).traffic().requests; }
 
   static constexpr Keepalive KEEPALIVE{.count = 4, .idle = 300, .interval = 8};
@@ -267,6 +270,7 @@ TEST_F(ServerTest, StrangersAreNotToldOfInternalFailures) {
             "2!unknown request 'unknown' ");
   EXPECT_EQ(known.replies(), "1!cannot read a secret path ");
   EXPECT_EQ(server_->failures.size(), 3U);
+  EXPECT_EQ(resources_->counters.refused_requests, 3U);
 }
 
 TEST_F(ServerTest, LargestUnauthenticatedAccountGoesFirst) {
@@ -279,7 +283,7 @@ TEST_F(ServerTest, LargestUnauthenticatedAccountGoesFirst) {
   send(valid, half.substr(0, 2000));
   send(small, half.substr(0, 300));
   send(large, half.substr(0, 1500));
-  ASSERT_EQ(server_->faults.size(), 1U);
+  EXPECT_EQ(ended_by(EndReason::HELD_BYTES), 1U);
   EXPECT_EQ(large.replies(), "end");
   send(valid, half.substr(2000, 2500));
   EXPECT_EQ(small.replies(), "end");
@@ -298,7 +302,7 @@ TEST_F(ServerTest, OldestUnauthenticatedConnectionMakesRoom) {
   auto oldest = connect();
   auto newest = connect();
   EXPECT_EQ(oldest.replies(), "end");
-  EXPECT_EQ(server_->faults.size(), 1U);
+  EXPECT_EQ(ended_by(EndReason::CONNECTIONS), 1U);
   send(newest, request(1, "echo"));
   send(valid, request(1, "echo"));
   EXPECT_EQ(newest.replies() + valid.replies(), "1=x 1=x ");
@@ -322,6 +326,7 @@ TEST_F(ServerTest, HalfFrameEndsWhenNothingMoreComesAndIdlenessNever) {
   EXPECT_EQ(drip.replies() + idle.replies(), "1=x ");
   EXPECT_EQ(server_->faults,
             std::vector<std::string>{"5 bytes of a half frame and no more for 120 seconds"});
+  EXPECT_EQ(ended_by(EndReason::HALF_FRAME), 1U);
 }
 
 TEST_F(ServerTest, PeerThatTakesNoRepliesIsNotReadAndEnds) {
@@ -339,8 +344,8 @@ TEST_F(ServerTest, PeerThatTakesNoRepliesIsNotReadAndEnds) {
   EXPECT_LT(sent, stream.size());
   clock_.tick(60);
   turns();
-  ASSERT_EQ(server_->faults.size(), 1U);
-  EXPECT_TRUE(server_->faults[0].ends_with("10000 are allowed, and none taken for 60 seconds"));
+  EXPECT_EQ(ended_by(EndReason::UNSENT_REPLIES), 1U);
+  EXPECT_TRUE(server_->faults.at(0).ends_with("10000 are allowed, and none taken for 60 seconds"));
 }
 
 TEST_F(ServerTest, AcceptRestsWhileThereAreNoDescriptorsAndRecovers) {

@@ -20,9 +20,25 @@ using translate::Outcome;
 constexpr std::size_t RING_SIZE = log::BUFFER_LINES;
 static_assert(4 * SHOWN_BYTES < log::LINE_BYTES, "with every byte as \\xNN it still fits a line");
 
+/// `outcome` of the translation: TRANSLATED for a line that was malformed before.
+BadLineKind kind_of(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::TRANSLATED:
+      return BadLineKind::FORMAT;
+    case Outcome::SHORT_SOURCE:
+    case Outcome::INVALID_SOURCE_TYPE:
+      return BadLineKind::SOURCE;
+    case Outcome::NO_RULE:
+      return BadLineKind::NO_RULE;
+    default:
+      return is_unexpected(outcome) ? BadLineKind::UNEXPECTED : BadLineKind::REFUSED;
+  }
+}
+
 }  // namespace
 
-BadLines::BadLines() : warns_(log::enabled(log::Level::WARNING)) {}
+BadLines::BadLines(BadLineCounts& totals)
+    : totals_(totals), warns_(log::enabled(log::Level::WARNING)) {}
 
 // Out of memory, it stays silent: the block has failed as well then, and that is logged.
 BadLines::~BadLines() {
@@ -60,6 +76,7 @@ void BadLines::not_translated(std::string_view series, Outcome outcome) {
 
 void BadLines::count(std::string_view text, Outcome outcome) {
   ++count_;
+  ++totals_.at(static_cast<std::size_t>(kind_of(outcome)));
   last_.text = text;
   last_.outcome = outcome;
 }

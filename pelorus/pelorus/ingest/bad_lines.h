@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "pelorus/pelorus/ingest/graphite_message.h"
+#include "pelorus/pelorus/ingest/ingest_result.h"
 
 namespace pelorus {
 
@@ -21,7 +22,8 @@ constexpr std::size_t KEPT_WARNING_BYTES = 160;
 /// status, whether they are logged or not.
 class BadLines : public BadLineReporter {
  public:
-  BadLines();
+  /// `totals`: also counts the bad lines there. Borrowed.
+  explicit BadLines(BadLineCounts& totals);
   BadLines(const BadLines&) = delete;
   BadLines& operator=(const BadLines&) = delete;
   /// Logs what is left, if a failure has ended the block.
@@ -53,6 +55,7 @@ class BadLines : public BadLineReporter {
   void log(const BadLine& line);
   void log_unexpected(const std::string& text);
 
+  BadLineCounts& totals_;
   const bool warns_;         ///< whether warnings are logged, and not only errors
   std::uint64_t count_ = 0;  ///< empty lines left out
   BadLine last_;             ///< the last that was counted

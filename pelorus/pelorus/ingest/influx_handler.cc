@@ -85,7 +85,7 @@ void InfluxHandler::add(std::string_view database_name, std::string data,
 
 IngestResult InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
   PROFILE_SCOPE();
-  BadLines bad_lines;
+  BadLines bad_lines(bad_lines_);
   const auto built = graphite_message_->build(metrics, bad_lines);
   add(database_name, std::string(built.message), built.num_metrics);
   return {built.num_metrics, bad_lines.count(), bad_lines.last_warning()};
@@ -111,6 +111,7 @@ IngestResult InfluxHandler::add_submit(std::string_view database_name, SubmitMes
                                   skein::display(name.substr(0, SHOWN_BYTES)));
     log::warning("{}", with_left_out(text, name));
     result.bad_lines = 1;
+    ++bad_lines_.at(static_cast<std::size_t>(BadLineKind::SUBMIT));
     result.last_warning.assign(text, 0, KEPT_WARNING_BYTES);
   }
   return result;

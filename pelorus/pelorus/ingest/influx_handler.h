@@ -88,6 +88,8 @@ class InfluxHandler {
   const Statistics& statistics() const noexcept { return statistics_; }
   /// Counts since the start, without the daemon's records about itself.
   Statistics totals() const noexcept;
+  /// Bad lines since the start, also of requests that failed after them.
+  const BadLineCounts& bad_lines() const noexcept { return bad_lines_; }
 
  private:
   InfluxDatabase& database(std::string_view name);
@@ -95,6 +97,7 @@ class InfluxHandler {
   skein::Loop& loop_;
   Statistics statistics_;  ///< since the last statistics record
   Statistics reported_;    ///< sum of all statistics records
+  BadLineCounts bad_lines_{};
   std::vector<std::unique_ptr<InfluxDatabase>> databases_;
   const std::unique_ptr<GraphiteMessage> graphite_message_;
 };

@@ -207,7 +207,8 @@ Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
   const bool is_new = found == keys.end();
   if (is_new) {
     if (keys.size() >= MAX_PENDING_KEYS && !server_.is_authenticated(request.connection)) {
-      throw skein::LimitError(fmt::format("{} keys wait for verification, {} are allowed",
+      throw skein::LimitError(skein::EndReason::PENDING_KEYS,
+                              fmt::format("{} keys wait for verification, {} are allowed",
                                           keys.size(), MAX_PENDING_KEYS));
     }
     found = keys.try_emplace(key, *this).first;

@@ -13,7 +13,8 @@ CompleteLines LineAssembler::add(std::string_view data, std::size_t most_remaind
   const std::string_view tail = data.substr(cut);
   const std::size_t remaining_then = tail.size() + (cut == 0 ? remaining() : 0);
   if (remaining_then > most_remainder) {
-    throw skein::LimitError(fmt::format("a line of {} bytes without an end, {} are allowed",
+    throw skein::LimitError(skein::EndReason::LINE_BYTES,
+                            fmt::format("a line of {} bytes without an end, {} are allowed",
                                         remaining_then, most_remainder));
   }
   const auto before = cut == 0 ? nullptr : std::exchange(remainder_, nullptr);

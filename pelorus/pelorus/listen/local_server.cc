@@ -178,7 +178,7 @@ skein::Reply LocalServer::req_status(const skein::Request& request) {
     local.members.push_back({connection, &sessions_[*connection]});
   }
   groups.push_back(std::move(local));
-  const StatusSources sources{influx_handler_, loop(), started_, groups};
+  const StatusSources sources{influx_handler_, resources().counters, loop(), started_, groups};
   return skein::Reply(write_status(sources, ConnectionChoice::of(request)));
 }
 

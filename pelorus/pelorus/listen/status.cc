@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "pelorus/pelorus/influx/influx_database.h"
+#include "pelorus/pelorus/log.h"
 #include "skein/errors.h"
 
 namespace pelorus {
@@ -23,6 +24,14 @@ constexpr std::size_t USUAL_CONNECTIONS = 100;
 constexpr std::size_t MOST_CONNECTIONS = 2000;
 
 constexpr std::uint64_t LAST = std::numeric_limits<std::uint64_t>::max();
+
+/// In the order of BadLineKind.
+constexpr std::array<std::string_view, BadLineCounts().size()> BAD_LINE_KINDS{
+    "format", "source", "no_rule", "refused", "unexpected", "submit"};
+/// In the order of skein::EndReason.
+constexpr std::array<std::string_view, skein::END_REASONS> REASONS{
+    "protocol",       "held_bytes", "connections", "half_frame",
+    "unsent_replies", "line_bytes", "pending_keys"};
 
 struct OrderRow {
   std::string_view name;
@@ -133,12 +142,24 @@ void write_databases(MsgpackWriter& out, const InfluxHandler& influx_handler) {
   for (const auto& database : influx_handler.databases()) write_database(out, *database);
 }
 
-void write_totals(MsgpackWriter& out, const InfluxHandler& influx_handler) {
-  const Statistics totals = influx_handler.totals();
-  out.text("totals").map(4);
+template <std::size_t SIZE>
+void write_counts(MsgpackWriter& out, std::string_view name,
+                  const std::array<std::string_view, SIZE>& names,
+                  const std::array<std::uint64_t, SIZE>& counts) {
+  out.text(name).map(SIZE);
+  for (std::size_t i = 0; i < SIZE; ++i) out.text(names[i]).natural(counts[i]);
+}
+
+void write_totals(MsgpackWriter& out, const StatusSources& sources) {
+  const Statistics totals = sources.influx_handler.totals();
+  out.text("totals").map(8);
   out.text("messages").integer(totals.messages).text("records").integer(totals.records);
   out.text("accepted_auths").integer(totals.successful_auths);
   out.text("refused_auths").integer(totals.failed_auths);
+  out.text("refused_requests").natural(sources.peers.refused_requests);
+  out.text("dropped_log_lines").natural(log::dropped_lines());
+  write_counts(out, "bad_lines", BAD_LINE_KINDS, sources.influx_handler.bad_lines());
+  write_counts(out, "ended_connections", REASONS, sources.peers.ended_connections);
 }
 
 }  // namespace
@@ -165,7 +186,7 @@ MsgpackWriter write_status(const StatusSources& sources, const ConnectionChoice&
   out.text("started").real(sources.started.wall);
   out.text("uptime").real(uptime.count());
   out.text("loop_delay").real(longest_turn.count());
-  write_totals(out, sources.influx_handler);
+  write_totals(out, sources);
   write_databases(out, sources.influx_handler);
   for (const ConnectionGroup& group : sources.groups) {
     write_group(out, group, choice, sources.loop);

@@ -14,6 +14,7 @@
 #include "skein/connection.h"
 #include "skein/loops.h"
 #include "skein/request.h"
+#include "skein/resources.h"
 
 // The answer to the local request "status": doc/skein_protocol.md has its members.
 namespace pelorus {
@@ -42,6 +43,7 @@ struct ConnectionGroup {
 /// What a status is made of. Borrows everything.
 struct StatusSources {
   const InfluxHandler& influx_handler;
+  const skein::PeerCounters& peers;
   const skein::Loop& loop;
   const StartTime& started;
   std::span<const ConnectionGroup> groups;

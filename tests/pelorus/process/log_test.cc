@@ -104,6 +104,7 @@ class NumberedLines {
       writer_.flush();
       read();
     }
+    EXPECT_EQ(writer_.dropped_lines(), dropped);
   }
 
   std::size_t logged = 0, dropped = 0;
