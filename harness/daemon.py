@@ -36,6 +36,12 @@ class NotifySocket:
         self._socket.close()
 
 
+def journal_stream(file):
+    """How the service manager names an open file or a path as the journal's stream."""
+    about = os.stat(file)
+    return f"{about.st_dev}:{about.st_ino}"
+
+
 class Pelorus(Process):
     """The daemon with settings of its own. Unless told otherwise its log lines carry the journal's
     priorities and every message is written at once."""
@@ -53,10 +59,13 @@ class Pelorus(Process):
         settings_file.write_text(json.dumps(settings))
         self.node_address = (settings.get("PELORUS_SERVER"), settings.get("PELORUS_PORT"))
         self.notify = NotifySocket(self.folder / "notify")
-        surroundings = {"PELORUS_SETTINGS": str(settings_file), "JOURNAL_STREAM": "1:1",
+        log = self.folder / "pelorus.log"
+        log.touch()
+        surroundings = {"PELORUS_SETTINGS": str(settings_file),
+                        "JOURNAL_STREAM": journal_stream(log),
                         "NOTIFY_SOCKET": self.notify.name, "PELORUS_LOG_LEVEL": None}
         super().__init__([*wrapper, program or BUILD / "bin" / "pelorus", *arguments],
-                         self.folder / "pelorus.log", cwd=self.folder,
+                         log, cwd=self.folder,
                          env=_overlay({**os.environ, **surroundings}, environment), **options)
 
     def _settings(self):

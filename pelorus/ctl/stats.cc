@@ -7,11 +7,16 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "pelorus/ctl/options.h"
@@ -66,16 +71,66 @@ constexpr std::array<const char*, 4> HEALTH_NAMES{"OK", "WARNING", "CRITICAL", "
 
 struct Measure {
   const char* name;    ///< in a threshold, and in the performance data
-  const char* key;     ///< in the reply
+  const char* group;   ///< the map of the database that holds the value; null for the outermost
+  const char* key;     ///< in that map
   const char* phrase;  ///< what is wrong, around the value
+
+  std::optional<double> value_in(const ReplyValue& database) const {
+    return (group == nullptr ? database[key] : database[group][key]).number();
+  }
 };
 
-constexpr std::array<Measure, 3> MEASURES{{
-    {"queue", "pending_data_len", "messages waiting: {:.0f}"},
-    {"failures", "failure_count", "failed writes: {:.0f}"},
-    {"age", "last_sent_time", "seconds since the last good write: {:.0f}"},
+constexpr std::array<Measure, 6> MEASURES{{
+    {"queue", "queued", "messages", "messages waiting: {:.0f}"},
+    {"failures", nullptr, "failure_count", "failed writes: {:.0f}"},
+    {"age", nullptr, "last_sent_time", "seconds since the last good write: {:.0f}"},
+    {"failed", "failed", "messages", "messages lost in failed writes since the last look: {:.0f}"},
+    {"partial", "partial", "messages",
+     "messages of writes stored in part since the last look: {:.0f}"},
+    {"discarded", "discarded", "messages", "messages discarded since the last look: {:.0f}"},
 }};
 constexpr std::size_t AGE = 2;
+/// This one and those after it count from one look to the next.
+constexpr std::size_t FIRST_LOSS = 3;
+
+/// What the last look saw: the daemon's reply, in a file. Its counters are subtracted from those of
+/// the present look, unless the daemon has started again since; without a file, nothing is.
+class LastLook {
+ public:
+  /// Throws std::runtime_error for a file that is there and cannot be read.
+  explicit LastLook(std::string path) : path_(std::move(path)) {
+    std::ifstream file(path_);
+    if (!file && std::filesystem::exists(path_)) fail("cannot read");
+    if (file) seen_ = nlohmann::json::parse(file, nullptr, false);
+    if (seen_.is_discarded()) fail("no JSON in");
+  }
+
+  /// The measure's value then; 0 if it counts from the daemon's start.
+  double value(const ReplyValue& status, const std::string& database,
+               const Measure& measure) const {
+    if (seen_.value("started", 0.0) != status["started"].amount()) return 0;
+    const auto pointer =
+        nlohmann::json::json_pointer() / "databases" / database / measure.group / measure.key;
+    return seen_.contains(pointer) ? seen_[pointer].get<double>() : 0;
+  }
+
+  /// Replaces the file as a whole. Throws std::runtime_error.
+  void keep(skein::Value status) const {
+    const std::string draft = path_ + ".new";
+    std::ofstream file(draft);
+    file << to_json(status);
+    file.close();
+    if (!file || std::rename(draft.c_str(), path_.c_str()) != 0) fail("cannot write");
+  }
+
+ private:
+  [[noreturn]] void fail(const char* what) const {
+    throw std::runtime_error(fmt::format("{} the file of --state, '{}'", what, path_));
+  }
+
+  std::string path_;
+  nlohmann::json seen_ = nlohmann::json::object();
+};
 
 /// The value of each measure from which a database is not well. None: the measure is not judged.
 using Thresholds = std::array<std::optional<double>, MEASURES.size()>;
@@ -94,7 +149,9 @@ Thresholds parse_thresholds(const std::vector<std::string>& texts) {
     if (measure == MEASURES.end() || result.ec != std::errc() || result.ptr != end ||
         !std::isfinite(number)) {
       throw UsageError(
-          fmt::format("'{}' is no threshold: queue=N, failures=N or age=SECONDS", text));
+          fmt::format("'{}' is no threshold: queue=N, failures=N, age=SECONDS, failed=N, partial=N "
+                      "or discarded=N",
+                      text));
     }
     thresholds.at(static_cast<std::size_t>(measure - MEASURES.begin())) = number;
   }
@@ -153,24 +210,27 @@ double now() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-/// Judges the reply to "stats" and prints the line. `only`: the databases that count; all if empty.
-/// A database or a value that is missing makes it UNKNOWN.
-Health judge(skein::Value databases, const std::vector<std::string>& only,
-             const Thresholds& warning, const Thresholds& critical) {
+/// Judges the reply to "status" and prints the line. `only`: the databases that count; all if
+/// empty. A database or a value that is missing makes it UNKNOWN. Without a last look no loss is
+/// judged.
+Health judge(const ReplyValue& status, const std::vector<std::string>& only,
+             const Thresholds& warning, const Thresholds& critical, const LastLook* last_look) {
   Verdict verdict;
   std::vector<std::string> seen;
-  ReplyValue(databases).each_pair([&](const std::string& name, const ReplyValue& stats) {
+  status["databases"].each_pair([&](const std::string& name, const ReplyValue& database) {
     if (!only.empty() && std::ranges::find(only, name) == only.end()) return;
     seen.push_back(name);
-    for (std::size_t i = 0; i < MEASURES.size(); ++i) {
-      const auto number = stats[MEASURES.at(i).key].number();
+    for (std::size_t i = 0; i < (last_look != nullptr ? MEASURES.size() : FIRST_LOSS); ++i) {
+      const auto number = MEASURES.at(i).value_in(database);
       if (!number) {
         verdict.add(Health::UNKNOWN,
-                    fmt::format("{}: no {} in the answer", plain_name(name), MEASURES.at(i).key));
+                    fmt::format("{}: no {} in the answer", plain_name(name), MEASURES.at(i).name));
         continue;
       }
-      verdict.judge(plain_name(name), i, i == AGE ? std::fmax(now() - *number, 0) : *number,
-                    warning.at(i), critical.at(i));
+      double value = *number;
+      if (i == AGE) value = std::fmax(now() - value, 0);
+      if (i >= FIRST_LOSS) value -= last_look->value(status, name, MEASURES.at(i));
+      verdict.judge(plain_name(name), i, value, warning.at(i), critical.at(i));
     }
   });
   for (const std::string& name : only) {
@@ -339,16 +399,20 @@ struct StatsOptions {
   std::vector<std::string> warning;
   std::vector<std::string> critical;
   std::vector<std::string> databases;
+  std::string state;  ///< path; empty: losses are not judged
 
   bool monitoring() const { return !warning.empty() || !critical.empty(); }
 };
 
+/// The daemon's "status" without its connections.
+skein::Answer ask_status(const ServerOptions& server) {
+  skein::MsgpackWriter args;
+  args.map(1).text("connections").natural(0);
+  return ask(server, "status", args);
+}
+
 std::string draw(const ServerOptions& server, const StatsOptions& options) {
-  if (options.prometheus) {
-    skein::MsgpackWriter args;
-    args.map(1).text("connections").natural(0);
-    return prometheus_text(ask(server, "status", args).result());
-  }
+  if (options.prometheus) return prometheus_text(ask_status(server).result());
   const skein::Answer answer = ask(server, "stats");
   return options.json ? to_json(answer.result())
                       : stats_table(answer.result(), Palette::of_stdout());
@@ -359,7 +423,20 @@ Health monitor(const ServerOptions& server, const StatsOptions& options) {
   try {
     const auto warning = parse_thresholds(options.warning);
     const auto critical = parse_thresholds(options.critical);
-    return judge(ask(server, "stats").result(), options.databases, warning, critical);
+    std::optional<LastLook> last_look;
+    if (!options.state.empty()) last_look.emplace(options.state);
+    const auto of_losses = [](const Thresholds& thresholds) {
+      return std::any_of(thresholds.begin() + FIRST_LOSS, thresholds.end(),
+                         [](auto limit) { return limit.has_value(); });
+    };
+    if (!last_look && (of_losses(warning) || of_losses(critical))) {
+      throw UsageError("failed, partial and discarded need --state");
+    }
+    const skein::Answer answer = ask_status(server);
+    const Health health = judge(ReplyValue(answer.result()), options.databases, warning, critical,
+                                last_look ? &*last_look : nullptr);
+    if (last_look) last_look->keep(answer.result());
+    return health;
   } catch (const skein::ClientError& error) {
     fmt::print("UNKNOWN - {}\n", explain(error));
   } catch (const std::exception& error) {
@@ -393,7 +470,9 @@ void add_stats(CLI::App& app, ServerOptions& server) {
           ->add_option("--warn", options->warning,
                        "Act as a monitoring plugin: print one line, with WARNING from this "
                        "value. NAME is queue (waiting messages), failures (failed writes "
-                       "since the last good one) or age (seconds since the last good one)")
+                       "since the last good one), age (seconds since the last good one), or, with "
+                       "--state, failed, partial or discarded (messages since the last look: lost "
+                       "in failed writes, of writes stored in part, dropped from a full queue)")
           ->type_name(form);
   auto* critical =
       command->add_option("--crit", options->critical, "The same for CRITICAL")->type_name(form);
@@ -404,6 +483,11 @@ void add_stats(CLI::App& app, ServerOptions& server) {
       ->add_option("--database", options->databases,
                    "Judge only this database; may be repeated. Needs --warn or --crit")
       ->type_name("NAME");
+  command
+      ->add_option("--state", options->state,
+                   "File that keeps what this look has seen for the next one; needed to judge "
+                   "failed, partial and discarded")
+      ->type_name("FILE");
   command->footer(
       "With --warn or --crit the exit status is a monitoring plugin's:\n"
       "  0  OK\n  1  WARNING\n  2  CRITICAL\n  3  UNKNOWN: it could not judge\n\n" +

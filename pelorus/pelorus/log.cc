@@ -1,5 +1,6 @@
 #include "pelorus/pelorus/log.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,8 +21,17 @@ using Clock = std::chrono::system_clock;
 /// How long the end of the process may wait for the reader of the log.
 constexpr std::chrono::milliseconds LAST_WAIT{500};
 
+/// Whether standard error is the stream that JOURNAL_STREAM names by device and inode. Elsewhere
+/// the variable is inherited from a service whose standard error was redirected.
+bool goes_to_journal() {
+  const char* stream = std::getenv("JOURNAL_STREAM");
+  struct stat about {};
+  return stream != nullptr && ::fstat(STDERR_FILENO, &about) == 0 &&
+         fmt::format("{}:{}", about.st_dev, about.st_ino) == stream;
+}
+
 std::unique_ptr<LogWriter> standard_error() {
-  const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
+  const bool journal = goes_to_journal();
   return std::make_unique<LogWriter>(
       STDERR_FILENO, journal ? LogWriter::Prefix::PRIORITY : LogWriter::Prefix::TIME);
 }

@@ -21,9 +21,9 @@ namespace pelorus::log {
 enum class Level : std::uint8_t { DEBUG, INFO, WARNING, ERROR };
 
 /// Logs to standard error from now on, at the level that PELORUS_LOG_LEVEL names (debug, info,
-/// warning, error; info by default). Under the journal (JOURNAL_STREAM is set) each line, those of
-/// a trace too, begins with its "<N>" priority instead of a time. An unknown level is a warning.
-/// Ignores SIGPIPE: a log without a reader loses its lines and nothing else.
+/// warning, error; info by default). If standard error is the journal (JOURNAL_STREAM) each line,
+/// those of a trace too, begins with its "<N>" priority instead of a time. An unknown level is a
+/// warning. Ignores SIGPIPE: a log without a reader loses its lines and nothing else.
 void start();
 
 /// While the loop runs, the log writes at the end of each turn what has gathered in it. Borrows

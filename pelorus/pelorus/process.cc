@@ -28,6 +28,29 @@ constexpr wchar_t UNDECODABLE = 0xDC00;  // added to the value of the byte
 constexpr auto INVALID = static_cast<std::size_t>(-1);
 constexpr auto INCOMPLETE = static_cast<std::size_t>(-2);
 
+constexpr const char* VERSION = "pelorus " PELORUS_VERSION "\n";
+constexpr const char* HELP =
+    "pelorus, a metrics multiplexer between nodes, collectd and InfluxDB.\n"
+    "\n"
+    "Usage: pelorus [--profile]\n"
+    "       pelorus --help | --version\n"
+    "\n"
+    "Runs in the foreground and logs to standard error until it is sent SIGTERM, or SIGINT by\n"
+    "Ctrl-C. Other arguments are ignored.\n"
+    "\n"
+    "  --profile  measure where the time goes; at the end, print a table and leave the file\n"
+    "             pelorus.profile<time> in the working directory\n"
+    "  --help     print this; only as the only argument\n"
+    "  --version  print the version; only as the only argument\n"
+    "\n"
+    "Environment:\n"
+    "  PELORUS_SETTINGS   settings file, by default /etc/pelorus/settings.json\n"
+    "  PELORUS_LOG_LEVEL  debug, info, warning or error; info by default\n"
+    "\n"
+    "pelorus(8) has the details, pelorus-settings(5) the settings; pelorusctl(1) asks a daemon "
+    "that\n"
+    "runs.\n";
+
 /// Sets the environment's character encoding; its end restores the one before.
 class EnvironmentLocale {
  public:
@@ -70,6 +93,12 @@ std::vector<std::wstring> decode_arguments(std::span<char* const> arguments) {
 
 bool wants_profile(const std::vector<std::wstring>& arguments) {
   return std::find(arguments.begin(), arguments.end(), L"--profile") != arguments.end();
+}
+
+const char* information(const std::vector<std::wstring>& arguments) {
+  if (arguments.size() != 2) return nullptr;
+  if (arguments[1] == L"--help") return HELP;
+  return arguments[1] == L"--version" ? VERSION : nullptr;
 }
 
 void open_standard_descriptors() {

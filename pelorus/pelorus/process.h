@@ -16,6 +16,9 @@ std::vector<std::wstring> decode_arguments(std::span<char* const> arguments);
 /// Whether "--profile" is one of them, at any position, that of the program name included.
 bool wants_profile(const std::vector<std::wstring>& arguments);
 
+/// What "--help" or "--version" prints, if one of them is the only argument; else null.
+const char* information(const std::vector<std::wstring>& arguments);
+
 /// Opens standard input, output and error on the null device where they are closed. Otherwise a
 /// file or socket that the process opens could become its standard error, and be logged to.
 void open_standard_descriptors();

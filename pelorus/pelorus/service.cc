@@ -54,6 +54,22 @@ std::string description(const InfluxHandler& handler) {
   return fmt::format("{} databases, {} messages queued", handler.databases().size(), queued);
 }
 
+/// "12 of bonding, 3 of tidewell (2 of them in a write that was not answered)"; empty if none.
+std::string unwritten(const InfluxHandler& handler) {
+  std::string text;
+  for (const auto& database : handler.databases()) {
+    const std::uint64_t queued = database->counters().queued.messages;
+    const std::uint64_t in_flight = database->counters().in_flight.messages;
+    if (queued + in_flight == 0) continue;
+    text +=
+        fmt::format("{}{} of {}", text.empty() ? "" : ", ", queued + in_flight, database->name());
+    if (in_flight != 0) {
+      text += fmt::format(" ({} of them in a write that was not answered)", in_flight);
+    }
+  }
+  return text;
+}
+
 void run_service(Service& service, bool profiled) {
   try {
     profiled ? service.profile() : service.main();
@@ -104,6 +120,9 @@ void Service::main() {
   handler.stop();
   local_server.close();
   node_server.close();
+  if (const std::string left = unwritten(handler); !left.empty()) {
+    log::warning("Messages left unwritten: {}.", left);
+  }
   log::info("Quitting.");
 }
 
@@ -117,7 +136,12 @@ int run_process(int argument_count, char** arguments) {
   bool profiled = false;
   try {
     const std::span<char* const> given(arguments, static_cast<std::size_t>(argument_count));
-    profiled = wants_profile(decode_arguments(given));
+    const auto texts = decode_arguments(given);
+    if (const char* asked_for = information(texts)) {
+      std::fputs(asked_for, stdout);
+      return LOADED;
+    }
+    profiled = wants_profile(texts);
   } catch (const std::bad_alloc&) {
     std::fputs("out of memory\n", stderr);
     return NOT_LOADED;

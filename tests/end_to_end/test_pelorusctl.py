@@ -214,6 +214,11 @@ class Pelorusctl(CtlTest):
                 (["--crit", "failures=1", "--database", "bonding"], 0, "OK - 1 database is well"),
                 (["--crit", "failures=1", "--database", "none"], 3, "none: no such database"),
                 (["--crit", "length=1"], 3, "UNKNOWN - 'length=1' is no threshold"),
+                (["--crit", "failed=1"], 3, "UNKNOWN - failed, partial and discarded need --state"),
+                (["--crit", "failed=1", "--state", self.folder / "seen"], 2,
+                 "messages lost in failed writes since the last look: 1"),
+                (["--crit", "failed=1", "--state", self.folder / "seen"], 0, "_failed'=0;;1;0"),
+                (["--crit", "failed=1", "--state", self.folder], 3, "UNKNOWN - "),
                 (["--crit", "queue=1", "--json"], 3, "excludes"),
                 (["--crit", "queue=1", "--socket", "/nowhere"], 3, "UNKNOWN - cannot connect")):
             if "--socket" not in arguments:

@@ -8,7 +8,7 @@ import signal
 import subprocess
 import time
 
-from harness.daemon import AUTH, WWW_KEY, NotifySocket
+from harness.daemon import AUTH, WWW_KEY, NotifySocket, journal_stream
 from harness.process import Process, wait_until
 from harness.skein_client import SkeinClient
 from tests.end_to_end.support import FolderTest
@@ -70,7 +70,7 @@ class Life(FolderTest):
                              ("warning", f"{moment} warning Improperly formatted"),
                              ("error", r"\Z")):
             daemon = self.start_pelorus(
-                environment={"JOURNAL_STREAM": None, "PELORUS_LOG_LEVEL": level})
+                environment={"JOURNAL_STREAM": "1:1", "PELORUS_LOG_LEVEL": level})
             with SkeinClient(daemon.socket) as client:
                 client.collectd(LOAD + LOAD)
             self.assertRegex(daemon.text(), rf"\A{begin}")
@@ -123,6 +123,7 @@ class LogReaders(FolderTest):
         reader, writer = os.pipe()
         daemon = self.start_pelorus({"PELORUS_IDEAL_QUEUED_MESSAGES": 900,
                                      "PELORUS_BUFFER_TIME": 1000},
+                                    environment={"JOURNAL_STREAM": journal_stream(writer)},
                                     preexec_fn=lambda: os.dup2(writer, 2))
         os.close(writer)
         self.addCleanup(os.close, reader)

@@ -43,6 +43,8 @@ class RemoteNodes(FolderTest):
             self.assertLess(time.monotonic() - begin, 1)
         texts = daemon.lines(INFO)
         self.assertEqual((texts[0], daemon.lines()[-1]), ("Starting.", (INFO, "Quitting.")))
+        self.assertRegex(daemon.lines(WARNING)[-1], r"^Messages left unwritten: 20 of bonding "
+                         r"\(\d+ of them in a write that was not answered\)\.$")
         self.assertEqual(sum(text.startswith("Disconnecting skein") for text in texts), 2)
         self.assertFalse([line for line in daemon.lines(WARNING) if "failed" in line])
 

@@ -13,7 +13,7 @@ import tempfile
 import unittest
 
 from harness import BUILD, REPOSITORY
-from harness.daemon import ERROR, NotifySocket
+from harness.daemon import ERROR, NotifySocket, journal_stream
 from harness.process import Process, free_port, wait_until
 from harness.real_servers import Collectd
 from harness.stub_influx import StubInflux
@@ -194,8 +194,10 @@ class Service:
             prefix += ["setpriv", "--reuid", self.uid, "--regid", self.gid, "--clear-groups",
                        "--no-new-privs", "--inh-caps=-all", "--bounding-set=-all",
                        "--pdeathsig", "KILL", "--"]
+        log = self.unit.root / "pelorus.log"
+        log.touch()
         environment = {"PATH": os.environ["PATH"], "NOTIFY_SOCKET": self.notify.name,
-                       "JOURNAL_STREAM": "1:1", "PYTHONDONTWRITEBYTECODE": "1",
+                       "JOURNAL_STREAM": journal_stream(log), "PYTHONDONTWRITEBYTECODE": "1",
                        **self.unit.environment()}
         folder = self.unit.moved(self.unit.value("WorkingDirectory"))
         return [*prefix, *command], {"cwd": folder, "env": environment}

@@ -18,10 +18,12 @@ namespace pelorus {
 namespace {
 
 constexpr long HTTP_OK = 200;
+/// As much of a body as the log shows: a login page for each node would swamp it.
+constexpr std::size_t SHOWN_BODY_BYTES = 1024;
 
 /// A body for the log. One that repeats the key that was asked about, or the token, is not shown.
 std::string shown_body(const std::string& body, const std::string& key, const std::string& token) {
-  const std::string shown = skein::display(body);
+  const std::string shown = skein::display(std::string_view(body).substr(0, SHOWN_BODY_BYTES));
   // An escape's last digit may complete what the bytes behind it leave out.
   const auto told = [&](const std::string& secret) {
     return repeats(body, secret) || repeats(shown, secret);
@@ -31,7 +33,8 @@ std::string shown_body(const std::string& body, const std::string& key, const st
   if (has_key || has_token) {
     return fmt::format("({} bytes that repeat the {})", body.size(), has_key ? "key" : "token");
   }
-  return shown;
+  if (body.size() <= SHOWN_BODY_BYTES) return shown;
+  return fmt::format("{} ({} bytes left out)", shown, body.size() - SHOWN_BODY_BYTES);
 }
 
 /// Reads of a JSON text what is asked for: whether it is an object, and its member "key"; the last

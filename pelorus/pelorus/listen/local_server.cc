@@ -37,18 +37,32 @@ void remove_stale(const std::string& path) {
 }
 
 /// The peer of a unix socket by what the kernel knows of it.
-std::string process_name(const skein::Connection& connection) {
+std::string process_name(const skein::Socket& socket) {
   ucred peer{};
   socklen_t length = sizeof peer;
-  if (::getsockopt(connection.socket().descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &length) !=
-      0) {
+  if (::getsockopt(socket.descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
     return "unknown process";
   }
   return fmt::format("process {}, user {}", peer.pid, peer.uid);
 }
 
 std::string peer_name(const ConnectionGroup::Member& peer) {
-  return process_name(*peer.connection);
+  return process_name(peer.connection->socket());
+}
+
+/// Says so if somebody listens at the path, whose peers will not reach it any more.
+void warn_of_live_process(const std::string& path) {
+  const auto address = skein::unix_address(path);
+  if (!address) return;
+  const auto socket = skein::Socket::stream(AF_UNIX);
+  // A listener that takes no more connections now (EAGAIN) lives as well.
+  if (::connect(socket.descriptor(), reinterpret_cast<const sockaddr*>(&*address),
+                sizeof *address) != 0 &&
+      errno != EAGAIN) {
+    return;
+  }
+  log::warning("A live process ({}) answers on the local socket {}: replacing its socket.",
+               process_name(socket), path);
 }
 
 std::string node_address(const ConnectionGroup::Member& node) {
@@ -91,6 +105,7 @@ LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings
 skein::Socket LocalServer::bind_listen(const Settings& settings, const Owner& owner) {
   const std::string path = socket_path(settings);
   auto socket = skein::Socket::stream(AF_UNIX);
+  warn_of_live_process(path);
   remove_stale(path);
   // Kept: a failure below leaves the mask as it is; the process ends then.
   const mode_t previous = ::umask(OWNER_ONLY);
@@ -135,8 +150,8 @@ void LocalServer::handle_exception(const std::exception& failure) {
 
 void LocalServer::handle_protocol_error(skein::Connection& connection,
                                         const skein::ProtocolError& fault) {
-  log::warning("Closing the connection of a local peer ({}): {}.", process_name(connection),
-               fault.what());
+  log::warning("Closing the connection of a local peer ({}): {}.",
+               process_name(connection.socket()), fault.what());
 }
 
 void LocalServer::handle_shortage(const std::string& text) {

@@ -1,5 +1,7 @@
 #include "pelorus/pelorus/listen/local_server.h"
 
+#include <unistd.h>
+
 #include "listener_fixture.h"
 #include "skein/resources.h"
 
@@ -17,6 +19,19 @@ TEST_F(LocalServerTest, StopRemovesTheSocketFile) {
   EXPECT_TRUE(std::filesystem::is_socket(socket_path()));
   server.stop();
   EXPECT_FALSE(std::filesystem::exists(socket_path()));
+}
+
+TEST_F(LocalServerTest, SocketOfALiveProcessIsReplacedWithAWarningAndAStaleOneInSilence) {
+  const std::string line = fmt::format(
+      "A live process (process {}, user {}) answers on the local socket {}: replacing its socket.",
+      getpid(), getuid(), socket_path());
+  {
+    const LocalServer old(handler_, settings_, loop_, resources_);
+    const LocalServer replacing(handler_, settings_, loop_, resources_);
+    EXPECT_EQ(log_.texts("warning"), std::vector<std::string>{line});
+  }
+  const LocalServer next(handler_, settings_, loop_, resources_);
+  EXPECT_EQ(log_.texts("warning").size(), 1U);
 }
 
 TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {

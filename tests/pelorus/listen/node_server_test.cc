@@ -156,6 +156,9 @@ TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
        "Received response with unexpected response content b'no' while trying to authenticate to "
        "web "
        "server: no JSON at byte 2."},
+      {std::string(1024, 'x') + "abc", 200,
+       "Received response with unexpected response content b'" + std::string(1024, 'x') +
+           "' (3 bytes left out) while trying to authenticate to web server: no JSON at byte 1."},
       {R"({"kex": "ab-cd-ef"})", 200,
        "Received response without \"key\" in response (19 bytes that repeat the key) while trying "
        "to authenticate to web server."},
