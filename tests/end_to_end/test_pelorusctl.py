@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import shlex
 import socket
 import subprocess
 import unittest
@@ -227,7 +228,8 @@ class Pelorusctl(CtlTest):
 
     def test_watch_draws_in_place_on_a_terminal(self):
         daemon = self.start_pelorus()
-        command = f"{BUILD}/bin/pelorusctl status --watch 0.1 --socket {daemon.socket}"
+        command = shlex.join([f"{BUILD}/bin/pelorusctl", "status", "--watch", "0.1",
+                              "--socket", str(daemon.socket)])
         for environment, coloured in (({}, True), ({"NO_COLOR": "1"}, False)):
             run = subprocess.Popen(["script", "-qefc", command, "/dev/null"],
                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
