@@ -29,74 +29,141 @@ std::size_t descriptor_limit() {
 
 Admission::Admission(Loop& loop, const Limits& limits)
     : loop_(loop), limits_(limits), start_(loop.clocks().monotonic()) {
-  if (limits_.connections != 0) return;
-  const std::size_t descriptors = descriptor_limit();
-  const std::size_t spare = std::min(limits_.spare_descriptors, descriptors / 2);
-  limits_.connections = descriptors - spare;
+  if (limits_.connections == 0) {
+    const std::size_t descriptors = descriptor_limit();
+    limits_.connections = descriptors - std::min(limits_.spare_descriptors, descriptors / 2);
+  }
+  limits_.reserved_connections = std::min(limits_.reserved_connections, limits_.connections / 8);
+}
+
+Admission::Account& Admission::EvictionOrder::first() const {
+  return *origins_.find(heaviest_.rbegin()->second)->second.accounts.rbegin()->second;
+}
+
+void Admission::EvictionOrder::add(std::uint32_t origin, std::uint32_t rank, Account& account,
+                                   std::size_t weight) {
+  const auto found = origins_.try_emplace(origin).first;
+  try {
+    if (found->second.weight == 0) heaviest_.insert({0, origin});
+    found->second.accounts.insert({rank, &account});
+  } catch (...) {
+    reweigh(found, found->second.weight);
+    throw;
+  }
+  reweigh(found, found->second.weight + weight);
+}
+
+void Admission::EvictionOrder::remove(std::uint32_t origin, std::uint32_t rank, Account& account,
+                                      std::size_t weight) noexcept {
+  const auto found = origins_.find(origin);
+  found->second.accounts.erase({rank, &account});
+  reweigh(found, found->second.weight - weight);
+}
+
+/// An origin without weight leaves.
+void Admission::EvictionOrder::reweigh(std::map<std::uint32_t, Origin>::iterator origin,
+                                       std::size_t weight) noexcept {
+  auto place = heaviest_.extract({origin->second.weight, origin->first});
+  if (weight == 0) {
+    origins_.erase(origin);
+    return;
+  }
+  origin->second.weight = place.value().first = weight;
+  heaviest_.insert(std::move(place));
+}
+
+/// All authenticated accounts are of one origin here: the largest of them is looked for.
+std::uint32_t Admission::group_of(const Account& account, Standing standing) noexcept {
+  return standing == Standing::AUTHENTICATED ? 0 : account.origin_;
 }
 
 void Admission::change(Account& account, std::size_t bytes) {
-  BySize& accounts = by_size(account);
-  if (bytes != 0 && account.bytes_ == 0) {
-    accounts.insert({bytes, &account});
-  } else {
-    auto node = accounts.extract({account.bytes_, &account});
-    if (bytes != 0) {
-      node.value().first = bytes;
-      accounts.insert(std::move(node));
-    }
-  }
+  EvictionOrder& order = of(account.standing_);
+  const std::uint32_t group = group_of(account, account.standing_);
+  const auto rank = static_cast<std::uint32_t>(bytes);
+  if (bytes != 0) order.add(group, rank, account, bytes);
+  if (account.bytes_ != 0) order.remove(group, account.bytes_, account, account.bytes_);
   held_bytes_ += bytes - account.bytes_;
-  account.bytes_ = static_cast<std::uint32_t>(bytes);
+  account.bytes_ = rank;
 }
 
 std::string Admission::enforce() {
-  while (is_short() && !unauthenticated_.empty()) evict_largest(unauthenticated_);
-  while (held_bytes_ > 2 * limits_.held_bytes && !authenticated_.empty()) {
-    evict_largest(authenticated_);
+  const auto& gone = of(Standing::GONE);
+  const std::size_t most = limits_.held_bytes;
+  while (gone.most() > limits_.gone_bytes || (held_bytes_ > most && !gone.empty())) {
+    evict_largest(Standing::GONE);
   }
-  if (!is_short()) return {};
+  while (held_bytes_ > most && !of(Standing::UNAUTHENTICATED).empty()) {
+    evict_largest(Standing::UNAUTHENTICATED);
+  }
+  while (held_bytes_ > 2 * most && !of(Standing::AUTHENTICATED).empty()) {
+    evict_largest(Standing::AUTHENTICATED);
+  }
+  if (held_bytes_ <= most) return {};
   return fmt::format("{} bytes are held for connections with valid keys, {} are allowed",
                      held_bytes_, limits_.held_bytes);
 }
 
-void Admission::evict_largest(BySize& accounts) {
-  const auto [bytes, account] = *accounts.rbegin();
+void Admission::evict_largest(Standing standing) {
+  Account& account = of(standing).first();
   const LimitError reason(
       EndReason::HELD_BYTES,
       fmt::format("{} bytes are held for all connections, {} are allowed, and {} for this one",
-                  held_bytes_, limits_.held_bytes, bytes));
-  hold(*account, 0);
-  account->evict(reason);
+                  held_bytes_, limits_.held_bytes, account.bytes_));
+  hold(account, 0);
+  account.evict(reason);
 }
 
-void Admission::add_connection(Account& account) noexcept {
-  arrivals_.push_back(account);
+void Admission::add_connection(Account& account) {
+  connections_of(account.standing_)->add(account.origin_, ~(arrivals_ + 1), account, 1);
+  account.arrival_ = ++arrivals_;
   ++connections_;
 }
 
 void Admission::make_room(Account& newest) {
-  if (connections_ <= limits_.connections) return;
-  Account& evicted = arrivals_.empty() ? newest : arrivals_.front();
-  const LimitError reason(
-      EndReason::CONNECTIONS,
-      fmt::format("{} connections are open, {} are allowed, and this one is the {}", connections_,
-                  limits_.connections,
-                  arrivals_.empty() ? "newest" : "oldest without a valid key"));
-  evicted.evict(reason);
+  const std::size_t reserved = newest.is_authenticated() ? 0 : limits_.reserved_connections;
+  const std::size_t allowed = limits_.connections - reserved;
+  if (connections_ <= allowed) return;
+  for (EvictionOrder& order : by_age_) {
+    if (order.empty()) continue;
+    const LimitError reason(EndReason::CONNECTIONS,
+                            fmt::format("{} connections are open, {} are allowed, and this one is "
+                                        "the oldest without a valid key",
+                                        connections_, allowed));
+    return order.first().evict(reason);
+  }
+  newest.evict(
+      LimitError(EndReason::CONNECTIONS,
+                 fmt::format("{} connections are open, {} are allowed, and this one is the newest",
+                             connections_, allowed)));
 }
 
-void Admission::set_authenticated(Account& connection) {
-  if (connection.authenticated_) return;
-  auto node = unauthenticated_.extract({connection.bytes_, &connection});
-  if (!node.empty()) authenticated_.insert(std::move(node));
-  connection.authenticated_ = true;
-  arrivals_.remove(connection);
+void Admission::set_standing(Account& account, Standing standing) {
+  const Standing before = account.standing_;
+  if (before == standing || before == Standing::GONE) return;
+  const std::uint32_t bytes = account.bytes_;
+  EvictionOrder* const age = account.arrival_ == 0 ? nullptr : connections_of(standing);
+  if (bytes != 0) of(standing).add(group_of(account, standing), bytes, account, bytes);
+  try {
+    if (age != nullptr) age->add(account.origin_, ~account.arrival_, account, 1);
+  } catch (...) {
+    if (bytes != 0) of(standing).remove(group_of(account, standing), bytes, account, bytes);
+    throw;
+  }
+  if (bytes != 0) of(before).remove(group_of(account, before), bytes, account, bytes);
+  leave_age_order(account);
+  account.standing_ = standing;
+}
+
+void Admission::leave_age_order(Account& account) noexcept {
+  EvictionOrder* const order = connections_of(account.standing_);
+  if (account.arrival_ == 0 || order == nullptr) return;
+  order->remove(account.origin_, ~account.arrival_, account, 1);
 }
 
 void Admission::remove_connection(Account& connection) noexcept {
   --connections_;
-  if (!connection.authenticated_) arrivals_.remove(connection);
+  leave_age_order(connection);
   release(connection);
 }
 

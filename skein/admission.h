@@ -1,30 +1,43 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
 
 #include "skein/errors.h"
-#include "skein/intrusive_list.h"
 #include "skein/limits.h"
 #include "skein/loops.h"
 
 namespace skein {
 
+/// What a peer has shown of itself. In this order peers are evicted.
+enum class Standing : std::uint8_t {
+  GONE,             ///< sends no more; perhaps nobody is there
+  UNAUTHENTICATED,  ///< has not shown who it is
+  AUTHENTICATED,    ///< has, or need not
+};
+
 /// Protects the process from its peers: how much memory is held for them, how many connections
-/// there are, and how long one may go on without progress. It sees accounts, bytes and a class
-/// (authenticated or not), and nothing of connections or requests.
+/// there are, and how long one may go on without progress. It sees accounts, bytes, a standing and
+/// an origin (a number: the network address), and nothing of connections or requests.
 ///
-/// Who has to go when a limit is reached:
+/// Who is evicted when a limit is reached, and what comes next when there is none such:
 ///
-/// | limit | first | then |
-/// |---|---|---|
-/// | bytes held | unauthenticated accounts, the largest first | from twice the limit on
-/// authenticated ones, the largest first | | connections | the unauthenticated one that came first
-/// | the newest | | no progress | the account itself | |
+///     bytes held    gone: the largest account of the origin for which most is held
+///                   unauthenticated: likewise
+///                   authenticated, from twice the limit on: the largest account
+///     connections   gone: the oldest of the origin that has most of them
+///                   unauthenticated: likewise
+///                   the newest
+///     no progress   the account itself
+///
+/// So somebody who sends much is not helped by many connections, as long as they come from one
+/// address, and nobody who is there makes room for somebody who has gone.
 ///
 /// One for all servers of a process; outlives its accounts. Loop thread only.
 class Admission {
@@ -37,14 +50,15 @@ class Admission {
    public:
     Account(const Account&) = delete;
     Account& operator=(const Account&) = delete;
-    bool is_authenticated() const noexcept { return authenticated_; }
+    Standing standing() const noexcept { return standing_; }
+    bool is_authenticated() const noexcept { return standing_ == Standing::AUTHENTICATED; }
+    std::uint32_t origin() const noexcept { return origin_; }
     /// Bytes that are held for it.
     std::size_t bytes() const noexcept { return bytes_; }
 
-    ListLink<Account> arrival;  ///< of an unauthenticated connection: the admission's own
-
    protected:
-    explicit Account(bool authenticated = false) noexcept : authenticated_(authenticated) {}
+    Account(std::uint32_t origin, Standing standing) noexcept
+        : origin_(origin), standing_(standing) {}
     ~Account() = default;
 
    private:
@@ -59,7 +73,9 @@ class Admission {
 
     std::uint32_t bytes_ = 0;
     std::uint32_t watched_until_ = 0;  ///< seconds since the start, as in deadlines_; 0: not there
-    bool authenticated_;
+    std::uint32_t arrival_ = 0;        ///< number of a connection; 0: none
+    std::uint32_t origin_;
+    Standing standing_;
   };
 
   /// Borrows the loop.
@@ -76,32 +92,63 @@ class Admission {
     if (account.bytes_ != bytes) change(account, bytes);
   }
   std::size_t held_bytes() const noexcept { return held_bytes_; }
-  bool is_short() const noexcept { return held_bytes_ > limits_.held_bytes; }
-  /// Evicts accounts until the limit is kept. Returns what is to be reported if it is not kept even
-  /// so. Not from within the handler of a request, whose own connection it may end.
+  bool is_short() const noexcept {
+    return held_bytes_ > limits_.held_bytes || of(Standing::GONE).most() > limits_.gone_bytes;
+  }
+  /// Evicts accounts until the limits are kept. Returns what is to be reported if they are not kept
+  /// even so. Not from within the handler of a request, whose own connection it may end.
   std::string enforce();
   /// Looks at the account again at its deadline. To be called when that has become an earlier one.
   void watch(Account& account);
 
-  /// An unauthenticated connection has come.
-  void add_connection(Account& account) noexcept;
+  /// An unauthenticated connection has come. Throws std::bad_alloc.
+  void add_connection(Account& account);
   /// If there are too many connections now, evicts one; `newest` is the one that came last.
   void make_room(Account& newest);
-  /// The connection's peer has shown who it is, or need not.
-  void set_authenticated(Account& connection);
   void remove_connection(Account& connection) noexcept;
+  /// Nobody who is gone comes back. Throws std::bad_alloc, and leaves everything as it is then.
+  void set_standing(Account& account, Standing standing);
   /// Nothing is held for `account` any more, or expected of it.
   void release(Account& account) noexcept;
 
  private:
-  /// Accounts by size; those of the same size in no particular order.
-  using BySize = std::set<std::pair<std::size_t, Account*>>;
+  /// Accounts of one standing in the order in which they are evicted: first the origin that weighs
+  /// most, then the rank. Cannot fail but by add().
+  class EvictionOrder {
+   public:
+    void add(std::uint32_t origin, std::uint32_t rank, Account& account, std::size_t weight);
+    void remove(std::uint32_t origin, std::uint32_t rank, Account& account,
+                std::size_t weight) noexcept;
+    bool empty() const noexcept { return most() == 0; }
+    /// Weight of the heaviest origin.
+    std::size_t most() const noexcept { return heaviest_.empty() ? 0 : heaviest_.rbegin()->first; }
+    Account& first() const;
 
-  BySize& by_size(const Account& account) {
-    return account.authenticated_ ? authenticated_ : unauthenticated_;
+   private:
+    struct Origin {
+      std::size_t weight = 0;
+      std::set<std::pair<std::uint32_t, Account*>> accounts;  ///< by rank
+    };
+    void reweigh(std::map<std::uint32_t, Origin>::iterator origin, std::size_t weight) noexcept;
+
+    std::map<std::uint32_t, Origin> origins_;
+    std::set<std::pair<std::size_t, std::uint32_t>> heaviest_;  ///< origins by weight
+  };
+
+  /// Of the bytes that are held.
+  EvictionOrder& of(Standing standing) { return by_bytes_[static_cast<std::size_t>(standing)]; }
+  const EvictionOrder& of(Standing standing) const {
+    return by_bytes_[static_cast<std::size_t>(standing)];
   }
+  /// Of the connections; those that are authenticated stand in none.
+  EvictionOrder* connections_of(Standing standing) {
+    return standing == Standing::AUTHENTICATED ? nullptr
+                                               : &by_age_[static_cast<std::size_t>(standing)];
+  }
+  static std::uint32_t group_of(const Account& account, Standing standing) noexcept;
   void change(Account& account, std::size_t bytes);
-  void evict_largest(BySize& accounts);
+  void evict_largest(Standing standing);
+  void leave_age_order(Account& account) noexcept;
   std::uint32_t seconds(Time time) const;
   void forget_deadline(Account& account) noexcept;
   void wake_at(Time time);
@@ -110,11 +157,10 @@ class Admission {
   Loop& loop_;
   Limits limits_;
   std::size_t held_bytes_ = 0;
-  BySize authenticated_;
-  BySize unauthenticated_;
+  std::array<EvictionOrder, 3> by_bytes_;  ///< one for each standing
+  std::array<EvictionOrder, 2> by_age_;    ///< connections: gone, unauthenticated
   std::size_t connections_ = 0;
-  /// Unauthenticated connections, the oldest first.
-  IntrusiveList<Account, &Account::arrival> arrivals_;
+  std::uint32_t arrivals_ = 0;  ///< connections so far
   const Time start_;
   /// Whose deadline is when, in seconds since the start. It may have become a later one since,
   /// which is noticed when the time has come: progress costs nothing here.

@@ -23,6 +23,12 @@ constexpr std::size_t LONG_HALF_FRAME = 64U << 10;
 /// Sent bytes that lie in front of unsent ones are dropped once there are so many.
 constexpr std::size_t MANY_SENT_BYTES = 256U << 10;
 
+/// The connection is well; the system is busy, or short of memory.
+bool may_try_again(int error_number) {
+  return error_number == EAGAIN || error_number == EINTR || error_number == ENOBUFS ||
+         error_number == ENOMEM;
+}
+
 void make_empty(std::string& buffer) {
   buffer.clear();
   if (buffer.capacity() > KEPT_BUFFER_BYTES) buffer.shrink_to_fit();
@@ -95,7 +101,7 @@ Connection::Buffers& Connection::buffers() {
 Connection::Received Connection::receive(std::span<char> buffer, std::uint32_t now) {
   Buffers& unfinished = buffers();
   const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
-  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return Received::NOTHING;
+  if (count < 0 && may_try_again(errno)) return Received::NOTHING;
   if (count <= 0) return Received::END;
   traffic_.last_seen = now;
   unfinished.received = {buffer.data(), static_cast<std::size_t>(count)};
@@ -154,7 +160,7 @@ void Connection::flush(std::chrono::steady_clock::time_point now) {
     const ssize_t count = ::send(socket_.descriptor(), kept.out.data() + kept.sent,
                                  kept.out.size() - kept.sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0 && errno == EAGAIN) {
+    if (count < 0 && may_try_again(errno)) {
       const bool is_new = kept.progress == decltype(kept.progress)();
       if (is_new || kept.sent != before) kept.progress = now;
       if (kept.sent >= MANY_SENT_BYTES) {

@@ -2,16 +2,18 @@
 
 #include <fmt/format.h>
 
-#include "skein/errors.h"
-
 namespace skein {
 
-Reply Dispatcher::dispatch(const Request& request) const {
-  for (const auto& [name, operation] : operations_) {
-    if (name == request.name) return operation(request);
+const Dispatcher::Operation* Dispatcher::find(std::string_view name) const {
+  for (const auto& [known, operation] : operations_) {
+    if (known == name) return &operation;
   }
+  return nullptr;
+}
+
+std::string Dispatcher::unknown_request(std::string_view name) {
   constexpr std::size_t SHOWN_BYTES = 64;
-  throw RequestError(fmt::format("unknown request '{}'", request.name.substr(0, SHOWN_BYTES)));
+  return fmt::format("unknown request '{}'", name.substr(0, SHOWN_BYTES));
 }
 
 }  // namespace skein

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -18,9 +19,10 @@ class Dispatcher {
     operations_.emplace_back(name, std::move(operation));
   }
 
-  /// Runs the operation of the request. Throws RequestError for an unknown name, and what the
-  /// operation throws.
-  Reply dispatch(const Request& request) const;
+  /// None for an unknown name.
+  const Operation* find(std::string_view name) const;
+  /// What the peer is told then.
+  static std::string unknown_request(std::string_view name);
 
  private:
   std::vector<std::pair<std::string_view, Operation>> operations_;  ///< a handful

@@ -47,9 +47,8 @@ enum class EndReason : std::uint8_t {
   HALF_FRAME,      ///< no more bytes of a frame in time
   UNSENT_REPLIES,  ///< replies not taken in time
   LINE_BYTES,      ///< a line without an end
-  PENDING_KEYS,    ///< keys that wait for verification
 };
-constexpr std::size_t END_REASONS = 7;
+constexpr std::size_t END_REASONS = 6;
 
 /// Bytes that break the framing, compression or encoding contract. The connection ends.
 class ProtocolError : public Failure {

@@ -32,8 +32,14 @@ struct Limits {
   /// Bytes that are held for all peers: half frames, unsent replies and whatever else a server
   /// keeps for them. Enough for 25 KiB of each of 10,000 nodes.
   std::size_t held_bytes = 256U << 20;
+  /// Bytes of them for peers of one origin that have gone: two of the largest frames. What they
+  /// left behind is served when nobody else has anything.
+  std::size_t gone_bytes = 2 * MAX_CONTENT_BYTES;
   /// Connections of all servers; 0: the limit of descriptors less `spare_descriptors`.
   std::size_t connections = 0;
+  /// Those of them that are kept for peers that need not show who they are: the operator's. An
+  /// eighth of them at most.
+  std::size_t reserved_connections = 32;
   /// Descriptors for everything that is no connection of a peer.
   std::size_t spare_descriptors = 64;
   /// Unsent replies of one connection. Beyond, it is not read any more.

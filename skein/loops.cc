@@ -48,7 +48,6 @@ Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
 }
 
 Loop::~Loop() {
-  kept_.clear();
   sweep();
   sweep_.reset();
   wake_.reset();
@@ -99,7 +98,6 @@ void Loop::wake_at_first_due() {
 }
 
 void Loop::end_work() noexcept {
-  ++turn_number_;
   if (work_began_ == 0) return;
   uv_update_time(&uv_);
   turns_.note(uv_now(&uv_), uv_now(&uv_) - work_began_);
@@ -174,19 +172,6 @@ void Loop::report(const std::exception& failure) noexcept {
     if (failure_handler_) failure_handler_(failure);
   } catch (...) {  // NOLINT: a failing report has nowhere left to go, and the loop goes on
   }
-}
-
-void Loop::keep(std::unique_ptr<LoopOwned> object) {
-  auto* key = object.get();
-  kept_.emplace(key, std::move(object));
-}
-
-void Loop::discard(LoopOwned& kept) noexcept {
-  const auto found = kept_.find(&kept);
-  if (found == kept_.end()) return;
-  auto object = std::move(found->second);
-  kept_.erase(found);
-  discard(std::move(object));
 }
 
 void Loop::discard(std::unique_ptr<LoopOwned> object) noexcept {

@@ -8,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 
 #include "skein/timer.h"
 #include "skein/uv_handle.h"
@@ -34,7 +33,7 @@ struct Moment {
   double wall;
 };
 
-/// Something that the loop owns because it outlives the scope that made it (see Loop::keep).
+/// Something that must not be destroyed inside its own callback (see Loop::discard).
 class LoopOwned {
  public:
   LoopOwned() = default;
@@ -103,10 +102,7 @@ class Loop {
   void set_failure_handler(FailureHandler handler) { failure_handler_ = std::move(handler); }
   void report(const std::exception& failure) noexcept;
 
-  /// Owns `object` until discard(): for one that ends itself, such as a request in flight.
-  void keep(std::unique_ptr<LoopOwned> object);
-  /// Destroys a kept object on the next turn: nobody is destroyed inside its own callback.
-  void discard(LoopOwned& kept) noexcept;
+  /// Destroys the object later in this turn, or on the next one.
   void discard(std::unique_ptr<LoopOwned> object) noexcept;
 
   const Clocks& clocks() const noexcept { return clocks_; }
@@ -119,8 +115,6 @@ class Loop {
   /// Whole seconds of a clock that never steps, as of the beginning of the present turn: costs
   /// nothing.
   std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
-  /// Another one for each turn.
-  std::uint64_t turn_number() const noexcept { return turn_number_; }
   /// The longest turn of the last minute: so long an event had to wait for others at worst.
   std::chrono::milliseconds longest_turn() const noexcept {
     return std::chrono::milliseconds(turns_.worst(uv_now(&uv_)));
@@ -151,8 +145,7 @@ class Loop {
   /// leaves nothing behind.
   std::map<Timer::Key, Callback> timers_;
   std::uint64_t timers_made_ = 0;
-  WorstOfMinute turns_;  ///< milliseconds of each turn that had work
-  std::uint64_t turn_number_ = 1;
+  WorstOfMinute turns_;           ///< milliseconds of each turn that had work
   std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
   std::optional<Moment> now_;     ///< of the present turn, once somebody has asked
   UvHandle<uv_prepare_t> before_wait_;
@@ -162,7 +155,6 @@ class Loop {
   UvHandle<uv_signal_t> terminate_;
   UvHandle<uv_signal_t> interrupt_;
   bool interrupted_ = false;
-  std::unordered_map<LoopOwned*, std::unique_ptr<LoopOwned>> kept_;
   std::unique_ptr<LoopOwned> discarded_;  ///< a chain
   std::optional<TurnTask> sweep_;
 };

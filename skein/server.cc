@@ -1,6 +1,7 @@
 #include "skein/server.h"
 
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -25,6 +26,12 @@ constexpr std::size_t RECEIVED_BYTES_PER_CONTENT_BYTE = 4;
 /// While more of a peer's requests wait, so many bytes of replies gather and go with one call:
 /// those of some 350 requests that were good. A call costs as much as several such requests.
 constexpr std::size_t GATHERED_REPLY_BYTES = 4U << 10;
+
+/// So many failures of the requests of one connection are reported in each interval.
+constexpr std::uint32_t FAILURES_PER_INTERVAL = 10;
+constexpr std::chrono::seconds FAILURE_INTERVAL{1};
+/// Stands for all peers that have gone.
+constexpr std::uint32_t NO_SLOT = UINT32_MAX;
 
 bool peer_has_gone(int error_number) {
   return error_number == ECONNABORTED || error_number == EPROTO || error_number == ENOTCONN;
@@ -52,14 +59,17 @@ struct Server::Encoders {
 /// | state | means | received from? | frames served? |
 /// |---|---|---|---|
 /// | open | | yes | yes |
-/// | suspended (`deferral`) | the reply to its last request is deferred | no | no |
-/// | blocked | too many unsent replies | no | no |
-/// | finished (`end_of_stream`) | the peer sends no more; closed once all is answered | no | yes |
-/// | `ended` | closed, about to be destroyed | no | no |
+/// | suspended (`deferral`) | the reply to its last request is deferred | no; watched for its end |
+/// no | | blocked | too many unsent replies | no | no | | hung up (`hung_up`) | its end was noticed
+/// while it was suspended | once it continues | yes | | finished (`end_of_stream`) | the peer sends
+/// no more; closed once all is answered | no | yes | | `ended` | closed, about to be destroyed | no
+/// | no |
 class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public Admission::Account {
  public:
-  Peer(Server& server, Socket socket, std::uint32_t slot)
-      : server_(server), connection(server.loop_, std::move(socket), *this, slot) {}
+  Peer(Server& server, Socket socket, std::uint32_t origin, std::uint32_t slot)
+      : Account(origin, Standing::UNAUTHENTICATED),
+        server_(server),
+        connection(server.loop_, std::move(socket), *this, slot) {}
 
   bool is_authenticated() const noexcept override { return Account::is_authenticated(); }
   bool serve(ReadyQueue::Credit credit) noexcept override;
@@ -67,9 +77,14 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
   template <class Write>
   void resume(Write&& write);
   void evict(const LimitError& reason) override;
+  /// Tells the deferrer, if there is one, that the peer has gone.
+  void tell_deferrer() noexcept {
+    if (Deferrer* const told = std::exchange(deferrer, nullptr)) told->handle_hang_up();
+  }
 
  private:
   void handle_events(int events) override;
+  void hang_up();
   bool may_serve() const noexcept;
   void receive(ReadyQueue::Credit& credit);
   bool has_frame() { return connection.front_frame().has_value(); }
@@ -79,10 +94,12 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
 
  public:
   bool end_of_stream = false;
+  bool hung_up = false;
   bool ended = false;
   bool replies = false;        ///< the deferred request has a number, `msgid`
   std::uint32_t deferral = 0;  ///< number of the deferred reply; 0: none
   std::uint32_t msgid = 0;
+  Deferrer* deferrer = nullptr;
 
  private:
   Server& server_;
@@ -100,7 +117,16 @@ void Server::Peer::handle_events(int events) {
     if ((events & UV_READABLE) != 0 && may_serve() && !end_of_stream) {
       server_.resources_.ready_queue.add(*this);
     }
+    if ((events & (UV_DISCONNECT | UV_READABLE)) != 0 && deferral != 0 && !hung_up) hang_up();
   });
+}
+
+/// What it has sent is still served; but it goes first when there is too much.
+void Server::Peer::hang_up() {
+  hung_up = true;
+  server_.resources_.admission.set_standing(*this, Standing::GONE);
+  tell_deferrer();
+  settle();
 }
 
 bool Server::Peer::may_serve() const noexcept {
@@ -146,7 +172,9 @@ bool Server::Peer::settle() {
   }
   const bool readable = may_serve() && !end_of_stream;
   const bool writable = connection.unsent() != 0 && !more;
-  connection.watch((readable ? UV_READABLE : 0) | (writable ? UV_WRITABLE : 0));
+  const bool suspended = deferral != 0 && !hung_up && !end_of_stream;
+  connection.watch((readable ? UV_READABLE : 0) | (writable ? UV_WRITABLE : 0) |
+                   (suspended ? UV_DISCONNECT : 0));
   Admission& admission = server_.resources_.admission;
   admission.hold(*this, connection.release_empty_buffers() + server_.held_bytes(connection));
   admission.watch(*this);
@@ -158,13 +186,15 @@ template <class Write>
 void Server::Peer::resume(Write&& write) {
   server_.guarded(*this, [&] {
     deferral = 0;
+    deferrer = nullptr;
     if (replies) write(msgid);
     if (settle()) server_.resources_.ready_queue.add(*this);
   });
 }
 
 void Server::Peer::evict(const LimitError& reason) {
-  if (!ended) server_.end_for(*this, reason);
+  if (ended) return;
+  hung_up ? server_.end(*this) : server_.end_for(*this, reason);
 }
 
 Admission::Time Server::Peer::deadline() const {
@@ -253,14 +283,19 @@ void Server::enforce_limits() {
 }
 
 Connection* Server::handle_read() {
-  Socket accepted(::accept4(socket_.descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  sockaddr_in peer_address{};
+  socklen_t length = sizeof peer_address;
+  Socket accepted(::accept4(socket_.descriptor(), reinterpret_cast<sockaddr*>(&peer_address),
+                            &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (!accepted) {
     if (errno == EAGAIN || errno == EINTR || peer_has_gone(errno)) return nullptr;
     throw SystemFailure("accept", errno);
   }
   send_without_delay(accepted.descriptor());
   if (connection_keepalive_) connection_keepalive_->apply(accepted.descriptor());
-  Peer& peer = add_peer(std::move(accepted));
+  // Peers of one address share an origin, and so do all local ones.
+  const bool is_remote = peer_address.sin_family == AF_INET;
+  Peer& peer = add_peer(std::move(accepted), is_remote ? ntohl(peer_address.sin_addr.s_addr) : 0);
   try {
     add_connection(peer.connection);
   } catch (const SystemFailure& failure) {
@@ -275,7 +310,7 @@ Connection* Server::handle_read() {
   return peer.ended ? nullptr : &peer.connection;
 }
 
-Server::Peer& Server::add_peer(Socket socket) {
+Server::Peer& Server::add_peer(Socket socket, std::uint32_t origin) {
   static_assert(sizeof(Peer) <= 136, "an idle connection is to stay small");
   if (free_slots_.empty()) {
     if (free_slots_.capacity() <= peers_.size()) {  // so that ending a peer never takes memory
@@ -286,7 +321,7 @@ Server::Peer& Server::add_peer(Socket socket) {
     free_slots_.push_back(static_cast<std::uint32_t>(peers_.size() - 1));
   }
   const std::uint32_t slot = free_slots_.back();
-  auto peer = std::make_unique<Peer>(*this, std::move(socket), slot);
+  auto peer = std::make_unique<Peer>(*this, std::move(socket), origin, slot);
   resources_.admission.add_connection(*peer);
   free_slots_.pop_back();
   peers_[slot] = std::move(peer);
@@ -310,6 +345,7 @@ void Server::end(Peer& peer) noexcept {
   if (peer.is_queued() && peer.connection.unsent() != 0) {  // replies that have gathered so far
     peer.connection.flush(loop_.now().monotonic);
   }
+  peer.tell_deferrer();
   resources_.ready_queue.remove(peer);
   resources_.admission.remove_connection(peer);
   ended_slots_.push_back(peer.connection.slot());
@@ -317,6 +353,11 @@ void Server::end(Peer& peer) noexcept {
   --connection_count_;
   try {
     remove_connection(peer.connection);
+    if (failure_reports_.empty()) return peer.connection.close();
+    if (const auto reports = failure_reports_.extract(peer.connection.slot())) {
+      const std::uint64_t left_out = reports.mapped().left_out();
+      if (left_out != 0) report_left_out(&peer, left_out);
+    }
   } catch (const std::exception& failure) {
     loop_.report(failure);
   }
@@ -331,12 +372,16 @@ void Server::sweep() noexcept {
   ended_slots_.clear();
 }
 
-void Server::set_authenticated(Connection& connection) {
-  resources_.admission.set_authenticated(peer_of(connection));
+void Server::set_authenticated(const Connection& connection) {
+  resources_.admission.set_standing(peer_of(connection), Standing::AUTHENTICATED);
 }
 
-bool Server::is_authenticated(const Connection& connection) const {
-  return peer_of(connection).is_authenticated();
+Standing Server::standing(const Connection& connection) const {
+  return peer_of(connection).standing();
+}
+
+std::uint32_t Server::origin(const Connection& connection) const {
+  return peer_of(connection).origin();
 }
 
 std::vector<const Connection*> Server::connections() const {
@@ -355,20 +400,45 @@ void Server::serve(Peer& peer, std::string_view frame) {
   } trim_at_end{*encoders_};
   encoders_->msgpack.decode(encoders_->snappy.decode(frame), encoders_->message);
   const Envelope envelope = read_envelope(encoders_->message);
+  const Dispatcher::Operation* const operation =
+      envelope.fault.empty() ? dispatcher_.find(envelope.name) : nullptr;
+  if (operation == nullptr) {
+    const std::string refusal =
+        envelope.fault.empty() ? Dispatcher::unknown_request(envelope.name) : envelope.fault;
+    if (note_failure(&peer)) handle_refusal(refusal);
+    if (envelope.msgid) peer.connection.send(encode_error(*envelope.msgid, refusal));
+    return;
+  }
   try {
-    if (!envelope.fault.empty()) throw RequestError(envelope.fault);
     const Request request{envelope.name, *envelope.args, peer.connection, envelope.msgid};
-    const Reply reply = dispatcher_.dispatch(request);
+    const Reply reply = (*operation)(request);
     if (envelope.msgid && !reply.is_later()) send(peer, *envelope.msgid, reply);
   } catch (const LimitError&) {
     throw;
   } catch (const std::exception& failure) {
     peer.deferral = 0;
-    ++resources_.counters.refused_requests;
-    handle_exception(failure);
+    peer.deferrer = nullptr;
+    if (note_failure(&peer)) handle_exception(failure);
     if (!envelope.msgid) return;
     peer.connection.send(encode_error(*envelope.msgid, error_text(peer, failure)));
   }
+}
+
+/// Failures of a peer that has gone count together with those of all others that have.
+bool Server::note_failure(const Peer* peer) {
+  ++resources_.counters.refused_requests;
+  const std::uint32_t slot = peer == nullptr ? NO_SLOT : peer->connection.slot();
+  auto& reports =
+      failure_reports_.try_emplace(slot, FAILURE_INTERVAL, FAILURES_PER_INTERVAL).first->second;
+  const auto left_out = reports.pass(loop_.now().monotonic);
+  if (left_out && *left_out != 0) report_left_out(peer, *left_out);
+  return left_out.has_value();
+}
+
+void Server::report_left_out(const Peer* peer, std::uint64_t failures) {
+  handle_shortage(fmt::format(
+      "{} more failures of requests of {} are not logged", failures,
+      peer == nullptr ? "peers that have gone" : "a peer at " + Address{peer->origin()}.host()));
 }
 
 void Server::send(Peer& peer, std::uint32_t msgid, const Reply& reply) {
@@ -402,10 +472,11 @@ void Server::guarded(Peer& peer, Step&& step) noexcept {
   }
 }
 
-DeferredReply Server::defer(const Request& request) noexcept {
+DeferredReply Server::defer(const Request& request, Deferrer* deferrer) noexcept {
   Peer& peer = peer_of(request.connection);
   if (++deferrals_ == 0) ++deferrals_;  // 0 stands for none
   peer.deferral = deferrals_;
+  peer.deferrer = deferrer;
   peer.replies = request.msgid.has_value();
   peer.msgid = request.msgid.value_or(0);
   return {*this, request.connection.slot(), peer.deferral};
@@ -421,20 +492,40 @@ Connection* DeferredReply::connection() const noexcept {
   return waiting == nullptr ? nullptr : &waiting->connection;
 }
 
+bool DeferredReply::has_peer() const noexcept {
+  const Peer* const waiting = peer();
+  return waiting != nullptr && !waiting->hung_up && !waiting->end_of_stream;
+}
+
+void DeferredReply::forget_deferrer() const noexcept {
+  if (Peer* const waiting = peer()) waiting->deferrer = nullptr;
+}
+
 void DeferredReply::send(const Reply& reply) const noexcept {
   Peer* const waiting = peer();
   if (waiting == nullptr) return;
   waiting->resume([&](std::uint32_t msgid) { Server::send(*waiting, msgid, reply); });
 }
 
-void DeferredReply::fail(const std::exception& failure) const noexcept {
-  ++server_->resources_.counters.refused_requests;
+void DeferredReply::refuse(const std::string& text) const noexcept {
+  Peer* const waiting = peer();
   try {
-    server_->handle_exception(failure);
+    if (server_->note_failure(waiting)) server_->handle_refusal(text);
   } catch (const std::exception& second) {
     server_->loop_.report(second);
   }
+  if (waiting == nullptr) return;
+  waiting->resume(
+      [&](std::uint32_t msgid) { waiting->connection.send(encode_error(msgid, text)); });
+}
+
+void DeferredReply::fail(const std::exception& failure) const noexcept {
   Peer* const waiting = peer();
+  try {
+    if (server_->note_failure(waiting)) server_->handle_exception(failure);
+  } catch (const std::exception& second) {
+    server_->loop_.report(second);
+  }
   if (waiting == nullptr) return;
   waiting->resume([&](std::uint32_t msgid) {
     waiting->connection.send(encode_error(msgid, error_text(*waiting, failure)));

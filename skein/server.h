@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "skein/admission.h"
 #include "skein/connection.h"
 #include "skein/dispatcher.h"
 #include "skein/errors.h"
@@ -20,7 +22,6 @@
 
 namespace skein {
 
-struct Limits;
 struct Resources;
 
 /// A listening end point on the loop: accepts connections, decodes their requests and runs the
@@ -34,6 +35,15 @@ struct Resources;
 class Server : private PollTarget {
  public:
   class DeferredReply;
+  /// Somebody who has deferred a reply.
+  class Deferrer {
+   public:
+    /// The peer sends nothing more, or its connection has ended. Called once, at most.
+    virtual void handle_hang_up() noexcept = 0;
+
+   protected:
+    ~Deferrer() = default;
+  };
 
   /// Takes a socket that is bound and listens already. With a `connection_keepalive`, every
   /// accepted TCP connection gets it. Throws SystemFailure.
@@ -50,22 +60,30 @@ class Server : private PollTarget {
   virtual void add_connection(Connection& connection);
   /// Called once when a connection ends, for any reason. Call the base last.
   virtual void remove_connection(Connection& connection);
-  /// Called with a failure of a request handler or of the server's own I/O. The server goes on.
+  /// Called with a failure of a request handler or of the server's own I/O. The server goes on. Of
+  /// one connection ten failures a second are reported, and the number of the others.
   virtual void handle_exception(const std::exception& failure) = 0;
+  /// Called with the text about a request that no operation answers: of an unknown name, or no
+  /// request at all.
+  virtual void handle_refusal(const std::string& text) { handle_exception(RequestError(text)); }
   /// Called with the fault of a peer that broke the protocol, or went beyond a limit (a
   /// LimitError); its connection ends after this.
   virtual void handle_protocol_error(Connection& connection, const ProtocolError& fault) = 0;
-  /// Called when the process is short of something, and goes on with what it has: once in
-  /// Limits::shortage_report_interval. `text` says of what.
+  /// Called when the process is short of something, and goes on with what it has (once in
+  /// Limits::shortage_report_interval), or leaves out reports. `text` says of what.
   virtual void handle_shortage(const std::string& text) { handle_exception(Failure(text)); }
 
-  /// The peer has shown who it is, or need not: it is served first and evicted last.
-  void set_authenticated(Connection& connection);
-  bool is_authenticated(const Connection& connection) const;
+  /// The peer has shown who it is, or need not: it is served first and evicted last. Throws
+  /// std::bad_alloc.
+  void set_authenticated(const Connection& connection);
+  Standing standing(const Connection& connection) const;
+  /// Number of the address of its peer.
+  std::uint32_t origin(const Connection& connection) const;
 
   /// The handler of `request`, which returns Reply::later() then, replies later. Until it does, the
   /// connection is not read, and what has come already waits. Cannot fail.
-  DeferredReply defer(const Request& request) noexcept;
+  /// `deferrer` is told if the peer goes meanwhile; it must outlive the deferral, or forget it.
+  DeferredReply defer(const Request& request, Deferrer* deferrer = nullptr) noexcept;
 
   /// Stops listening, ends every connection and leaves the loop. Again: nothing.
   void close();
@@ -92,7 +110,10 @@ class Server : private PollTarget {
   void handle_events(int events) override;
   void pause_listening(const std::string& reason);
   void report_shortage(Throttle& throttle, const std::string& text);
-  Peer& add_peer(Socket socket);
+  /// Counts a failed request; whether it is to be reported.
+  bool note_failure(const Peer* peer);
+  void report_left_out(const Peer* peer, std::uint64_t failures);
+  Peer& add_peer(Socket socket, std::uint32_t origin);
   /// Decodes the message of a frame and answers the request in it. Throws ProtocolError for bytes
   /// that are none; every other failure is the request's.
   void serve(Peer& peer, std::string_view frame);
@@ -118,6 +139,7 @@ class Server : private PollTarget {
   std::chrono::milliseconds accept_pause_;
   Throttle accept_reports_;
   Throttle memory_reports_;
+  std::map<std::uint32_t, Throttle> failure_reports_;  ///< by slot, of those whose requests failed
   std::optional<Keepalive> connection_keepalive_;
   Dispatcher dispatcher_;
   const std::unique_ptr<Encoders> encoders_;
@@ -141,11 +163,16 @@ class Server::DeferredReply {
 
   /// Replies, and the connection continues with what it has sent since. Once.
   void send(const Reply& reply) const noexcept;
+  /// Takes the text to the server's handle_refusal and to the peer. Once.
+  void refuse(const std::string& text) const noexcept;
   /// Takes the failure to the server's handle_exception, and its text to the peer. Once.
   void fail(const std::exception& failure) const noexcept;
   /// The connection of the request; none when it has ended, or once this was sent.
   Connection* connection() const noexcept;
-  Server& server() const noexcept { return *server_; }
+  /// Whether the peer is there, as far as is known.
+  bool has_peer() const noexcept;
+  /// The deferrer does not want to be told any more.
+  void forget_deferrer() const noexcept;
   /// Reports that a limit ends the connection, and ends it. False: it has ended before.
   bool end_connection(const LimitError& reason) const;
 

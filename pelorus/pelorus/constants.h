@@ -13,7 +13,7 @@ namespace pelorus {
 using namespace std::chrono_literals;
 
 /// A node key that was verified this long ago is verified again.
-constexpr int VALID_CUTOFF = 3600;  // seconds
+constexpr std::chrono::seconds VALID_CUTOFF{3600};
 /// Points of a legacy submit request in a turn of the loop: about a millisecond of work, whatever
 /// numbers they hold.
 constexpr std::size_t POINTS_PER_TURN = 1024;

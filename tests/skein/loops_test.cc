@@ -68,17 +68,15 @@ TEST_F(LoopTest, FailureOfOneCallbackIsReportedAndTheOthersRun) {
   EXPECT_EQ(order_, "a");
 }
 
-TEST_F(LoopTest, KeptObjectsAreDestroyedOnALaterTurnThanTheyAreDiscarded) {
+TEST_F(LoopTest, DiscardedObjectIsDestroyedBehindTheCallback) {
   struct Noting : LoopOwned {
     explicit Noting(std::string& order) : order_(order) {}
     ~Noting() override { order_ += "gone"; }
     std::string& order_;
   };
   auto object = std::make_unique<Noting>(order_);
-  Noting& view = *object;
-  loop_.keep(std::move(object));
   loop_.call_in(0, [&] {
-    loop_.discard(view);
+    loop_.discard(std::move(object));
     note("discarded ");
   });
   loop_.turn();

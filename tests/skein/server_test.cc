@@ -273,7 +273,7 @@ TEST_F(ServerTest, StrangersAreNotToldOfInternalFailures) {
   EXPECT_EQ(resources_->counters.refused_requests, 3U);
 }
 
-TEST_F(ServerTest, LargestUnauthenticatedAccountGoesFirst) {
+TEST_F(ServerTest, BytesThatAreHeldCountAndAnEvictedConnectionEnds) {
   restart({.held_bytes = 4000});
   auto valid = connect();
   auto small = connect();
@@ -288,24 +288,43 @@ TEST_F(ServerTest, LargestUnauthenticatedAccountGoesFirst) {
   send(valid, half.substr(2000, 2500));
   EXPECT_EQ(small.replies(), "end");
   EXPECT_EQ(server_->shortages.size(), 1U) << "only valid ones are left";
-  auto second = connect();
-  server_->set_authenticated(connection(1));
-  send(second, half.substr(0, 3900));
-  EXPECT_EQ(valid.replies(), "end") << "beyond twice the limit";
-  EXPECT_EQ(second.replies(), "");
 }
 
-TEST_F(ServerTest, OldestUnauthenticatedConnectionMakesRoom) {
+TEST_F(ServerTest, SuspendedPeerThatHasGoneMakesRoomBeforeOneThatIsThere) {
   restart({.connections = 2});
-  auto valid = connect();
-  server_->set_authenticated(connection(0));
-  auto oldest = connect();
+  {
+    auto gone = connect();
+    server_->set_authenticated(connection(0));
+    send(gone, request(1, "wait"));
+  }
+  auto there = connect();
   auto newest = connect();
-  EXPECT_EQ(oldest.replies(), "end");
-  EXPECT_EQ(ended_by(EndReason::CONNECTIONS), 1U);
+  EXPECT_FALSE(server_->deferred.front().has_peer());
+  EXPECT_EQ(server_->connection_count(), 2U);
+  send(there, request(1, "echo"));
   send(newest, request(1, "echo"));
-  send(valid, request(1, "echo"));
-  EXPECT_EQ(newest.replies() + valid.replies(), "1=x 1=x ");
+  EXPECT_EQ(there.replies() + newest.replies(), "1=x 1=x ");
+  server_->deferred.front().send({});  // to nobody
+  auto third = connect();
+  EXPECT_EQ(there.replies(), "end") << "the oldest that is not authenticated";
+}
+
+TEST_F(ServerTest, FailuresOfOneConnectionAreReportedTenTimesASecond) {
+  auto peer = connect();
+  std::string stream;
+  for (std::uint32_t i = 0; i < 14; ++i) stream += request(i, i % 2 == 0 ? "fail" : "unknown");
+  send(peer, stream);
+  EXPECT_EQ(server_->failures.size(), 10U);
+  clock_.tick(1);
+  send(peer, request(1, "unknown"));
+  EXPECT_EQ(server_->failures.back(), "unknown request 'unknown'");
+  EXPECT_EQ(server_->shortages,
+            std::vector<std::string>{
+                "4 more failures of requests of a peer at 127.0.0.1 are not logged"});
+  for (int i = 0; i < 11; ++i) send(peer, request(1, "unknown"));
+  peer.reset();
+  turns();
+  EXPECT_TRUE(server_->shortages.back().starts_with("2 more")) << "said at its end";
 }
 
 TEST_F(ServerTest, HalfFrameEndsWhenNothingMoreComesAndIdlenessNever) {

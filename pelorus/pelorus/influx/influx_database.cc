@@ -44,7 +44,8 @@ InfluxDatabase::InfluxDatabase(std::string name, const BufferSettings& settings,
       loop_(loop),
       make_request_(std::move(make_request)),
       idle_failures_(IDLE_FAILURE_INTERVAL),
-      last_sent_time_(loop.clocks().wall()) {}
+      last_sent_time_(loop.clocks().wall()),
+      last_sent_(loop.clocks().monotonic()) {}
 
 InfluxDatabase::~InfluxDatabase() { stop_process_data_timer(); }
 
@@ -69,7 +70,8 @@ void InfluxDatabase::process_data() {
 bool InfluxDatabase::should_send() const {
   if (current_request_ != nullptr) return false;
   if (pending_data_.empty()) return false;
-  if (loop_.now().wall - last_sent_time_ > settings_.max_buffer_time) return true;
+  const std::chrono::duration<double> since = loop_.now().monotonic - last_sent_;
+  if (since.count() > settings_.max_buffer_time) return true;
   return pending_data_.size() >= settings_.ideal_queued_messages;
 }
 
@@ -138,6 +140,7 @@ void InfluxDatabase::stop_process_data_timer() {
 void InfluxDatabase::handle_success() {
   const bool recovered = std::exchange(failure_count_, 0) != 0;
   last_sent_time_ = loop_.clocks().wall();
+  last_sent_ = loop_.clocks().monotonic();
   counters_.sent += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
   idle_failures_.reset();

@@ -172,6 +172,7 @@ class InfluxDatabase {
   skein::Throttle idle_failures_;             ///< log lines of those that lost nothing
   std::deque<std::string> pending_data_;      ///< messages not yet taken by a request, oldest first
   double last_sent_time_;  ///< seconds since the epoch: of construction, then of the last success
+  TimePoint last_sent_;    ///< the same moment, for decisions
   skein::Timer process_data_timer_;
   TimePoint process_data_due_{};  ///< when process_data() is to run; the timer may fire earlier
   bool timer_armed_ = false;

@@ -67,20 +67,30 @@ InfluxHandler::InfluxHandler(std::span<const std::string> database_names,
 
 InfluxHandler::~InfluxHandler() = default;
 
-InfluxDatabase& InfluxHandler::database(std::string_view name) {
+InfluxDatabase* InfluxHandler::find(std::string_view name) const noexcept {
   for (const auto& database : databases_) {
-    if (database->name() == name) return *database;
+    if (database->name() == name) return database.get();
   }
-  throw UnknownDatabaseError(
-      fmt::format("no database '{}' is configured", name.substr(0, SHOWN_NAME_BYTES)));
+  return nullptr;
 }
 
-void InfluxHandler::add(std::string_view database_name, std::string data,
-                        std::int64_t num_metrics) {
+std::size_t InfluxHandler::room(std::string_view name) const noexcept {
+  const InfluxDatabase* const database = find(name);
+  if (database == nullptr) return SIZE_MAX;
+  const std::size_t half = database->max_pending_messages() / 2;
+  return half - std::min(half, database->pending_data_len());
+}
+
+void InfluxHandler::add(std::string_view name, std::string data, std::int64_t num_metrics) {
   PROFILE_SCOPE();
   statistics_.messages += 1;
   statistics_.records += num_metrics;
-  database(database_name).add(std::move(data));
+  InfluxDatabase* const database = find(name);
+  if (database == nullptr) {
+    throw UnknownDatabaseError(
+        fmt::format("no database '{}' is configured", name.substr(0, SHOWN_NAME_BYTES)));
+  }
+  database->add(std::move(data));
 }
 
 IngestResult InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {

@@ -72,6 +72,10 @@ class InfluxHandler {
   IngestResult add_submit(std::string_view database, SubmitMessages& messages,
                           std::size_t most_points);
 
+  /// Messages that the queue of the database takes until it is half full; as many as one likes for
+  /// a database that is not configured.
+  std::size_t room(std::string_view database) const noexcept;
+
   void handle_successful_auth() noexcept { ++statistics_.successful_auths; }
   void increment_failed_auths() noexcept { ++statistics_.failed_auths; }
 
@@ -92,7 +96,7 @@ class InfluxHandler {
   const BadLineCounts& bad_lines() const noexcept { return bad_lines_; }
 
  private:
-  InfluxDatabase& database(std::string_view name);
+  InfluxDatabase* find(std::string_view name) const noexcept;
 
   skein::Loop& loop_;
   Statistics statistics_;  ///< since the last statistics record

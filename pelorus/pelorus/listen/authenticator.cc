@@ -1,7 +1,6 @@
 #include "pelorus/pelorus/listen/authenticator.h"
 
 #include <fmt/format.h>
-#include <poll.h>
 
 #include <algorithm>
 #include <array>
@@ -36,29 +35,29 @@ bool spells(std::string_view given, std::string_view key) {
   return at == key.size();
 }
 
-/// Whether the peer will send nothing more: a connection that is suspended is not read and does not
-/// know.
-bool has_hung_up(const skein::Socket& socket) {
-  pollfd now{socket.descriptor(), POLLRDHUP, 0};
-  return ::poll(&now, 1, 0) > 0;
-}
+/// After such a pause, requests that wait for room are looked at again.
+constexpr std::chrono::milliseconds ROOM_PAUSE{20};
 
 }  // namespace
 
 /// A request that waits: the operation on copies of its arguments, and the deferred reply. Outlives
 /// its connection.
-class Authenticator::PendingRequest final : public skein::Admission::Account {
+class Authenticator::PendingRequest final : public skein::Admission::Account,
+                                            private skein::Server::Deferrer {
  public:
   PendingRequest(Authenticator& authenticator, PendingKey& key, const Operation& views,
                  const skein::Request& request);
-  ~PendingRequest() { authenticator_.resources_.admission.release(*this); }
+  ~PendingRequest();
 
   std::optional<Operation> operation;  ///< none once it was evicted
   const skein::DeferredReply reply;
   std::list<PendingRequest>::iterator place;  ///< among those of its key
+  /// When it runs whether there is room or not; none before it has met a full buffer.
+  std::optional<std::chrono::steady_clock::time_point> patience;
 
  private:
   void evict(const skein::LimitError& reason) override;
+  void handle_hang_up() noexcept override;
 
   Authenticator& authenticator_;
   PendingKey& key_;
@@ -69,7 +68,7 @@ class Authenticator::PendingKey final : public skein::ReadyQueue::Entry {
  public:
   /// | state | where it stands |
   /// |---|---|
-  /// | QUEUED | in a queue of questions |
+  /// | QUEUED | in a queue: of questions, or of those that wait for room |
   /// | ASKING | the web server is being asked, for the first request |
   /// | ADMITTED | in the ready queue: the first request may run |
   /// | BUSY | in none: a request of it is run or answered just now, so it must not go |
@@ -84,8 +83,8 @@ class Authenticator::PendingKey final : public skein::ReadyQueue::Entry {
   const std::string* key = nullptr;  ///< of its entry in the map
   std::list<PendingRequest> requests;
   State state = State::BUSY;
-  std::size_t rank = 0;  ///< the queue of questions where it stands, if it is QUEUED
-  skein::ListLink<PendingKey> question;
+  std::size_t rank = 0;  ///< the queue where it stands, if it is QUEUED
+  skein::ListLink<PendingKey> place;
 
  private:
   Authenticator& authenticator_;
@@ -93,19 +92,20 @@ class Authenticator::PendingKey final : public skein::ReadyQueue::Entry {
 
 /// Everything that waits.
 struct Authenticator::Queues {
-  static constexpr std::size_t KNOWN = 0, PRESENT = 1, GONE = 2;
+  static constexpr std::size_t KNOWN = 0, PRESENT = 1, GONE = 2, QUESTIONS = 3, ROOM = 3;
 
   /// By key without dashes. No hash table: anybody may choose keys that collide.
   std::map<std::string, PendingKey> keys;
   /// Keys that wait for their question: the known ones, those whose peer is still there, the
-  /// others.
-  std::array<skein::IntrusiveList<PendingKey, &PendingKey::question>, 3> questions;
+  /// others. Behind these, those whose first request waits for room.
+  std::array<skein::IntrusiveList<PendingKey, &PendingKey::place>, 4> queues;
 };
 
 Authenticator::PendingRequest::PendingRequest(Authenticator& authenticator, PendingKey& key,
                                               const Operation& views, const skein::Request& request)
-    : Account(authenticator.server_.is_authenticated(request.connection)),
-      reply(authenticator.server_.defer(request)),
+    : Account(authenticator.server_.origin(request.connection),
+              authenticator.server_.standing(request.connection)),
+      reply(authenticator.server_.defer(request, this)),
       authenticator_(authenticator),
       key_(key) {
   operation.emplace(views.owned());
@@ -113,12 +113,29 @@ Authenticator::PendingRequest::PendingRequest(Authenticator& authenticator, Pend
       *this, PENDING_OVERHEAD_BYTES + key.key->size() + operation->bytes());
 }
 
+Authenticator::PendingRequest::~PendingRequest() {
+  reply.forget_deferrer();
+  authenticator_.resources_.admission.release(*this);
+}
+
 void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
-  if (!reply.end_connection(reason)) {
+  reply.forget_deferrer();
+  if (!reply.has_peer()) {
     log::warning("Dropping a request whose peer has gone: {}.", reason.what());
   }
+  reply.end_connection(reason);
   operation.reset();
   authenticator_.forget(key_, *this);
+}
+
+/// What a known node has left behind is kept as before.
+void Authenticator::PendingRequest::handle_hang_up() noexcept {
+  if (authenticator_.valid_.contains(*key_.key)) return;
+  try {
+    authenticator_.resources_.admission.set_standing(*this, skein::Standing::GONE);
+  } catch (const std::exception& failure) {
+    authenticator_.loop_.report(failure);
+  }
 }
 
 Authenticator::Authenticator(InfluxHandler& influx_handler, const Settings& settings,
@@ -135,6 +152,7 @@ Authenticator::Authenticator(InfluxHandler& influx_handler, const Settings& sett
       verification_(std::make_unique<KeyVerification>(settings, loop, verification_url)) {}
 
 Authenticator::~Authenticator() {
+  room_timer_.cancel();
   for (auto& [key, pending] : queues_->keys) resources_.ready_queue.remove(pending);
 }
 
@@ -161,8 +179,8 @@ const VerifiedKey* Authenticator::find_verified(const std::string& key) const {
 }
 
 bool Authenticator::valid_key(const std::string& key, const VerifiedKey* verified) {
-  const double time = verified == nullptr ? 0 : verified->second;
-  if (loop_.now().wall - time < VALID_CUTOFF) return true;
+  const auto now = loop_.now().monotonic;
+  if (verified != nullptr && now - verified->second < VALID_CUTOFF) return true;
   // Kept: said of a key that was never seen as well.
   log::debug("Validation error - the key \"{}\" is expired.", key);
   return false;
@@ -185,7 +203,7 @@ skein::Reply Authenticator::forward(const skein::Request& request, const Key& no
     Session& session = sessions_[request.connection];
     server_.set_authenticated(request.connection);
     session.verified_key = verified;
-    if (!operation.is_long()) {
+    if (operation.is_short(influx_handler_)) {
       session.counters.count(operation.run(influx_handler_));
       return {};
     }
@@ -206,11 +224,6 @@ Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
   auto found = keys.find(key);
   const bool is_new = found == keys.end();
   if (is_new) {
-    if (keys.size() >= MAX_PENDING_KEYS && !server_.is_authenticated(request.connection)) {
-      throw skein::LimitError(skein::EndReason::PENDING_KEYS,
-                              fmt::format("{} keys wait for verification, {} are allowed",
-                                          keys.size(), MAX_PENDING_KEYS));
-    }
     found = keys.try_emplace(key, *this).first;
     found->second.key = &found->first;
   }
@@ -222,33 +235,57 @@ Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
     if (is_new) keys.erase(found);
     throw;
   }
+  limit_requests(pending);
+  // Its peer has come back, or somebody else who has its key.
+  if (pending.state == PendingKey::State::QUEUED && pending.rank == Queues::GONE) {
+    queues_->queues[Queues::GONE].remove(pending);
+    enqueue(pending, rank_of(pending));
+  }
   return pending;
+}
+
+void Authenticator::limit_requests(PendingKey& pending) noexcept {
+  auto& requests = pending.requests;
+  if (requests.size() <= MAX_UNCONFIRMED_REQUESTS || valid_.contains(*pending.key)) return;
+  const auto oldest =
+      std::next(requests.begin(), pending.state == PendingKey::State::ASKING ? 1 : 0);
+  auto refused = std::find_if(oldest, requests.end(), [](const PendingRequest& request) {
+    return !request.reply.has_peer();
+  });
+  if (refused == requests.end()) refused = oldest;
+  const skein::DeferredReply reply = refused->reply;
+  requests.erase(refused);
+  reply.refuse(fmt::format("more than {} requests wait for the verification of this key",
+                           MAX_UNCONFIRMED_REQUESTS));
 }
 
 std::size_t Authenticator::rank_of(const PendingKey& pending) const {
   if (valid_.contains(*pending.key)) return Queues::KNOWN;
-  const skein::Connection* newest = pending.requests.back().reply.connection();
-  return newest != nullptr && !has_hung_up(newest->socket()) ? Queues::PRESENT : Queues::GONE;
+  return pending.requests.back().reply.has_peer() ? Queues::PRESENT : Queues::GONE;
+}
+
+void Authenticator::enqueue(PendingKey& pending, std::size_t rank) noexcept {
+  pending.state = PendingKey::State::QUEUED;
+  pending.rank = rank;
+  queues_->queues[rank].push_back(pending);
 }
 
 void Authenticator::check_auth(PendingKey& pending) noexcept {
-  pending.state = PendingKey::State::QUEUED;
-  pending.rank = rank_of(pending);
-  queues_->questions[pending.rank].push_back(pending);
+  enqueue(pending, rank_of(pending));
   ask();
 }
 
 /// The first of the first queue that is not empty. One whose peer has gone meanwhile goes to the
 /// end of its queue.
 Authenticator::PendingKey* Authenticator::next_question() noexcept {
-  for (std::size_t rank = 0; rank < queues_->questions.size(); ++rank) {
-    auto& questions = queues_->questions[rank];
+  for (std::size_t rank = 0; rank < Queues::QUESTIONS; ++rank) {
+    auto& questions = queues_->queues[rank];
     while (!questions.empty()) {
       PendingKey& next = questions.front();
       questions.remove(next);
-      next.rank = rank_of(next);
-      if (next.rank <= rank) return &next;
-      queues_->questions[next.rank].push_back(next);
+      const std::size_t present_rank = rank_of(next);
+      if (present_rank <= rank) return &next;
+      enqueue(next, present_rank);
     }
   }
   return nullptr;
@@ -280,7 +317,7 @@ void Authenticator::validate(const PendingKey& pending, bool is_valid) {
   }
   if (is_valid) {
     influx_handler_.handle_successful_auth();
-    valid_[*pending.key] = loop_.clocks().wall();
+    valid_[*pending.key] = loop_.clocks().monotonic();
   } else {
     influx_handler_.increment_failed_auths();
   }
@@ -304,7 +341,9 @@ bool Authenticator::PendingKey::serve(skein::ReadyQueue::Credit credit) noexcept
   };
   state = State::BUSY;
   Next next = Next::ADMITTED;
-  while (next == Next::ADMITTED && credit.spend(cost_of_first())) {
+  while (next == Next::ADMITTED) {
+    if (authenticator_.wait_for_room(*this)) return false;
+    if (!credit.spend(cost_of_first())) break;
     if (authenticator_.run_first(*this)) next = authenticator_.next_of(*this);
   }
   if (next == Next::ADMITTED) {
@@ -313,6 +352,32 @@ bool Authenticator::PendingKey::serve(skein::ReadyQueue::Credit credit) noexcept
   }
   next == Next::QUESTION ? authenticator_.check_auth(*this) : authenticator_.erase(*this);
   return false;
+}
+
+bool Authenticator::wait_for_room(PendingKey& pending) noexcept {
+  PendingRequest& first = pending.requests.front();
+  if (!first.operation || first.operation->has_room(influx_handler_)) return false;
+  const auto now = loop_.now().monotonic;
+  if (!first.patience) first.patience = now + LONGEST_WAIT_FOR_ROOM;
+  if (now >= *first.patience) return false;
+  auto& waiting = queues_->queues[Queues::ROOM];
+  try {
+    if (waiting.empty()) room_timer_ = loop_.call_in(ROOM_PAUSE, [this] { end_wait_for_room(); });
+  } catch (const std::exception&) {  // no memory to wait with
+    return false;
+  }
+  enqueue(pending, Queues::ROOM);
+  return true;
+}
+
+void Authenticator::end_wait_for_room() noexcept {
+  auto& waiting = queues_->queues[Queues::ROOM];
+  while (!waiting.empty()) {
+    PendingKey& pending = waiting.front();
+    waiting.remove(pending);
+    pending.state = PendingKey::State::ADMITTED;
+    resources_.ready_queue.add(pending);
+  }
 }
 
 bool Authenticator::run_first(PendingKey& pending) noexcept {
@@ -374,7 +439,7 @@ void Authenticator::forget(PendingKey& pending, const PendingRequest& request) n
   pending.requests.erase(request.place);
   if (!pending.requests.empty() || pending.state == PendingKey::State::BUSY) return;
   if (pending.state == PendingKey::State::QUEUED) {
-    queues_->questions[pending.rank].remove(pending);
+    queues_->queues[pending.rank].remove(pending);
   }
   resources_.ready_queue.remove(pending);
   erase(pending);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <string>
@@ -17,9 +18,11 @@ class Settings;
 
 /// Longer keys are no keys, and are not worth a question to the web server.
 constexpr std::size_t MAX_KEY_BYTES = 1024;
-/// Keys that unauthenticated connections may have waiting. Ten times the nodes of a large
-/// installation that starts anew.
-constexpr std::size_t MAX_PENDING_KEYS = 100'000;
+/// Requests of one key that was never confirmed that may wait for it: the newest ones. A node has
+/// one connection, or a few.
+constexpr std::size_t MAX_UNCONFIRMED_REQUESTS = 64;
+/// So long a "submit" waits at most for room in the buffer of its database.
+constexpr std::chrono::seconds LONGEST_WAIT_FOR_ROOM{30};
 
 /// Lets the requests of nodes through to the InfluxHandler, if their keys are valid: keeps the
 /// cache of verified keys, asks the web server about the others, and keeps the requests that wait
@@ -38,9 +41,11 @@ constexpr std::size_t MAX_PENDING_KEYS = 100'000;
 ///   confirmed before, those whose peer is still there, those whose peer has gone. So any number of
 ///   made-up keys keeps no known node waiting.
 /// - Admitted requests run on the turns of the loop that the ready queue gives them, a "submit" of
-/// many
-///   points in steps. Later requests of the key wait for it.
+///   many points in steps, as the buffer of its database has room. Later requests of the key wait
+///   for it.
 /// - A request whose peer has gone is counted and run all the same; its reply goes nowhere.
+/// - Of a key that was never confirmed the newest requests wait; the others are refused, those
+///   whose peers have gone before the rest.
 ///
 /// Owned by NodeServer. Borrows everything. Loop thread only.
 class Authenticator {
@@ -88,7 +93,10 @@ class Authenticator {
                    const Operation& operation);
   /// Asks the web server about the key as soon as there is room.
   void check_auth(PendingKey& pending) noexcept;
+  /// Refuses a request of the key if too many wait.
+  void limit_requests(PendingKey& pending) noexcept;
   std::size_t rank_of(const PendingKey& pending) const;
+  void enqueue(PendingKey& pending, std::size_t rank) noexcept;
   PendingKey* next_question() noexcept;
   void ask() noexcept;
   /// The web server has spoken; or what failed.
@@ -96,6 +104,9 @@ class Authenticator {
                       const std::exception_ptr& failure) noexcept;
   /// Counts the outcome, and remembers a valid key.
   void validate(const PendingKey& pending, bool is_valid);
+  /// Whether the first request has to wait for room. It is looked at again soon then.
+  bool wait_for_room(PendingKey& pending) noexcept;
+  void end_wait_for_room() noexcept;
   /// Runs a step of the first request; its failure is the request's. False: there is more to do.
   bool run_first(PendingKey& pending) noexcept;
   void finish_first(PendingKey& pending, const std::exception_ptr& failure) noexcept;
@@ -114,10 +125,11 @@ class Authenticator {
   skein::Resources& resources_;
   skein::Server& server_;
   skein::PerConnection<Session>& sessions_;
-  /// Key without dashes to the time of its last success, seconds since the epoch. Never shrinks:
-  /// there are as many as there are nodes, and their sessions point here.
-  std::unordered_map<std::string, double> valid_;
+  /// Key without dashes to the time of its last success. Never shrinks: there are as many as there
+  /// are nodes, and their sessions point here.
+  std::unordered_map<std::string, VerifiedKey::second_type> valid_;
   std::unique_ptr<Queues> queues_;  ///< what waits
+  skein::Timer room_timer_;         ///< of those that wait for room
   std::unique_ptr<KeyVerification> verification_;
 };
 

@@ -148,6 +148,10 @@ void LocalServer::handle_exception(const std::exception& failure) {
   log::exception(fmt::format("Exception in LocalServer: {}", failure.what()), failure);
 }
 
+void LocalServer::handle_refusal(const std::string& text) {
+  log::error("Exception in LocalServer: {}", text);
+}
+
 void LocalServer::handle_protocol_error(skein::Connection& connection,
                                         const skein::ProtocolError& fault) {
   log::warning("Closing the connection of a local peer ({}): {}.",

@@ -29,6 +29,7 @@ class LocalServer : public skein::Server {
   void add_connection(skein::Connection& connection) override;
   void remove_connection(skein::Connection& connection) override;
   void handle_exception(const std::exception& failure) override;
+  void handle_refusal(const std::string& text) override;
   void handle_protocol_error(skein::Connection& connection,
                              const skein::ProtocolError& fault) override;
   void handle_shortage(const std::string& text) override;

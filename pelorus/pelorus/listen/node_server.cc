@@ -62,6 +62,10 @@ void NodeServer::handle_exception(const std::exception& failure) {
   log::exception(fmt::format("Exception in NodeServer: {}", failure.what()), failure);
 }
 
+void NodeServer::handle_refusal(const std::string& text) {
+  log::error("Exception in NodeServer: {}", text);
+}
+
 void NodeServer::handle_protocol_error(skein::Connection& connection,
                                        const skein::ProtocolError& fault) {
   const skein::Address& address = connection_addresses(connection);

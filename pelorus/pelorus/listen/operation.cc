@@ -13,6 +13,9 @@ namespace {
 /// To write a point of a "submit" takes as long as so many bytes of Graphite, about a microsecond.
 constexpr std::size_t COST_OF_A_POINT = 512;
 
+/// A "submit" of so many points, or fewer, does not wait for room.
+constexpr std::size_t FEW_POINTS = 64;
+
 }  // namespace
 
 Operation Operation::add(std::string_view database, std::string_view data,
@@ -51,9 +54,19 @@ std::size_t Operation::bytes() const noexcept {
   return (own_text_ ? own_text_->size() : 0) + (own_points_ ? own_points_->bytes() : 0);
 }
 
-bool Operation::is_long() const noexcept {
-  return arguments_.points && arguments_.points->is(skein::Value::Type::LIST) &&
-         arguments_.points->size() > POINTS_PER_TURN;
+std::size_t Operation::points() const noexcept {
+  const auto& points = arguments_.points;
+  return points && points->is(skein::Value::Type::LIST) ? points->size() : 0;
+}
+
+bool Operation::is_short(const InfluxHandler& handler) const noexcept {
+  return points() <= FEW_POINTS ||
+         (points() <= POINTS_PER_TURN && points() <= handler.room(arguments_.database));
+}
+
+/// A step takes what fits, but not so little that most of the time goes into steps.
+bool Operation::has_room(const InfluxHandler& handler) const noexcept {
+  return points() <= FEW_POINTS || handler.room(arguments_.database) >= FEW_POINTS;
 }
 
 std::size_t Operation::cost() const noexcept {
@@ -74,7 +87,9 @@ IngestResult Operation::run(InfluxHandler& handler) {
       break;
   }
   if (!submit_) submit_ = std::make_unique<SubmitMessages>(text, *points);
-  IngestResult ingested = handler.add_submit(database, *submit_, POINTS_PER_TURN);
+  const std::size_t room = handler.room(database);
+  IngestResult ingested = handler.add_submit(
+      database, *submit_, room < FEW_POINTS ? POINTS_PER_TURN : std::min(POINTS_PER_TURN, room));
   done_ = !submit_->has_more();
   return ingested;
 }

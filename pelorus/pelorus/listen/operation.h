@@ -35,8 +35,11 @@ class Operation {
   /// Memory that the copies take up.
   std::size_t bytes() const noexcept;
 
-  /// Takes more than one step.
-  bool is_long() const noexcept;
+  /// One step does it, and there is room for what it adds.
+  bool is_short(const InfluxHandler& handler) const noexcept;
+  /// Whether the next step leaves half the queue of its database to others. One that adds few
+  /// messages always has room.
+  bool has_room(const InfluxHandler& handler) const noexcept;
   /// What the next step costs, in bytes of content that take as long.
   std::size_t cost() const noexcept;
   /// Runs the next step. Throws what the operation throws, which ends it.
@@ -53,6 +56,7 @@ class Operation {
   };
 
   Operation(Kind kind, const Arguments& arguments);
+  std::size_t points() const noexcept;
 
   const Kind kind_;
   bool done_ = false;

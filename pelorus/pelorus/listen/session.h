@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -13,8 +14,8 @@
 
 namespace pelorus {
 
-/// A key without dashes, and the time of its last successful verification, seconds since the epoch.
-using VerifiedKey = std::pair<const std::string, double>;
+/// A key without dashes, and the time of its last successful verification.
+using VerifiedKey = std::pair<const std::string, std::chrono::steady_clock::time_point>;
 
 /// What one connection has brought so far. Small, for there are thousands: what only a connection
 /// with errors has lies elsewhere.

@@ -30,8 +30,7 @@ constexpr std::array<std::string_view, BadLineCounts().size()> BAD_LINE_KINDS{
     "format", "source", "no_rule", "refused", "unexpected", "submit"};
 /// In the order of skein::EndReason.
 constexpr std::array<std::string_view, skein::END_REASONS> REASONS{
-    "protocol",       "held_bytes", "connections", "half_frame",
-    "unsent_replies", "line_bytes", "pending_keys"};
+    "protocol", "held_bytes", "connections", "half_frame", "unsent_replies", "line_bytes"};
 
 struct OrderRow {
   std::string_view name;

@@ -341,7 +341,7 @@ TEST_F(NodeServerTest, SubmitWaitsWithItsPointsAndManyAreTakenInTurns) {
       logged("warning", "Could not translate \"b'node1.tunnel-2.state'\": No match for series"));
 }
 
-TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedTheLargestFirst) {
+TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedFirstThoseOfPeersThatHaveGone) {
   start({.held_bytes = 20'000});
   auto first = connect();
   auto second = connect();
@@ -355,13 +355,57 @@ TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedTheLargestFirst) {
   }
   second.send(collectd("bad", std::string(7000, 'x') + "\n"));
   turns();
-  EXPECT_EQ(first.replies(), "end") << "the one that is being asked about";
+  EXPECT_TRUE(log_.texts("warning").back().starts_with("Dropping a request whose peer has gone"));
   third.send(collectd("other", std::string(7000, 'x') + "\n"));
   turns();
-  EXPECT_EQ(second.replies() + third.replies(), "end");
-  for (int i = 0; i < 2; ++i) answer(R"({"key": ""})");
-  EXPECT_EQ(asked_.size(), 3U);
-  EXPECT_GE(log_.texts("warning").size(), 2U);
+  EXPECT_EQ(first.replies(), "end") << "the largest, though it is being asked about";
+  for (int i = 0; i < 3; ++i) answer(R"({"key": ""})");
+  EXPECT_EQ(second.replies() + third.replies(), "1=nil 1=nil ");
+}
+
+TEST_F(NodeServerTest, OfAnUnconfirmedKeyTheNewestRequestsWait) {
+  std::vector<support::SkeinPeer> peers;
+  const auto ask = [&] {
+    peers.push_back(connect());
+    peers.back().send(collectd("bad"));
+    turns();
+  };
+  for (std::size_t i = 0; i < MAX_UNCONFIRMED_REQUESTS; ++i) ask();
+  peers[7].reset();
+  turns();
+  ask();
+  ask();
+  for (std::size_t i = 0; i < peers.size(); ++i) {
+    if (i == 7) continue;  // refused first: nobody is there
+    EXPECT_EQ(peers[i].replies(),
+              i == 1 ? "1!more than 64 requests wait for the verification of this key " : "");
+  }
+  auto other = connect();
+  other.send(collectd("other"));
+  answer(R"({"key": ""})");
+  answer(R"({"key": "other"})");
+  EXPECT_EQ(peers[0].replies() + other.replies(), "1=nil 1=nil ");
+}
+
+TEST_F(NodeServerTest, LongSubmitWaitsUntilItsBufferHasRoomButNotForEver) {
+  buffer_settings_.max_pending_messages = 4000;
+  auto peer = connect();
+  peer.send(submit(1));
+  accept_key("k");
+  peer.send(submit(5000));
+  turns(20);
+  EXPECT_EQ(database("bonding").pending_data_len(), 2000U) << "half is left to others";
+  auto other = connect();
+  other.send(collectd("k"));
+  turns();
+  EXPECT_EQ(peer.replies() + other.replies(), "1=nil ") << "the key's next request waits behind it";
+  queued("bonding");
+  for (int i = 0; i < 100; ++i) turns();
+  EXPECT_EQ(database("bonding").pending_data_len(), 2000U);
+  clock_.tick(30);
+  turns(30);
+  EXPECT_EQ(peer.replies() + other.replies(), "1=nil 1=nil ");
+  EXPECT_EQ(database("bonding").counters().discarded.messages, 0U);
 }
 
 TEST_F(NodeServerTest, AdmittedRequestThatIsEvictedLeavesItsKeyUsable) {
