@@ -47,16 +47,16 @@ fuzz:
 	@scripts/build fuzz
 	@fuzz/run.py $(SECONDS)
 
-# Every fault that a peer, InfluxDB, the web server or the machine can have, on the real daemon.
+# The tests that take long: faults that need much memory, much traffic or a real InfluxDB.
 chaos: build
-	@scripts/install-packages servers
-	@chaos/chaos.py build/dev
+	@scripts/install-packages build check servers
+	@ctest --preset chaos
 
 # Good and bad peers together for so many minutes.
 soak: MINUTES ?= 20
 soak: build
 	@scripts/install-packages servers
-	@chaos/soak.py build/dev $(MINUTES)
+	@tests/end_to_end/soak.py build/dev $(MINUTES)
 
 format:
 	@scripts/install-packages check

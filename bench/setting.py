@@ -13,9 +13,9 @@ harness.use_build(os.environ.get("PELORUS_BUILD", harness.REPOSITORY / "build" /
 
 from harness import BUILD  # noqa: E402
 from harness.daemon import Pelorus  # noqa: E402
+from harness.http_server import WebServer  # noqa: E402
 from harness.process import Process, free_port, wait_until  # noqa: E402
 from harness.skein_client import SkeinClient  # noqa: E402
-from harness.web_server import WebServer  # noqa: E402
 
 KEY = "0b1e2c3d4e5f60718293a4b5c6d7e8f9"
 HANGING_KEY = "hanging"
@@ -29,7 +29,7 @@ class Setting:
         self.sink_port = free_port()
         self._started = []
         self.corpus = self._corpus_file()
-        self._web = WebServer(self.folder / "web", keys=[KEY], hang=[HANGING_KEY])
+        self._web = WebServer([KEY], hang=[HANGING_KEY])
 
     def _corpus_file(self):
         """The lines of all benchmarks: the file that PELORUS_CORPUS names, or our own."""
@@ -43,7 +43,7 @@ class Setting:
         for process in self._started:
             if process.running():
                 process.stop()
-        self._web.stop()
+        self._web.close()
 
     def daemon(self, name, level="error", build=BUILD, **settings):
         """A daemon with its own folder that knows the key. Logs from `level` on, to a file."""
@@ -74,7 +74,7 @@ class Setting:
 
     def know(self, keys):
         """From now on the web server confirms these keys, too."""
-        self._web.know(keys=[KEY, *keys], hang=[HANGING_KEY])
+        self._web.keys.update(keys)
 
     def stop(self, process):
         process.stop()

@@ -25,10 +25,10 @@ if len(sys.argv) > 1:
 import charts  # noqa: E402
 from harness import BUILD  # noqa: E402
 from harness.daemon import PLUGIN, WARNING, Pelorus  # noqa: E402
+from harness.http_server import WebServer  # noqa: E402
 from harness.process import wait_until  # noqa: E402
 from harness.real_servers import Collectd, Influxd  # noqa: E402
 from harness.skein_client import SkeinClient  # noqa: E402
-from harness.web_server import WebServer  # noqa: E402
 
 DATABASES = ["tidewell", "bonding"]
 SETTINGS = {"PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 50,
@@ -83,9 +83,8 @@ class Demo:
                                        "INFLUX_HTTP_CONNECTION": self.influx.address, **SETTINGS})
         on_exit.callback(self.daemon.stop)
         self.daemon.wait_ready()
-        self.web = WebServer(folder / "web", [key.replace("-", "") for name, key in NODES.items()
-                                              if name != WITHDRAWN])
-        on_exit.callback(self.web.stop)
+        self.web = WebServer([key for name, key in NODES.items() if name != WITHDRAWN])
+        on_exit.callback(self.web.close)
         self.collectd = Collectd(folder / "collectd", PLUGIN, self.daemon.socket)
         on_exit.callback(self.collectd.stop)
         first, *self.others = NODES

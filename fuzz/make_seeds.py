@@ -113,11 +113,6 @@ def seeds():
     yield "settings", [json.dumps(ALL_SETTINGS).encode()] + [
         json.dumps(ALL_SETTINGS | {key: value}).encode() for key in ALL_SETTINGS
         for value in (0, "[::1]:1", None)]
-    yield "write_buffer", [bytes(settings) + bytes(acts) for settings in
-                           ([9, 8, 4, 1, 3], [4, 0, 9, 7, 20], [19, 39, 11, 0, 0])
-                           for acts in ([0, 0, 10, 3, 4, 200, 3, 5, 0, 0, 0, 6],
-                                        [100, 3, 4, 38, 3, 4, 38, 3, 5, 7, 38, 17, 0, 3, 4],
-                                        [0, 38, 0, 38, 8, 38, 0, 6, 0, 6, 250, 3, 4])]
 
 
 def main():

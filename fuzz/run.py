@@ -23,7 +23,6 @@ DICTIONARIES = {
     "graphite": ["translate", "graphite_block", "remainder"],
     "http": ["http_response"],
     "json": ["key_answer", "settings"],
-    None: ["write_buffer"],
 }
 TARGETS = {target: name for name, targets in DICTIONARIES.items() for target in targets}
 LONGEST_INPUT = 1024  # bytes
@@ -48,8 +47,7 @@ def fuzz(target, seconds):
                  f"-max_len={LONGEST_INPUT}",
                  f"-entropic_feature_frequency_threshold={RARE}", "-print_final_stats=1",
                  "-verbosity=0", f"-artifact_prefix={findings}/"]
-    if TARGETS[target]:
-        arguments.append(f"-dict={FUZZ / 'dictionaries' / TARGETS[target]}.dict")
+    arguments.append(f"-dict={FUZZ / 'dictionaries' / TARGETS[target]}.dict")
     before = set(findings.iterdir())
     status, printed = run(target, *arguments, found, COMMITTED / target)
     new = sorted(set(findings.iterdir()) - before)

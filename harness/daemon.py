@@ -6,12 +6,12 @@ from pathlib import Path
 import socket
 
 from harness import BUILD
+from harness.http_server import WWW_KEY
 from harness.process import Process, free_port, wait_until
 
 PLUGIN = BUILD / "lib" / "collectd" / "write_skein.so"
 
 AUTH = "ZGVtbzpub3QtdG8tYmUtbG9nZ2Vk"
-WWW_KEY = "www-key-that-must-not-be-logged"
 ERROR, WARNING, INFO = 3, 4, 6  # priorities of the journal
 
 

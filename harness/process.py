@@ -5,7 +5,9 @@ import random
 import re
 import signal
 import socket
+import struct
 import subprocess
+import threading
 import time
 
 
@@ -38,6 +40,17 @@ def wait_until(condition, what, seconds=15, pause=0.01):
             raise AssertionError(f"waited {seconds} s in vain: {what}")
         time.sleep(pause)
     return value
+
+
+def in_thread(function, *arguments):
+    thread = threading.Thread(target=function, args=arguments, daemon=True)
+    thread.start()
+    return thread
+
+
+def abort(stream):
+    """Makes the close of a TCP connection a reset."""
+    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
 class Process:

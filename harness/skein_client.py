@@ -1,11 +1,13 @@
-"""A client of the skein protocol that shares no code with the daemon: Debian's MessagePack and
-Snappy modules and the layout of doc/skein_protocol.md."""
+"""Both ends of the skein protocol, which share no code with the daemon: Debian's MessagePack and Snappy
+modules and the layout of doc/skein_protocol.md."""
 
 import socket
 import struct
 
 import msgpack
 import snappy
+
+from harness.process import abort, in_thread
 
 REQUEST, REPLY, ONE_WAY = 0, 1, 2
 
@@ -66,8 +68,9 @@ class SkeinConnection:
         except OSError:  # the daemon was faster
             pass
 
-    def apply(self, function):
-        function(self._socket)
+    def reset(self):
+        abort(self._socket)
+        self._socket.close()
 
     def send(self, message):
         self.send_bytes(frame(message))
@@ -120,3 +123,43 @@ class SkeinClient(SkeinConnection):
     def collectd(self, lines):
         """Sends a block of Graphite lines as collectd's plugin does."""
         return self.call("collectd", {"metrics": lines})
+
+
+SILENCE, HANG_UP = "silence", "hang up"
+
+
+class SkeinServer:
+    """Keeps the requests that come and answers each with (error, result) as `answer` says, or as one of the
+    constants says. Listens at a path or, without one, on a port of 127.0.0.1."""
+
+    def __init__(self, path=None, answer=lambda name, args: (None, None)):
+        self.calls = []  # pairs of name and arguments
+        self._answer = answer
+        self._listener = (socket.create_server(("127.0.0.1", 0)) if path is None else
+                          socket.create_server(str(path), family=socket.AF_UNIX))
+        self.address = self._listener.getsockname()
+        self.close = self._listener.close
+        in_thread(self._accept)
+
+    def metrics(self):
+        """The lines of all blocks."""
+        return "".join(args["metrics"] for _, args in self.calls)
+
+    def _accept(self):
+        while True:
+            try:
+                connected, _ = self._listener.accept()
+            except OSError:  # closed
+                return
+            in_thread(self._serve, SkeinConnection(connected, 60))
+
+    def _serve(self, peer):
+        with peer:
+            while message := peer.receive():
+                _, msgid, name, args = message
+                answer = self._answer(name, args)
+                self.calls.append((name, args))
+                if answer == HANG_UP:
+                    return
+                if answer != SILENCE:
+                    peer.send([REPLY, msgid, *answer])

@@ -18,9 +18,9 @@ if len(sys.argv) > 1:
     harness.use_build(sys.argv[1])
 
 from harness.daemon import Pelorus  # noqa: E402
+from harness.http_server import WebServer  # noqa: E402
 from harness.process import end_with_cleanup, free_port, wait_until  # noqa: E402
 from harness.skein_client import SkeinClient  # noqa: E402
-from harness.web_server import WebServer  # noqa: E402
 from nodes import INTERVAL, SERIES, Node  # noqa: E402
 from servers import HAProxy, VictoriaMetrics  # noqa: E402
 
@@ -47,7 +47,7 @@ class Scale:
 
         self.started = started
         keys = [f"{number:032x}" for number in range(1001, 1001 + NODES)]
-        started(WebServer(folder / "web", keys))
+        on_exit.callback(WebServer(keys).close)
         self.store = started(VictoriaMetrics(folder / "store"))
         self.writes = started(HAProxy(folder, "store", store_port := free_port(),
                                       store_port=store_port, write_path="/influx/write",

@@ -3,7 +3,6 @@
 from pathlib import Path
 import sys
 import tempfile
-import time
 import unittest
 
 from harness.daemon import Pelorus
@@ -40,14 +39,3 @@ class FolderTest(unittest.TestCase):
         self._logs.append(daemon.text())
         if ready:
             self.assertEqual(status, 0, "exit status of the daemon")
-
-
-def run_faults(case, stage, faults):
-    """A table of faults on one stage, each a subtest."""
-    for fault in faults:
-        with case.subTest(fault.name):
-            begin, seen = time.monotonic(), "failed"
-            try:
-                seen = stage.attempt(fault)
-            finally:
-                print(f"{fault.name}: {seen} ({time.monotonic() - begin:.1f} s)", flush=True)

@@ -7,7 +7,7 @@ import unittest
 from harness.daemon import PLUGIN
 from harness.process import Process, wait_until
 from harness.real_servers import collectd_configuration
-from tests.end_to_end.skein_stub import SkeinStub
+from harness.skein_client import SkeinServer
 from tests.end_to_end.support import FolderTest
 
 NODE = '<Node "a">\n{}\n</Node>'
@@ -73,7 +73,9 @@ class CollectdPlugin(FolderTest):
                 self.assertNotIn("secret", collectd.text())
 
     def test_rates_or_counts_go_out_on_flush_and_at_the_end(self):
-        rates, counts = SkeinStub(self, self.folder / "rates"), SkeinStub(self)
+        rates, counts = SkeinServer(self.folder / "rates"), SkeinServer()
+        self.addCleanup(rates.close)
+        self.addCleanup(counts.close)
         collectd = self.start_collectd(
             f'<Node "rates">\nSocket "{rates.address}"\n</Node>\n<Node "counts">\n'
             f'Host "127.0.0.1"\nPort {counts.address[1]}\nNodeKey "12-ab"\nStoreRates false\n</Node>',

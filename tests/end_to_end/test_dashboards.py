@@ -5,10 +5,10 @@ import json
 import time
 
 from harness import REPOSITORY
+from harness.http_server import WebServer, hold_origin
 from harness.process import wait_until
 from harness.real_servers import Influxd
 from harness.skein_client import SkeinClient
-from harness.web_server import WebServer, hold_origin
 from tests.end_to_end.support import FolderTest
 
 FOLDER = REPOSITORY / "packaging" / "grafana"
@@ -64,8 +64,7 @@ class Dashboards(FolderTest):
         self.addCleanup(self.influx.stop)
         self.daemon = self.start_pelorus({"INFLUX_AUTH": self.influx.prepare(DATABASES),
                                           "INFLUX_HTTP_CONNECTION": self.influx.address})
-        web = WebServer(self.folder / "web", [KEY.replace("-", "")])
-        self.addCleanup(web.stop)
+        self.addCleanup(WebServer([KEY]).close)
 
     def send_everything(self):
         with SkeinClient(self.daemon.socket) as client:

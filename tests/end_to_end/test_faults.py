@@ -1,29 +1,88 @@
-"""Every quick fault of a peer, of InfluxDB and of the web server, on the real daemon."""
+"""Faults of peers, of InfluxDB and of the web server that need the real process and real sockets."""
 
-from harness.far_end_faults import INFLUX_FAULTS, WEB_FAULTS
-from harness.peer_faults import PEER_FAULTS
-from harness.stage import Stage, Web
-from tests.end_to_end.support import FolderTest, run_faults
+import signal
+import time
+
+from harness.http_server import Connection, answering, ending, hanging, status
+from harness.process import wait_until
+from harness.skein_client import REPLY, REQUEST, frame
+from tests.end_to_end.bad_peers import (BROKEN, NUMBERED, UNNUMBERED, Crowd, many, odd_shapes, pour,
+                                        reset_flood, send_some)
+from tests.end_to_end.stage import KEY, LINE, RECORD, StageTest
+
+STATS = frame([REQUEST, 3, "stats", {}])
+PEERS = {"node": r"127\.0\.0\.1:\d+", "local": r"a local peer \(process \d+, user \d+\)"}
 
 
-class Faults(FolderTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.web = Web()
-        cls.addClassCleanup(lambda: cls.web.close())
-
+class Faults(StageTest):
     def setUp(self):
         super().setUp()
-        self.stage = Stage(self.web)
-        self.addCleanup(self.stage.close)
+        self.start_stage()
+        self.peers = {"node": self.node, "local": self.local}
 
-    def test_peers(self):
-        run_faults(self, self.stage, PEER_FAULTS)
-        self.stage.expect_nothing_lost()
+    def test_broken_bytes_end_their_connection_with_a_warning_that_says_why(self):
+        for text, data in BROKEN:
+            for name, connect in self.peers.items():
+                before = len(self.daemon.text())
+                with connect() as client:
+                    pour(client, data)
+                    while client.receive() is not None:
+                        pass
+                self.wait_logged(rf"Closing the connection of {PEERS[name]}: {text}\b", before)
+        self.assertEqual(self.daemon.text().count("Closing the connection of "), 2 * len(BROKEN))
+        self.expect_well()
 
-    def test_influxdb(self):
-        run_faults(self, self.stage, INFLUX_FAULTS)
+    def test_odd_shapes_are_answered_with_an_error_where_they_have_a_number(self):
+        shapes = list(odd_shapes())
+        for connect in self.peers.values():
+            with connect() as client:
+                for shape in shapes:
+                    client.send(shape)
+                replies = [client.receive() for _ in shapes[len(UNNUMBERED):]]
+                self.assertEqual({tuple(reply[:2]) for reply in replies}, {(REPLY, 7)})
+                for reply in replies[:len(NUMBERED)]:
+                    self.assertIsInstance(reply[2], str)
+        self.assertGreaterEqual(self.daemon.text().count("<3>Exception in "),
+                                2 * len(UNNUMBERED + NUMBERED))
+        self.expect_well()
 
-    def test_web_server(self):
-        run_faults(self, self.stage, WEB_FAULTS)
-        self.stage.expect_nothing_lost()
+    def test_flood_and_resets_keep_nobody_waiting(self):
+        crowd = Crowd(many(self.local, 2) + many(self.node, 2), send_some(STATS * 2000))
+        wait_until(lambda: crowd.rounds > 500, "the flood, with the bystanders beside it")
+        crowd.stop()
+        reset_flood(self.peers.values(), 200)
+        self.expect_well()
+
+    def test_stopped_and_continued(self):
+        self.worst_delay = 3
+        self.daemon.send_signal(signal.SIGSTOP)
+        time.sleep(2)
+        self.daemon.send_signal(signal.SIGCONT)
+        self.expect_well()
+
+    def test_influxdb_that_breaks_off_while_it_is_sent_to(self):
+        """More than fits into the sockets' buffers."""
+        well, self.influx.conduct = self.influx.conduct, ending(
+            lambda client: (client.read_head(), client.receive(), client.reset()))
+        with self.node() as node:
+            node.call("add", {"key": KEY, "database": "bonding", "data": RECORD * 200_000})
+        self.wait_logged(r"failed: (sending|receiving): .*\d{7} bytes", 0)
+        self.influx.conduct = well
+        self.expect_well(loses_nothing=False)
+
+    def test_web_server_in_trouble(self):
+        for number, (conduct, text) in enumerate([
+                (ending(Connection.read_head), "(Failed to connect|key verification: )"),
+                (hanging, "Timed out trying to authenticate to web server"),
+                (answering(status(403)), "unexpected status code 403")]):
+            before, key = len(self.daemon.text()), f"new-key-{number}"
+            self.web.behave(conduct)
+            with self.node() as node:
+                node.send([REQUEST, 1, "collectd", {"key": key, "metrics": LINE}])
+                node.receive()
+                self.wait_logged(text, before)
+                self.web.behave()
+                record = f"a value={number} 1"
+                node.call("add", {"key": key, "database": "bonding", "data": record})
+            wait_until(lambda: record.encode() in self.influx.lines(), "the record", pause=0.1)
+        self.expect_well()

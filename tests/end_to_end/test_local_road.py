@@ -1,11 +1,10 @@
 """The road of local data through the real daemon: from the unix socket to a stand-in for InfluxDB
 on loopback, and what becomes of it when either end misbehaves."""
 
-from harness.conduct import status
 from harness.daemon import AUTH, ERROR, INFO, WARNING, WWW_KEY
+from harness.http_server import HTTPServer, answering, ending, status
 from harness.process import wait_until
 from harness.skein_client import SkeinClient, SkeinError
-from harness.stub_influx import HANG_UP, StubInflux
 from tests.end_to_end.support import FolderTest
 
 LOAD = "m000.load.load.shortterm 0.5 1700000000\n"
@@ -23,7 +22,7 @@ class LocalRoad(FolderTest):
         self.client = self.connect()
 
     def start_influx(self, port=0):
-        influx = StubInflux(port)
+        influx = HTTPServer(port)
         self.addCleanup(influx.close)
         return influx
 
@@ -73,12 +72,11 @@ class LocalRoad(FolderTest):
         self.assertEqual(set(self.daemon.lines(WARNING)), {LAST_LINE_WARNING})
 
     def test_each_failed_write_is_counted_until_one_succeeds(self):
-        answers = [status(500, b'{"error":"disk is full"}'), status(200), HANG_UP]
-        for failures, answer in enumerate(answers, 1):
-            self.influx.answer = answer
+        conducts = [answering(status(500)), answering(status(200)), ending()]
+        for failures, self.influx.conduct in enumerate(conducts, 1):
             self.client.collectd(LOAD)
             wait_until(lambda: self.stats()["failure_count"] == failures, f"failure {failures}")
-        self.assertEqual(len(self.daemon.lines(WARNING)), 2 * len(answers))  # and of the last lines
+        self.assertEqual(len(self.daemon.lines(WARNING)), 2 * len(conducts))  # and of the last lines
         taken = self.influx.lines()  # and lost with the writes that failed
         self.influx.close()
         self.client.collectd(LOAD)

@@ -9,13 +9,10 @@ import subprocess
 import unittest
 
 from harness import BUILD
-from harness.conduct import status
 from harness.daemon import AUTH, WWW_KEY
+from harness.http_server import NO_CONTENT, HTTPServer, WebServer, answering, hanging, status
 from harness.process import wait_until
-from harness.skein_client import SkeinClient, SkeinError
-from harness.stub_influx import HANG, NO_CONTENT, StubInflux
-from harness.web_server import WebServer
-from tests.end_to_end.skein_stub import HANG_UP, SILENCE, SkeinStub
+from harness.skein_client import HANG_UP, SILENCE, SkeinClient, SkeinError, SkeinServer
 from tests.end_to_end.support import FolderTest
 
 KEY = "0000aaaa-1111-2222-3333-44445555cccc"
@@ -39,7 +36,9 @@ class PelorusctlAlone(CtlTest):
     """Beside a server that answers as told, or without one."""
 
     def start(self, answer=lambda *_: (None, None), name="socket"):
-        return SkeinStub(self, self.folder / name, answer)
+        server = SkeinServer(self.folder / name, answer)
+        self.addCleanup(server.close)
+        return server
 
     def test_stats_for_people_and_for_programs(self):
         stats = {"tidewell": {"has_current_request": True, "pending_data_len": 12,
@@ -109,7 +108,7 @@ class PelorusctlAlone(CtlTest):
 
 class Pelorusctl(CtlTest):
     def start_influx(self, answer=NO_CONTENT):
-        influx = StubInflux(answer=answer)
+        influx = HTTPServer(conduct=answering(answer))
         self.addCleanup(influx.close)
         return influx
 
@@ -133,7 +132,7 @@ class Pelorusctl(CtlTest):
 
         local.collectd(LINE)
         tidewell(sent=1, queued=0, in_flight=0)
-        influx.answer = status(400, PARTIAL)
+        influx.conduct = answering(status(400, PARTIAL))
         local.collectd(LINE)
         now = tidewell(partial=1, failed=0, in_flight=0)
         record = len("load shortterm=0.5 1700000000000000000\n")
@@ -141,7 +140,7 @@ class Pelorusctl(CtlTest):
                          (record, record, record))
         self.assertEqual((now["partial_writes"], now["dropped_points"]), (1, 3))
         self.assertIn("status 400: ", now["last_failure"])
-        influx.answer = HANG
+        influx.conduct = hanging
         local.collectd(LINE)
         tidewell(in_flight=1)
         for _ in range(6):
@@ -333,8 +332,8 @@ class Pelorusctl(CtlTest):
                              f"error: The settings in {file} {fault}\n")
 
     def test_send_takes_every_kind_of_line(self):
-        web = WebServer(self.folder / "web", keys=[KEY.replace("-", "")])
-        self.addCleanup(web.stop)
+        web = WebServer([KEY])
+        self.addCleanup(web.close)
         influx = self.start_influx()
         daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": influx.address})
         key_file = self.folder / "key"

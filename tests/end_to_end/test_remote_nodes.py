@@ -5,11 +5,10 @@ import time
 import unittest
 
 from harness.daemon import ERROR, INFO, PLUGIN, WARNING
+from harness.http_server import HTTPServer, WebServer, hanging, hold_origin
 from harness.process import wait_until
 from harness.real_servers import Collectd, Influxd
 from harness.skein_client import REQUEST, SkeinClient
-from harness.stub_influx import HANG, StubInflux
-from harness.web_server import WebServer, hold_origin
 from tests.end_to_end.support import FolderTest
 
 GOOD_KEY = "11112222-3333-4444-5555-66667777aaaa"
@@ -23,16 +22,15 @@ class RemoteNodes(FolderTest):
         hold_origin()
 
     def start_web_server(self, **known):
-        server = WebServer(self.folder / "web", **known)
-        self.addCleanup(server.stop)
+        self.addCleanup(WebServer(**known).close)
 
     def test_questions_and_writes_without_an_answer_hold_up_nobody_else_nor_the_end(self):
-        self.start_web_server(keys=[GOOD_KEY.replace("-", "")], hang=[BAD_KEY.replace("-", "")])
-        influx = StubInflux(answer=HANG)
+        self.start_web_server(keys=[GOOD_KEY], hang=[BAD_KEY.replace("-", "")])
+        influx = HTTPServer(conduct=hanging)
         self.addCleanup(influx.close)
         daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": influx.address})
-        with (SkeinClient(daemon.node_address) as good, SkeinClient(daemon.node_address) as hanging):
-            hanging.send([REQUEST, 1, "collectd", {"key": BAD_KEY, "metrics": LINE}])
+        with (SkeinClient(daemon.node_address) as good, SkeinClient(daemon.node_address) as waiting):
+            waiting.send([REQUEST, 1, "collectd", {"key": BAD_KEY, "metrics": LINE}])
             for _ in range(20):
                 good.call("collectd", {"key": GOOD_KEY, "metrics": LINE})
             wait_until(influx.written, "the request that hangs")
@@ -63,7 +61,7 @@ class RemoteNodes(FolderTest):
 
     @unittest.skipUnless(PLUGIN.exists(), f"this build has no {PLUGIN.name}")
     def test_collectd_of_a_node_reaches_influxdb(self):
-        self.start_web_server(keys=[GOOD_KEY.replace("-", "")])
+        self.start_web_server(keys=[GOOD_KEY])
         influx = Influxd(self.folder / "influxd")
         self.addCleanup(influx.stop)
         auth = influx.prepare(["tidewell", "bonding"])

@@ -16,7 +16,7 @@ from harness import BUILD, REPOSITORY
 from harness.daemon import ERROR, NotifySocket, journal_stream
 from harness.process import Process, free_port, wait_until
 from harness.real_servers import Collectd
-from harness.stub_influx import StubInflux
+from harness.http_server import HTTPServer
 
 APPLICATION = Path(__file__).parent / "application"
 EXPOSURE = 15  # tenths
@@ -103,7 +103,7 @@ class Packages(unittest.TestCase):
     def test_service_runs_and_the_plugin_delivers(self):
         service = Service(self.unit)
         self.addCleanup(service.end)
-        influx = StubInflux()
+        influx = HTTPServer()
         self.addCleanup(influx.close)
         service.install_application(influx.address)
         for command in self.unit.commands("ExecStartPre"):

@@ -11,8 +11,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-/// A buffer whose requests are never really made: `requests` counts them. What these cases leave
-/// out, the fuzz target of the buffer compares with a model.
+/// A buffer whose requests are never really made: `requests` counts them.
 struct InfluxDatabaseTest : testing::Test {
   void add(int count) {
     for (int i = 0; i < count; ++i) database.add("m value=1 1");
@@ -36,6 +35,45 @@ struct InfluxDatabaseTest : testing::Test {
                             return std::make_unique<InfluxDatabase::Request>();
                           }};
 };
+
+TEST_F(InfluxDatabaseTest, SendsAtTheIdealNumberOrAfterMoreThanTheBufferTime) {
+  add(4);
+  EXPECT_EQ(requests, 0);
+  add(1);
+  EXPECT_EQ(requests, 1);
+  database.handle_failure();
+  database.discard_old_data();  // one is left
+  clock.tick(8);
+  database.process_data();
+  EXPECT_EQ(requests, 1) << "exactly the buffer time";
+  clock.tick(0.01);
+  database.process_data();
+  EXPECT_EQ(requests, 2);
+  add(5);
+  EXPECT_EQ(requests, 2) << "one is under way";
+  database.handle_success();
+  database.discard_old_data();
+  clock.set_wall(database.last_sent_time() - 7200);
+  clock.tick(8.01);
+  database.process_data();
+  EXPECT_EQ(requests, 3) << "the wall clock was set back";
+}
+
+TEST_F(InfluxDatabaseTest, OnlyASuccessMovesTheTimeOfTheLastAndEndsTheRowOfFailures) {
+  const double start = clock.clocks().wall();
+  add(5);
+  clock.tick(3);
+  database.handle_failure();
+  database.handle_close();
+  EXPECT_EQ(database.last_sent_time(), start);
+  EXPECT_EQ(database.failure_count(), 1);
+  EXPECT_FALSE(database.has_current_request());
+  add(1);
+  database.handle_success();
+  EXPECT_EQ(database.last_sent_time(), start + 3);
+  EXPECT_EQ(database.failure_count(), 0);
+  EXPECT_EQ(logs.texts("info"), Texts{"Connected to InfluxDB API (metrics database)"});
+}
 
 TEST_F(InfluxDatabaseTest, EveryAddThatDoesNotSendPutsTheTimerOffAndStoppingEndsIt) {
   clock.tick(7);

@@ -87,6 +87,18 @@ TEST_F(GraphiteMessageTest, ShortTimestampsGetTheirZerosAtOnce) {
             "load a=1i 7000000000\nload a=1i 123456789000000000\n");
 }
 
+// build() holds both scanners against each other.
+TEST_F(GraphiteMessageTest, LinesAreCutAlikeAtTheEdgesOfTheVectorScannersWindows) {
+  for (std::size_t size = 1; size < 140; ++size) {
+    const std::string name(size, 's');
+    const std::string digits(size, '1');
+    EXPECT_EQ(build("m000.load.load." + name + " " + digits + " 1500000000"),
+              "load " + name + "=" + digits + "i 1500000000000000000\n");
+    build(std::string(size, ' ') + "m000.load.load.a 1" + std::string(size, '\t') + "1500000000");
+    build(std::string(size, '.') + " 1 " + digits);
+  }
+}
+
 // Kept: ten bytes are copied, the length is stepped over.
 TEST_F(GraphiteMessageTest, LongTimestampsShowWhatTheBufferHeld) {
   EXPECT_EQ(build("m000.load.load.a 1 123456789012345"),

@@ -3,23 +3,25 @@
 quiet node and a quiet local peer that watch. Every 10 seconds a line; at the end a table, and
 status 1 if the daemon grew, kept a descriptor or kept a quiet peer waiting."""
 
+import itertools
 import os
 from pathlib import Path
+import socket
 import sys
 import tempfile
 import time
 
-from surroundings import prepare
+sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
+import harness  # noqa: E402
 
-prepare(sys.argv[1])
+harness.use_build(sys.argv[1])
 
-from harness import REPOSITORY  # noqa: E402
-from harness.bystander import Bystander  # noqa: E402
 from harness.daemon import AUTH, WWW_KEY, Pelorus  # noqa: E402
-from harness.process import Process, free_port, wait_until  # noqa: E402
-from harness.skein_client import SkeinClient  # noqa: E402
-from harness.web_server import WebServer  # noqa: E402
-from report import Report  # noqa: E402
+from harness.http_server import (NO_CONTENT, HTTPServer, WebServer, answering, ending,  # noqa: E402
+                                 hanging, status)
+from harness.ledger import account  # noqa: E402
+from harness.process import Process, in_thread, wait_until  # noqa: E402
+from tests.end_to_end.bystander import Bystander  # noqa: E402
 
 PERIOD = 10         # seconds between two lines
 WORST_DELAY = 250   # milliseconds
@@ -70,52 +72,66 @@ def slope(rows):
             / sum((t - mean_time) ** 2 for t in times))
 
 
-def status(daemon):
-    with SkeinClient(daemon.socket, 60) as local:
-        return local.call("status")
+def slow(client):
+    client.stream.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+    time.sleep(1)
+    answering(NO_CONTENT)(client)
 
 
-def account(daemon):
-    """Whether every message of each database is accounted for, and the sums."""
-    known = status(daemon)
-    sums = {}
-    for buffer in known["databases"].values():
-        for name in ("queued", "in_flight", "sent", "failed", "discarded"):
-            sums[name] = sums.get(name, 0) + buffer[name]["messages"]
-    return sums
+# What InfluxDB does, and for how many seconds.
+WELL = (answering(NO_CONTENT), 20)
+MOODS = [WELL, (answering(status(500)), 3), WELL, (ending(), 3), WELL, (slow, 8), WELL, (hanging, 25),
+         WELL, (answering(b"rubbish\r\n\r\n"), 3)]
+
+
+def change_moods(influx):
+    for influx.conduct, seconds in itertools.cycle(MOODS):
+        time.sleep(seconds)
+
+
+def in_buffers(daemon):
+    return sum(account(daemon.socket, database)[amount] for database in ("tidewell", "bonding")
+               for amount in ("queued", "in_flight"))
+
+
+class Report:
+    """The rows of the table at the end."""
+
+    def __init__(self):
+        self.failed = 0
+
+    def add(self, name, wanted, seen, ok=True):
+        self.failed += not ok
+        print(f"| {name} | {wanted} | {'' if ok else '**FAILED** '}{seen} |", flush=True)
 
 
 def soak(folder, minutes, report):
-    port = free_port()
-    influx = Process(["/usr/bin/python3", Path(__file__).with_name("moody_influx.py"), port],
-                     folder / "influx.log")
-    web = WebServer(folder / "web", keys=[QUIET_KEY.replace("-", ""),
-                                          *(key.replace("-", "") for key in KEYS)], seconds=0.005)
+    influx = HTTPServer(keeps=False)
+    in_thread(change_moods, influx)
+    web = WebServer([QUIET_KEY, *KEYS], seconds=0.005)
     (folder / "daemon").mkdir()
     daemon = Pelorus(folder / "daemon", {
         "PELORUS_BUFFER_TIME": 1, "PELORUS_IDEAL_QUEUED_MESSAGES": 200,
         "PELORUS_MAX_BATCH_SIZE": 500, "PELORUS_MAX_PENDING_MESSAGES": 2000,
-        "PELORUS_DISCARD_SIZE": 200, "INFLUX_HTTP_CONNECTION": f"127.0.0.1:{port}"})
+        "PELORUS_DISCARD_SIZE": 200, "INFLUX_HTTP_CONNECTION": influx.address})
     daemon.wait_ready()
     bystander = Bystander(daemon, QUIET_KEY)
     sampler = Sampler(daemon, bystander)
     begin = time.monotonic()
     bystander.look()
     descriptors = sampler.descriptors()
-    crowd = Process(["/usr/bin/python3", "-m", "chaos.crowd", *daemon.node_address, daemon.socket,
-                     ",".join(KEYS)], folder / "crowd.log", cwd=REPOSITORY)
+    crowd = Process(["/usr/bin/python3", "-m", "tests.end_to_end.crowd", *daemon.node_address, daemon.socket,
+                     ",".join(KEYS)], folder / "crowd.log", cwd=harness.REPOSITORY)
     while time.monotonic() - begin < minutes * 60:
         time.sleep(PERIOD)
         daemon.expect_running()
         crowd.expect_running()
-        influx.expect_running()
         sampler.sample(begin)
     crowd.stop()
-    wait_until(lambda: account(daemon)["queued"] + account(daemon)["in_flight"] < 50,
-               "the queues to empty", 60, pause=0.5)
+    wait_until(lambda: in_buffers(daemon) < 50, "the queues to empty", 60, pause=0.5)
     wait_until(lambda: sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS,
                "the descriptors to be closed", 60, pause=0.5)
-    judge(report, daemon, sampler, descriptors, crowd, influx)
+    judge(report, daemon, sampler, descriptors, crowd)
     bystander.close()
     code = daemon.stop()
     text = daemon.text()
@@ -124,12 +140,12 @@ def soak(folder, minutes, report):
                                        *(("a key", key) for key in KEYS)) if secret in text]
     report.add("secrets in the log", "none", shown or "none", not shown)
     report.add("exit status", "0", code, code == 0)
-    web.stop()
-    influx.stop()
+    web.close()
+    influx.close()
 
 
-def judge(report, daemon, sampler, descriptors, crowd, influx):
-    rows, sums, peak = sampler.rows, account(daemon), daemon.memory("VmHWM")
+def judge(report, daemon, sampler, descriptors, crowd):
+    rows, peak = sampler.rows, daemon.memory("VmHWM")
     growth, worst = slope(rows), max(row[4] for row in rows)
     report.add("memory after the warm-up", f"grows by less than {MOST_GROWTH} MiB a minute",
                f"{growth:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at "
@@ -141,20 +157,17 @@ def judge(report, daemon, sampler, descriptors, crowd, influx):
                f"{sampler.descriptors()} at the end", sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS)
     report.add("worst delay of a quiet peer", f"below {WORST_DELAY} ms", f"{worst:.0f} ms",
                worst < WORST_DELAY)
-    report.add("processor", "", f"{sum(row[3] for row in rows) / len(rows) * 100:.0f} % of one",
-               True)
+    report.add("processor", "", f"{sum(row[3] for row in rows) / len(rows) * 100:.0f} % of one")
+    sums = account(daemon.socket, "bonding")
     report.add("messages", "sent, failed, discarded or queued", sums, sums["sent"] > 0)
-    report.add("what the bad peers did", "", crowd.text().splitlines()[-1:], True)
-    report.add("what InfluxDB did", "", influx.text().splitlines()[-1:], True)
+    report.add("what the bad peers did", "", crowd.text().splitlines()[-1:])
 
 
 def main():
     report = Report()
-    minutes = float(sys.argv[2])
     with tempfile.TemporaryDirectory(prefix="pelorus-soak-") as folder:
-        report.run("soak", f"{minutes:g} minutes of good and bad peers",
-                   lambda: soak(Path(folder), minutes, report) or "to the end")
-    return report.finish()
+        soak(Path(folder), float(sys.argv[2]), report)
+    return 1 if report.failed else 0
 
 
 if __name__ == "__main__":

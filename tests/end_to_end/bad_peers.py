@@ -6,7 +6,7 @@ import time
 
 import msgpack
 
-from harness.conduct import in_thread, reset
+from harness.process import in_thread
 from harness.skein_client import ONE_WAY, REPLY, REQUEST, block_frame, content_frame, frame
 
 MOST_CONTENT = 16 << 20
@@ -17,7 +17,6 @@ def _each(frame_of, *contents):
     return [frame_of(content) for content in contents]
 
 
-# By what the daemon says of them: bytes that end their connection.
 LYING_PREFIXES = {
     "frame of length 0": [struct.pack(">I", 0)],
     r"frame of \d+ bytes, 19573450 are allowed":
@@ -56,12 +55,9 @@ NO_SKEIN = {"frame of": [
     *(random.Random(seed).randbytes(4096) for seed in range(16))]}
 
 
-def told_as(*tables):
-    """(what the daemon says, bytes) of every row."""
-    return [(text, data) for table in tables for text, rows in table.items() for data in rows]
-
-
-BROKEN = [data for _, data in told_as(LYING_PREFIXES, SNAPPY_CLAIMS, CONTENT_CLAIMS, NO_SKEIN)]
+# Pairs: what the daemon says, and the bytes that end their connection.
+BROKEN = [(text, data) for table in (LYING_PREFIXES, SNAPPY_CLAIMS, CONTENT_CLAIMS, NO_SKEIN)
+          for text, rows in table.items() for data in rows]
 
 _DEEP = 1
 for _ in range(27):
@@ -126,14 +122,14 @@ def pour(client, data):
         return False
 
 
-def reset_flood(stage, count):
+def reset_flood(connects, count):
     for number in range(count):
-        for _, connect in stage.both():
+        for connect in connects:
             with connect() as client:
                 if number % 3:
                     pour(client, frame([REQUEST, 1, "stats", {}])[:number % 20])
                 if number % 2:
-                    client.apply(reset)
+                    client.reset()
 
 
 class Crowd:

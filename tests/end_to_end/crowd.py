@@ -1,4 +1,4 @@
-"""python3 -m chaos.crowd HOST PORT SOCKET KEYS: good and bad peers, until it is ended.
+"""python3 -m tests.end_to_end.crowd HOST PORT SOCKET KEYS: good and bad peers, until it is ended.
 What costs much to make is made once, and each peer rests between two deeds, so that the daemon has
 the work and not this."""
 
@@ -9,7 +9,7 @@ import signal
 import struct
 import sys
 
-from harness.bad_peers import BROKEN, bomb, odd_shapes
+from tests.end_to_end.bad_peers import BROKEN, bomb, odd_shapes
 from harness.graphite_lines import collectd_lines
 from harness.skein_client import REQUEST, frame
 
@@ -78,7 +78,7 @@ async def bomber(name):
 async def breaker(name):
     """Bytes that end the connection."""
     reader, writer = await connect(any_of.random() < 0.5)
-    writer.write(any_of.choice(BROKEN))
+    writer.write(any_of.choice(BROKEN)[1])
     if writer.can_write_eof():
         writer.write_eof()
     await reader.read()
