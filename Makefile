@@ -1,5 +1,5 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo scale-demo deb asan bench fuzz chaos soak check-arm64 format tidy clean
+.PHONY: build check demo scale-demo deb asan bench fuzz chaos soak check-clean check-arm64 format tidy clean
 .NOTPARALLEL:
 
 build:
@@ -57,6 +57,12 @@ soak: MINUTES ?= 20
 soak: build
 	@scripts/install-packages servers
 	@tests/end_to_end/soak.py build/dev $(MINUTES)
+
+# Everything on a fresh, minimal system of a Debian release, as an ordinary user.
+check-clean: RELEASE ?= bookworm
+check-clean:
+	@scripts/install-packages clean
+	@scripts/check-clean $(RELEASE)
 
 # A cross build for arm64, and the unit tests under qemu.
 check-arm64:
