@@ -8,7 +8,7 @@ import socket
 import subprocess
 import unittest
 
-from harness import BUILD
+from harness import BUILD, REPOSITORY
 from harness.daemon import AUTH, WWW_KEY
 from harness.http_server import NO_CONTENT, HTTPServer, WebServer, answering, hanging, status
 from harness.process import wait_until
@@ -199,6 +199,8 @@ class Pelorusctl(CtlTest):
                 sample = re.fullmatch(rf"(pelorus_\w+){labels} [-+.e\d]+", line)
                 self.assertTrue(sample and sample[1] in types, line)
         self.assertIn('pelorus_queue_messages{database="a\\"b\\\\c"} 0', text)
+        shown = set(re.findall(r"pelorus_\w+", (REPOSITORY / "packaging/grafana/losses.json").read_text()))
+        self.assertLessEqual(shown, types)
 
     def test_monitoring(self):
         influx = self.start_influx(status(500))
