@@ -10,6 +10,7 @@
 #include "skein/encoders/snappyencoder.h"
 #include "skein/framing.h"
 #include "skein/limits.h"
+#include "skein/profile_scope.h"
 
 namespace skein {
 namespace {
@@ -153,6 +154,7 @@ void Connection::send(std::string_view message) {
 }
 
 void Connection::flush(std::chrono::steady_clock::time_point now) {
+  PROFILE_SCOPE();
   if (!buffers_) return;
   Buffers& kept = *buffers_;
   const std::size_t before = kept.sent;

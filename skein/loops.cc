@@ -40,7 +40,7 @@ Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
   check(uv_prepare_start(before_wait_.get(),
                          [](uv_prepare_t* handle) {
                            if (handle->data != nullptr)
-                             static_cast<Loop*>(handle->data)->end_work();
+                             static_cast<Loop*>(handle->data)->begin_wait();
                          }),
         "uv_prepare_start");
   uv_unref(reinterpret_cast<uv_handle_t*>(before_wait_.get()));
@@ -104,8 +104,16 @@ void Loop::end_work() noexcept {
   work_began_ = 0;
 }
 
+/// Before libuv waits. It calls nobody when it has waited: the first callback ends the wait.
+void Loop::begin_wait() noexcept {
+  static constinit profile::Site site{__FILE__, __LINE__, "wait"};
+  end_work();
+  if (profile::active != nullptr) waiting_.emplace(site);
+}
+
 void Loop::run_due_timers() {
   begin_work();
+  PROFILE_SCOPE();
   uv_idle_stop(due_now_.get());
   wake_due_ = std::chrono::steady_clock::time_point::max();
   const auto now = clocks_.monotonic();
@@ -125,6 +133,7 @@ void Loop::run_due_timers() {
 void Loop::run() {
   interrupted_ = false;
   uv_run(&uv_, UV_RUN_DEFAULT);
+  waiting_.reset();
   end_work();
   if (std::exchange(interrupted_, false)) throw KeyboardInterrupt();
 }
@@ -134,6 +143,7 @@ void Loop::stop() { uv_stop(&uv_); }
 void Loop::turn() {
   run_due_timers();
   uv_run(&uv_, UV_RUN_NOWAIT);
+  waiting_.reset();
   end_work();
 }
 

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+#include "skein/profile_scope.h"
 #include "skein/timer.h"
 #include "skein/uv_handle.h"
 #include "skein/worst_of_minute.h"
@@ -126,12 +127,14 @@ class Loop {
     if (work_began_ != 0) return;
     work_began_ = uv_now(&uv_);
     now_.reset();
+    waiting_.reset();
   }
   /// For Timer::cancel().
   void cancel(const Timer::Key& key) noexcept { timers_.erase(key); }
 
  private:
   void end_work() noexcept;
+  void begin_wait() noexcept;
   void run_due_timers();
   void wake_at_first_due();
   void sweep() noexcept;
@@ -145,9 +148,10 @@ class Loop {
   /// leaves nothing behind.
   std::map<Timer::Key, Callback> timers_;
   std::uint64_t timers_made_ = 0;
-  WorstOfMinute turns_;           ///< milliseconds of each turn that had work
-  std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
-  std::optional<Moment> now_;     ///< of the present turn, once somebody has asked
+  WorstOfMinute turns_;                    ///< milliseconds of each turn that had work
+  std::uint64_t work_began_ = 0;           ///< by uv_now(); 0: nothing has been done in this turn
+  std::optional<Moment> now_;              ///< of the present turn, once somebody has asked
+  std::optional<profile::Scope> waiting_;  ///< for events, in a profiled run
   UvHandle<uv_prepare_t> before_wait_;
   UvHandle<uv_timer_t> wake_;
   UvHandle<uv_idle_t> due_now_;  ///< active while a timer is due on the next turn

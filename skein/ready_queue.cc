@@ -1,4 +1,5 @@
 #include "skein/ready_queue.h"
+#include "skein/profile_scope.h"
 
 #include <algorithm>
 #include <utility>
@@ -41,6 +42,7 @@ void ReadyQueue::remove(Entry& entry) noexcept {
 }
 
 void ReadyQueue::run() noexcept {
+  PROFILE_SCOPE();
   for (Queue& queue : queues_) serve(queue);
   for (const Queue& queue : queues_) {
     if (!queue.entries.empty()) task_.arm();

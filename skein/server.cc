@@ -11,6 +11,7 @@
 #include "skein/encoders/msgpackencoder.h"
 #include "skein/encoders/snappyencoder.h"
 #include "skein/envelope.h"
+#include "skein/profile_scope.h"
 #include "skein/resources.h"
 
 namespace skein {
@@ -108,6 +109,7 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
   Connection connection;
 };
 void Server::Peer::handle_events(int events) {
+  PROFILE_SCOPE();
   if (ended) return;
   server_.guarded(*this, [this, events] {
     if ((events & UV_WRITABLE) != 0 && !is_queued()) {
@@ -149,6 +151,7 @@ bool Server::Peer::serve(ReadyQueue::Credit credit) noexcept {
 }
 
 void Server::Peer::receive(ReadyQueue::Credit& credit) {
+  PROFILE_SCOPE();
   if (end_of_stream) return;
   const std::size_t before = connection.unserved();
   const auto received =
@@ -160,6 +163,7 @@ void Server::Peer::receive(ReadyQueue::Credit& credit) {
 /// After bytes have come or gone: keeps what is unfinished, sends what is to be sent, and keeps
 /// account of the rest. Returns whether there is a frame to be served.
 bool Server::Peer::settle() {
+  PROFILE_SCOPE();
   if (ended) return false;
   const auto now = server_.loop_.now().monotonic;
   connection.store_rest(now);
@@ -283,6 +287,7 @@ void Server::enforce_limits() {
 }
 
 Connection* Server::handle_read() {
+  PROFILE_SCOPE();
   sockaddr_in peer_address{};
   socklen_t length = sizeof peer_address;
   Socket accepted(::accept4(socket_.descriptor(), reinterpret_cast<sockaddr*>(&peer_address),
@@ -340,6 +345,7 @@ void Server::end_for(Peer& peer, const ProtocolError& fault) {
 }
 
 void Server::end(Peer& peer) noexcept {
+  PROFILE_SCOPE();
   if (peer.ended) return;
   peer.ended = true;
   if (peer.is_queued() && peer.connection.unsent() != 0) {  // replies that have gathered so far
@@ -394,6 +400,7 @@ std::vector<const Connection*> Server::connections() const {
 }
 
 void Server::serve(Peer& peer, std::string_view frame) {
+  PROFILE_SCOPE();
   const struct Trim {
     ~Trim() { encoders.trim(); }
     Encoders& encoders;

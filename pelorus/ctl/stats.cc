@@ -367,11 +367,12 @@ std::string prometheus_text(skein::Value reply) {
   const ReplyValue totals = status["totals"];
   append_sample(out, auths, "result=\"accepted\"", totals["accepted_auths"].number());
   append_sample(out, auths, "result=\"refused\"", totals["refused_auths"].number());
-  for (const auto& [metric, label] : LABELLED_METRICS) {
-    append_head(out, metric);
-    const ReplyValue counts = status[metric.group][metric.key];
+  for (const LabelledMetric& row : LABELLED_METRICS) {
+    append_head(out, row.metric);
+    const ReplyValue counts = status[row.metric.group][row.metric.key];
     counts.each_pair([&](const std::string& name, const ReplyValue& count) {
-      append_sample(out, metric, fmt::format("{}=\"{}\"", label, escaped(name)), count.number());
+      append_sample(out, row.metric, fmt::format("{}=\"{}\"", row.label, escaped(name)),
+                    count.number());
     });
   }
   const Metric open{"pelorus_connections", "gauge", "Open connections.", nullptr, "open"};

@@ -25,45 +25,6 @@
 namespace pelorus::ctl {
 namespace {
 
-/// The names of the translator's rules.
-constexpr std::array<std::pair<translate::Rule, std::string_view>, translate::RULES.size()>
-    RULE_NAMES{{
-        {translate::rules::aggfail, "aggfail"},
-        {translate::rules::aggregator, "aggregator"},
-        {translate::rules::aggregation_cpu_average, "aggregation_cpu_average"},
-        {translate::rules::bridge, "bridge"},
-        {translate::rules::conntrack, "conntrack"},
-        {translate::rules::cpu, "cpu"},
-        {translate::rules::cpufreq, "cpufreq"},
-        {translate::rules::df, "df"},
-        {translate::rules::disk, "disk"},
-        {translate::rules::entropy, "entropy"},
-        {translate::rules::filecount_influxdb, "filecount_influxdb"},
-        {translate::rules::interface, "interface"},
-        {translate::rules::irq, "irq"},
-        {translate::rules::load, "load"},
-        {translate::rules::link_packet_loss, "link_packet_loss"},
-        {translate::rules::memory, "memory"},
-        {translate::rules::nginx, "nginx"},
-        {translate::rules::ntpd, "ntpd"},
-        {translate::rules::postgresql, "postgresql"},
-        {translate::rules::process, "process"},
-        {translate::rules::processes, "processes"},
-        {translate::rules::redis, "redis"},
-        {translate::rules::status, "status"},
-        {translate::rules::swap, "swap"},
-        {translate::rules::tunnel, "tunnel"},
-        {translate::rules::uptime, "uptime"},
-        {translate::rules::vmem, "vmem"},
-    }};
-
-#ifndef __SANITIZE_ADDRESS__  // with it, g++ 12 cannot compare functions in a constant expression
-constexpr bool is_named(translate::Rule rule) {
-  return std::ranges::any_of(RULE_NAMES, [&](const auto& named) { return named.first == rule; });
-}
-static_assert(std::ranges::all_of(translate::RULES, is_named, &translate::RuleRow::rule));
-#endif
-
 /// What the daemon makes of one series name or one Graphite line.
 struct TranslatedLine {
   std::string series;
@@ -105,11 +66,9 @@ std::string rule_of(std::string_view series) {
   const std::string padded = std::string(plugin) + std::string(translate::COPY_STEP, '\0');
   const auto rule = translate::choose_rule({padded.data(), plugin.size()});
   if (rule == nullptr) return "";
-  const auto* row = std::ranges::find(translate::RULES, rule, &translate::RuleRow::rule);
-  const auto* named = std::ranges::find_if(
-      RULE_NAMES, [&](const auto& candidate) { return candidate.first == rule; });
-  return fmt::format("{} ({} \"{}\")", named->second,
-                     row->test == translate::EQUALS ? "equals" : "starts with", row->literal);
+  const translate::RuleRow& row = translate::row_of(rule);
+  return fmt::format("{} ({} \"{}\")", row.name,
+                     row.test == translate::EQUALS ? "equals" : "starts with", row.literal);
 }
 
 /// `text`: "series", or "series value timestamp".

@@ -16,6 +16,7 @@
 #include <memory>
 #include <utility>
 
+#include "skein/profile_scope.h"
 #include "skein/text.h"
 
 namespace pelorus::log {
@@ -145,6 +146,7 @@ LogWriter::Kind LogWriter::kind_of(int descriptor) noexcept {
 
 void LogWriter::write(Level level, Moment moment, std::string_view first,
                       std::span<const std::string> others) {
+  PROFILE_SCOPE();
   const std::string_view begin = prefix(level, moment);
   append_line(begin, first);
   for (const std::string& line : others) append_line(begin, line);
@@ -237,6 +239,7 @@ void LogWriter::turn_ends() {
 }
 
 bool LogWriter::flush() {
+  PROFILE_SCOPE();
   retry_.cancel();
   ++writes_;
   reader_ = Reader::READY;

@@ -20,15 +20,11 @@
 namespace pelorus::profile {
 namespace {
 
-Function function_of(const Site& site) { return {site.file, site.line, site.function}; }
-
-std::vector<Measurement> measure(const std::function<void()>& main) {
-  Profiler profiler;
-  {
-    PROFILE_SCOPE();
-    main();
-  }
-  return profiler.measurements();
+/// The file without the way from the build's folder to the sources.
+Function function_of(const Site& site) {
+  std::string_view file = site.file;
+  while (file.starts_with("../")) file.remove_prefix(3);
+  return {std::string(file), site.line, site.function};
 }
 
 void print(std::string_view text) {
@@ -159,16 +155,17 @@ Profiler::~Profiler() {
 }
 
 void Profiler::enter(Site& site) {
+  const std::int64_t start = clock_();
   Record& record = record_of(site);
   CallRecord* call = frames_.empty() ? nullptr : &call_of(*frames_.back().record, record);
-  frames_.push_back({&record, call, clock_()});
+  frames_.push_back({&record, call, start});
   ++record.running;
 }
 
 void Profiler::leave() noexcept {
   const Frame frame = frames_.back();
-  const std::int64_t time = clock_() - frame.start;
   frames_.pop_back();
+  const std::int64_t time = clock_() - frame.start;
   frame.record->own += time - frame.in_callees;
   --frame.record->running;
   if (!frames_.empty()) frames_.back().in_callees += time;
@@ -232,20 +229,20 @@ std::vector<Row> from_callgrind(std::string_view data) {
 }
 
 std::string table(const std::vector<Row>& rows) {
-  std::string text =
-      fmt::format("{:>12} {:>14} {:>14}  {}\n", "calls", "own s", "cumulative s", "function");
+  std::string text = fmt::format("{:>12} {:>14} {:>6} {:>14}  {}\n", "calls", "own s", "own %",
+                                 "cumulative s", "function");
+  std::int64_t total = 0;
+  for (const Row& row : rows) total += row.own;
   for (std::size_t i = 0; i < std::min(rows.size(), ROWS_SHOWN); ++i) {
     const auto& [function, calls, own, cumulative] = rows[i];
     const std::string_view file =
         std::string_view(function.file).substr(function.file.rfind('/') + 1);
-    text += fmt::format("{:>12} {:>14.6f} {:>14.6f}  {}:{}({})\n", calls, seconds(own),
-                        seconds(cumulative), file, function.line, function.name);
+    const double share = total == 0 ? 0 : static_cast<double>(own) / static_cast<double>(total);
+    text += fmt::format("{:>12} {:>14.6f} {:>6.1f} {:>14.6f}  {}:{}({})\n", calls, seconds(own),
+                        100 * share, seconds(cumulative), file, function.line, function.name);
   }
   return text;
 }
-
-void enter(Profiler& profiler, Site& site) { profiler.enter(site); }
-void leave(Profiler& profiler) noexcept { profiler.leave(); }
 
 std::string file_name(double seconds_since_epoch) {
   std::array<char, 512> digits{};  // the largest double has 309 digits
@@ -258,7 +255,16 @@ void run(const std::function<void()>& main) {
   print("Starting to profile!\n");
   const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
   const std::string path = file_name(std::chrono::duration<double>(since_epoch).count());
-  write_file(path, to_callgrind(measure(main)));
+  Profiler profiler;
+  const auto write = [&] { write_file(path, to_callgrind(profiler.measurements())); };
+  try {
+    PROFILE_SCOPE();
+    main();
+  } catch (const skein::KeyboardInterrupt&) {
+    write();
+    throw;
+  }
+  write();
   print(table(from_callgrind(read_file(path))));
 }
 

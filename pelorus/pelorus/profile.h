@@ -7,16 +7,20 @@
 #include <string_view>
 #include <vector>
 
-#include "pelorus/pelorus/profile_scope.h"
+#include "skein/profile_scope.h"
 
 // The call profiler behind "--profile": each function that matters says PROFILE_SCOPE() first, and
 // a profiled run counts and times every call of it, writes what it measured to a file and prints a
-// table of that. In any other run a scope costs a branch on entering and one on leaving. Loop
-// thread only; nothing is locked.
+// table of that.
 //
 // Times are in nanoseconds. A function's own time is what it spent itself; its cumulative time is
 // from entering to leaving it, so what it called included, and counted once where it calls itself.
+// Most of what measuring a call costs counts as time of that call.
 namespace pelorus::profile {
+
+using skein::profile::active;
+using skein::profile::Scope;
+using skein::profile::Site;
 
 struct Function {
   std::string file;  ///< as the compiler was given it
@@ -53,12 +57,12 @@ struct Row {
 /// Reads what to_callgrind() wrote; the longest cumulative time first.
 std::vector<Row> from_callgrind(std::string_view data);
 
-/// A heading and a line for each of the first 40 rows: calls, times in seconds and
-/// "file:line(function)", the file without its folders.
+/// A heading and a line for each of the first 40 rows: calls, times in seconds, the own time in
+/// percent of all rows' own times, and "file:line(function)", the file without its folders.
 std::string table(const std::vector<Row>& rows);
 
 /// Collects for as long as it lives. One at a time.
-class Profiler {
+class Profiler final : private skein::profile::Recorder {
  public:
   using Clock = std::int64_t (*)();  ///< nanoseconds that never step
   static std::int64_t steady_nanoseconds();
@@ -67,9 +71,6 @@ class Profiler {
   Profiler(const Profiler&) = delete;
   Profiler& operator=(const Profiler&) = delete;
   ~Profiler();
-
-  void enter(Site& site);
-  void leave() noexcept;
 
   /// What the calls that have ended took, in the order of their first.
   std::vector<Measurement> measurements() const;
@@ -94,6 +95,8 @@ class Profiler {
     std::int64_t in_callees = 0;
   };
 
+  void enter(Site& site) override;
+  void leave() noexcept override;
   Record& record_of(Site& site);
   static CallRecord& call_of(Record& caller, Record& callee);
 
@@ -107,8 +110,8 @@ std::string file_name(double seconds_since_epoch);
 
 /// Runs `main` under the profiler: says so on standard output, and when `main` has returned writes
 /// the data file into the current directory, reads it and prints its table to standard output.
-/// A failure of `main` passes through and leaves no file. Throws skein::SystemFailure where the
-/// file cannot be written or read.
+/// The terminal's interrupt passes through and leaves the file, any other failure of `main` passes
+/// through and leaves none. Throws skein::SystemFailure where the file cannot be written or read.
 void run(const std::function<void()>& main);
 
 }  // namespace pelorus::profile

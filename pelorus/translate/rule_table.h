@@ -18,6 +18,7 @@ struct RuleRow {
   RuleTest test;
   std::string_view literal;
   Rule rule;
+  const char* name;  ///< of the rule, for people
 
   /// Whether this row takes every part that `later` takes.
   constexpr bool hides(const RuleRow& later) const noexcept {
@@ -30,33 +31,33 @@ using enum RuleTest;
 
 /// In order: the first row that matches wins.
 constexpr std::array<RuleRow, 27> RULES{{
-    {STARTS_WITH, "t", rules::tunnel},  // every "t…" is a tunnel, every "b…" a bridge
-    {STARTS_WITH, "b", rules::bridge},
-    {STARTS_WITH, "processes-", rules::process},
-    {EQUALS, "processes", rules::processes},
-    {EQUALS, "vmem", rules::vmem},
-    {EQUALS, "irq", rules::irq},
-    {STARTS_WITH, "interface", rules::interface},
-    {STARTS_WITH, "cpu-", rules::cpu},
-    {EQUALS, "aggregation-cpu-average", rules::aggregation_cpu_average},
-    {EQUALS, "aggregator", rules::aggregator},
-    {STARTS_WITH, "disk", rules::disk},
-    {STARTS_WITH, "df", rules::df},
-    {EQUALS, "load", rules::load},
-    {EQUALS, "swap", rules::swap},
-    {EQUALS, "memory", rules::memory},
-    {STARTS_WITH, "link", rules::link_packet_loss},
-    {EQUALS, "conntrack", rules::conntrack},
-    {EQUALS, "cpufreq", rules::cpufreq},
-    {EQUALS, "entropy", rules::entropy},
-    {EQUALS, "uptime", rules::uptime},
-    {EQUALS, "ntpd", rules::ntpd},
-    {STARTS_WITH, "postgresql", rules::postgresql},
-    {EQUALS, "aggfail", rules::aggfail},
-    {EQUALS, "nginx", rules::nginx},
-    {EQUALS, "redis", rules::redis},
-    {EQUALS, "status", rules::status},
-    {EQUALS, "filecount-influxdb", rules::filecount_influxdb},
+    {STARTS_WITH, "t", rules::tunnel, "tunnel"},  // every "t…" is a tunnel, every "b…" a bridge
+    {STARTS_WITH, "b", rules::bridge, "bridge"},
+    {STARTS_WITH, "processes-", rules::process, "process"},
+    {EQUALS, "processes", rules::processes, "processes"},
+    {EQUALS, "vmem", rules::vmem, "vmem"},
+    {EQUALS, "irq", rules::irq, "irq"},
+    {STARTS_WITH, "interface", rules::interface, "interface"},
+    {STARTS_WITH, "cpu-", rules::cpu, "cpu"},
+    {EQUALS, "aggregation-cpu-average", rules::aggregation_cpu_average, "aggregation_cpu_average"},
+    {EQUALS, "aggregator", rules::aggregator, "aggregator"},
+    {STARTS_WITH, "disk", rules::disk, "disk"},
+    {STARTS_WITH, "df", rules::df, "df"},
+    {EQUALS, "load", rules::load, "load"},
+    {EQUALS, "swap", rules::swap, "swap"},
+    {EQUALS, "memory", rules::memory, "memory"},
+    {STARTS_WITH, "link", rules::link_packet_loss, "link_packet_loss"},
+    {EQUALS, "conntrack", rules::conntrack, "conntrack"},
+    {EQUALS, "cpufreq", rules::cpufreq, "cpufreq"},
+    {EQUALS, "entropy", rules::entropy, "entropy"},
+    {EQUALS, "uptime", rules::uptime, "uptime"},
+    {EQUALS, "ntpd", rules::ntpd, "ntpd"},
+    {STARTS_WITH, "postgresql", rules::postgresql, "postgresql"},
+    {EQUALS, "aggfail", rules::aggfail, "aggfail"},
+    {EQUALS, "nginx", rules::nginx, "nginx"},
+    {EQUALS, "redis", rules::redis, "redis"},
+    {EQUALS, "status", rules::status, "status"},
+    {EQUALS, "filecount-influxdb", rules::filecount_influxdb, "filecount_influxdb"},
 }};
 
 consteval bool every_row_reachable() {
@@ -68,6 +69,11 @@ consteval bool every_row_reachable() {
   return true;
 }
 static_assert(every_row_reachable());
+
+/// The first row of a rule, which stands in the table.
+constexpr const RuleRow& row_of(Rule rule) noexcept {
+  return *std::ranges::find(RULES, rule, &RuleRow::rule);
+}
 
 /// The first bytes of a plugin part, or of a literal, as words: compared in one step. Bytes after
 /// the end of a short part or literal are masked off:
@@ -84,7 +90,9 @@ struct FirstBytes {
 
 /// A row as it is looked up. Few literals are longer than FirstBytes.
 struct WordRow {
-  RuleRow row;
+  RuleTest test;
+  std::string_view text;  ///< the literal
+  Rule rule;
   FirstBytes literal;
   FirstBytes mask;  ///< which of these bytes the literal has
 
@@ -92,9 +100,9 @@ struct WordRow {
     const auto differing = ((first.words[0] & mask.words[0]) ^ literal.words[0]) |
                            ((first.words[1] & mask.words[1]) ^ literal.words[1]);
     if (differing != 0) return false;
-    const std::size_t size = row.literal.size();
-    if (row.test == EQUALS ? plugin.size != size : plugin.size < size) return false;
-    return size <= FirstBytes::SIZE || plugin.view().starts_with(row.literal);
+    const std::size_t size = text.size();
+    if (test == EQUALS ? plugin.size != size : plugin.size < size) return false;
+    return size <= FirstBytes::SIZE || plugin.view().starts_with(text);
   }
 };
 
@@ -105,7 +113,8 @@ consteval WordRow word_row(const RuleRow& row) {
     literal[i] = static_cast<unsigned char>(row.literal[i]);
     mask[i] = 0xFF;
   }
-  return {row, std::bit_cast<FirstBytes>(literal), std::bit_cast<FirstBytes>(mask)};
+  return {row.test, row.literal, row.rule, std::bit_cast<FirstBytes>(literal),
+          std::bit_cast<FirstBytes>(mask)};
 }
 
 /// The table as it is looked up: the rows whose literal begins with the same byte stand together,
@@ -144,7 +153,7 @@ inline Rule choose_rule(Slice plugin) noexcept {
   const auto range = BY_BYTE.of_byte[static_cast<unsigned char>(*plugin.data)];
   for (std::size_t i = range.begin; i != range.end; ++i) {
     const WordRow& row = BY_BYTE.rows[i];
-    if (row.matches(first, plugin)) return row.row.rule;
+    if (row.matches(first, plugin)) return row.rule;
   }
   return nullptr;
 }

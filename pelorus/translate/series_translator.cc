@@ -1,6 +1,10 @@
 #include "pelorus/translate/series_translator.h"
 
+#include <algorithm>
+#include <array>
+
 #include "pelorus/translate/rule_table.h"
+#include "skein/profile_scope.h"
 #include "skein/text.h"
 
 namespace translate {
@@ -17,6 +21,23 @@ Outcome read_source(Slice source, Record& record) noexcept {
     return Outcome::INVALID_SOURCE_TYPE;
   }
   return Outcome::TRANSLATED;
+}
+
+/// Runs the rule, which in a profiled run is a function of its own.
+Outcome run(Rule rule, Record& record, Parts& parts) {
+  using skein::profile::Site;
+  if (skein::profile::active == nullptr) [[likely]]
+    return rule(record, parts);
+  static auto sites = [] {
+    std::array<Site, RULES.size()> made{};
+    std::ranges::transform(RULES, made.begin(), [](const RuleRow& row) {
+      return Site{__FILE__, __LINE__, row.name};
+    });
+    return made;
+  }();
+  const skein::profile::Scope scope(
+      sites.at(static_cast<std::size_t>(&row_of(rule) - RULES.data())));
+  return rule(record, parts);
 }
 
 /// What a failure's text has before and after the series.
@@ -63,6 +84,7 @@ std::string failure_text(Outcome outcome, std::string_view series) {
 
 NamesWritten GraphiteSeriesTranslator::translate(std::string_view series, PartEnds ends, char* out,
                                                  TranslatedSeries* separate) const {
+  PROFILE_SCOPE();
   Parts parts(series, ends);
   Record record(parts, out, separate);
   const Outcome source = read_source(parts[0], record);
@@ -72,7 +94,7 @@ NamesWritten GraphiteSeriesTranslator::translate(std::string_view series, PartEn
   if (parts.fault() != Outcome::TRANSLATED) return {out, parts.fault()};
   const Rule rule = choose_rule(plugin);
   if (rule == nullptr) return {out, Outcome::NO_RULE};
-  const Outcome outcome = rule(record, parts);
+  const Outcome outcome = run(rule, record, parts);
   // A part that is missing comes before whatever else the rule finds wrong.
   if (parts.fault() != Outcome::TRANSLATED) return {out, parts.fault()};
   return {record.end(), outcome};

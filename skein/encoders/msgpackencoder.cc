@@ -9,6 +9,7 @@
 
 #include "skein/errors.h"
 #include "skein/limits.h"
+#include "skein/profile_scope.h"
 
 namespace skein {
 namespace {
@@ -121,6 +122,7 @@ std::uint32_t checked_size(std::size_t size) {
 }  // namespace
 
 void MsgpackEncoder::decode(std::string_view content, Message& message) {
+  PROFILE_SCOPE();
   message.nodes.clear();
   NodeVisitor visitor(message.nodes);
   std::size_t offset = 0;

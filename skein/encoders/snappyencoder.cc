@@ -8,6 +8,7 @@
 
 #include "skein/errors.h"
 #include "skein/limits.h"
+#include "skein/profile_scope.h"
 
 namespace skein {
 namespace {
@@ -40,6 +41,7 @@ std::size_t SnappyEncoder::content_size(std::string_view block) noexcept {
 }
 
 std::string_view SnappyEncoder::decode(std::string_view block) {
+  PROFILE_SCOPE();
   std::size_t size = 0;
   if (!snappy::GetUncompressedLength(block.data(), block.size(), &size)) {
     throw ProtocolError("frame does not decompress");

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "skein/errors.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 namespace {
@@ -70,6 +71,7 @@ void HTTPExchange::arm(std::chrono::duration<double> delay, void (HTTPExchange::
 }
 
 void HTTPExchange::start() {
+  PROFILE_SCOPE();
   connect_deadline_ = now() + CONNECT_TIME;
   arm(CONNECT_TIME, &HTTPExchange::connect_timed_out);
   const addrinfo hints = stream_hints(AI_NUMERICHOST);
@@ -135,6 +137,7 @@ std::string HTTPExchange::text_of(const Address& address) {
 /// Starts connecting to the next address that does not fail at once. Each address gets an equal
 /// share of the time that is left, so that one that drops every packet leaves time for the others.
 void HTTPExchange::connect_next() {
+  PROFILE_SCOPE();
   while (addresses_tried_ < addresses_.size()) {
     const auto share =
         (connect_deadline_ - now()) / static_cast<int>(addresses_.size() - addresses_tried_);
@@ -179,6 +182,7 @@ void HTTPExchange::connect_timed_out() {
 }
 
 void HTTPExchange::finish_connect() {
+  PROFILE_SCOPE();
   int error = 0;
   socklen_t length = sizeof error;
   if (::getsockopt(socket_.descriptor(), SOL_SOCKET, SO_ERROR, &error, &length) != 0) error = errno;
@@ -209,6 +213,7 @@ void HTTPExchange::send_and_receive() {
 }
 
 void HTTPExchange::read() {
+  PROFILE_SCOPE();
   std::array<char, READ_BUFFER_BYTES> buffer;
   const ssize_t count = ::recv(socket_.descriptor(), buffer.data(), buffer.size(), 0);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
@@ -224,6 +229,7 @@ void HTTPExchange::read() {
 }
 
 void HTTPExchange::write() {
+  PROFILE_SCOPE();
   std::size_t budget = SEND_BYTES_PER_TURN;
   while (send_error_ == 0 && !unsent_.empty() && budget > 0) {
     const ssize_t count = ::send(socket_.descriptor(), unsent_.data(),

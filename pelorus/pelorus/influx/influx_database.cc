@@ -7,6 +7,7 @@
 
 #include "pelorus/pelorus/influx/influx_http_request.h"
 #include "pelorus/pelorus/log.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 namespace {
@@ -57,6 +58,7 @@ void InfluxDatabase::add(std::string message) {
 }
 
 void InfluxDatabase::process_data() {
+  PROFILE_SCOPE();
   // Kept: a request leaves the timer alone, whether armed or not. A timer that fires during a write
   // does no harm, and without a timer the next add decides.
   if (should_send()) {

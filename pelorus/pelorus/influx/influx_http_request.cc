@@ -10,6 +10,7 @@
 
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/secret_text.h"
+#include "skein/profile_scope.h"
 #include "skein/text.h"
 
 namespace pelorus {
@@ -61,6 +62,7 @@ std::string InfluxHTTPRequest::get_headers() const {
 }
 
 std::string_view InfluxHTTPRequest::send_request() {
+  PROFILE_SCOPE();
   send_buf_ = get_headers();  // before the batch is taken: if it fails, no message is lost
   batch_ = database_.get_data();
   data_length_ = batch_.data_length();
@@ -71,12 +73,14 @@ std::string_view InfluxHTTPRequest::send_request() {
 }
 
 std::string_view InfluxHTTPRequest::next_slice() {
+  PROFILE_SCOPE();
   send_buf_.clear();
   batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_TURN);
   return send_buf_;
 }
 
 void InfluxHTTPRequest::handle_end() noexcept {
+  PROFILE_SCOPE();
   const HTTPResponse& response = exchange_.response();
   reported([&] {
     if (!exchange_.connected()) return;  // handle_close() makes it a failure

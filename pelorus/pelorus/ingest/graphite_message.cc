@@ -10,6 +10,7 @@
 
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/vector_scanner.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 namespace {
@@ -53,6 +54,7 @@ GraphiteMessage::GraphiteMessage(std::size_t buffer_bytes) : buffer_(buffer_byte
 
 template <class Scanner>
 GraphiteMessage::Built GraphiteMessage::build(std::string_view block, BadLineReporter& reporter) {
+  PROFILE_SCOPE();
   position_ = buffer_.begin();
   num_metrics_ = 0;
   const std::size_t safe = block.size() > SCAN_PADDING ? block.size() - SCAN_PADDING : 0;

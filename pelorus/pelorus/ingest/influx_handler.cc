@@ -13,7 +13,7 @@
 #include "pelorus/pelorus/ingest/graphite_message.h"
 #include "pelorus/pelorus/ingest/submit_message.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/profile_scope.h"
+#include "skein/profile_scope.h"
 #include "skein/text.h"
 
 namespace pelorus {

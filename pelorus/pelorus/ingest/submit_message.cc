@@ -14,6 +14,7 @@
 
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/translate/parts.h"
+#include "skein/profile_scope.h"
 #include "skein/text.h"
 
 namespace pelorus {
@@ -190,6 +191,7 @@ SubmitMessages::SubmitMessages(std::string_view name, skein::Value points)
       end_(are_points_ ? points.end() : next_) {}
 
 bool SubmitMessages::make(std::size_t most_points, const std::function<void(std::string)>& add) {
+  PROFILE_SCOPE();
   auto point = std::exchange(next_, end_);  // after a failure nothing is left to make
   if (!names_) return false;
   if (!are_points_) throw ArgumentTypeError("argument 'points' is no list");

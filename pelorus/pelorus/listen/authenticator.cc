@@ -16,6 +16,7 @@
 #include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/intrusive_list.h"
+#include "skein/profile_scope.h"
 #include "skein/resources.h"
 
 namespace pelorus {
@@ -194,6 +195,7 @@ Authenticator::PendingKey* Authenticator::find_pending(const std::string& key) {
 
 skein::Reply Authenticator::forward(const skein::Request& request, const Key& node_key,
                                     Operation&& operation) {
+  PROFILE_SCOPE();
   const std::string& key = node_key.text();
   const bool behind_others = find_pending(key) != nullptr;
   const VerifiedKey* const verified =
@@ -335,6 +337,7 @@ void Authenticator::handle_outcome(PendingKey& pending, bool is_valid,
 }
 
 bool Authenticator::PendingKey::serve(skein::ReadyQueue::Credit credit) noexcept {
+  PROFILE_SCOPE();
   const auto cost_of_first = [this] {
     const auto& operation = requests.front().operation;
     return operation ? operation->cost() : 0;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "skein/errors.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 namespace {
@@ -158,6 +159,7 @@ void CurlMulti::set_timer(long milliseconds) {
 }
 
 void CurlMulti::act(curl_socket_t socket, int events) {
+  PROFILE_SCOPE();
   int running = 0;
   const CURLMcode code = curl_multi_socket_action(multi_, socket, events, &running);
   report_ends();

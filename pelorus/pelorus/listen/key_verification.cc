@@ -12,6 +12,7 @@
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/listen/curl_multi.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 namespace {
@@ -306,12 +307,14 @@ KeyVerification::KeyVerification(const Settings& settings, skein::Loop& loop,
 KeyVerification::~KeyVerification() = default;
 
 void KeyVerification::do_auth_check(std::string_view key, Done done) noexcept {
+  PROFILE_SCOPE();
   Exchange& exchange = *idle_.back();  // the last one used: its TLS session is the freshest
   idle_.pop_back();
   exchange.start(key, std::move(done));
 }
 
 void KeyVerification::deliver() noexcept {
+  PROFILE_SCOPE();
   for (const auto& exchange : exchanges_) {
     if (!exchange->has_outcome()) continue;
     idle_.push_back(exchange.get());  // which has had its place there before

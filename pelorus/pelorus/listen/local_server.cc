@@ -14,7 +14,7 @@
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/profile_scope.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 namespace {

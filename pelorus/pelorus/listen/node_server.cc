@@ -8,8 +8,8 @@
 
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/log.h"
-#include "pelorus/pelorus/profile_scope.h"
 #include "pelorus/pelorus/settings.h"
+#include "skein/profile_scope.h"
 
 namespace pelorus {
 

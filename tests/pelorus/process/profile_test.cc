@@ -67,7 +67,7 @@ TEST(Profile, TableShowsTheFirstFortyRows) {
     rows.push_back({{"/a/b/c.cc", i, "f"}, i, 1500000, 2000000000});
   const std::string text = table(rows);
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1 + 40);
-  EXPECT_THAT(text, HasSubstr("           7       0.001500       2.000000  c.cc:7(f)\n"));
+  EXPECT_THAT(text, HasSubstr("           7       0.001500    2.0       2.000000  c.cc:7(f)\n"));
   EXPECT_THAT(table({{{"c.cc", 7, "operator()"}, 1, 0, 0}}), HasSubstr("  c.cc:7(operator())\n"));
 }
 
@@ -77,15 +77,17 @@ TEST(Profile, FileNameHoldsTheMomentWithoutAnExponent) {
   EXPECT_EQ(file_name(1e22), "pelorus.profile10000000000000000000000");
 }
 
-TEST(Profile, FailureOfMainPassesThroughAndLeavesNoFile) {
+TEST(Profile, InterruptLeavesTheFileInSilenceAndAFailureNone) {
   const support::Folder folder;
   const auto before = std::filesystem::current_path();
   std::filesystem::current_path(folder.path());
   testing::internal::CaptureStdout();
-  EXPECT_THROW(run([] { throw skein::KeyboardInterrupt(); }), skein::KeyboardInterrupt);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Starting to profile!\n");
-  std::filesystem::current_path(before);
+  EXPECT_THROW(run([] { throw std::runtime_error("x"); }), std::runtime_error);
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+  EXPECT_THROW(run([] { throw skein::KeyboardInterrupt(); }), skein::KeyboardInterrupt);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Starting to profile!\nStarting to profile!\n");
+  std::filesystem::current_path(before);
+  EXPECT_FALSE(std::filesystem::is_empty(folder.path()));
   EXPECT_EQ(active, nullptr);
 }
 
