@@ -133,7 +133,7 @@ void Daemon::serve(skein::Server& server, std::string_view values) {
     const Message message = look_at(value);
     decodes = message.decodes;
     if (message.msgid) due.push_back(*message.msgid);
-    frames += frame(value);
+    frames += support::frame(value);
     if (value != NIL) continue;
     peer.send(frames);
     frames.clear();

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <string>
 #include <string_view>
 #include <vector>
 
 #include "skein/loops.h"
 #include "skein/server.h"
-#include "skein/socket.h"
+#include "support/skein_peer.h"
 
 namespace fuzz {
 
@@ -23,20 +22,14 @@ class Peer {
   void finish();
 
   /// All that came back.
-  const std::string& received() const noexcept { return received_; }
+  const std::string& received() const noexcept { return peer_.received(); }
   /// The messages in it, decompressed. A broken frame is a finding.
-  std::vector<std::string> messages() const;
+  std::vector<std::string> messages();
 
  private:
-  bool receive();
-
   skein::Loop& loop_;
-  skein::Socket socket_;
-  std::string received_;
+  support::SkeinPeer peer_;
 };
-
-/// A message as it goes over the wire.
-std::string frame(std::string_view message);
 
 /// Takes one MessagePack value off the front of `bytes`; the whole rest where none begins there.
 std::string_view take_value(std::string_view& bytes);

@@ -3,8 +3,9 @@
 
 run.py SECONDS [TARGET...]   each target for SECONDS; new inputs go to build/fuzz/corpus, those
                              that break something to build/fuzz/findings. Exit status 1 with one.
-run.py keep [TARGET...]      replaces the committed inputs, save seeds, by the fewest of theirs and
-                             of build/fuzz/corpus that reach the same code.
+run.py keep [TARGET...]      replaces the committed inputs by the fewest of theirs and of
+                             build/fuzz/corpus that reach the same code. Those that are named after
+                             the fault that they once found stay.
 """
 import argparse
 import concurrent.futures
@@ -71,7 +72,7 @@ def keep(target):
     if status != 0:
         sys.exit(f"== {target}\n{printed}")
     for replaced in COMMITTED.glob(f"{target}/*"):
-        if not replaced.name.startswith("seed"):
+        if re.fullmatch("[0-9a-f]{40}", replaced.name):
             replaced.unlink()
     shutil.copytree(kept, COMMITTED / target, dirs_exist_ok=True)
     inputs = list((COMMITTED / target).iterdir())

@@ -9,8 +9,7 @@ is not PELORUS_BUILD's, and then imports what it needs:
     skein_client    a client and a server of the protocol
     http_server     a server that treats its clients as told: InfluxDB, the administration web server
     real_servers    InfluxDB and collectd as Debian packages them
-    ledger          what became of every message
-    graphite_lines  lines as a collectd sends them"""
+    ledger          what became of every message"""
 
 import os
 from pathlib import Path

@@ -10,7 +10,6 @@ import struct
 import sys
 
 from tests.end_to_end.bad_peers import BROKEN, bomb, odd_shapes
-from harness.graphite_lines import collectd_lines
 from harness.skein_client import REQUEST, frame
 
 HOST, PORT, SOCKET = sys.argv[1], int(sys.argv[2]), sys.argv[3]
@@ -18,7 +17,7 @@ KEYS = sys.argv[4].split(",")
 any_of = random.Random(7)
 done = {}
 
-BLOCK = "".join(collectd_lines(240))
+BLOCK = "".join(f"m000.irq.irq-{number} {number} 1700000000\n" for number in range(240))
 BAD_BLOCK = "two fields\n" * 20 + "m000.foo.bar 1 1\n" * 20 + "\0\xff 1 1\n"
 BLOCKS = {key: frame([REQUEST, 1, "collectd", {"key": key, "metrics": BLOCK}]) for key in KEYS}
 BAD_LINES = {key: frame([REQUEST, 1, "collectd", {"key": key, "metrics": BAD_BLOCK}])

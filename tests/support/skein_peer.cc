@@ -1,11 +1,12 @@
 #include "support/skein_peer.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 
 #include <array>
+#include <cerrno>
 #include <random>
+#include <stdexcept>
 
 #include "skein/encoders/snappyencoder.h"
 #include "skein/framing.h"
@@ -16,6 +17,10 @@ namespace {
 std::string shown(skein::Value result) {
   if (const auto text = result.text()) return std::string(*text);
   return result.is(skein::Value::Type::MAP) ? "map" : "nil";
+}
+
+void require(bool holds, const char* what) {
+  if (!holds) throw std::runtime_error(what);
 }
 
 }  // namespace
@@ -44,9 +49,9 @@ std::string noise(std::size_t size) {
 template <class Address>
 SkeinPeer SkeinPeer::connected(const Address& address, int family) {
   skein::Socket socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(
-      ::connect(socket.descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-      0);
+  require(::connect(socket.descriptor(), reinterpret_cast<const sockaddr*>(&address),
+                    sizeof address) == 0,
+          "not connected");
   return SkeinPeer(std::move(socket));
 }
 
@@ -65,8 +70,9 @@ SkeinPeer SkeinPeer::unix_socket(const std::string& path) {
 }
 
 void SkeinPeer::send(std::string_view bytes) {
-  EXPECT_EQ(::send(socket_.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(bytes.size()));
+  require(::send(socket_.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+              static_cast<ssize_t>(bytes.size()),
+          "not sent");
 }
 
 std::size_t SkeinPeer::send_now(std::string_view bytes) {
@@ -79,18 +85,31 @@ void SkeinPeer::finish_sending() { ::shutdown(socket_.descriptor(), SHUT_WR); }
 
 void SkeinPeer::reset() { support::reset(socket_); }
 
-std::string SkeinPeer::replies() {
+bool SkeinPeer::receive() {
   std::array<char, 65536> chunk{};
   ssize_t count = 0;
   while ((count = ::recv(socket_.descriptor(), chunk.data(), chunk.size(), MSG_DONTWAIT)) > 0) {
     received_.append(chunk.data(), static_cast<std::size_t>(count));
   }
-  std::string text;
-  std::string_view rest = received_;
+  return count < 0 && errno == EAGAIN;
+}
+
+std::vector<std::string> SkeinPeer::messages() {
+  std::vector<std::string> messages;
   skein::SnappyEncoder snappy;
-  skein::Message message;
+  std::string_view rest = received_;
   while (const auto payload = skein::take_frame(rest)) {
-    const std::string_view content = snappy.decode(*payload);
+    messages.emplace_back(snappy.decode(*payload));
+  }
+  received_ = std::string(rest);
+  return messages;
+}
+
+std::string SkeinPeer::replies() {
+  const bool open = receive();
+  std::string text;
+  skein::Message message;
+  for (std::string& content : messages()) {
     skein::MsgpackEncoder::decode(content, message);
     auto item = message.root().begin();
     const auto msgid = (*++item).natural();
@@ -98,10 +117,9 @@ std::string SkeinPeer::replies() {
     const skein::Value result = *++item;
     text += std::to_string(msgid) + (error.text() ? "!" : "=") +
             (error.text() ? std::string(*error.text()) : shown(result)) + " ";
-    last_reply_ = content;
+    last_reply_ = std::move(content);
   }
-  received_ = std::string(rest);
-  return count == 0 ? text + "end" : text;
+  return open ? text : text + "end";
 }
 
 void reset(skein::Socket& socket) {
@@ -113,7 +131,8 @@ void reset(skein::Socket& socket) {
 int bound_port(const skein::Socket& socket) {
   sockaddr_in address{};
   socklen_t length = sizeof address;
-  EXPECT_EQ(::getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+  require(::getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length) == 0,
+          "not bound");
   return ntohs(address.sin_port);
 }
 

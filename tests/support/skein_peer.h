@@ -24,6 +24,7 @@ std::string noise(std::size_t size);
 /// The far end of a server under test in the same thread. Never blocks.
 class SkeinPeer {
  public:
+  explicit SkeinPeer(skein::Socket socket) : socket_(std::move(socket)) {}
   static SkeinPeer tcp(int port);
   static SkeinPeer unix_socket(const std::string& path);
 
@@ -33,6 +34,12 @@ class SkeinPeer {
   /// The server reads the end of the stream; replies still come.
   void finish_sending();
   void reset();
+  /// Receives what has come by now; false at the end of the stream.
+  bool receive();
+  /// What has been received, without the messages that were taken.
+  const std::string& received() const noexcept { return received_; }
+  /// Takes the whole messages off received(), decompressed.
+  std::vector<std::string> messages();
   /// What has come back by now: "msgid=result" or "msgid!error", each with a blank behind it, where
   /// a result that is no text shows as "nil" or "map"; then "end" at the end of the stream.
   std::string replies();
@@ -42,7 +49,6 @@ class SkeinPeer {
  private:
   template <class Address>
   static SkeinPeer connected(const Address& address, int family);
-  explicit SkeinPeer(skein::Socket socket) : socket_(std::move(socket)) {}
 
   skein::Socket socket_;
   std::string received_;

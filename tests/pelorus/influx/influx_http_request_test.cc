@@ -8,10 +8,10 @@
 #include <chrono>
 #include <optional>
 
-#include "pelorus/influx/stand_in.h"
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "support/failing_allocation.h"
 #include "support/fake_clock.h"
+#include "support/http_server.h"
 #include "support/log_capture.h"
 #include "support/turn_until.h"
 
@@ -19,7 +19,7 @@ namespace pelorus {
 namespace {
 
 using support::answer;
-using support::StandIn;
+using support::HttpServer;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -63,7 +63,7 @@ struct InfluxHTTPRequestTest : testing::Test {
   support::FakeClock clock;
   support::LogCapture logs;
   skein::Loop loop{clock.clocks()};
-  StandIn endpoint;
+  HttpServer endpoint;
   InfluxConnection connection;
   const BufferSettings settings{.max_pending_messages = 10,
                                 .max_buffer_time = 60,
@@ -151,7 +151,7 @@ TEST_F(InfluxHTTPRequestTest, WriteStoredInPartIsToldFromALostOne) {
 }
 
 TEST_F(InfluxHTTPRequestTest, FailureThatLosesNothingIsLoggedFirstThenEveryTenSecondsWithACount) {
-  const StandIn refuses(StandIn::Mode::REFUSES);
+  const HttpServer refuses(HttpServer::Mode::REFUSES);
   const std::string line =
       "InfluxDB write (café database) failed: could not connect to influx:8086: Connection "
       "refused; nothing lost";
@@ -337,8 +337,8 @@ TEST_F(InfluxHTTPRequestTest, NumericAddressIsNotLookedUp) {
 }
 
 TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForTheNext) {
-  const StandIn refuses(StandIn::Mode::REFUSES);
-  const StandIn hangs(StandIn::Mode::HANGS);
+  const HttpServer refuses(HttpServer::Mode::REFUSES);
+  const HttpServer hangs(HttpServer::Mode::HANGS);
   support::resolve_several_to({refuses.port(), hangs.port(), endpoint.port()});
   connect_to("several.test", 1);
   database->add("m value=1 1");

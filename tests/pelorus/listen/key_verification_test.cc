@@ -7,15 +7,14 @@
 #include <optional>
 #include <stdexcept>
 
-#include "pelorus/influx/stand_in.h"
-#include "pelorus/listen/tls_peer.h"
 #include "support/fake_clock.h"
+#include "support/http_server.h"
 #include "support/turn_until.h"
 
 namespace pelorus {
 namespace {
 
-using support::StandIn;
+using support::HttpServer;
 using support::TlsPeer;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -104,7 +103,7 @@ struct KeyVerificationTest : testing::Test {
 
   support::FakeClock clock;
   skein::Loop loop{clock.clocks()};
-  StandIn server;
+  HttpServer server;
   Settings settings = Settings::from_text(R"({"LOCAL_WWW_KEY": "s3cret"})", "the source");
   std::vector<std::string> said;
   std::function<void()> also;  ///< done by the callback

@@ -5,10 +5,10 @@
 #include <functional>
 #include <optional>
 
-#include "../influx/stand_in.h"
 #include "listener_fixture.h"
 #include "skein/resources.h"
 #include "support/failing_allocation.h"
+#include "support/http_server.h"
 #include "support/turn_until.h"
 
 namespace pelorus {
@@ -93,7 +93,7 @@ class NodeServerTest : public ListenerTest {
     std::string text;
   };
 
-  support::StandIn web_;
+  support::HttpServer web_;
   std::deque<Exchange> exchanges_;
   std::deque<const skein::Socket*> pending_;
   std::vector<std::string> asked_;

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <openssl/ssl.h>
+
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,12 +12,12 @@
 
 namespace support {
 
-/// A listening socket on a free port of 127.0.0.1 that answers only what a test says.
-class StandIn {
+/// A server of HTTP on a free port of 127.0.0.1, which answers only what a test says.
+class HttpServer {
  public:
   enum class Mode { LISTENS, REFUSES, HANGS };
 
-  explicit StandIn(Mode mode = Mode::LISTENS);
+  explicit HttpServer(Mode mode = Mode::LISTENS);
   std::uint16_t port() const;
   /// The connection that waits, if any.
   skein::Socket accept() const;
@@ -34,6 +37,30 @@ void resolve_several_to(std::vector<std::uint16_t> ports);
 struct HangingLookups {
   HangingLookups();
   ~HangingLookups();
+};
+
+/// The web server's side of one connection, which does nothing but what a test says. Never blocks.
+/// Its certificate has about every fault that there is.
+class TlsPeer {
+ public:
+  explicit TlsPeer(skein::Socket socket);
+
+  /// Goes on with the handshake; true once it is complete.
+  bool handshake();
+  /// What has come by now.
+  std::string receive();
+  /// The client has closed.
+  bool at_end();
+  /// In one TLS record.
+  void send(std::string_view text);
+  /// An orderly end of the stream.
+  void close();
+  /// Breaks the connection off.
+  void reset();
+
+ private:
+  std::unique_ptr<SSL, decltype(&SSL_free)> ssl_;
+  skein::Socket socket_;
 };
 
 }  // namespace support
