@@ -101,16 +101,19 @@ class Influxd(Process):
             raise AssertionError(f"{text}: {status} {body}")
         return result.get("series", [])
 
+    def write(self, database, record, credentials):
+        """The status of the answer."""
+        return self._request("POST", f"/write?db={database}", record.encode(), credentials)[0]
+
     def count_values(self, database):
         """Field values per measurement."""
         return {series["name"]: sum(filter(None, series["values"][0][1:]))
                 for series in self.query("SELECT count(*) FROM /.*/", database)}
 
-    def _request(self, method, path):
+    def _request(self, method, path, body=None, credentials=_base64(*ADMINISTRATOR)):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         try:
-            credentials = _base64(*self.ADMINISTRATOR)
-            connection.request(method, path, headers={"Authorization": f"Basic {credentials}"})
+            connection.request(method, path, body, headers={"Authorization": f"Basic {credentials}"})
             answer = connection.getresponse()
             return answer.status, answer.read().decode()
         finally:

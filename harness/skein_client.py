@@ -138,8 +138,14 @@ class SkeinServer:
         self._listener = (socket.create_server(("127.0.0.1", 0)) if path is None else
                           socket.create_server(str(path), family=socket.AF_UNIX))
         self.address = self._listener.getsockname()
-        self.close = self._listener.close
-        in_thread(self._accept)
+        self._thread = in_thread(self._accept)
+
+    def close(self):
+        """A thread that still waited after it would take the connections of the next socket with this
+        number."""
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._thread.join(10)
+        self._listener.close()
 
     def metrics(self):
         """The lines of all blocks."""

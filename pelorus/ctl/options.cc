@@ -43,6 +43,7 @@ const Row* row_of(Kind kind) {
 }
 
 constexpr const char* DEFAULT_SOCKET = "/run/pelorus/collectd.sock";
+constexpr const char* SOCKET_VARIABLE = "PELORUS_SOCKET";
 constexpr const char* KEY_VARIABLE = "PELORUS_NODE_KEY";
 constexpr double MAX_TIMEOUT = 86400;  // seconds
 
@@ -69,7 +70,10 @@ std::string exit_status_help() {
 }
 
 void ServerOptions::add_local(CLI::App& command) {
-  command.add_option("--socket", socket, "Local socket of the daemon")
+  command
+      .add_option("--socket", socket,
+                  "Local socket of the daemon; without this option, the environment variable "
+                  "PELORUS_SOCKET names it")
       ->type_name("PATH")
       ->default_str(DEFAULT_SOCKET);
   command.add_option("--timeout", timeout, "Longest wait to connect, to send and for each reply")
@@ -117,7 +121,13 @@ CLI::Option* add_watch(CLI::App& command, double& seconds) {
 }
 
 skein::Endpoint ServerOptions::endpoint() const {
-  if (host.empty()) return skein::Endpoint::unix_socket(socket.empty() ? DEFAULT_SOCKET : socket);
+  if (host.empty()) {
+    const char* named = std::getenv(SOCKET_VARIABLE);
+    const bool is_named = named != nullptr && *named != '\0';
+    return skein::Endpoint::unix_socket(!socket.empty() ? socket
+                                        : is_named      ? named
+                                                        : DEFAULT_SOCKET);
+  }
   if (!socket.empty()) throw UsageError("--socket and --host exclude each other");
   return skein::Endpoint::tcp(host, port);
 }

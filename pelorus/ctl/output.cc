@@ -5,15 +5,11 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
-#include <stdexcept>
-#include <thread>
 
 #include "pelorus/ctl/options.h"
 #include "skein/text.h"
@@ -39,28 +35,37 @@ const char* code_of(Tone tone) {
   return "";
 }
 
-/// Overwrites the screen: clears the rest of each line, and of the screen after the last line.
-std::string in_place(std::string_view text) {
-  std::string out = "\033[H";
-  for (const char byte : text) {
-    if (byte == '\n') out += "\033[K";
-    out += byte;
-  }
-  return out + "\033[J";
-}
-
-std::string draw_or_explain(const std::function<std::string()>& draw) {
-  try {
-    return draw();
-  } catch (const skein::ClientError& error) {
-    return Palette::of_stdout().paint(Tone::BAD, explain(error)) + "\n";
-  }
-}
-
 /// Columns on the screen, one for each UTF-8 character.
 std::size_t width_of(std::string_view text) {
   return static_cast<std::size_t>(
       std::ranges::count_if(text, std::not_fn(skein::is_utf8_continuation)));
+}
+
+/// Bytes of the sequence that sets a colour, if `text` begins with one.
+std::size_t colour_bytes(std::string_view text) {
+  return text.starts_with('\033') ? std::min(text.find('m'), text.size() - 1) + 1 : 0;
+}
+
+/// Appends a line, cut to `columns`.
+void append_fitted(std::string& out, std::string_view line, std::size_t columns) {
+  std::size_t width = 0;
+  std::size_t cut = out.size();  // where the last column begins
+  while (!line.empty()) {
+    std::size_t bytes = colour_bytes(line);
+    if (bytes == 0) {
+      if (++width == columns) cut = out.size();
+      if (width > columns) {
+        out.resize(cut);
+        out += "…\033[0m";
+        return;
+      }
+      const auto* const next =
+          std::find_if_not(line.begin() + 1, line.end(), skein::is_utf8_continuation);
+      bytes = static_cast<std::size_t>(next - line.begin());
+    }
+    out += line.substr(0, bytes);
+    line.remove_prefix(bytes);
+  }
 }
 
 }  // namespace
@@ -78,24 +83,33 @@ std::string Palette::paint(Tone tone, std::string_view text) const {
   return fmt::format("{}{}\033[0m", code_of(tone), text);
 }
 
-std::string Table::draw(const Palette& palette) const {
+std::string fitted(std::string_view text, const Room& room) {
+  std::string out;
+  for (std::size_t row = 0; row < room.rows && !text.empty(); ++row) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    append_fitted(out, text.substr(0, end), room.columns);
+    out += '\n';
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return out;
+}
+
+std::string Table::draw(const Palette& palette, const Room& room) const {
   std::vector<std::vector<Cell>> all(1);
   for (const Column& column : columns_) all[0].push_back({column.heading, Tone::HEADING});
-  for (const auto& row : rows_) {
-    all.push_back(row);
+  const std::size_t shown =
+      lines() <= room.rows ? rows_.size() : std::min(rows_.size(), std::max(room.rows, 2UL) - 2);
+  for (std::size_t i = 0; i < shown; ++i) {
+    all.push_back(rows_[i]);
     for (Cell& cell : all.back()) cell.text = skein::without_controls(cell.text);
   }
-  std::vector<std::size_t> widths(columns_.size());
-  for (const auto& row : all) {
-    for (std::size_t i = 0; i < widths.size(); ++i) {
-      widths[i] = std::max(widths[i], width_of(row[i].text));
-    }
-  }
+  const auto widths = widths_within(room.columns, all);
   std::string drawn;
   for (const auto& row : all) {
     std::string gap;  // written only if another cell follows
     for (std::size_t i = 0; i < widths.size(); ++i) {
-      const std::string padding(widths[i] - width_of(row[i].text), ' ');
+      if (!widths[i]) continue;
+      const std::string padding(*widths[i] - width_of(row[i].text), ' ');
       if (columns_[i].right_aligned) gap += padding;
       if (!row[i].text.empty()) {
         drawn += gap + palette.paint(row[i].tone, row[i].text);
@@ -106,7 +120,30 @@ std::string Table::draw(const Palette& palette) const {
     }
     drawn += '\n';
   }
-  return drawn;
+  const std::size_t more = more_ + rows_.size() - shown;
+  if (more > 0) drawn += palette.paint(Tone::FAINT, fmt::format("… and {} more", more)) + "\n";
+  return fitted(drawn, room);
+}
+
+Table::Widths Table::widths_within(std::size_t columns,
+                                   const std::vector<std::vector<Cell>>& rows) const {
+  Widths widths(columns_.size());
+  std::size_t total = 0;
+  for (std::size_t i = 0; i < widths.size(); ++i) {
+    widths[i] = 0;
+    for (const auto& row : rows) widths[i] = std::max(*widths[i], width_of(row[i].text));
+    total += *widths[i] + (i == 0 ? 0 : 2);
+  }
+  while (total > columns) {
+    std::size_t least = 0;
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+      if (widths[i] && columns_[i].priority > columns_[least].priority) least = i;
+    }
+    if (columns_[least].priority == 0) break;
+    total -= *widths[least] + 2;
+    widths[least].reset();
+  }
+  return widths;
 }
 
 std::string human_count(double number) {
@@ -114,6 +151,11 @@ std::string human_count(double number) {
   const std::size_t first = digits.front() == '-' ? 1 : 0;
   for (std::size_t i = digits.size(); i > first + 3;) digits.insert(i -= 3, 1, ',');
   return digits;
+}
+
+std::string human_rate(double per_second) {
+  return per_second == 0 || per_second >= 100 ? human_count(per_second)
+                                              : fmt::format("{:.1f}", per_second);
 }
 
 std::string human_number_of(std::string_view thing, std::size_t number) {
@@ -152,17 +194,4 @@ std::string human_moment(double seconds_since_epoch) {
   std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
   return text.data();
 }
-
-void watch(double seconds, const std::function<std::string()>& draw) {
-  const bool terminal = isatty(STDOUT_FILENO) == 1;
-  if (terminal) std::fputs("\033[2J", stdout);
-  while (true) {
-    const std::string text = terminal ? in_place(draw_or_explain(draw)) : draw() + "\n";
-    if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
-      throw std::runtime_error("cannot write to standard output");
-    }
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-  }
-}
-
 }  // namespace pelorus::ctl

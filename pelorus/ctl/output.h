@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -26,6 +26,16 @@ class Palette {
   bool coloured_;
 };
 
+/// What a text may take up.
+struct Room {
+  std::size_t columns = std::string::npos;
+  std::size_t rows = std::string::npos;
+};
+
+/// The first lines of `text`, each as wide as the room at most; "…" ends a line that was cut.
+/// Colours take no width.
+std::string fitted(std::string_view text, const Room& room);
+
 struct Cell {
   std::string text;
   Tone tone = Tone::PLAIN;
@@ -34,6 +44,7 @@ struct Cell {
 struct Column {
   std::string heading;
   bool right_aligned = false;
+  int priority = 0;  ///< of those above 0, the highest is left out first when the room is narrow
 };
 
 /// Columns as wide as their widest cell, with two blanks between them.
@@ -45,16 +56,28 @@ class Table {
 
   /// Takes one cell for each column.
   void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
-  /// Headings and rows. Each ends with a newline, none with a blank before it.
-  std::string draw(const Palette& palette) const;
+  /// Says that there are `count` rows more, which were not added.
+  void set_more(std::size_t count) { more_ = count; }
+  /// How many lines draw() needs to show everything.
+  std::size_t lines() const { return 1 + rows_.size() + (more_ > 0 ? 1 : 0); }
+  /// Headings and rows. Each ends with a newline, none with a blank before it. In a narrow room,
+  /// columns are left out; in a low one, rows, with "… and 37 more" as the last line.
+  std::string draw(const Palette& palette, const Room& room = {}) const;
 
  private:
+  /// Of each column; none if it is left out.
+  using Widths = std::vector<std::optional<std::size_t>>;
+  Widths widths_within(std::size_t columns, const std::vector<std::vector<Cell>>& rows) const;
+
   std::vector<Column> columns_;
   std::vector<std::vector<Cell>> rows_;
+  std::size_t more_ = 0;
 };
 
 /// "12,345"
 std::string human_count(double number);
+/// "0", "3.4", "1,748"
+std::string human_rate(double per_second);
 /// "1 line", "20000 lines"
 std::string human_number_of(std::string_view thing, std::size_t number);
 /// "512 B", "1.5 MiB"
@@ -63,10 +86,5 @@ std::string human_bytes(double bytes);
 std::string human_duration(double seconds);
 /// "2023-11-14 22:13:20" in local time; "?" if it cannot be a time of this age.
 std::string human_moment(double seconds_since_epoch);
-
-/// Prints what `draw` returns every `seconds` until the process is interrupted: in place on a
-/// terminal, else one text after another. On a terminal, a failure to reach the daemon is shown and
-/// `draw` is called again.
-[[noreturn]] void watch(double seconds, const std::function<std::string()>& draw);
 
 }  // namespace pelorus::ctl

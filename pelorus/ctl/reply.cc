@@ -85,9 +85,11 @@ std::optional<bool> ReplyValue::boolean() const {
   return value_->boolean();
 }
 
-std::string to_json(Value value) {
+std::string to_json(Value value, JsonLines lines) {
   // Bytes that are no UTF-8 become replacement characters.
-  return json_of(value).dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  const int indentation = lines == JsonLines::MANY ? 2 : -1;
+  return json_of(value).dump(indentation, ' ', false, ordered_json::error_handler_t::replace) +
+         "\n";
 }
 
 }  // namespace pelorus::ctl

@@ -55,7 +55,9 @@ class ReplyValue {
   std::optional<skein::Value> value_;
 };
 
-/// Any value as JSON. Maps keep their order; a newline ends the text.
-std::string to_json(skein::Value value);
+/// Any value as JSON. Maps keep their order; a newline ends the text. `lines`: indented, or all on
+/// one line.
+enum class JsonLines { MANY, ONE };
+std::string to_json(skein::Value value, JsonLines lines);
 
 }  // namespace pelorus::ctl

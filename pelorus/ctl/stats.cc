@@ -23,6 +23,7 @@
 #include "pelorus/ctl/output.h"
 #include "pelorus/ctl/reply.h"
 #include "pelorus/ctl/subcommands.h"
+#include "pelorus/ctl/watch.h"
 #include "skein/text.h"
 
 namespace pelorus::ctl {
@@ -46,7 +47,7 @@ std::string moment(const ReplyValue& value) {
   return number ? human_moment(*number) : "?";
 }
 
-std::string stats_table(skein::Value databases, const Palette& palette) {
+std::string stats_table(skein::Value databases, const Palette& palette, const Room& room) {
   Table table({{"database"},
                {"writing"},
                {"waiting", Table::RIGHT},
@@ -60,7 +61,7 @@ std::string stats_table(skein::Value databases, const Palette& palette) {
                {count(failures), failures.amount() > 0 ? Tone::BAD : Tone::PLAIN},
                {moment(stats["last_sent_time"])}});
   });
-  return table.draw(palette);
+  return table.draw(palette, room);
 }
 
 // For a monitoring system: one line with a verdict and performance data.
@@ -118,7 +119,7 @@ class LastLook {
   void keep(skein::Value status) const {
     const std::string draft = path_ + ".new";
     std::ofstream file(draft);
-    file << to_json(status);
+    file << to_json(status, JsonLines::MANY);
     file.close();
     if (!file || std::rename(draft.c_str(), path_.c_str()) != 0) fail("cannot write");
   }
@@ -412,11 +413,17 @@ skein::Answer ask_status(const ServerOptions& server) {
   return ask(server, "status", args);
 }
 
-std::string draw(const ServerOptions& server, const StatsOptions& options) {
+std::string for_programs(const ServerOptions& server, const StatsOptions& options) {
   if (options.prometheus) return prometheus_text(ask_status(server).result());
-  const skein::Answer answer = ask(server, "stats");
-  return options.json ? to_json(answer.result())
-                      : stats_table(answer.result(), Palette::of_stdout());
+  return to_json(ask(server, "stats").result(),
+                 options.watch > 0 ? JsonLines::ONE : JsonLines::MANY);
+}
+
+Picture look(const ServerOptions& server) {
+  const auto answer = std::make_shared<skein::Answer>(ask(server, "stats"));  // of each drawing
+  return [answer](const Room& room) {
+    return stats_table(answer->result(), Palette::of_stdout(), room);
+  };
 }
 
 /// Prints one line whatever happens.
@@ -449,8 +456,14 @@ Health monitor(const ServerOptions& server, const StatsOptions& options) {
 void run(const ServerOptions& server, const StatsOptions& options) {
   if (options.monitoring()) throw CLI::RuntimeError(static_cast<int>(monitor(server, options)));
   if (!options.databases.empty()) throw UsageError("--database needs --warn or --crit");
-  if (options.watch > 0) watch(options.watch, [&] { return draw(server, options); });
-  std::fputs(draw(server, options).c_str(), stdout);
+  if (options.json || options.prometheus) {
+    if (options.watch > 0)
+      watch_lines(options.watch, [&] { return for_programs(server, options); });
+    std::fputs(for_programs(server, options).c_str(), stdout);
+    return;
+  }
+  if (options.watch > 0) watch(options.watch, [&] { return look(server); });
+  std::fputs(look(server)({}).c_str(), stdout);
 }
 
 }  // namespace

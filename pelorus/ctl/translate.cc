@@ -1,12 +1,17 @@
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
-#include <exception>
+#include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -18,6 +23,7 @@
 #include "pelorus/ctl/options.h"
 #include "pelorus/ctl/output.h"
 #include "pelorus/ctl/subcommands.h"
+#include "pelorus/pelorus/ingest/graphite_message.h"
 #include "pelorus/translate/rule_table.h"
 #include "pelorus/translate/series_translator.h"
 #include "skein/text.h"
@@ -29,28 +35,13 @@ namespace {
 struct TranslatedLine {
   std::string series;
   std::string value;  ///< empty if only a series name was given
-  std::string rule;   ///< its name and which plugin parts it matches; empty if none matches
-  std::string measurement;
-  std::string key;
-  std::vector<std::pair<std::string, std::string>> tags;
+  std::string rule;   ///< its name and which plugin parts it matches; empty if none was asked
+  translate::TranslatedSeries names;
+  std::string record;    ///< as it is sent; empty without a value, or if nothing is sent
+  std::string note;      ///< why InfluxDB will refuse the record; empty if it will not
   std::string error;     ///< as the daemon logs it; empty if it is translated
   bool skipped = false;  ///< its value is "nan": the daemon leaves it out without logging that
 };
-
-/// The daemon splits a line at these.
-constexpr std::string_view WHITE_SPACE = " \t\r\v\f\n";
-
-std::vector<std::string_view> fields_of(std::string_view line) {
-  std::vector<std::string_view> fields;
-  while (true) {
-    const std::size_t begin = line.find_first_not_of(WHITE_SPACE);
-    if (begin == line.npos) return fields;
-    line.remove_prefix(begin);
-    const std::size_t size = std::min(line.find_first_of(WHITE_SPACE), line.size());
-    fields.push_back(line.substr(0, size));
-    line.remove_prefix(size);
-  }
-}
 
 /// The part of a series name that selects the rule.
 std::string_view plugin_of(std::string_view series) {
@@ -71,37 +62,112 @@ std::string rule_of(std::string_view series) {
                      row.test == translate::EQUALS ? "equals" : "starts with", row.literal);
 }
 
-/// `text`: "series", or "series value timestamp".
-TranslatedLine translate_line(std::string_view text) {
-  TranslatedLine line;
-  const auto fields = fields_of(text);
-  if (fields.size() != 1 && fields.size() != 3) {
-    line.series = text;
-    line.error = fmt::format("Improperly formatted metric: \"{}\"", skein::display(text));
-    return line;
-  }
-  line.series = fields[0];
-  if (fields.size() == 3) line.value = fields[1];
-  line.skipped = line.value == "nan";
-  try {
-    auto translated = translate::GraphiteSeriesTranslator().translate(line.series);
-    line.rule = rule_of(line.series);
-    line.measurement = std::move(translated.measurement);
-    line.key = std::move(translated.key);
-    line.tags = std::move(translated.tags);
-  } catch (const translate::GraphiteSeriesTranslationError& error) {
-    line.error = error.what();
-  } catch (const translate::UnexpectedSeriesError& error) {
-    line.rule = rule_of(line.series);
-    line.error = fmt::format("Unexpected error occurred when translating series: {}", error.what());
-  }
-  return line;
+/// The record that the daemon builds of a line; empty if it builds none.
+std::string record_of(const std::string& text) {
+  struct Ignore : BadLineReporter {
+    void improperly_formatted(std::string_view) override {}
+    void not_translated(std::string_view, translate::Outcome) override {}
+  } ignore;
+  GraphiteMessage message(translate::names_bytes_at_most(text.size()) + 2 * text.size());
+  std::string record(message.build(text, ignore).message);
+  if (record.ends_with('\n')) record.pop_back();
+  return record;
 }
 
-/// Whether the daemon writes the value as an integer.
-bool is_integer(std::string_view value) {
-  return !value.empty() &&
-         std::ranges::all_of(value, [](char byte) { return byte >= '0' && byte <= '9'; });
+template <class Number>
+std::errc parse(std::string_view text, Number& number) {
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ptr != text.data() + text.size()) return std::errc::invalid_argument;
+  return result.ec;
+}
+
+/// Whether InfluxDB takes what follows the "=" of a field.
+bool is_field_value(std::string_view value) {
+  constexpr std::array<std::string_view, 10> BOOLEANS{"t", "T", "true",  "True",  "TRUE",
+                                                      "f", "F", "false", "False", "FALSE"};
+  if (std::ranges::find(BOOLEANS, value) != BOOLEANS.end()) return true;
+  if (value.starts_with('"')) return value.find('"', 1) == value.size() - 1;
+  if (value.ends_with('i')) {
+    std::int64_t integer = 0;
+    return parse(value.substr(0, value.size() - 1), integer) == std::errc();
+  }
+  double number = 0;
+  if (value.find_first_not_of("0123456789+-.eE") != value.npos) return false;  // no "inf"
+  const std::errc error = parse(value, number);
+  // Too small is 0 for InfluxDB, too large an error.
+  return error == std::errc() || (error == std::errc::result_out_of_range &&
+                                  std::isfinite(std::strtod(std::string(value).c_str(), nullptr)));
+}
+
+bool is_time(std::string_view nanoseconds) {
+  constexpr std::int64_t LAST = std::numeric_limits<std::int64_t>::max() - 1;
+  std::int64_t time = 0;
+  return parse(nanoseconds, time) == std::errc() && time >= -LAST && time <= LAST;
+}
+
+/// Why InfluxDB will refuse a record; empty if it will not. A name that breaks the record apart is
+/// named before what is around the break.
+std::string refusal_of(const TranslatedLine& line, std::string_view timestamp) {
+  std::vector<std::string_view> texts{line.names.measurement, line.names.key};
+  for (const auto& [key, value] : line.names.tags) texts.insert(texts.end(), {key, value});
+  for (const std::string_view text : texts) {
+    if (text.empty()) return "InfluxDB refuses an empty measurement, field or tag";
+    if (text.find_first_of(",=\\") != text.npos) {
+      return fmt::format("InfluxDB takes \",\", \"=\" and \"\\\" in \"{}\" for its own signs",
+                         text);
+    }
+  }
+  const std::string_view record = line.record;
+  const std::size_t blank = record.rfind(' ');
+  const bool integer = all_digits(line.value);
+  if (!is_field_value(integer ? line.value + "i" : line.value)) {
+    return fmt::format("InfluxDB refuses the value \"{}\"{}", line.value,
+                       integer ? ": an integer has up to 9223372036854775807" : "");
+  }
+  if (!is_time(record.substr(blank + 1))) {
+    return fmt::format(
+        "InfluxDB refuses the time: \"{}\" is no number of seconds of up to {} bytes", timestamp,
+        TIMESTAMP_BYTES);
+  }
+  return "";
+}
+
+/// `text`: "series", or "series value timestamp".
+TranslatedLine translate_line(const std::string& text) {
+  TranslatedLine line;
+  ScannedLine scanned;
+  const std::string terminated = text + "\n";  // outlives the fields
+  scan_line(terminated.data(), scanned);
+  if (scanned.field_count != 1 && scanned.field_count != 3) {
+    line.series = scanned.line;
+    line.error = fmt::format("Improperly formatted metric: \"{}\"", skein::display(scanned.line));
+    return line;
+  }
+  const auto& [series, value, timestamp] = scanned.fields;
+  line.series = series;
+  const std::string padded = line.series + std::string(translate::COPY_STEP, '\0');
+  std::string names(translate::names_bytes_at_most(series.size()), '\0');
+  const translate::Outcome outcome =
+      translate::GraphiteSeriesTranslator()
+          .translate({padded.data(), series.size()}, translate::UNKNOWN_ENDS, names.data(),
+                     &line.names)
+          .outcome;
+  if (outcome != translate::Outcome::SHORT_SOURCE &&
+      outcome != translate::Outcome::INVALID_SOURCE_TYPE) {
+    line.rule = rule_of(series);
+  }
+  if (outcome != translate::Outcome::TRANSLATED) {
+    line.error = translate::failure_text(outcome, series);
+    if (translate::is_unexpected(outcome)) {
+      line.error = "Unexpected error occurred when translating series: " + line.error;
+    }
+  }
+  if (scanned.field_count == 1) return line;
+  line.value = value;
+  line.skipped = value == "nan";
+  line.record = record_of(text);
+  if (!line.record.empty()) line.note = refusal_of(line, timestamp);
+  return line;
 }
 
 struct TranslateOptions {
@@ -115,8 +181,8 @@ class FieldTypes {
  public:
   void note(const TranslatedLine& line) {
     if (line.value.empty()) return;
-    Seen& seen = fields_[{line.measurement, line.key}];
-    std::string& first = is_integer(line.value) ? seen.integer : seen.real;
+    Seen& seen = fields_[{line.names.measurement, line.names.key}];
+    std::string& first = all_digits(line.value) ? seen.integer : seen.real;
     if (first.empty()) first = line.series + " " + line.value;
   }
   /// One line for each field that came as both.
@@ -140,9 +206,36 @@ class FieldTypes {
   std::map<std::pair<std::string, std::string>, Seen> fields_;
 };
 
+/// Which series became which field of which measurement and tags. Two that become the same
+/// overwrite each other.
+class Targets {
+ public:
+  void note(const TranslatedLine& line) {
+    auto tags = line.names.tags;
+    std::ranges::sort(tags);  // as InfluxDB does
+    std::string target = fmt::format("field {} of {}", line.names.key, line.names.measurement);
+    for (const auto& [key, value] : tags) target += fmt::format(",{}={}", key, value);
+    auto& names = series_[std::move(target)];
+    if (std::ranges::find(names, line.series) == names.end()) names.push_back(line.series);
+  }
+  /// One line for each field that several series write.
+  std::vector<std::string> conflicts() const {
+    std::vector<std::string> lines;
+    for (const auto& [target, names] : series_) {
+      if (names.size() < 2) continue;
+      lines.push_back(fmt::format("{} is overwritten: it comes from \"{}\"", target,
+                                  fmt::join(names, "\" and \"")));
+    }
+    return lines;
+  }
+
+ private:
+  std::map<std::string, std::vector<std::string>> series_;
+};
+
 std::string joined(const TranslatedLine& line) {
   std::string tags;
-  for (const auto& [key, value] : line.tags) {
+  for (const auto& [key, value] : line.names.tags) {
     tags += fmt::format("{}{}={}", tags.empty() ? "" : " ", key, value);
   }
   return tags;
@@ -156,10 +249,12 @@ void print_line(const TranslatedLine& line, const Palette& palette) {
   };
   fmt::print("{}\n", palette.paint(Tone::HEADING, skein::without_controls(line.series)));
   row("rule", line.rule);
-  row("measurement", line.measurement);
+  row("measurement", line.names.measurement);
   row("tags", joined(line));
-  row("key", line.key);
+  row("key", line.names.key);
+  row("record", line.record);
   if (line.skipped) row("left out", "its value is nan");
+  row("note", line.note, Tone::WARNING);
   row("error", line.error, Tone::BAD);
 }
 
@@ -167,13 +262,18 @@ void print_line(const TranslatedLine& line, const Palette& palette) {
 void print_json(const TranslatedLine& line) {
   nlohmann::ordered_json object{{"series", line.series}, {"rule", line.rule}};
   if (line.error.empty()) {
-    object["measurement"] = line.measurement;
+    object["measurement"] = line.names.measurement;
     object["tags"] = nlohmann::ordered_json::object();
-    for (const auto& [key, value] : line.tags) object["tags"][key] = value;
-    object["key"] = line.key;
-  } else {
-    object["error"] = line.error;
+    for (const auto& [key, value] : line.names.tags) object["tags"][key] = value;
+    object["key"] = line.names.key;
   }
+  const auto add = [&](const char* name, const std::string& text) {
+    if (!text.empty()) object[name] = text;
+  };
+  add("record", line.record);
+  if (line.skipped) object["left_out"] = "its value is nan";
+  add("note", line.note);
+  add("error", line.error);
   const auto replace = nlohmann::ordered_json::error_handler_t::replace;
   fmt::print("{}\n", object.dump(-1, ' ', false, replace));
 }
@@ -191,27 +291,38 @@ void each_line(const TranslateOptions& options,
 void run(const TranslateOptions& options) {
   const Palette palette = Palette::of_stdout();
   FieldTypes types;
+  Targets targets;
   std::size_t lines = 0;
   std::size_t failed = 0;
+  std::size_t refused = 0;
   each_line(options, [&](const std::string& text) {
     const TranslatedLine line = translate_line(text);
-    const bool good = line.error.empty();
+    const bool translated = line.error.empty();
     ++lines;
-    if (!good) ++failed;
-    if (good && !line.skipped) types.note(line);
-    if (options.lint && good) return;
+    if (!translated) ++failed;
+    if (!line.note.empty()) ++refused;
+    if (translated && options.lint) {
+      targets.note(line);
+      if (!line.skipped) types.note(line);
+    }
+    if (options.lint && translated && line.note.empty()) return;
     options.json ? print_json(line) : print_line(line, palette);
   });
-  std::size_t conflicts = 0;
+  const auto two_types = types.conflicts();
+  const auto overwritten = targets.conflicts();
   if (options.lint) {
-    for (const std::string& conflict : types.conflicts()) {
-      ++conflicts;
-      fmt::print("{}\n", palette.paint(Tone::WARNING, skein::without_controls(conflict)));
+    for (const auto* conflicts : {&two_types, &overwritten}) {
+      for (const std::string& conflict : *conflicts) {
+        fmt::print("{}\n", palette.paint(Tone::WARNING, skein::without_controls(conflict)));
+      }
     }
-    fmt::print("{}, {} not translated, {} of two types\n", human_number_of("line", lines), failed,
-               human_number_of("field", conflicts));
+    fmt::print("{}, {} not translated, {} refused by InfluxDB, {} of two types, {} overwritten\n",
+               human_number_of("line", lines), failed, refused,
+               human_number_of("field", two_types.size()), overwritten.size());
   }
-  if (failed + conflicts > 0) throw CLI::RuntimeError(static_cast<int>(ExitStatus::FAILURE));
+  if (failed + refused + two_types.size() + overwritten.size() > 0) {
+    throw CLI::RuntimeError(static_cast<int>(ExitStatus::FAILURE));
+  }
 }
 
 }  // namespace
@@ -229,12 +340,13 @@ void add_translate(CLI::App& app) {
   auto* json = command->add_flag("--json", options->json, "Print one JSON object a line");
   command
       ->add_flag("--lint", options->lint,
-                 "Print only what cannot be translated, and fields that come both as an integer "
-                 "and as a float: InfluxDB refuses the type that comes second")
+                 "Print only what cannot be translated or InfluxDB refuses, fields that come both "
+                 "as an integer and as a float (InfluxDB refuses the type that comes second), and "
+                 "series that overwrite each other")
       ->excludes(json);
   command->footer(
       "Exit status:\n  0  everything was translated\n"
-      "  1  something was not, or with --lint a field comes in two types\n"
+      "  1  something was not, or InfluxDB refuses it, or --lint found something else\n"
       "  2  wrong command line\n");
   command->callback([options] { run(*options); });
 }

@@ -1,7 +1,9 @@
 #include "pelorus/pelorus/settings.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -26,15 +28,22 @@ using nlohmann::json;
 
 constexpr const char* DEFAULT_SOURCE = "/etc/pelorus/settings.json";
 
-/// Whole content of a file. Throws SettingsError.
+/// Whole content of a regular file: a FIFO would keep the reader waiting. Throws SettingsError.
 std::string content_of(const std::string& path) {
   const auto fail = [&path](int error) -> SettingsError {
     return SettingsError(fmt::format("Cannot read the settings in {}: {}", path,
                                      std::generic_category().message(error)));
   };
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"),
+  // Not opened by fopen(), which waits for the other end of a FIFO.
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor < 0) throw fail(errno);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(::fdopen(descriptor, "r"),
                                                              std::fclose);
-  if (!file) throw fail(errno);
+  struct stat status {};
+  if (!file || ::fstat(descriptor, &status) != 0) throw fail(errno);
+  if (!S_ISREG(status.st_mode)) {
+    throw SettingsError(fmt::format("Cannot read the settings in {}: not a regular file", path));
+  }
   std::string content;
   std::array<char, 4096> piece{};
   while (const auto count = std::fread(piece.data(), 1, piece.size(), file.get())) {

@@ -99,6 +99,7 @@ Batch InfluxDatabase::get_data() {
   const auto end = pending_data_.begin() + static_cast<std::ptrdiff_t>(taken.messages);
   Batch batch(pending_data_.begin(), end, taken);
   pending_data_.erase(pending_data_.begin(), end);
+  shortest_ = std::min(shortest_, length_with_discarded());
   counters_.queued -= taken;
   counters_.in_flight += taken;
   counters_.largest_body = std::max<std::uint64_t>(counters_.largest_body, batch.data_length());
@@ -176,25 +177,38 @@ Amount InfluxDatabase::amount_of(std::size_t messages) const {
 }
 
 /// Discarded messages count, so that a full queue that keeps overflowing still counts as growing.
-InfluxDatabase::Sample InfluxDatabase::sample() const {
-  return {loop_.clocks().monotonic(), pending_data_.size() + counters_.discarded.messages};
+std::uint64_t InfluxDatabase::length_with_discarded() const {
+  return pending_data_.size() + counters_.discarded.messages;
 }
 
 void InfluxDatabase::sample_queue() noexcept {
-  samples_[samples_taken_++ % samples_.size()] = sample();
+  shortest_lengths_[samples_taken_++ % SAMPLES] = std::min(shortest_, length_with_discarded());
+  shortest_ = length_with_discarded();
 }
 
+// A queue that is written in time rises and falls. Only if it really grows, its shortest length of
+// the last half minute lies above that of the half minute before:
+//
+//     length      /| /| /|        written in time       /|/   grows
+//                / |/ |/ |/                         /|/
+//     shortest  0       0                       /|/   5     12
 std::optional<double> InfluxDatabase::seconds_until_full() const {
-  if (samples_taken_ == 0) return std::nullopt;
-  const Sample& oldest =
-      samples_[samples_taken_ < samples_.size() ? 0 : samples_taken_ % samples_.size()];
-  const Sample now = sample();
-  if (now.time <= oldest.time || now.messages <= oldest.messages) return std::nullopt;
-  const double per_second = static_cast<double>(now.messages - oldest.messages) /
-                            std::chrono::duration<double>(now.time - oldest.time).count();
+  if (samples_taken_ < SAMPLES) return std::nullopt;
+  const auto shortest_of_half = [this](std::size_t begin) {
+    std::uint64_t shortest = shortest_lengths_[(samples_taken_ + begin) % SAMPLES];
+    for (std::size_t i = begin + 1; i < begin + HALF; ++i) {
+      shortest = std::min(shortest, shortest_lengths_[(samples_taken_ + i) % SAMPLES]);
+    }
+    return shortest;
+  };
+  const std::uint64_t before = shortest_of_half(0);
+  const std::uint64_t now = shortest_of_half(HALF);
+  if (now <= before) return std::nullopt;
+  const double per_second = static_cast<double>(now - before) / (HALF * SAMPLE_INTERVAL);
   const auto room = static_cast<double>(settings_.max_pending_messages) -
                     static_cast<double>(pending_data_.size());
-  return std::max(room, 0.0) / per_second;
+  const double seconds = std::max(room, 0.0) / per_second;
+  return seconds < LONGEST_FORECAST ? std::optional(seconds) : std::nullopt;
 }
 
 }  // namespace pelorus

@@ -142,17 +142,17 @@ class InfluxDatabase {
   double last_sent_time() const noexcept { return last_sent_time_; }
   std::size_t max_pending_messages() const noexcept { return settings_.max_pending_messages; }
   const WriteCounters& counters() const noexcept { return counters_; }
-  /// If the queue grows as in the last minute. None while it does not grow or has no samples.
+  /// If the queue grows as in the last minute. None if it does not really grow, if it would take a
+  /// day or more, and in the first minute.
   std::optional<double> seconds_until_full() const;
 
  private:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  /// The growth of the queue: how many messages have waited or been discarded at one moment.
-  struct Sample {
-    TimePoint time;
-    std::uint64_t messages = 0;
-  };
+  static constexpr std::size_t HALF = 3;  // a minute in two halves
+  static constexpr std::size_t SAMPLES = 2 * HALF;
+  static constexpr double SAMPLE_INTERVAL = 10;      // seconds: sample_queue()
+  static constexpr double LONGEST_FORECAST = 86400;  // seconds
 
   bool should_send() const;
   bool should_drop_data() const;
@@ -161,7 +161,7 @@ class InfluxDatabase {
   void arm_process_data_timer(TimePoint now);
   /// Of the first `messages` in the queue.
   Amount amount_of(std::size_t messages) const;
-  Sample sample() const;
+  std::uint64_t length_with_discarded() const;
 
   const std::string name_;
   const BufferSettings& settings_;
@@ -177,7 +177,8 @@ class InfluxDatabase {
   TimePoint process_data_due_{};  ///< when process_data() is to run; the timer may fire earlier
   bool timer_armed_ = false;
   WriteCounters counters_;
-  std::array<Sample, 6> samples_{};  ///< a ring: one every ten seconds, the last minute
+  std::array<std::uint64_t, SAMPLES> shortest_lengths_{};  ///< a ring: of every ten seconds
+  std::uint64_t shortest_ = 0;                             ///< length since the last of them
   std::size_t samples_taken_ = 0;
   /// The last write that was made. It stays until the next one is made, because it reports its end
   /// from inside its own callback.

@@ -109,5 +109,21 @@ TEST_F(InfluxDatabaseTest, FullQueueDropsItsOldestOncePerLook) {
   EXPECT_EQ(database.pending_data_len(), 0U);
 }
 
+TEST_F(InfluxDatabaseTest, QueueIsSoonFullOnlyIfItsShortestLengthGrows) {
+  for (int i = 0; i < 20; ++i) {  // a write in every ten seconds empties the queue
+    add(i % 3);
+    while (database.pending_data_len() > 0) database.get_data();
+    add(i % 3);
+    database.sample_queue();
+    EXPECT_EQ(database.seconds_until_full(), std::nullopt);
+  }
+  for (int i = 0; i < 6; ++i) {
+    add(1);
+    database.sample_queue();
+  }
+  EXPECT_EQ(database.pending_data_len(), 7U);
+  EXPECT_EQ(database.seconds_until_full(), 30.0);  // 3 more in half a minute, room for 3
+}
+
 }  // namespace
 }  // namespace pelorus
