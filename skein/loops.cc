@@ -1,10 +1,16 @@
 #include "skein/loops.h"
 
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <ctime>
 #include <utility>
 
 #include "skein/errors.h"
+#include "skein/socket.h"
 
 namespace skein {
 namespace {
@@ -18,6 +24,45 @@ constexpr double LONGEST_DELAY_SECONDS = 3.2e9;
 
 }  // namespace
 
+std::chrono::steady_clock::time_point time_since_boot() noexcept {
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return std::chrono::steady_clock::time_point(std::chrono::seconds(now.tv_sec) +
+                                               std::chrono::nanoseconds(now.tv_nsec));
+}
+
+/// The alarm of the loop, by a clock that goes on while the machine is suspended: libuv's timers
+/// would be late by that time.
+class Loop::Wake final : private PollTarget {
+ public:
+  explicit Wake(Loop& loop)
+      : loop_(loop),
+        timer_(::timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC)),
+        poll_(loop, timer_.descriptor(), *this) {}
+
+  void set(std::chrono::nanoseconds wait) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(wait);
+    itimerspec due{};
+    due.it_value = {seconds.count(), (wait - seconds).count()};
+    if (::timerfd_settime(timer_.descriptor(), 0, &due, nullptr) != 0) {
+      throw SystemFailure("timerfd_settime", errno);
+    }
+    poll_.watch(UV_READABLE);
+  }
+  /// A loop that waits for no timer may end.
+  void stop() { poll_.watch(0); }
+
+ private:
+  void handle_events(int) override {
+    std::uint64_t times = 0;
+    if (::read(timer_.descriptor(), &times, sizeof times) > 0) loop_.run_due_timers();
+  }
+
+  Loop& loop_;
+  Socket timer_;
+  Poll poll_;
+};
+
 void Timer::cancel() {
   if (loop_ != nullptr) loop_->cancel(key_);
 }
@@ -25,10 +70,7 @@ void Timer::cancel() {
 Loop::Loop(Clocks clocks) : clocks_(std::move(clocks)) {
   check(uv_loop_init(&uv_), "uv_loop_init");
   uv_.data = this;
-  auto wake = std::make_unique<uv_timer_t>();
-  check(uv_timer_init(&uv_, wake.get()), "uv_timer_init");
-  wake->data = this;
-  wake_.reset(wake.release());
+  wake_ = std::make_unique<Wake>(*this);
   auto due_now = std::make_unique<uv_idle_t>();
   check(uv_idle_init(&uv_, due_now.get()), "uv_idle_init");
   due_now->data = this;
@@ -69,32 +111,21 @@ Timer Loop::call_in(double delay, Callback callback) {
   return {*this, key};
 }
 
-/// The one libuv timer wakes the loop when the first of ours is due. It is only ever moved to an
-/// earlier moment: cancelling leaves it alone, and a wake-up that finds nothing due re-arms it.
-/// What is due already waits for the next turn: a libuv timer without a delay would run on and on
-/// before descriptors have their turn.
+/// The alarm wakes the loop when the first timer is due. It is only ever moved to an earlier
+/// moment: cancelling leaves it alone, and a wake-up that finds nothing due sets it again. What is
+/// due already waits for the next turn, so that descriptors have theirs.
 void Loop::wake_at_first_due() {
-  if (timers_.empty() || timers_.begin()->first.due >= wake_due_) return;
+  if (timers_.empty()) return wake_->stop();
+  if (timers_.begin()->first.due >= wake_due_) return;
   wake_due_ = timers_.begin()->first.due;
-  const auto wait =
-      std::chrono::ceil<std::chrono::milliseconds>(wake_due_ - clocks_.monotonic()).count();
-  if (wait <= 0) {
-    check(uv_idle_start(due_now_.get(),
-                        [](uv_idle_t* handle) {
-                          if (handle->data != nullptr)
-                            static_cast<Loop*>(handle->data)->run_due_timers();
-                        }),
-          "uv_idle_start");
-    return;
-  }
-  uv_update_time(&uv_);  // the cached clock lies back by the length of the present callback
-  check(uv_timer_start(
-            wake_.get(),
-            [](uv_timer_t* handle) {
-              if (handle->data != nullptr) static_cast<Loop*>(handle->data)->run_due_timers();
-            },
-            static_cast<std::uint64_t>(wait), 0),
-        "uv_timer_start");
+  const auto wait = wake_due_ - clocks_.monotonic();
+  if (wait.count() > 0) return wake_->set(wait);
+  check(uv_idle_start(due_now_.get(),
+                      [](uv_idle_t* handle) {
+                        if (handle->data != nullptr)
+                          static_cast<Loop*>(handle->data)->run_due_timers();
+                      }),
+        "uv_idle_start");
 }
 
 void Loop::end_work() noexcept {

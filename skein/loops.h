@@ -16,11 +16,15 @@
 
 namespace skein {
 
-/// The two clocks that a program lives by. Timers and time-outs run on `monotonic`; `wall` is for
-/// moments that are shown, stored or compared with moments from outside. Tests pass their own.
+/// The time since the machine was started, while it was suspended too.
+std::chrono::steady_clock::time_point time_since_boot() noexcept;
+
+/// The two clocks that a program lives by. All decisions on elapsed time, timers and time-outs run
+/// on `monotonic`; `wall` is for moments that are shown, stored or compared with moments from
+/// outside. Tests pass their own.
 struct Clocks {
   /// Never steps.
-  std::function<std::chrono::steady_clock::time_point()> monotonic = std::chrono::steady_clock::now;
+  std::function<std::chrono::steady_clock::time_point()> monotonic = time_since_boot;
   /// Seconds since the Unix epoch, fractional.
   std::function<double()> wall = [] {
     const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
@@ -153,7 +157,8 @@ class Loop {
   std::optional<Moment> now_;              ///< of the present turn, once somebody has asked
   std::optional<profile::Scope> waiting_;  ///< for events, in a profiled run
   UvHandle<uv_prepare_t> before_wait_;
-  UvHandle<uv_timer_t> wake_;
+  class Wake;
+  std::unique_ptr<Wake> wake_;
   UvHandle<uv_idle_t> due_now_;  ///< active while a timer is due on the next turn
   std::chrono::steady_clock::time_point wake_due_ = std::chrono::steady_clock::time_point::max();
   UvHandle<uv_signal_t> terminate_;
