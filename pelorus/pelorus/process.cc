@@ -10,6 +10,8 @@
 #include <clocale>
 #include <csignal>
 #include <cwchar>
+#include <fstream>
+#include <string>
 #include <string_view>
 
 #include "pelorus/pelorus/errors.h"
@@ -125,6 +127,22 @@ void keep_freed_memory() {
   // Both: setting one of them ends the allocator's own adjustment of the other.
   ::mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
   ::mallopt(M_MMAP_THRESHOLD, OWN_MAPPING_BYTES);
+}
+
+std::size_t usable_memory() {
+  const auto pages = static_cast<std::size_t>(::sysconf(_SC_PHYS_PAGES));
+  std::size_t most = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  std::string group;
+  std::ifstream groups("/proc/self/cgroup");  // "0::/system.slice/pelorus.service"
+  while (std::getline(groups, group) && !group.starts_with("0::/")) {
+  }
+  if (!group.starts_with("0::/")) return most;
+  for (group.erase(0, 3); !group.empty(); group.erase(group.rfind('/'))) {
+    std::size_t limit = 0;  // stays where the file says "max", or is not there
+    std::ifstream file("/sys/fs/cgroup" + group + "/memory.max");
+    if (file >> limit && limit != 0) most = std::min(most, limit);
+  }
+  return most;
 }
 
 }  // namespace pelorus

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <span>
 #include <string>
 #include <vector>
@@ -38,5 +39,9 @@ void raise_descriptor_limit();
 /// and freed with each batch; without this their memory returns to the system each time, and
 /// taking it again, page by page, costs more than translating the lines in it.
 void keep_freed_memory();
+
+/// Bytes of memory that the process may use: the least of the machine's memory and the memory
+/// limits of its control group and of those above it.
+std::size_t usable_memory();
 
 }  // namespace pelorus

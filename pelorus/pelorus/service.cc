@@ -98,12 +98,15 @@ std::vector<std::string> Service::database_names() const {
 
 void Service::main() {
   log::info("Starting.");
+  if (log::enabled(log::Level::DEBUG)) {
+    log::warning("The log level is debug: whole keys of nodes are logged.");
+  }
   InfluxHandler handler(
       database_names(),
       [this](const std::string& name) {
         return std::make_unique<InfluxDatabase>(name, buffer_settings_, influx_connection_, loop_);
       },
-      loop_);
+      loop_, GRAPHITE_BUFFER_BYTES, buffer_settings_.max_queued_bytes);
   skein::Resources resources(loop_);
   NodeServer node_server(handler, settings_, loop_, resources);
   LocalServer local_server(handler, settings_, loop_, resources, &node_server);

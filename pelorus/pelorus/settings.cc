@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "pelorus/pelorus/errors.h"
+#include "pelorus/pelorus/process.h"
 
 // The parser's own messages quote what it read last, which may be a credential: none is passed on.
 namespace pelorus {
@@ -143,6 +144,8 @@ Settings Settings::from_text(std::string_view json_text, std::string source) {
   return Settings(std::move(values), std::move(source));
 }
 
+bool Settings::contains(std::string_view key) const { return values_->object.contains(key); }
+
 template <class T>
 T Settings::get(std::string_view key) const {
   const auto found = values_->object.find(key);
@@ -232,6 +235,9 @@ BufferSettings BufferSettings::read(const Settings& settings) {
   buffer.ideal_queued_messages = read_count(settings, "PELORUS_IDEAL_QUEUED_MESSAGES", 0);
   buffer.max_batch_size = read_count(settings, "PELORUS_MAX_BATCH_SIZE", 1);
   buffer.discard_size = read_count(settings, "PELORUS_DISCARD_SIZE", 1);
+  buffer.max_queued_bytes = settings.contains("PELORUS_MAX_QUEUED_BYTES")
+                                ? read_count(settings, "PELORUS_MAX_QUEUED_BYTES", 1)
+                                : usable_memory() / 2;
   return buffer;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,6 +32,8 @@ class Settings {
   template <class T>
   T get(std::string_view key) const;
 
+  bool contains(std::string_view key) const;
+
   const std::string& source() const noexcept { return source_; }
 
  private:
@@ -49,11 +52,14 @@ struct BufferSettings {
   std::size_t max_batch_size = 0;          ///< most messages of one write
   std::size_t discard_size = 0;            ///< oldest messages dropped at once
   double check_for_process_data_time = 1;  ///< seconds until the buffer looks again
+  /// Bytes of all queues together, above which the oldest messages of the largest are dropped.
+  std::size_t max_queued_bytes = SIZE_MAX;
 
   /// Reads PELORUS_MAX_PENDING_MESSAGES, PELORUS_BUFFER_TIME, PELORUS_IDEAL_QUEUED_MESSAGES,
-  /// PELORUS_MAX_BATCH_SIZE and PELORUS_DISCARD_SIZE, in this order. Throws SettingsError, also
-  /// for pending, batch or discard below 1, and for an ideal length or time that is negative or
-  /// not finite.
+  /// PELORUS_MAX_BATCH_SIZE and PELORUS_DISCARD_SIZE, in this order, then
+  /// PELORUS_MAX_QUEUED_BYTES if it is there; without it, half of the memory that the process may
+  /// use. Throws SettingsError, also for pending, batch or discard below 1, and for an ideal length
+  /// or time that is negative or not finite.
   static BufferSettings read(const Settings& settings);
 };
 

@@ -54,7 +54,11 @@ void InfluxDatabase::add(std::string message) {
   const std::size_t bytes = message.size();
   pending_data_.push_back(std::move(message));
   counters_.queued += {1, bytes};
-  process_data();
+  try {
+    process_data();
+  } catch (const std::exception& failure) {  // the message is queued: nobody is to add it again
+    loop_.report(failure);
+  }
 }
 
 void InfluxDatabase::process_data() {
@@ -106,14 +110,23 @@ Batch InfluxDatabase::get_data() {
   return batch;
 }
 
-void InfluxDatabase::discard_old_data() {
+void InfluxDatabase::discard_old_data() { discard(settings_.discard_size); }
+
+void InfluxDatabase::discard_bytes(std::uint64_t bytes) {
+  Amount dropped;
+  while (dropped.memory() < bytes && dropped.messages < pending_data_.size()) {
+    dropped += {1, pending_data_[dropped.messages].size()};
+  }
+  discard(dropped.messages);
+}
+
+void InfluxDatabase::discard(std::size_t count) {
   log::warning("Queue filled up, discarding data");
-  const auto count = std::min(settings_.discard_size, pending_data_.size());
-  const Amount dropped = amount_of(count);
+  const Amount dropped = amount_of(std::min(count, pending_data_.size()));
   counters_.queued -= dropped;
   counters_.discarded += dropped;
   pending_data_.erase(pending_data_.begin(),
-                      pending_data_.begin() + static_cast<std::ptrdiff_t>(count));
+                      pending_data_.begin() + static_cast<std::ptrdiff_t>(dropped.messages));
 }
 
 /// Every message moves the due time. The timer that is armed stays, so that a message costs no

@@ -26,6 +26,10 @@ struct Amount {
     bytes += more.bytes;
     return *this;
   }
+  /// Roughly what they take up in memory.
+  std::uint64_t memory() const noexcept { return bytes + messages * MESSAGE_OVERHEAD_BYTES; }
+  static constexpr std::uint64_t MESSAGE_OVERHEAD_BYTES = 48;
+
   Amount& operator-=(const Amount& less) noexcept {
     messages -= less.messages;
     bytes -= less.bytes;
@@ -117,6 +121,9 @@ class InfluxDatabase {
   Batch get_data();
   /// Drops the oldest discard_size messages, with a warning.
   void discard_old_data();
+  /// Drops the oldest messages, so many that `bytes` of memory are free, or all, with the same
+  /// warning.
+  void discard_bytes(std::uint64_t bytes);
   /// Harmless when no timer is armed.
   void stop_process_data_timer();
 
@@ -154,6 +161,7 @@ class InfluxDatabase {
   static constexpr double SAMPLE_INTERVAL = 10;      // seconds: sample_queue()
   static constexpr double LONGEST_FORECAST = 86400;  // seconds
 
+  void discard(std::size_t count);
   bool should_send() const;
   bool should_drop_data() const;
   void send_request();

@@ -52,8 +52,11 @@ std::string statistics_message(const Statistics& statistics, Nanoseconds now) {
 
 InfluxHandler::InfluxHandler(std::span<const std::string> database_names,
                              const MakeDatabase& make_database, skein::Loop& loop,
-                             std::size_t graphite_buffer_bytes)
-    : loop_(loop), graphite_message_(std::make_unique<GraphiteMessage>(graphite_buffer_bytes)) {
+                             std::size_t graphite_buffer_bytes, std::uint64_t max_queued_bytes)
+    : loop_(loop),
+      max_queued_bytes_(max_queued_bytes),
+      graphite_message_(std::make_unique<GraphiteMessage>(graphite_buffer_bytes)),
+      stats_again_(loop, [this] { call_send_stats(); }) {
   for (const std::string& name : database_names) {
     auto database = make_database(name);
     const auto same = std::ranges::find(databases_, name, [](const auto& d) { return d->name(); });
@@ -91,6 +94,19 @@ void InfluxHandler::add(std::string_view name, std::string data, std::int64_t nu
         fmt::format("no database '{}' is configured", name.substr(0, SHOWN_NAME_BYTES)));
   }
   database->add(std::move(data));
+  limit_queues();
+}
+
+/// Some more goes than has to, so that a long outage does not end in a warning for each message.
+void InfluxHandler::limit_queues() {
+  const auto memory = [](const auto& database) { return database->counters().queued.memory(); };
+  std::uint64_t sum = 0;
+  for (const auto& database : databases_) {
+    sum += memory(database) + database->counters().in_flight.memory();
+  }
+  if (sum <= max_queued_bytes_) return;
+  const auto largest = std::ranges::max_element(databases_, {}, memory);
+  (*largest)->discard_bytes(sum - max_queued_bytes_ + max_queued_bytes_ / 16);
 }
 
 IngestResult InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
@@ -136,12 +152,20 @@ Statistics InfluxHandler::totals() const noexcept {
 void InfluxHandler::send_stats() {
   PROFILE_SCOPE();
   for (const auto& database : databases_) database->sample_queue();
+  if (find(TIDEWELL_DATABASE) != nullptr) call_send_stats();
   const Nanoseconds now = timestamp_to_influx(loop_.clocks().wall());
   const Statistics totals = this->totals();
   add(TIDEWELL_DATABASE, statistics_message(statistics_, now), STATISTICS_RECORDS);
   reported_ = totals;
   statistics_ = {};
-  loop_.call_in(STATS_INTERVAL, [this] { send_stats(); });
+}
+
+void InfluxHandler::call_send_stats() noexcept {
+  try {
+    loop_.call_in(STATS_INTERVAL, [this] { send_stats(); });
+  } catch (const std::exception&) {
+    stats_again_.arm();
+  }
 }
 
 void InfluxHandler::stop() {

@@ -50,8 +50,11 @@ class InfluxHandler {
   using MakeDatabase = std::function<std::unique_ptr<InfluxDatabase>(const std::string& name)>;
 
   /// One buffer per name, in order; a repeated name replaces the earlier buffer.
+  /// `max_queued_bytes`: what the queues may take up together; beyond, the oldest messages of the
+  /// largest go.
   InfluxHandler(std::span<const std::string> database_names, const MakeDatabase& make_database,
-                skein::Loop& loop, std::size_t graphite_buffer_bytes = GRAPHITE_BUFFER_BYTES);
+                skein::Loop& loop, std::size_t graphite_buffer_bytes = GRAPHITE_BUFFER_BYTES,
+                std::uint64_t max_queued_bytes = UINT64_MAX);
   InfluxHandler(const InfluxHandler&) = delete;
   InfluxHandler& operator=(const InfluxHandler&) = delete;
   ~InfluxHandler();
@@ -98,12 +101,17 @@ class InfluxHandler {
  private:
   InfluxDatabase* find(std::string_view name) const noexcept;
 
+  void limit_queues();
+  void call_send_stats() noexcept;
+
   skein::Loop& loop_;
+  const std::uint64_t max_queued_bytes_;
   Statistics statistics_;  ///< since the last statistics record
   Statistics reported_;    ///< sum of all statistics records
   BadLineCounts bad_lines_{};
   std::vector<std::unique_ptr<InfluxDatabase>> databases_;
   const std::unique_ptr<GraphiteMessage> graphite_message_;
+  skein::TurnTask stats_again_;  ///< for want of memory for a timer
 };
 
 }  // namespace pelorus

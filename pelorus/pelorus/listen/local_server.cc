@@ -1,5 +1,6 @@
 #include "pelorus/pelorus/listen/local_server.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
 #include <pwd.h>
@@ -33,6 +34,18 @@ void remove_stale(const std::string& path) {
   if (::lstat(path.c_str(), &status) != 0) return;
   if (::unlink(path.c_str()) != 0) {
     throw skein::SystemFailure(fmt::format("remove '{}'", path), errno);
+  }
+}
+
+/// Hands the socket file over, if it is the one that this process has made: whoever may write to
+/// its folder could have put a link to another file in its place.
+void change_owner(const std::string& path, uid_t user, gid_t group) {
+  const skein::Socket file(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (!file || ::fstat(file.descriptor(), &status) != 0) return;
+  const bool own = S_ISSOCK(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1;
+  if (own && ::fchownat(file.descriptor(), "", user, group, AT_EMPTY_PATH) != 0) {
+    // Not root: the socket stays with the daemon's own account.
   }
 }
 
@@ -111,9 +124,8 @@ skein::Socket LocalServer::bind_listen(const Settings& settings, const Owner& ow
   const mode_t previous = ::umask(OWNER_ONLY);
   skein::bind_unix(socket, path);
   skein::listen(socket, LISTEN_BACKLOG);
-  if (owner.bonding_uid && owner.bonding_gid &&
-      ::chown(path.c_str(), *owner.bonding_uid, *owner.bonding_gid) != 0) {
-    // Not root: the socket stays with the daemon's own account.
+  if (owner.bonding_uid && owner.bonding_gid) {
+    change_owner(path, *owner.bonding_uid, *owner.bonding_gid);
   }
   ::umask(previous);
   log::info("Started local socket at {}.", path);
