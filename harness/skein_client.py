@@ -61,13 +61,6 @@ class SkeinConnection:
         finally:
             self._socket.settimeout(self._seconds)
 
-    def half_close(self):
-        """Says that nothing more will be sent; replies can still come."""
-        try:
-            self._socket.shutdown(socket.SHUT_WR)
-        except OSError:  # the daemon was faster
-            pass
-
     def reset(self):
         abort(self._socket)
         self._socket.close()

@@ -31,12 +31,11 @@ class Bystander:
              *map(str, daemon.node_address), key, str(daemon.socket), str(daemon.pid)],
             cwd=REPOSITORY, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
 
-    def look(self, peek=False):
+    def look(self):
         """Since the last look: "node" and "local", the worst delays in milliseconds without the
-        time for which the machine had no processor to spare. Since the begin: "sent", blocks that
-        the node has handed over. Fails when the daemon has ended or not replied. A `peek` is no
-        look: the delays go on."""
-        self._child.stdin.write("peek\n" if peek else "look\n")
+        time for which the machine had no processor to spare. Since the start: "sent", blocks
+        that the node has handed over. Fails when the daemon has ended or not replied."""
+        self._child.stdin.write("look\n")
         self._child.stdin.flush()
         answer = self._child.stdout.readline()
         if not answer:
@@ -81,11 +80,10 @@ def main(host, port, key, local_socket, daemon_pid):
             local.collectd("m000." + rest)
             if not select.select([sys.stdin], [], [], PAUSE)[0]:
                 continue
-            if not (word := sys.stdin.readline()):
+            if not sys.stdin.readline():
                 return
             print(json.dumps({**delays.worst, "sent": sent}), flush=True)
-            if word == "look\n":
-                delays.worst = {}
+            delays.worst = {}
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ import signal
 import struct
 import sys
 
-from tests.end_to_end.bad_peers import BROKEN, bomb, odd_shapes
+from tests.end_to_end.bad_peers import BROKEN, bomb
 from harness.skein_client import REQUEST, frame
 
 HOST, PORT, SOCKET = sys.argv[1], int(sys.argv[2]), sys.argv[3]
@@ -25,7 +25,6 @@ BAD_LINES = {key: frame([REQUEST, 1, "collectd", {"key": key, "metrics": BAD_BLO
 LOCAL_BLOCK = frame([REQUEST, 1, "collectd", {"metrics": BLOCK}])
 STATS = frame([REQUEST, 1, "stats", {}])
 BOMB = bomb()
-SHAPES = [frame(shape) for shape in odd_shapes()]
 
 
 async def connect(local):
@@ -86,14 +85,6 @@ async def breaker(name):
     await asyncio.sleep(0.2)
 
 
-async def odd_one(name):
-    _, writer = await connect(any_of.random() < 0.5)
-    writer.write(b"".join(any_of.sample(SHAPES, 20)))
-    await asyncio.sleep(0.5)
-    writer.close()
-    count(name)
-
-
 async def dripper(name):
     reader, writer = await connect(any_of.random() < 0.5)
     for byte in STATS:
@@ -102,15 +93,6 @@ async def dripper(name):
     await reply(reader)
     writer.close()
     count(name)
-
-
-async def resetter(name):
-    _, writer = await connect(False)
-    writer.write(STATS[:any_of.randrange(len(STATS))])
-    await asyncio.sleep(any_of.uniform(0, 0.1))
-    writer.transport.abort()
-    count(name)
-    await asyncio.sleep(0.1)
 
 
 async def slow_reader(name):
@@ -143,8 +125,8 @@ async def keyless(name):
     count(name)
 
 
-CROWD = [(node_that_comes_and_goes, 60), (collectd, 2), (bomber, 3), (breaker, 4), (odd_one, 2),
-         (dripper, 20), (resetter, 5), (slow_reader, 3), (half_done, 10), (keyless, 5)]
+CROWD = [(node_that_comes_and_goes, 60), (collectd, 2), (bomber, 3), (breaker, 4),
+         (dripper, 20), (slow_reader, 3), (half_done, 10), (keyless, 5)]
 
 
 async def over_and_over(act):

@@ -59,17 +59,12 @@ class Sampler:
             return -1
 
 
-def slope(rows):
-    """MiB a minute, by least squares, behind the warm-up, which is the first third. Of three rows
-    in turn the smallest counts: a bomb that is just being served is no growth."""
-    rows = rows[len(rows) // 3:]
-    rows = [min(rows[at:at + 3], key=lambda row: row[1]) for at in range(0, len(rows) - 2, 3)]
-    if len(rows) < 3:
-        return 0.0
-    times, sizes = [row[0] / 60 for row in rows], [row[1] for row in rows]
-    mean_time, mean_size = sum(times) / len(rows), sum(sizes) / len(rows)
-    return (sum((t - mean_time) * (s - mean_size) for t, s in zip(times, sizes))
-            / sum((t - mean_time) ** 2 for t in times))
+def growth(rows):
+    """MiB a minute, behind the warm-up, which is the first third: between the smallest sizes of the two others. A
+    bomb that is just being served is no growth."""
+    third = len(rows) // 3
+    smallest = [min(row[1] for row in rows[at:at + third + 1]) for at in (third, 2 * third)]
+    return (smallest[1] - smallest[0]) / (third + 1) / PERIOD * 60
 
 
 def slow(client):
@@ -146,10 +141,10 @@ def soak(folder, minutes, report):
 
 def judge(report, daemon, sampler, descriptors, crowd):
     rows, peak = sampler.rows, daemon.memory("VmHWM")
-    growth, worst = slope(rows), max(row[4] for row in rows)
+    grown, worst = growth(rows), max(row[4] for row in rows)
     report.add("memory after the warm-up", f"grows by less than {MOST_GROWTH} MiB a minute",
-               f"{growth:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at "
-               "the end", growth < MOST_GROWTH or len(rows) < 12)
+               f"{grown:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at "
+               "the end", grown < MOST_GROWTH or len(rows) < 12)
     report.add("peak memory", f"below {MOST_MEMORY} MiB", f"{peak:.0f} MiB",
                peak < MOST_MEMORY)
     report.add("descriptors", f"at most {KEPT_DESCRIPTORS} more at the end",

@@ -5,9 +5,8 @@ import time
 
 from harness.http_server import Connection, answering, ending, hanging, status
 from harness.process import wait_until
-from harness.skein_client import REPLY, REQUEST, frame
-from tests.end_to_end.bad_peers import (BROKEN, NUMBERED, UNNUMBERED, Crowd, many, odd_shapes, pour,
-                                        reset_flood, send_some)
+from harness.skein_client import REQUEST, frame
+from tests.end_to_end.bad_peers import BROKEN, Crowd, many, pour, reset_flood, send_some
 from tests.end_to_end.stage import KEY, LINE, RECORD, StageTest
 
 STATS = frame([REQUEST, 3, "stats", {}])
@@ -30,19 +29,6 @@ class Faults(StageTest):
                         pass
                 self.wait_logged(rf"Closing the connection of {PEERS[name]}: {text}\b", before)
         self.assertEqual(self.daemon.text().count("Closing the connection of "), 2 * len(BROKEN))
-        self.expect_well()
-
-    def test_odd_shapes_are_answered_with_an_error_where_they_have_a_number(self):
-        shapes = list(odd_shapes())
-        for connect in self.peers.values():
-            with connect() as client:
-                for shape in shapes:
-                    client.send(shape)
-                replies = [client.receive() for _ in shapes[len(UNNUMBERED):]]
-                self.assertEqual({tuple(reply[:2]) for reply in replies}, {(REPLY, 7)})
-                for reply in replies[:len(NUMBERED)]:
-                    self.assertIsInstance(reply[2], str)
-        self.assertIn("<3>Exception in ", self.daemon.text())
         self.expect_well()
 
     def test_flood_and_resets_keep_nobody_waiting(self):

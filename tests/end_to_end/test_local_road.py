@@ -89,15 +89,6 @@ class LocalRoad(FolderTest):
         self.assertNotIn(AUTH, self.daemon.text())
         self.assertNotIn(WWW_KEY, self.daemon.text())
 
-    def test_stats_describes_every_buffer(self):
-        stats = self.client.call("stats")
-        self.assertEqual(list(stats), ["tidewell", "bonding"])
-        for buffer in stats.values():
-            self.assertEqual(
-                {key: type(value) for key, value in buffer.items()},
-                {"has_current_request": bool, "pending_data_len": int, "failure_count": int,
-                 "last_sent_time": float})
-
     def test_failure_is_answered_and_logged_with_a_trace(self):
         with self.assertRaisesRegex(SkeinError, r"^Intentionally failing for testing\.$"):
             self.client.call("fail")
@@ -107,16 +98,3 @@ class LocalRoad(FolderTest):
         self.assertEqual(errors[0],
                          "Exception in LocalServer: Intentionally failing for testing.")
         self.assertTrue(any("req_fail" in line for line in errors[1:]), errors)
-
-    def test_the_daemon_reports_about_itself_after_ten_seconds(self):
-        self.client.collectd(LOAD * 3)
-        self.client.collectd(LOAD)
-        report = wait_until(
-            lambda: [body for body in self.influx.written() if body.startswith(b"proxy_")],
-            "the statistics record", 20)[0]
-        name, now = report.split(b"\n")[0].split(b" value=2 ")
-        self.assertEqual(name, b"proxy_messages")
-        self.assertEqual(report, b"proxy_messages value=2 %b\nproxy_records value=4 %b\n"
-                                 b"proxy_successful_auths value=0 %b\n"
-                                 b"proxy_failed_auths value=0 %b\n" % (now, now, now, now))
-        self.assertEqual(len(now), 19)

@@ -2,7 +2,6 @@
 
 import os
 import resource
-import select
 import shutil
 import signal
 import subprocess
@@ -128,25 +127,6 @@ class LogReaders(FolderTest):
         os.close(writer)
         self.addCleanup(os.close, reader)
         return daemon, reader
-
-    def test_stopped_reader_misses_exactly_as_many_lines_as_it_is_told(self):
-        daemon, reader = self.start_on_pipe()
-        with SkeinClient(daemon.socket) as client:
-            for block in (LOAD + "x\n" * 3000, "\n" * 2**20, "n123.irq 1 1\n" * 2000 + "last\n"):
-                client.collectd(block)
-            client.call("stats")
-        text = b""
-        while not text.endswith(b"\"b'last'\"\n<4>Improperly formatted metric: \"b''\"\n"):
-            self.assertIn(reader, select.select([reader], [], [], 15)[0], "the rest of the log")
-            text += os.read(reader, 2**20)
-        lines = text.decode().splitlines()
-        told = [int(line.split()[0][3:]) for line in lines if line.endswith("could be written")]
-        come = len(lines) - len(told)
-        trace = [line for line in lines if line.startswith("<3>")]
-        size = next(i for i, line in enumerate(trace[1:], 1) if line.startswith("<3>series"))
-        # Four lines of the start; of each block its bad lines and the empty one at its end.
-        self.assertEqual(come + sum(told), 4 + 3001 + 2**20 + 1 + 2000 * (1 + size) + 2)
-        self.assertEqual(lines[0], "<6>Starting.")
 
     def test_dead_reader_does_not_hold_up_the_end(self):
         daemon, _ = self.start_on_pipe()

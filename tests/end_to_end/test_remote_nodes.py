@@ -2,12 +2,10 @@
 
 import signal
 import time
-import unittest
 
-from harness.daemon import ERROR, INFO, PLUGIN, WARNING
+from harness.daemon import ERROR, INFO, WARNING
 from harness.http_server import HTTPServer, WebServer, hanging, hold_origin
 from harness.process import wait_until
-from harness.real_servers import Collectd, Influxd
 from harness.skein_client import REQUEST, SkeinClient
 from tests.end_to_end.support import FolderTest
 
@@ -58,22 +56,3 @@ class RemoteNodes(FolderTest):
             local.call("stats")
         started = [text.split(" at ")[0] for _, text in daemon.lines()]
         self.assertEqual(started[:3], ["Starting.", "Started skein socket", "Started local socket"])
-
-    @unittest.skipUnless(PLUGIN.exists(), f"this build has no {PLUGIN.name}")
-    def test_collectd_of_a_node_reaches_influxdb(self):
-        self.start_web_server(keys=[GOOD_KEY])
-        influx = Influxd(self.folder / "influxd")
-        self.addCleanup(influx.stop)
-        auth = influx.prepare(["tidewell", "bonding"])
-        daemon = self.start_pelorus({"INFLUX_AUTH": auth, "PELORUS_BUFFER_TIME": 0.5,
-                                     "INFLUX_HTTP_CONNECTION": influx.address})
-        node = Collectd(self.folder / "collectd", PLUGIN, daemon.node_address, key=GOOD_KEY,
-                        hostname="node1234")
-        self.addCleanup(node.stop)
-        wait_until(lambda: node.expect_running() and
-                   {"cpu", "load", "memory"} <= influx.count_values("bonding").keys(),
-                   "values of the node", 30, pause=0.3)
-        [load] = influx.query("SELECT shortterm FROM load GROUP BY node", "bonding")
-        self.assertEqual(load["tags"], {"node": "1234"})
-        faults = [line for line in daemon.lines(WARNING) if not line.endswith("\"b''\"")]
-        self.assertEqual((faults, daemon.lines(ERROR)), ([], []))

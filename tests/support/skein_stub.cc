@@ -7,9 +7,7 @@
 #include <chrono>
 #include <utility>
 
-#include "skein/encoders/snappyencoder.h"
 #include "skein/envelope.h"
-#include "skein/framing.h"
 
 namespace support {
 namespace {
@@ -86,35 +84,29 @@ void SkeinStub::run() {
   try {
     for (;;) {
       waiter_.wait(listening_.descriptor(), POLLIN, skein::Waiter::Clock::now() + LONGEST_WAIT);
-      const skein::Socket peer(::accept(listening_.descriptor(), nullptr, nullptr));
+      skein::Socket peer(::accept(listening_.descriptor(), nullptr, nullptr));
       ++connections_;
-      if (peer) serve(peer);
+      if (peer) serve(std::move(peer));
     }
   } catch (const skein::ClientError&) {  // cancelled: the test is over
   }
 }
 
-void SkeinStub::serve(const skein::Socket& peer) {
-  std::string bytes(1U << 20, '\0');
-  std::string unread;
-  for (;;) {
-    waiter_.wait(peer.descriptor(), POLLIN, skein::Waiter::Clock::now() + LONGEST_WAIT);
-    const ssize_t count = ::recv(peer.descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-    if (count < 0 && errno == EAGAIN) continue;
-    if (count <= 0) return;
-    unread.append(bytes, 0, static_cast<std::size_t>(count));
-    std::string_view rest = unread;
-    while (const auto payload = skein::take_frame(rest)) {
-      if (!answer(peer, *payload)) return;
+void SkeinStub::serve(skein::Socket socket) {
+  const int descriptor = socket.descriptor();
+  SkeinPeer peer(std::move(socket));
+  for (bool open = true; open;) {
+    waiter_.wait(descriptor, POLLIN, skein::Waiter::Clock::now() + LONGEST_WAIT);
+    open = peer.receive();
+    for (const std::string& content : peer.messages()) {
+      if (!answer(peer, content)) return;
     }
-    unread.erase(0, unread.size() - rest.size());
   }
 }
 
-bool SkeinStub::answer(const skein::Socket& peer, std::string_view payload) {
-  skein::SnappyEncoder decoder;
+bool SkeinStub::answer(SkeinPeer& peer, std::string_view content) {
   skein::Message message;
-  skein::MsgpackEncoder::decode(decoder.decode(payload), message);
+  skein::MsgpackEncoder::decode(content, message);
   Call call = read_call(message);
   call.connection = connections_;
   const Outcome outcome = handler_(call);
@@ -123,7 +115,11 @@ bool SkeinStub::answer(const skein::Socket& peer, std::string_view payload) {
     calls_.push_back(call);
   }
   called_.notify_all();
-  ::send(peer.descriptor(), outcome.bytes.data(), outcome.bytes.size(), MSG_NOSIGNAL);
+  try {
+    peer.send(outcome.bytes);
+  } catch (const std::runtime_error&) {
+    return false;  // the client has gone
+  }
   return !outcome.close;
 }
 

@@ -58,8 +58,8 @@ class SkeinStub {
 
  private:
   void run();
-  void serve(const skein::Socket& peer);
-  bool answer(const skein::Socket& peer, std::string_view payload);
+  void serve(skein::Socket socket);
+  bool answer(SkeinPeer& peer, std::string_view content);
 
   const Folder folder_;
   const std::string path_;  // empty: TCP
