@@ -1,5 +1,5 @@
 # Short names for what the presets and scripts/ do. Every target can be run again and again.
-.PHONY: build check demo scale-demo deb asan bench fuzz chaos soak check-clean check-arm64 format tidy clean
+.PHONY: build check demo scale-demo deb asan bench fuzz chaos torture soak check-clean check-arm64 format tidy clean
 .NOTPARALLEL:
 
 build:
@@ -51,6 +51,12 @@ fuzz:
 chaos: build
 	@scripts/install-packages build check servers
 	@ctest --preset chaos
+
+# Each allocation and system call of a session fails once; `make check` tries a sample of them.
+torture:
+	@scripts/install-packages build
+	@scripts/build dev
+	@PELORUS_TORTURE_STEP=1 build/dev/bin/torture_test
 
 # Good and bad peers together for so many minutes.
 soak: MINUTES ?= 20

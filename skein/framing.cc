@@ -46,8 +46,13 @@ std::size_t missing_to_frame(std::string_view bytes) {
 
 void append_frame(std::string_view message, std::string& out) {
   const std::size_t begin = out.size();
-  out.append(FRAME_PREFIX_BYTES, '\0');
-  SnappyEncoder::encode(message, out);
+  try {
+    out.append(FRAME_PREFIX_BYTES, '\0');
+    SnappyEncoder::encode(message, out);
+  } catch (...) {  // no memory: nothing of it is sent
+    out.resize(begin);
+    throw;
+  }
   const Prefix big_endian = htonl(static_cast<Prefix>(out.size() - begin - FRAME_PREFIX_BYTES));
   std::memcpy(&out[begin], &big_endian, sizeof big_endian);
 }

@@ -3,7 +3,6 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <ctime>
@@ -40,17 +39,16 @@ class Loop::Wake final : private PollTarget {
         timer_(::timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC)),
         poll_(loop, timer_.descriptor(), *this) {}
 
-  void set(std::chrono::nanoseconds wait) {
+  bool set(std::chrono::nanoseconds wait) noexcept {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(wait);
     itimerspec due{};
     due.it_value = {seconds.count(), (wait - seconds).count()};
-    if (::timerfd_settime(timer_.descriptor(), 0, &due, nullptr) != 0) {
-      throw SystemFailure("timerfd_settime", errno);
-    }
+    if (::timerfd_settime(timer_.descriptor(), 0, &due, nullptr) != 0) return false;
     poll_.watch(UV_READABLE);
+    return true;
   }
   /// A loop that waits for no timer may end.
-  void stop() { poll_.watch(0); }
+  void stop() noexcept { poll_.watch(0); }
 
  private:
   void handle_events(int) override {
@@ -114,18 +112,16 @@ Timer Loop::call_in(double delay, Callback callback) {
 /// The alarm wakes the loop when the first timer is due. It is only ever moved to an earlier
 /// moment: cancelling leaves it alone, and a wake-up that finds nothing due sets it again. What is
 /// due already waits for the next turn, so that descriptors have theirs.
-void Loop::wake_at_first_due() {
+/// An alarm that cannot be set is tried again on the next turn.
+void Loop::wake_at_first_due() noexcept {
   if (timers_.empty()) return wake_->stop();
   if (timers_.begin()->first.due >= wake_due_) return;
   wake_due_ = timers_.begin()->first.due;
   const auto wait = wake_due_ - clocks_.monotonic();
-  if (wait.count() > 0) return wake_->set(wait);
-  check(uv_idle_start(due_now_.get(),
-                      [](uv_idle_t* handle) {
-                        if (handle->data != nullptr)
-                          static_cast<Loop*>(handle->data)->run_due_timers();
-                      }),
-        "uv_idle_start");
+  if (wait.count() > 0 && wake_->set(wait)) return;
+  uv_idle_start(due_now_.get(), [](uv_idle_t* handle) {
+    if (handle->data != nullptr) static_cast<Loop*>(handle->data)->run_due_timers();
+  });
 }
 
 void Loop::end_work() noexcept {
@@ -158,7 +154,7 @@ void Loop::run_due_timers() {
     guarded(timer.mapped());
     next = timers_.begin();  // the callback may have armed and cancelled others
   }
-  guarded([this] { wake_at_first_due(); });
+  wake_at_first_due();
 }
 
 void Loop::run() {

@@ -140,7 +140,7 @@ class Loop {
   void end_work() noexcept;
   void begin_wait() noexcept;
   void run_due_timers();
-  void wake_at_first_due();
+  void wake_at_first_due() noexcept;
   void sweep() noexcept;
   template <class Step>
   void guarded(Step&& step) noexcept;

@@ -263,12 +263,14 @@ void Server::handle_events(int) {
   }
 }
 
+/// The timer first: without it nobody would listen again.
 void Server::pause_listening(const std::string& reason) {
   if (!poll_) return;
-  poll_->watch(0);
+  resume_listening_.cancel();
   resume_listening_ = loop_.call_in(accept_pause_, [this] {
     if (poll_) poll_->watch(UV_READABLE);
   });
+  poll_->watch(0);
   accept_pause_ = std::min(2 * accept_pause_, limits_.longest_accept_pause);
   report_shortage(accept_reports_, "no connection can be accepted: " + reason);
 }

@@ -24,13 +24,13 @@ class StageTest(FolderTest):
         cls.web = WebServer()
         cls.addClassCleanup(cls.web.close)
 
-    def start_stage(self, **options):
+    def start_stage(self, settings=None, **options):
         self.influx = HTTPServer()
         self.addCleanup(self.influx.close)
         self.daemon = self.start_pelorus({
             "PELORUS_BUFFER_TIME": 0.05, "PELORUS_IDEAL_QUEUED_MESSAGES": 500,
             "PELORUS_MAX_PENDING_MESSAGES": 100_000, "PELORUS_MAX_BATCH_SIZE": 1000,
-            "INFLUX_HTTP_CONNECTION": self.influx.address}, **options)
+            "INFLUX_HTTP_CONNECTION": self.influx.address, **(settings or {})}, **options)
         self.bystander = Bystander(self.daemon, KEY)
         self.addCleanup(self.bystander.close)
         self.bystander.look()  # what it took to get going does not count

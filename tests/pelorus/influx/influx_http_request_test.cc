@@ -9,7 +9,6 @@
 #include <optional>
 
 #include "pelorus/pelorus/influx/influx_database.h"
-#include "support/failing_allocation.h"
 #include "support/fake_clock.h"
 #include "support/http_server.h"
 #include "support/log_capture.h"
@@ -245,60 +244,6 @@ TEST_F(InfluxHTTPRequestTest, AnswerThatCameWhileTheProcessStoodStillCounts) {
   tick(3600);
   until_outcome();
   EXPECT_EQ(database->failure_count(), 0);
-}
-
-/// Each allocation of a write fails once alone, and once with all that follow it.
-TEST_F(InfluxHTTPRequestTest, WhateverAllocationFailsTheRequestEndsOnceAndTheNextOneWrites) {
-  using support::FailingAllocation;
-  support::resolve_several_to({endpoint.port()});
-  database->stop_process_data_timer();
-  const auto write_once = [this] {  // allocates nothing itself
-    clock.tick(61);
-    database->process_data();
-    skein::Socket peer;
-    std::array<char, 1024> request;
-    until([&] {
-      if (!peer) peer = endpoint.accept();
-      if (::recv(peer.descriptor(), request.data(), request.size(), 0) > 0) {
-        answer(peer, NO_CONTENT);
-      }
-      return !database->has_current_request();
-    });
-  };
-  for (const char* host : {"127.0.0.1", "several.test"}) {
-    connect_to(host, endpoint.port());
-    BufferSettings rare = settings;
-    rare.ideal_queued_messages = 10;
-    database.emplace("x", rare, connection, loop);
-    std::uint64_t added = 0;
-    for (const std::size_t count : {std::size_t{1}, FailingAllocation::ALL}) {
-      bool happened = true;
-      for (std::size_t number = 0; happened && !HasFailure(); ++number) {
-        SCOPED_TRACE(fmt::format("{}: {} from allocation {} on", host, count, number));
-        const WriteCounters before = database->counters();
-        database->add(fmt::format("m value={} 1", ++added));
-        database->stop_process_data_timer();
-        {
-          const FailingAllocation failing(number, count);
-          write_once();
-          happened = failing.happened();
-        }
-        const WriteCounters& after = database->counters();
-        EXPECT_EQ(after.in_flight.messages, 0U);
-        EXPECT_EQ(after.queued.messages + after.sent.messages + after.failed.messages, added);
-        EXPECT_EQ(database->failure_count(), after.sent.messages > before.sent.messages ? 0 : 1);
-        EXPECT_TRUE(happened || database->failure_count() == 0);
-        write_once();
-        EXPECT_EQ(database->pending_data_len(), 0U);
-        database->add("recovered value=1 1");
-        database->stop_process_data_timer();
-        ++added;
-        write_once();
-        EXPECT_EQ(database->failure_count(), 0);
-      }
-    }
-    EXPECT_GT(database->counters().failed.messages, 0U);
-  }
 }
 
 TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {

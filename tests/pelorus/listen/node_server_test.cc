@@ -7,7 +7,6 @@
 
 #include "listener_fixture.h"
 #include "skein/resources.h"
-#include "support/failing_allocation.h"
 #include "support/http_server.h"
 #include "support/turn_until.h"
 
@@ -433,51 +432,6 @@ TEST_F(NodeServerTest, AdmittedRequestThatIsEvictedLeavesItsKeyUsable) {
   second.send(collectd("k"));
   turns();
   EXPECT_EQ(second.replies(), "1=nil ");
-}
-
-TEST_F(NodeServerTest, FailedAllocationCostsARequestAndLeavesItsKeyUsable) {
-  const auto confirm_all = [this] {
-    listen_to_web_requests();
-    for (; !pending_.empty(); listen_to_web_requests()) {
-      accept_key(asked_[asked_.size() - pending_.size()]);
-    }
-  };
-  for (const std::size_t count : {std::size_t{1}, support::FailingAllocation::ALL}) {
-    for (const bool while_asking : {true, false}) {
-      bool happened = true;
-      for (std::size_t number = 0; happened; ++number) {
-        const std::string key = fmt::format("{}x{}x{}", number, count, while_asking);
-        auto first = connect();
-        if (!while_asking) listen_to_web_requests();
-        first.send(collectd(key) + collectd(key, LINE, 2));
-        if (!while_asking) {
-          listen_to_web_requests();
-          ASSERT_EQ(pending_.size(), 1U) << number;
-          support::answer(
-              *pending_.front(),
-              fmt::format("HTTP/1.1 200 X\r\nContent-Length: {}\r\n\r\n{{\"key\": \"{}\"}}",
-                          asked_.back().size() + 11, asked_.back()));
-          pending_.pop_front();
-        }
-        {
-          const support::FailingAllocation failing(number, count);
-          turns(10);
-          happened = support::FailingAllocation::happened();
-        }
-        confirm_all();
-        clock_.tick(11);  // a question that got stuck within libcurl times out
-        turns();
-        confirm_all();
-        auto second = connect();
-        second.send(collectd(key));
-        confirm_all();
-        EXPECT_EQ(second.replies(), "1=nil ") << number << " " << count << " " << while_asking;
-      }
-      turns();
-      EXPECT_EQ(server_->connection_count(), 0U);
-    }
-  }
-  EXPECT_EQ(resources_->admission.held_bytes(), 0U);
 }
 
 TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {

@@ -1,0 +1,187 @@
+"""What somebody can do who wants to harm others: each attack goes on while good nodes are measured, which come
+from the attacker's own address. A part of `make chaos`."""
+
+import contextlib
+import socket
+import threading
+import time
+
+from harness.http_server import Connection, WebServer
+from harness.process import in_thread
+from harness.skein_client import REPLY, REQUEST, SkeinClient, frame
+from tests.end_to_end.stage import LINE, OTHER_KEY, StageTest
+
+BLOCK = LINE * 1500  # 60 KB
+ATTACKERS_KEY = "99998888777766665555444433332222"
+TRIES = 20
+
+
+def block(key, metrics=BLOCK):
+    return frame([REQUEST, 1, "collectd", {"key": key, "metrics": metrics}])
+
+
+def submit(key, points):
+    return frame([REQUEST, 1, "submit", {
+        "key": key, "database": "bonding", "name": "node7.tunnel-1.state",
+        "columns": ["time", "value"], "points": [[1_700_000_000_000, "up"]] * points}])
+
+
+def receive_all(client):
+    with contextlib.suppress(OSError):
+        while client.receive() is not None:
+            pass
+
+
+class Attack:
+    """Does `act` over and over, so many times a second, until it is left."""
+
+    def __init__(self, act, a_second):
+        self._act, self._pause, self._end = act, 1 / a_second, threading.Event()
+
+    def __enter__(self):
+        self._thread = in_thread(self._run)
+
+    def __exit__(self, *_):
+        self._end.set()
+        self._thread.join(30)
+
+    def _run(self):
+        while not self._end.wait(self._pause):
+            with contextlib.suppress(OSError):
+                self._act()
+
+
+class Attacks(StageTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.web = WebServer(seconds=0.02)
+        cls.addClassCleanup(cls.web.close)
+
+    def start_stage(self, **options):
+        super().start_stage(**options)
+        for key in (OTHER_KEY, ATTACKERS_KEY):
+            self.assertIsNotNone(self.answered_in(key))
+
+    def throw(self, data):
+        """Sends and goes, without a look at the reply."""
+        with socket.create_connection(self.daemon.node_address) as thrower:
+            thrower.sendall(data)
+
+    def answered_in(self, key):
+        """Seconds until a node that connects has the reply to a block that comes in two segments; none if it
+        gets none."""
+        data, begin = block(key), time.monotonic()
+        with contextlib.suppress(OSError), SkeinClient(self.daemon.node_address, 5) as node:
+            node.send_bytes(data[:1000])
+            time.sleep(0.005)
+            node.send_bytes(data[1000:])
+            if node.receive() == [REPLY, 1, None, None]:
+                return time.monotonic() - begin
+        return None
+
+    def expect_service(self, tries=TRIES):
+        """Known nodes that reconnect, nodes that were never seen, and an operator are answered."""
+        times = {"known": [], "new": []}
+        for number in range(tries):
+            times["known"].append(self.answered_in(OTHER_KEY))
+            times["new"].append(self.answered_in(f"{number:032x}"))
+        with self.local(5) as operator:
+            operator.call("stats")
+        for who, each in times.items():
+            answered = [seconds for seconds in each if seconds is not None]
+            print(f"{self.id().rpartition('.')[2]}: {len(answered)} of {tries} {who} nodes answered, "
+                  f"the slowest after {max(answered, default=0) * 1000:.0f} ms")
+            self.assertEqual(len(answered), tries, who)
+
+    def test_one_bad_key_of_peers_that_go(self):
+        self.start_stage()
+        data = block("unknown-bad", LINE * 430)  # some 800 bytes that become 17 KB
+        for _ in range(15_800):
+            self.throw(data)
+        with Attack(lambda: self.throw(data), 100):
+            self.expect_service()
+        self.expect_well()
+
+    def test_made_up_keys_of_peers_that_go(self):
+        self.start_stage()
+        numbers = iter(range(10**9))
+        def make_up():
+            self.throw(block(f"unknown{next(numbers)}", LINE))
+        for _ in range(20_000):
+            make_up()
+        with Attack(make_up, 500):
+            self.expect_service()
+        self.expect_well()
+
+    def test_dead_connections_with_a_valid_key(self):
+        self.start_stage(wrapper=["prlimit", "--nofile=1024:1024", "--"])
+        good, bad = block(ATTACKERS_KEY, LINE), block("unknown-bad", LINE)
+        def show_and_ask():
+            with self.node(5) as peer:
+                peer.send_bytes(good)
+                peer.receive()
+                peer.send_bytes(bad)
+        for _ in range(1500):
+            show_and_ask()
+        with Attack(show_and_ask, 100):
+            self.expect_service()
+        self.expect_well()
+
+    def test_one_submit_of_100000_points(self):
+        self.start_stage(settings={"PELORUS_MAX_PENDING_MESSAGES": 10_000})
+        with self.node(60) as attacker:
+            attacker.send_bytes(submit(ATTACKERS_KEY, 100_000))
+            self.expect_service()
+            self.assertEqual(attacker.receive(), [REPLY, 1, None, None])
+        self.assertNotIn("Queue filled up", self.daemon.text())
+        self.expect_well()
+
+    def test_frames_of_16_mb_while_nothing_is_written(self):
+        self.start_stage(settings={"PELORUS_MAX_QUEUED_BYTES": 100 << 20})
+        self.influx.conduct = Connection.linger
+        data = block(ATTACKERS_KEY, "".join(
+            f"node7.load.load.midterm {number} {1_700_000_000 + number}\n" for number in range(350_000)))
+        with self.node(60) as attacker:
+            for _ in range(20):
+                attacker.send_bytes(data)
+                self.assertEqual(attacker.receive(), [REPLY, 1, None, None])
+            self.expect_service(5)
+        self.assertIn("Queue filled up", self.daemon.text())
+        print(f"peak memory {self.daemon.memory('VmHWM'):.0f} MiB")
+        self.expect_memory(100 + 150)
+
+    def test_requests_of_an_unknown_name(self):
+        self.start_stage()
+        data, sent, before = frame([REQUEST, 1, "none", {}]) * 1000, 0, len(self.daemon.text())
+        with self.node(5) as attacker:
+            in_thread(receive_all, attacker)
+            end = time.monotonic() + 3
+            while time.monotonic() < end:
+                attacker.send_bytes(data)
+                sent += len(data)
+            self.expect_service(5)
+        logged = len(self.daemon.text()) - before
+        print(f"{logged} bytes of log for {sent}")
+        self.assertLess(logged, sent / 10)
+        self.expect_well()
+
+    def test_half_frames(self):
+        self.start_stage()
+        halves = []
+        def begin():
+            halves.append(self.node(5))
+            halves[-1].send_bytes(b"\x00\xff\x00\x00" + bytes(100_000))
+        for _ in range(2000):
+            begin()
+        with Attack(begin, 100):
+            self.expect_service()
+        for half in halves:
+            half.close()
+        self.expect_well()
+
+    def test_long_submits_with_a_bad_key(self):
+        self.start_stage()
+        data = submit("unknown-bad", 300_000)
+        with Attack(lambda: self.throw(data), 5):
+            self.expect_service()
+        self.expect_well()

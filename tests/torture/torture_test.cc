@@ -1,0 +1,249 @@
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <list>
+#include <optional>
+
+#include "../pelorus/influx/stand_in.h"
+#include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/influx/influx_database.h"
+#include "pelorus/pelorus/ingest/influx_handler.h"
+#include "pelorus/pelorus/listen/local_server.h"
+#include "pelorus/pelorus/listen/node_server.h"
+#include "skein/resources.h"
+#include "support/failing_call.h"
+#include "support/fake_clock.h"
+#include "support/folder.h"
+#include "support/log_capture.h"
+#include "support/skein_peer.h"
+
+// A session with the whole daemon in which one allocation or system call fails, or thirty in a row:
+// whichever it is, nothing is left behind but a failed request or write. Afterwards the same key is
+// served, both databases are written, and each message is in one account.
+namespace pelorus {
+namespace {
+
+constexpr const char* LINE = "node7.load.load.a 1 1500000000\n";
+
+/// Answers what comes on its connections, as soon as it is whole.
+class FarEnd {
+ public:
+  using Answer = std::function<std::string(const std::string& request)>;
+  explicit FarEnd(Answer answer) : answer_(std::move(answer)) {}
+
+  void serve() {
+    while (auto accepted = listening_.accept()) exchanges_.push_back({std::move(accepted), ""});
+    for (auto& [socket, request] : exchanges_) {
+      request += support::receive(socket);
+      char byte = 0;
+      if (::recv(socket.descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) socket = {};
+      const auto body = request.find("\r\n\r\n");
+      const auto length = request.find("ontent-Length: ");
+      if (body == std::string::npos || length == std::string::npos) continue;
+      const auto size = std::strtoul(request.c_str() + length + 15, nullptr, 10);
+      if (request.size() < body + 4 + size) continue;
+      support::answer(socket, answer_(request));
+      request.clear();
+    }
+    exchanges_.remove_if([](const Exchange& exchange) { return !exchange.socket; });
+  }
+  std::uint16_t port() const { return listening_.port(); }
+
+ private:
+  support::StandIn listening_;
+  Answer answer_;
+  struct Exchange {
+    skein::Socket socket;
+    std::string request;
+  };
+  std::list<Exchange> exchanges_;
+};
+
+class Torture : public ::testing::Test {
+ protected:
+  static std::string confirm(const std::string& request) {
+    const std::string key = request.substr(request.rfind("key=") + 4);
+    const std::string body = "{\"key\": \"" + (key == "unknown" ? "" : key) + "\"}";
+    return fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n\r\n{}", body.size(), body);
+  }
+
+  void turns(int count) {
+    for (int i = 0; i < count; ++i) {
+      clock_.tick(0.02);
+      {
+        const support::FailingCall::Scope under_test;
+        loop_.turn();
+      }
+      web_.serve();
+      influx_.serve();
+    }
+  }
+
+  support::SkeinPeer node() {
+    return support::SkeinPeer::tcp(support::bound_port(node_server_.socket()));
+  }
+  support::SkeinPeer local() { return support::SkeinPeer::unix_socket(folder_ / "collectd.sock"); }
+  static std::string block(const std::string& key) {
+    return support::request(1, "collectd", {{"key", key}, {"metrics", LINE}});
+  }
+
+  static std::string submit(const std::string& key, std::size_t points) {
+    skein::MsgpackWriter request;
+    request.list(4).natural(0).natural(2).text("submit").map(5);
+    request.text("key").text(key).text("database").text("bonding").text("name");
+    request.text("node1.tunnel-2.state").text("columns").nil().text("points").list(points);
+    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
+    return support::frame(request);
+  }
+
+  /// Nodes of one key that send all there is, one that goes, one without a good key, collectd, and
+  /// an operator.
+  void session(const std::string& key) {
+    auto first = node();
+    auto operators = local();
+    turns(3);
+    first.send_now(block(key) + block(key) + submit(key, 1100));
+    auto collectd = local();
+    collectd.send_now(support::request(1, "collectd", {{"metrics", "a bad line\nhalf a li"}}));
+    auto refused = node();
+    refused.send_now(block("unknown") + support::request(2, "none"));
+    {
+      auto leaves = node();
+      turns(2);
+      leaves.send_now(block(key));
+      turns(2);
+    }
+    auto second = node();
+    second.send_now(block(key));
+    operators.send_now(support::request(1, "status") + support::request(2, "stats"));
+    turns(10);
+    second.send_now(
+        support::request(3, "add", {{"key", key}, {"database", "bonding"}, {"data", "m v=1 1\n"}}) +
+        support::request(4, "add", {{"key", key}, {"database", "no"}, {"data", ""}}));
+    collectd.send_now(support::request(2, "collectd", {{"metrics", std::string("ne\n") + LINE}}));
+    turns(10);
+    for (auto* peer : {&first, &second, &collectd}) {
+      const std::string replies = peer->replies();
+      acknowledged_ += static_cast<std::uint64_t>(std::ranges::count(replies, '='));
+    }
+  }
+
+  WriteCounters account() const {
+    WriteCounters sum;
+    for (const auto& database : handler_.databases()) {
+      const WriteCounters& counters = database->counters();
+      sum.queued += counters.queued;
+      sum.in_flight += counters.in_flight;
+      sum.sent += counters.sent;
+      sum.failed += counters.failed;
+      sum.discarded += counters.discarded;
+    }
+    return sum;
+  }
+
+  void expect_recovered(const std::string& key) {
+    for (int i = 0; i < 13; ++i) {  // the longest time-outs pass
+      clock_.tick(10);
+      turns(3);
+    }
+    auto peer = node();
+    auto collectd = local();
+    turns(3);
+    peer.send(block(key));
+    collectd.send(support::request(1, "collectd", {{"metrics", LINE}}));
+    turns(20);
+    clock_.tick(2);
+    const auto waiting = [this] { return (account().queued += account().in_flight).messages; };
+    for (int i = 0; i < 100 && waiting() != 0; ++i) turns(1);
+    EXPECT_EQ(peer.replies(), "1=nil ") << "the key is stuck";
+    EXPECT_EQ(collectd.replies(), "1=nil ");
+    acknowledged_ += 2;
+    EXPECT_EQ(waiting(), 0U) << "a database is stuck";
+    const WriteCounters after = account();
+    for (const auto& database : handler_.databases()) EXPECT_EQ(database->failure_count(), 0);
+    const auto added = after.sent.messages + after.failed.messages + after.discarded.messages;
+    EXPECT_GE(added, acknowledged_);
+    const auto since = loop_.clocks().monotonic() - start_;
+    const auto reports = since / std::chrono::seconds(STATS_INTERVAL) + 1;  // the daemon's own
+    EXPECT_LE(added, static_cast<std::uint64_t>(handler_.totals().messages + reports));
+    EXPECT_GE(handler_.databases()[0]->counters().sent.messages, last_report_ + 10) << "no reports";
+    last_report_ = handler_.databases()[0]->counters().sent.messages;
+  }
+
+  const support::Folder folder_;
+  support::LogCapture log_;
+  support::FakeClock clock_;
+  skein::Loop loop_{clock_.clocks()};
+  FarEnd web_{confirm};
+  FarEnd influx_{[](const std::string&) { return "HTTP/1.1 204 No Content\r\n\r\n"; }};
+  Settings settings_ = Settings::from_text(
+      fmt::format(R"({{"INFLUX_UNIX_SOCKET": "{}", "PELORUS_SERVER": "127.0.0.1",
+                      "PELORUS_PORT": 0, "LOCAL_WWW_KEY": "token"}})",
+                  folder_ / "collectd.sock"),
+      "test");
+  BufferSettings buffer_settings_{.max_pending_messages = 1000,
+                                  .max_buffer_time = 0.1,
+                                  .ideal_queued_messages = 2,
+                                  .max_batch_size = 1000,
+                                  .discard_size = 10};
+  InfluxConnection connection_{.auth = "YTpi",
+                               .http_connection = fmt::format("127.0.0.1:{}", influx_.port()),
+                               .host = "127.0.0.1",
+                               .port = influx_.port()};
+  const std::vector<std::string> names_{"tidewell", "bonding"};
+  InfluxHandler handler_{names_,
+                         [this](const std::string& name) {
+                           return std::make_unique<InfluxDatabase>(name, buffer_settings_,
+                                                                   connection_, loop_);
+                         },
+                         loop_, 1U << 20};
+  skein::Resources resources_{loop_};
+  NodeServer node_server_{handler_, settings_, loop_, resources_,
+                          fmt::format("http://127.0.0.1:{}/", web_.port())};
+  LocalServer local_server_{handler_, settings_, loop_, resources_, &node_server_};
+  std::uint64_t acknowledged_ = 0;
+  std::uint64_t last_report_ = 0;  ///< messages of "tidewell" that were written before
+  const std::chrono::steady_clock::time_point start_ = loop_.clocks().monotonic();
+};
+
+std::ptrdiff_t open_descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// PELORUS_TORTURE_STEP: how many calls to go on from one session to the next. 1 tries each.
+TEST_F(Torture, WhateverFailsLeavesNothingBehindButAFailedRequestOrWrite) {
+  const char* given = std::getenv("PELORUS_TORTURE_STEP");
+  const std::size_t step = given == nullptr ? 1 : std::strtoul(given, nullptr, 10);
+  support::replace_allocator_of_curl();
+  handler_.send_stats();
+  session("warm-up");
+  expect_recovered("warm-up");
+  const auto descriptors = open_descriptors();
+  std::size_t sessions = 0;
+  for (const std::size_t count : {1, 30}) {
+    bool happened = true;
+    for (std::size_t number = 0; happened && !HasFailure(); number += step) {
+      SCOPED_TRACE(fmt::format("{} from call {} on", count, number));
+      const std::string key = fmt::format("key{}x{}", number, count);
+      {
+        const support::FailingCall failing(number, count);
+        session(key);
+        happened = support::FailingCall::happened();
+      }
+      expect_recovered(key);
+      ++sessions;
+    }
+  }
+  turns(10);
+  EXPECT_EQ(node_server_.connection_count() + local_server_.connection_count(), 0U);
+  EXPECT_EQ(resources_.admission.held_bytes(), 0U);
+  EXPECT_LE(open_descriptors(), descriptors);
+  RecordProperty("sessions", static_cast<int>(sessions));
+  fmt::print("{} sessions\n", sessions);
+}
+
+}  // namespace
+}  // namespace pelorus
