@@ -71,7 +71,7 @@ class Attacks(StageTest):
         """Seconds until a node that connects has the reply to a block that comes in two segments; none if it
         gets none."""
         data, begin = block(key), time.monotonic()
-        with contextlib.suppress(OSError), SkeinClient(self.daemon.node_address, 5) as node:
+        with contextlib.suppress(OSError), SkeinClient(self.daemon.node_address, 15) as node:
             node.send_bytes(data[:1000])
             time.sleep(0.005)
             node.send_bytes(data[1000:])

@@ -7,7 +7,6 @@
 #include <list>
 #include <optional>
 
-#include "../pelorus/influx/stand_in.h"
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
@@ -17,6 +16,7 @@
 #include "support/failing_call.h"
 #include "support/fake_clock.h"
 #include "support/folder.h"
+#include "support/http_server.h"
 #include "support/log_capture.h"
 #include "support/skein_peer.h"
 
@@ -53,7 +53,7 @@ class FarEnd {
   std::uint16_t port() const { return listening_.port(); }
 
  private:
-  support::StandIn listening_;
+  support::HttpServer listening_;
   Answer answer_;
   struct Exchange {
     skein::Socket socket;
