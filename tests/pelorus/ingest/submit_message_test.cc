@@ -117,6 +117,7 @@ TEST(ValueText, EveryKindReadsAsTheLegacySendersWroteIt) {
       {[](auto& w) { w.real(9007199254740992); }, "9007199254740992.0"},
       {[](auto& w) { w.real(0.0001); }, "0.0001"},
       {[](auto& w) { w.real(0.00001); }, "1e-05"},
+      {[](auto& w) { w.real(-std::numeric_limits<double>::infinity()); }, "-inf"},
       {[](auto& w) { w.boolean(true); }, "True"},
       {[](auto& w) { w.nil(); }, "None"},
       {[](auto& w) { w.list(2).integer(1).text("a'\n\xc3\xa9"); }, "[1, \"a'\\n\xc3\xa9\"]"},

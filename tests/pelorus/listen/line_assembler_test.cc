@@ -7,10 +7,11 @@
 namespace pelorus {
 namespace {
 
-// How lines are cut and joined is for the fuzz target of the remainder.
+// Every cutting: the fuzz target of the remainder.
 TEST(LineAssembler, RemainderBeyondTheLimitIsRefused) {
   LineAssembler lines;
-  lines.add("12345", 5);
+  lines.add("12", 5);
+  lines.add("345", 5);
   EXPECT_THROW(lines.add("6", 5), skein::LimitError);
   EXPECT_EQ(lines.add("6\n", 5).text(), "123456\n");
 }
