@@ -4,11 +4,17 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "pelorus/ctl/options.h"
@@ -16,7 +22,11 @@
 #include "pelorus/ctl/subcommands.h"
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/errors.h"
+#include "pelorus/pelorus/influx/influx_database.h"
+#include "pelorus/pelorus/listen/key_verification.h"
+#include "pelorus/pelorus/log.h"
 #include "pelorus/pelorus/settings.h"
+#include "skein/loops.h"
 #include "skein/socket.h"
 #include "skein/text.h"
 
@@ -26,25 +36,78 @@ namespace {
 /// Largest body that InfluxDB accepts by default.
 constexpr double INFLUX_BODY_LIMIT = 25e6;  // bytes
 
+/// What the example of the settings holds in place of secrets.
+constexpr std::string_view EXAMPLE_INFLUX_AUTH = "cGVsb3J1czpzZWNyZXQ=";
+constexpr std::string_view EXAMPLE_WWW_KEY = "the administration web server's own key";
+
+/// Whether `text` is the Base64 of a text with a ":" after its first byte.
+bool is_user_and_password(std::string_view text) {
+  constexpr std::string_view DIGITS =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string decoded;
+  std::uint32_t bits = 0;
+  int count = 0;
+  if (text.size() % 4 != 0) return false;
+  text = text.substr(0, text.size() - (text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0));
+  for (const char byte : text) {
+    const std::size_t digit = DIGITS.find(byte);
+    if (digit == DIGITS.npos) return false;
+    bits = (bits << 6U) | static_cast<std::uint32_t>(digit);
+    count += 6;
+    if (count < 8) continue;
+    count -= 8;
+    decoded += static_cast<char>((bits >> static_cast<unsigned>(count)) & 0xFFU);
+  }
+  const std::size_t colon = decoded.find(':');
+  return colon != decoded.npos && colon > 0;
+}
+
+/// For InfluxDB and for the web server.
+constexpr std::chrono::seconds LONGEST_WAIT{10};
+
+/// Runs the loop until `done`; false if that takes too long.
+bool run_until(skein::Loop& loop, const std::function<bool()>& done) {
+  constexpr std::chrono::milliseconds PAUSE{10};
+  const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;
+  skein::Timer timer;
+  const std::function<void()> look = [&] {
+    if (done() || std::chrono::steady_clock::now() > end) return loop.stop();
+    timer = loop.call_in(PAUSE, look);
+  };
+  look();
+  if (!done()) loop.run();
+  return done();
+}
+
 /// Looks at every key as the daemon reads it, and at how they fit together. No text holds the value
 /// of a credential.
 class SettingsCheck {
  public:
-  /// `message_bytes`: size of a usual message.
-  explicit SettingsCheck(double message_bytes) : message_bytes_(message_bytes) {}
+  /// Bytes of a usual message, and of the memory that the daemon may take.
+  SettingsCheck(double message_bytes, double memory_bytes)
+      : message_bytes_(message_bytes), memory_bytes_(memory_bytes) {}
 
   /// Reads the settings in `file`; if it is empty, in the file that the daemon would read.
   void run(const std::string& file) {
     const bool usable =
         attempt([&] { settings_ = file.empty() ? Settings::load() : Settings::from_file(file); });
     if (!usable) return;
-    buffers();
     databases();
+    buffers();
     local_socket();
     influx_connection();
     node_server();
     web_key();
     file_mode();
+  }
+
+  /// Asks InfluxDB and the web server what they make of the settings, in the daemon's own words.
+  /// Only if there are no errors.
+  void connect() {
+    log::set_capture([](log::Level, std::string_view) {});  // the errors below say the same
+    skein::Loop loop;
+    for (const std::string& name : databases_) try_database(name, loop);
+    try_web_server(loop);
   }
 
   /// The file that was read. Only if there are no errors.
@@ -83,16 +146,9 @@ class SettingsCheck {
   }
 
   void buffers() {
-    // Each key first, because BufferSettings::read() stops at the first that is missing.
     const std::size_t before = errors_.size();
-    get<std::int64_t>("PELORUS_MAX_PENDING_MESSAGES");
-    get<double>("PELORUS_BUFFER_TIME");
-    get<std::int64_t>("PELORUS_IDEAL_QUEUED_MESSAGES");
-    get<std::int64_t>("PELORUS_MAX_BATCH_SIZE");
-    get<std::int64_t>("PELORUS_DISCARD_SIZE");
-    if (errors_.size() > before) return;
-    BufferSettings buffer;
-    if (attempt([&] { buffer = BufferSettings::read(*settings_); })) plausible_buffers(buffer);
+    buffer_ = BufferSettings::read(*settings_, &errors_);
+    if (errors_.size() == before) plausible_buffers(buffer_);
   }
 
   void plausible_buffers(const BufferSettings& buffer) {
@@ -117,18 +173,42 @@ class SettingsCheck {
           buffer.max_batch_size, human_bytes(message_bytes_), human_count(body),
           human_count(INFLUX_BODY_LIMIT));
     }
+    const double queues = static_cast<double>(buffer.max_pending_messages) * message_bytes_ *
+                          static_cast<double>(databases_.size());
+    const bool is_set = settings_->contains("PELORUS_MAX_QUEUED_BYTES");
+    const double limit = is_set ? static_cast<double>(buffer.max_queued_bytes) : memory_bytes_ / 2;
+    if (queues > limit) {
+      warn(
+          "PELORUS_MAX_PENDING_MESSAGES ({}): {} with messages of {} would take {}; from {} on, "
+          "{}, "
+          "the oldest are dropped",
+          buffer.max_pending_messages, human_number_of("full queue", databases_.size()),
+          human_bytes(message_bytes_), human_bytes(queues), human_bytes(limit),
+          is_set ? "PELORUS_MAX_QUEUED_BYTES" : "half of the memory (--memory-bytes)");
+    }
+    if (is_set && limit >= memory_bytes_) {
+      warn(
+          "PELORUS_MAX_QUEUED_BYTES ({}) is not below the memory limit of {} (--memory-bytes): the "
+          "daemon would be killed before the queues are full",
+          buffer.max_queued_bytes, human_bytes(memory_bytes_));
+    }
   }
 
   void influx_connection() {
-    const auto auth = get<std::string>("INFLUX_AUTH");
-    const auto connection = get<std::string>("INFLUX_HTTP_CONNECTION");
-    if (auth && connection) attempt([&] { InfluxConnection::read(*settings_); });
+    const std::size_t before = errors_.size();
+    influx_ = InfluxConnection::read(*settings_, &errors_);
+    if (errors_.size() > before) return;
+    if (influx_.auth == EXAMPLE_INFLUX_AUTH) {
+      warn("INFLUX_AUTH is that of the example: everybody knows it");
+    } else if (!is_user_and_password(influx_.auth)) {
+      warn("INFLUX_AUTH is not the Base64 of \"user:password\": InfluxDB will refuse every write");
+    }
   }
 
   void databases() {
     const auto records = get<std::vector<DatabaseRecord>>("INFLUX_DATABASES");
     if (!records) return;
-    std::vector<std::string> names;
+    std::vector<std::string>& names = databases_;
     for (const DatabaseRecord& record : *records) {
       if (std::ranges::find(names, record.name) != names.end()) {
         warn("INFLUX_DATABASES names \"{}\" twice", record.name);
@@ -182,6 +262,11 @@ class SettingsCheck {
     } else if (host && !host->empty() && inet_pton(AF_INET, host->c_str(), &v4) != 1) {
       warn("PELORUS_SERVER {} is no address; the name must resolve when the daemon starts", *host);
     }
+    if (host &&
+        (host->empty() || (inet_pton(AF_INET, host->c_str(), &v4) == 1 && v4.s_addr == 0))) {
+      warn("PELORUS_SERVER {} is every address of this machine; what nodes send is not encrypted",
+           host->empty() ? "is empty, which" : *host);
+    }
     const auto port = get<std::int64_t>("PELORUS_PORT");
     if (port && (*port < 0 || *port > 65535)) error("PELORUS_PORT ({}) is no TCP port", *port);
     if (port && *port == 0) warn("PELORUS_PORT is 0: the system picks another port at each start");
@@ -194,6 +279,8 @@ class SettingsCheck {
       error("LOCAL_WWW_KEY holds a control byte");
     } else if (key->empty()) {
       warn("LOCAL_WWW_KEY is empty: the web server will confirm no node");
+    } else if (*key == EXAMPLE_WWW_KEY) {
+      warn("LOCAL_WWW_KEY is the text of the example: the web server will confirm no node");
     }
   }
 
@@ -207,8 +294,66 @@ class SettingsCheck {
     }
   }
 
+  /// Writes a comment, which InfluxDB checks the account and the database for, and stores nothing.
+  void try_database(const std::string& name, skein::Loop& loop) {
+    const BufferSettings at_once{.max_pending_messages = 2,
+                                 .max_buffer_time = 0,
+                                 .ideal_queued_messages = 1,
+                                 .max_batch_size = 1,
+                                 .discard_size = 1};
+    InfluxDatabase database(name, at_once, influx_, loop);
+    database.add("# pelorusctl check");
+    if (!run_until(loop, [&] { return !database.has_current_request(); })) {
+      error("database \"{}\": no answer within {} seconds", name, LONGEST_WAIT.count());
+    } else if (const auto& failure = database.counters().last_failure) {
+      error("database \"{}\": {}{}", name, failure->text, hint_of(failure->text));
+    }
+  }
+  static std::string_view hint_of(std::string_view failure) {
+    if (failure.starts_with("status 401")) return " (INFLUX_AUTH: unknown account or password)";
+    if (failure.starts_with("status 403"))
+      return " (the account of INFLUX_AUTH may not write there)";
+    if (failure.starts_with("status 404")) return " (there is no such database)";
+    if (failure.starts_with("status")) return "";
+    return " (INFLUX_HTTP_CONNECTION)";
+  }
+
+  /// Asks about a key that no node has.
+  void try_web_server(skein::Loop& loop) {
+    KeyVerification verification(*settings_, loop);
+    std::optional<KeyOutcome> outcome;
+    verification.do_auth_check("pelorusctl-check",
+                               [&](KeyOutcome end) { outcome = std::move(end); });
+    constexpr std::string_view WHO = "the administration web server";
+    if (!run_until(loop, [&] { return outcome.has_value(); })) {
+      return error("{} did not answer within {} seconds", WHO, LONGEST_WAIT.count());
+    }
+    if (const auto* answer = std::get_if<KeyResponse>(&*outcome)) {
+      if (answer->status == 401 || answer->status == 403) {
+        error("{} answers with status {} (LOCAL_WWW_KEY)", WHO, answer->status);
+      } else if (answer->status != 200) {
+        error("{} answers with status {}", WHO, answer->status);
+      } else if (!nlohmann::json::parse(answer->body, nullptr, false).is_object()) {
+        error("{} answers with what is no JSON object", WHO);
+      }
+    } else if (const auto* failure = std::get_if<WebFailure>(&*outcome)) {
+      error("{} at {} {}", WHO, NODE_KEY_VERIFICATION_API_URL,
+            *failure == WebFailure::TIMED_OUT ? "takes too long" : "cannot be reached");
+    } else {
+      try {
+        std::rethrow_exception(std::get<std::exception_ptr>(*outcome));
+      } catch (const std::exception& fault) {
+        error("{}: {}", WHO, fault.what());
+      }
+    }
+  }
+
   const double message_bytes_;
+  const double memory_bytes_;
   std::optional<Settings> settings_;
+  BufferSettings buffer_;
+  InfluxConnection influx_;
+  std::vector<std::string> databases_;  ///< their names
   std::vector<std::string> errors_;
   std::vector<std::string> warnings_;
 };
@@ -216,12 +361,15 @@ class SettingsCheck {
 struct CheckOptions {
   std::string file;
   double message_bytes = 16384;
+  double memory_bytes = 2147483648;  ///< MemoryMax of the unit
+  bool connect = false;
 };
 
 void run(const CheckOptions& options) {
   const Palette palette = Palette::of_stdout();
-  SettingsCheck check(options.message_bytes);
+  SettingsCheck check(options.message_bytes, options.memory_bytes);
   check.run(options.file);
+  if (options.connect && check.errors().empty()) check.connect();
   if (check.errors().empty()) fmt::print("{} can be used\n", check.source());
   for (const std::string& text : check.errors()) {
     fmt::print("{} {}\n", palette.paint(Tone::BAD, "error:"), skein::without_controls(text));
@@ -250,6 +398,15 @@ void add_check(CLI::App& app) {
       ->type_name("BYTES")
       ->check(CLI::Range(1.0, 1e9).description(""))
       ->capture_default_str();
+  command
+      ->add_option("--memory-bytes", options->memory_bytes,
+                   "Memory that the daemon may take; the unit sets it as MemoryMax")
+      ->type_name("BYTES")
+      ->check(CLI::Range(1.0, 1e15).description(""))
+      ->default_str("2147483648");
+  command->add_flag("--connect", options->connect,
+                    "Also ask InfluxDB whether the account may write to each database, and the "
+                    "administration web server whether it answers; nothing is stored");
   command->footer(
       "Exit status:\n  0  the settings can be used, perhaps with warnings\n  1  they cannot\n"
       "  2  wrong command line\n");

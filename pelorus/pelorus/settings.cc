@@ -226,30 +226,49 @@ std::optional<Endpoint> parse_endpoint(std::string_view text) {
   return Endpoint{host, *port};
 }
 
+/// Runs `step`. With `faults`, adds its SettingsError there.
+template <class Step>
+void collect(std::vector<std::string>* faults, Step&& step) {
+  try {
+    step();
+  } catch (const SettingsError& fault) {
+    if (faults == nullptr) throw;
+    faults->emplace_back(fault.what());
+  }
+}
+
 }  // namespace
 
-BufferSettings BufferSettings::read(const Settings& settings) {
+BufferSettings BufferSettings::read(const Settings& settings, std::vector<std::string>* faults) {
   BufferSettings buffer;
-  buffer.max_pending_messages = read_count(settings, "PELORUS_MAX_PENDING_MESSAGES", 1);
-  buffer.max_buffer_time = read_seconds(settings, "PELORUS_BUFFER_TIME");
-  buffer.ideal_queued_messages = read_count(settings, "PELORUS_IDEAL_QUEUED_MESSAGES", 0);
-  buffer.max_batch_size = read_count(settings, "PELORUS_MAX_BATCH_SIZE", 1);
-  buffer.discard_size = read_count(settings, "PELORUS_DISCARD_SIZE", 1);
-  buffer.max_queued_bytes = settings.contains("PELORUS_MAX_QUEUED_BYTES")
-                                ? read_count(settings, "PELORUS_MAX_QUEUED_BYTES", 1)
-                                : usable_memory() / 2;
+  const auto count = [&](std::size_t& value, std::string_view key, std::int64_t least) {
+    collect(faults, [&] { value = read_count(settings, key, least); });
+  };
+  count(buffer.max_pending_messages, "PELORUS_MAX_PENDING_MESSAGES", 1);
+  collect(faults, [&] { buffer.max_buffer_time = read_seconds(settings, "PELORUS_BUFFER_TIME"); });
+  count(buffer.ideal_queued_messages, "PELORUS_IDEAL_QUEUED_MESSAGES", 0);
+  count(buffer.max_batch_size, "PELORUS_MAX_BATCH_SIZE", 1);
+  count(buffer.discard_size, "PELORUS_DISCARD_SIZE", 1);
+  if (settings.contains("PELORUS_MAX_QUEUED_BYTES")) {
+    count(buffer.max_queued_bytes, "PELORUS_MAX_QUEUED_BYTES", 1);
+  } else {
+    buffer.max_queued_bytes = usable_memory() / 2;
+  }
   return buffer;
 }
 
-InfluxConnection InfluxConnection::read(const Settings& settings) {
+InfluxConnection InfluxConnection::read(const Settings& settings,
+                                        std::vector<std::string>* faults) {
   constexpr std::string_view CONNECTION = "INFLUX_HTTP_CONNECTION";
   InfluxConnection connection;
-  connection.auth = read_header_value(settings, "INFLUX_AUTH");
-  connection.http_connection = read_header_value(settings, CONNECTION);
-  const auto endpoint = parse_endpoint(connection.http_connection);
-  if (!endpoint) refuse(settings, CONNECTION, "host, host:port, [v6] or [v6]:port");
-  connection.host = endpoint->host;
-  connection.port = endpoint->port;
+  collect(faults, [&] { connection.auth = read_header_value(settings, "INFLUX_AUTH"); });
+  collect(faults, [&] {
+    connection.http_connection = read_header_value(settings, CONNECTION);
+    const auto endpoint = parse_endpoint(connection.http_connection);
+    if (!endpoint) refuse(settings, CONNECTION, "host, host:port, [v6] or [v6]:port");
+    connection.host = endpoint->host;
+    connection.port = endpoint->port;
+  });
   return connection;
 }
 

@@ -59,8 +59,9 @@ struct BufferSettings {
   /// PELORUS_MAX_BATCH_SIZE and PELORUS_DISCARD_SIZE, in this order, then
   /// PELORUS_MAX_QUEUED_BYTES if it is there; without it, half of the memory that the process may
   /// use. Throws SettingsError, also for pending, batch or discard below 1, and for an ideal length
-  /// or time that is negative or not finite.
-  static BufferSettings read(const Settings& settings);
+  /// or time that is negative or not finite. With `faults`, adds the text of each fault there
+  /// instead.
+  static BufferSettings read(const Settings& settings, std::vector<std::string>* faults = nullptr);
 };
 
 /// Where and as whom to write: the two values of the InfluxDB module of the administration
@@ -71,8 +72,10 @@ struct InfluxConnection {
   std::string host;             ///< of http_connection, without the brackets of an IPv6 address
   std::uint16_t port = 80;
 
-  /// Throws SettingsError: missing, or no host, host:port, [v6] or [v6]:port.
-  static InfluxConnection read(const Settings& settings);
+  /// Throws SettingsError: missing, or no host, host:port, [v6] or [v6]:port. With `faults`, adds
+  /// the text of each fault there instead.
+  static InfluxConnection read(const Settings& settings,
+                               std::vector<std::string>* faults = nullptr);
 };
 
 }  // namespace pelorus

@@ -349,7 +349,7 @@ class Pelorusctl(CtlTest):
                 "PELORUS_DISCARD_SIZE": 1000,
                 "INFLUX_DATABASES": [{"name": "tidewell"}, {"name": "bonding"}],
                 "INFLUX_UNIX_SOCKET": str(self.folder / "socket"), "INFLUX_AUTH": AUTH,
-                "INFLUX_HTTP_CONNECTION": "127.0.0.1:8086", "PELORUS_SERVER": "0.0.0.0",
+                "INFLUX_HTTP_CONNECTION": "127.0.0.1:8086", "PELORUS_SERVER": "127.0.0.1",
                 "PELORUS_PORT": 8995, "LOCAL_WWW_KEY": WWW_KEY}
         file = self.folder / "settings.json"
 
@@ -392,7 +392,15 @@ class Pelorusctl(CtlTest):
         for key in good:
             self.assertIn(f"Setting {key} is missing", check({key: None}, 1))
             self.assertIn(f"Setting {key} in {file} must be", check({key: {}}, 1))
+        self.assertEqual(check({"PELORUS_BUFFER_TIME": -1, "PELORUS_DISCARD_SIZE": 0,
+                                "INFLUX_AUTH": "", "PELORUS_PORT": -1}, 1).count("error: "), 4)
         for changes, words in (
+                ({"INFLUX_AUTH": "YWRtaW4="}, "not the Base64 of"),  # no ":"
+                ({"INFLUX_AUTH": "user:password=="}, "not the Base64 of"),
+                ({"PELORUS_SERVER": ""}, "is empty, which is every address"),
+                ({"PELORUS_SERVER": "0.0.0.0"}, "0.0.0.0 is every address"),
+                ({"PELORUS_MAX_PENDING_MESSAGES": 70000}, "2 full queues .* half of the memory"),
+                ({"PELORUS_MAX_QUEUED_BYTES": 2**31}, "is not below the memory limit of 2.0 GiB"),
                 ({"PELORUS_MAX_BATCH_SIZE": 2000}, "InfluxDB takes 25,000,000"),
                 ({"PELORUS_DISCARD_SIZE": 10000}, "is not below PELORUS_MAX_PENDING_MESSAGES"),
                 ({"INFLUX_DATABASES": [{"name": "bonding"}]}, 'lacks "tidewell"'),
@@ -402,6 +410,9 @@ class Pelorusctl(CtlTest):
             self.assertRegex(check(changes, 0), f"can be used\nwarning: .*{words}")
         file.chmod(0o644)
         self.assertIn("open to every account", self.ctl("check", file))
+        example = REPOSITORY / "packaging" / "settings.example.json"
+        for words in ("INFLUX_AUTH is that of the example", "LOCAL_WWW_KEY is the text of the example"):
+            self.assertIn(words, self.ctl("check", example))
         os.mkfifo(self.folder / "fifo")
         for path in (self.folder / "fifo", self.folder):
             self.assertEqual(self.ctl("check", path, exit_status=1),
@@ -415,6 +426,34 @@ class Pelorusctl(CtlTest):
             file.write_text(text)
             self.assertEqual(self.ctl("check", file, exit_status=1),
                              f"error: The settings in {file} {fault}\n")
+
+    def test_check_connects(self):
+        influx = Influxd(self.folder / "influxd")
+        self.addCleanup(influx.stop)
+        file = self.folder / "settings.json"
+        example = REPOSITORY / "packaging" / "settings.example.json"
+        good = {**json.loads(example.read_text()), "LOCAL_WWW_KEY": WWW_KEY,
+                "INFLUX_AUTH": influx.prepare(["tidewell", "bonding"]),
+                "INFLUX_HTTP_CONNECTION": influx.address}
+        influx.query("CREATE DATABASE closed")
+
+        def check(exit_status, **changes):
+            file.write_text(json.dumps({**good, **changes}))
+            return self.ctl("check", "--connect", file, exit_status=exit_status)
+
+        self.assertIn("web server at https://", check(1))
+        web = WebServer(keys=[])
+        self.addCleanup(web.close)
+        check(0)
+        for changes, words in (
+                ({"INFLUX_AUTH": "YTpi"}, '"bonding": status 401: .*unknown account or password'),
+                ({"INFLUX_DATABASES": [{"name": "none"}]}, r'"none": status 404: .*no such database'),
+                ({"INFLUX_DATABASES": [{"name": "closed"}]}, r'"closed": status 403: .*may not write'),
+                ({"INFLUX_HTTP_CONNECTION": "127.0.0.1:1"}, r"refused \(INFLUX_HTTP_CONNECTION\)")):
+            self.assertRegex(check(1, **changes), words)
+        web.behave(answering(status(403)))
+        self.assertIn("answers with status 403 (LOCAL_WWW_KEY)", check(1))
+        self.assertEqual(influx.query("SHOW MEASUREMENTS", "tidewell"), [])
 
     def test_send_takes_every_kind_of_line(self):
         web = WebServer([KEY])
