@@ -12,7 +12,7 @@ namespace skein {
 /// What became of the peers since the start.
 struct PeerCounters {
   std::array<std::uint64_t, END_REASONS> ended_connections{};  ///< by EndReason
-  std::uint64_t refused_requests = 0;                          ///< failed, and answered with that
+  std::uint64_t refused_requests = 0;                          ///< failed, or were dropped
 };
 
 /// What the servers of a process share, so that no peer gets more of it than its part, whichever

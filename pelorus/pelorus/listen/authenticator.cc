@@ -123,6 +123,7 @@ void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
   reply.forget_deferrer();
   if (!reply.has_peer()) {
     log::warning("Dropping a request whose peer has gone: {}.", reason.what());
+    ++authenticator_.resources_.counters.refused_requests;
   }
   reply.end_connection(reason);
   operation.reset();

@@ -368,6 +368,7 @@ TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedFirstThoseOfPeersT
   second.send(collectd("bad", std::string(7000, 'x') + "\n"));
   turns();
   EXPECT_TRUE(log_.texts("warning").back().starts_with("Dropping a request whose peer has gone"));
+  EXPECT_EQ(resources_->counters.refused_requests, 1U);
   third.send(collectd("other", std::string(7000, 'x') + "\n"));
   turns();
   EXPECT_EQ(first.replies(), "end") << "the largest, though it is being asked about";
