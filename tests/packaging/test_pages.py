@@ -64,7 +64,8 @@ class Pages(unittest.TestCase):
 
     def test_example_has_every_setting_that_the_page_lists_and_no_other(self):
         page = (REPOSITORY / "doc" / "settings.md").read_text()
-        listed = set(re.findall(r"(?m)^\| `([A-Z_]+)` \|", page.partition("## Environment")[0]))
+        listed = set(re.findall(r"(?m)^\| `([A-Z_]+)` \|(?!.*may be left out)",
+                                page.partition("## Environment")[0]))
         example = json.loads((REPOSITORY / "packaging" / "settings.example.json").read_text())
         self.assertEqual({key for key in example if not key.startswith("_")}, listed)
         explained = {key.removeprefix("_") for key in example if key.startswith("_")} - {""}
