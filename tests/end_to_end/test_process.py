@@ -26,6 +26,13 @@ class Life(FolderTest):
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(daemon.text(), before)
 
+    def test_help_and_version_need_no_settings(self):
+        for argument, begin in ("--help", "pelorus, a"), ("--version", "pelorus "):
+            daemon = self.start_pelorus(arguments=[argument], ready=False,
+                                        environment={"PELORUS_SETTINGS": "/nowhere"})
+            self.assertEqual(daemon.wait(), 0)
+            self.assertTrue(daemon.text().startswith(begin), daemon.text())
+
     def test_readiness_reaches_an_abstract_socket(self):
         manager = NotifySocket(f"@pelorus-test-{os.getpid()}")
         self.addCleanup(manager.close)
@@ -163,7 +170,8 @@ class Profiling(FolderTest):
         self.assertEqual(daemon.wait(), 0)
         text = daemon.text()
         self.assertTrue(text.startswith("Starting to profile!\n"), text)
-        self.assertRegex(text, r"req_collectd|add_graphite")
+        for row in "wait", "receive", "decode", "req_collectd", "load", "process_data", "start":
+            self.assertIn(f"({row})\n", text)
         [profile] = daemon.folder.glob("pelorus.profile*")
         self.assertRegex(profile.name, r"^pelorus\.profile\d+\.\d+$")
         if shutil.which("callgrind_annotate") is None:
