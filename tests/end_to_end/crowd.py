@@ -9,8 +9,8 @@ import signal
 import struct
 import sys
 
-from tests.end_to_end.bad_peers import BROKEN, bomb
 from harness.skein_client import REQUEST, frame
+from tests.end_to_end.bad_peers import BROKEN, bomb
 
 HOST, PORT, SOCKET = sys.argv[1], int(sys.argv[2]), sys.argv[3]
 KEYS = sys.argv[4].split(",")

@@ -384,7 +384,10 @@ TEST_F(ServerTest, AcceptRestsWhileThereAreNoDescriptorsAndRecovers) {
   EXPECT_EQ(server_->shortages,
             std::vector<std::string>{"no connection can be accepted: accept: Too many open files"});
   ::setrlimit(RLIMIT_NOFILE, &usual);
-  clock_.tick(1.1);
+  clock_.tick(0.9);
+  turns();
+  EXPECT_EQ(server_->connection_count(), 1U) << "it rests for a second by now";
+  clock_.tick(0.2);
   turns();
   send(peer, request(1, "echo"));
   EXPECT_EQ(peer.replies(), "1=x ");

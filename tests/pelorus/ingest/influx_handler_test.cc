@@ -65,7 +65,9 @@ TEST_F(InfluxHandlerTest, StatisticsCountOnePeriodAndNotThemselves) {
   handler_.add("bonding", "b\n", 5);
   handler_.handle_successful_auth();
   handler_.increment_failed_auths();
+  EXPECT_EQ(handler_.totals().records, 15);
   handler_.send_stats();
+  EXPECT_EQ(handler_.totals().records, 15);
   EXPECT_EQ(queued("tidewell"),
             statistics_message({2, 15, 1, 1}, Nanoseconds{1'700'000'000} * 1'000'000'000));
   clock_.tick(9.9);
