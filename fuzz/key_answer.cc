@@ -31,7 +31,7 @@ void run(std::string_view input) {
   request.list(4).natural(0).natural(1).text("add").map(3);
   request.text("key").text("0a1b-2c3d-4e5f").text("database").text("bonding");
   request.text("data").text("m v=1 1\n");
-  peer.send(frame(request.bytes()));
+  peer.send(support::frame(request.bytes()));
   peer.finish();
 
   const auto& counted = daemon.handler.statistics();
