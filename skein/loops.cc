@@ -223,6 +223,14 @@ void Loop::sweep() noexcept {
   while (object) object = std::move(object->next_discarded);
 }
 
+struct Poll::Handle : uv_poll_t {
+  int watched = 0;  ///< asking for the same again would cost a system call
+};
+
+Poll::~Poll() = default;
+
+void Poll::close() noexcept { handle_.reset(); }
+
 Poll::Poll(Loop& loop, int descriptor, PollTarget& target) {
   auto handle = std::make_unique<Handle>();
   check(uv_poll_init(loop.uv(), handle.get(), descriptor), "uv_poll_init");

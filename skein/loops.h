@@ -10,9 +10,9 @@
 #include <optional>
 
 #include "skein/profile_scope.h"
+#include "skein/sliding_maximum.h"
 #include "skein/timer.h"
 #include "skein/uv_handle.h"
-#include "skein/worst_of_minute.h"
 
 namespace skein {
 
@@ -30,12 +30,6 @@ struct Clocks {
     const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration<double>(since_epoch).count();
   };
-};
-
-/// What the two clocks show.
-struct Moment {
-  std::chrono::steady_clock::time_point monotonic;
-  double wall;
 };
 
 /// Something that must not be destroyed inside its own callback (see Loop::discard).
@@ -111,10 +105,10 @@ class Loop {
   void discard(std::unique_ptr<LoopOwned> object) noexcept;
 
   const Clocks& clocks() const noexcept { return clocks_; }
-  /// What both clocks show in the present turn, in which they are read once: for who asks with
-  /// every request. Between turns they are read each time.
-  const Moment& now() {
-    if (!now_ || work_began_ == 0) now_ = {clocks_.monotonic(), clocks_.wall()};
+  /// The monotonic clock as of the present turn, in which it is read once: for who asks with every
+  /// request. Between turns it is read each time.
+  std::chrono::steady_clock::time_point now() {
+    if (!now_ || work_began_ == 0) now_ = clocks_.monotonic();
     return *now_;
   }
   /// Whole seconds of a clock that never steps, as of the beginning of the present turn: costs
@@ -122,7 +116,7 @@ class Loop {
   std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
   /// The longest turn of the last minute: so long an event had to wait for others at worst.
   std::chrono::milliseconds longest_turn() const noexcept {
-    return std::chrono::milliseconds(turns_.worst(uv_now(&uv_)));
+    return std::chrono::milliseconds(turns_.most(uv_now(&uv_)));
   }
   uv_loop_t* uv() noexcept { return &uv_; }
   /// Called first by every callback of libuv: the present turn has something to do. A turn that has
@@ -152,9 +146,10 @@ class Loop {
   /// leaves nothing behind.
   std::map<Timer::Key, Callback> timers_;
   std::uint64_t timers_made_ = 0;
-  WorstOfMinute turns_;                    ///< milliseconds of each turn that had work
-  std::uint64_t work_began_ = 0;           ///< by uv_now(); 0: nothing has been done in this turn
-  std::optional<Moment> now_;              ///< of the present turn, once somebody has asked
+  SlidingMaximum turns_;          ///< milliseconds of each turn that had work
+  std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
+  std::optional<std::chrono::steady_clock::time_point>
+      now_;                                ///< of the present turn, once somebody has asked
   std::optional<profile::Scope> waiting_;  ///< for events, in a profiled run
   UvHandle<uv_prepare_t> before_wait_;
   class Wake;
@@ -183,16 +178,15 @@ class Poll {
  public:
   /// The loop and the target must outlive it.
   Poll(Loop& loop, int descriptor, PollTarget& target);
+  ~Poll();
 
   /// Watches for `events` (UV_READABLE, UV_WRITABLE) from now on; 0 pauses.
   void watch(int events);
   /// Watches no more; the descriptor may be closed. Nothing but destruction is left after this.
-  void close() noexcept { handle_.reset(); }
+  void close() noexcept;
 
  private:
-  struct Handle : uv_poll_t {
-    int watched = 0;  ///< asking for the same again would cost a system call
-  };
+  struct Handle;
 
   static void start(Handle& handle, int events);
   static void on_events(uv_poll_t* handle, int status, int events) noexcept;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <utility>
 
 #include "skein/encoders/msgpackencoder.h"
@@ -13,6 +14,7 @@
 #include "skein/envelope.h"
 #include "skein/profile_scope.h"
 #include "skein/resources.h"
+#include "skein/throttle.h"
 
 namespace skein {
 namespace {
@@ -52,6 +54,15 @@ struct Server::Encoders {
   MsgpackEncoder msgpack;
   SnappyEncoder snappy;
   Message message;
+};
+
+/// What is reported no more often than so.
+struct Server::Reports {
+  explicit Reports(std::chrono::seconds interval) : accept(interval), memory(interval) {}
+
+  Throttle accept;
+  Throttle memory;
+  std::map<std::uint32_t, Throttle> failures;  ///< by slot, of peers whose requests failed
 };
 
 /// A connection with all that its server keeps for it. Owned by the server, which destroys it after
@@ -113,7 +124,7 @@ void Server::Peer::handle_events(int events) {
   if (ended) return;
   server_.guarded(*this, [this, events] {
     if ((events & UV_WRITABLE) != 0 && !is_queued()) {
-      connection.flush(server_.loop_.now().monotonic);
+      connection.flush(server_.loop_.now());
       if (settle()) server_.resources_.ready_queue.add(*this);
     }
     if ((events & UV_READABLE) != 0 && may_serve() && !end_of_stream) {
@@ -165,7 +176,7 @@ void Server::Peer::receive(ReadyQueue::Credit& credit) {
 bool Server::Peer::settle() {
   PROFILE_SCOPE();
   if (ended) return false;
-  const auto now = server_.loop_.now().monotonic;
+  const auto now = server_.loop_.now();
   connection.store_rest(now);
   const bool goes_on = may_serve() && has_frame();
   if (connection.unsent() >= (goes_on ? GATHERED_REPLY_BYTES : 1)) connection.flush(now);
@@ -235,8 +246,7 @@ Server::Server(Socket sock, Loop& loop, Resources& resources,
       socket_(std::move(sock)),
       poll_(std::make_unique<Poll>(loop, socket_.descriptor(), static_cast<PollTarget&>(*this))),
       accept_pause_(limits_.accept_pause),
-      accept_reports_(limits_.shortage_report_interval),
-      memory_reports_(limits_.shortage_report_interval),
+      reports_(std::make_unique<Reports>(limits_.shortage_report_interval)),
       connection_keepalive_(connection_keepalive),
       encoders_(std::make_unique<Encoders>()),
       read_buffer_(std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES)),
@@ -272,11 +282,10 @@ void Server::pause_listening(const std::string& reason) {
   });
   poll_->watch(0);
   accept_pause_ = std::min(2 * accept_pause_, limits_.longest_accept_pause);
-  report_shortage(accept_reports_, "no connection can be accepted: " + reason);
+  report_shortage(reports_->accept.pass(loop_.now()), "no connection can be accepted: " + reason);
 }
 
-void Server::report_shortage(Throttle& throttle, const std::string& text) {
-  const auto left_out = throttle.pass(loop_.now().monotonic);
+void Server::report_shortage(std::optional<std::uint64_t> left_out, const std::string& text) {
   if (!left_out) return;
   handle_shortage(*left_out == 0 ? text
                                  : fmt::format("{} ({} times more before)", text, *left_out));
@@ -285,7 +294,7 @@ void Server::report_shortage(Throttle& throttle, const std::string& text) {
 void Server::enforce_limits() {
   if (!resources_.admission.is_short()) return;
   const std::string shortage = resources_.admission.enforce();
-  if (!shortage.empty()) report_shortage(memory_reports_, shortage);
+  if (!shortage.empty()) report_shortage(reports_->memory.pass(loop_.now()), shortage);
 }
 
 Connection* Server::handle_read() {
@@ -351,7 +360,7 @@ void Server::end(Peer& peer) noexcept {
   if (peer.ended) return;
   peer.ended = true;
   if (peer.is_queued() && peer.connection.unsent() != 0) {  // replies that have gathered so far
-    peer.connection.flush(loop_.now().monotonic);
+    peer.connection.flush(loop_.now());
   }
   peer.tell_deferrer();
   resources_.ready_queue.remove(peer);
@@ -361,9 +370,9 @@ void Server::end(Peer& peer) noexcept {
   --connection_count_;
   try {
     remove_connection(peer.connection);
-    if (failure_reports_.empty()) return peer.connection.close();
-    if (const auto reports = failure_reports_.extract(peer.connection.slot())) {
-      const std::uint64_t left_out = reports.mapped().left_out();
+    if (reports_->failures.empty()) return peer.connection.close();
+    if (const auto failures = reports_->failures.extract(peer.connection.slot())) {
+      const std::uint64_t left_out = failures.mapped().left_out();
       if (left_out != 0) report_left_out(&peer, left_out);
     }
   } catch (const std::exception& failure) {
@@ -438,8 +447,8 @@ bool Server::note_failure(const Peer* peer) {
   ++resources_.counters.refused_requests;
   const std::uint32_t slot = peer == nullptr ? NO_SLOT : peer->connection.slot();
   auto& reports =
-      failure_reports_.try_emplace(slot, FAILURE_INTERVAL, FAILURES_PER_INTERVAL).first->second;
-  const auto left_out = reports.pass(loop_.now().monotonic);
+      reports_->failures.try_emplace(slot, FAILURE_INTERVAL, FAILURES_PER_INTERVAL).first->second;
+  const auto left_out = reports.pass(loop_.now());
   if (left_out && *left_out != 0) report_left_out(peer, *left_out);
   return left_out.has_value();
 }
@@ -468,7 +477,7 @@ void Server::guarded(Peer& peer, Step&& step) noexcept {
       step();
     } catch (const ProtocolError& fault) {
       if (peer.ended) return;
-      peer.connection.flush(loop_.now().monotonic);  // what was asked before is answered
+      peer.connection.flush(loop_.now());  // what was asked before is answered
       end_for(peer, fault);
     } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
       if (peer.ended) return;

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,18 +10,18 @@
 #include <utility>
 #include <vector>
 
-#include "skein/admission.h"
 #include "skein/connection.h"
 #include "skein/dispatcher.h"
 #include "skein/errors.h"
 #include "skein/keepalive.h"
 #include "skein/loops.h"
 #include "skein/socket.h"
-#include "skein/throttle.h"
 
 namespace skein {
 
+struct Limits;
 struct Resources;
+enum class Standing : std::uint8_t;
 
 /// A listening end point on the loop: accepts connections, decodes their requests and runs the
 /// operation that the subclass has named for each. Owns its connections. Borrows loop and
@@ -106,10 +105,12 @@ class Server : private PollTarget {
  private:
   class Peer;
   struct Encoders;
+  struct Reports;
 
   void handle_events(int events) override;
   void pause_listening(const std::string& reason);
-  void report_shortage(Throttle& throttle, const std::string& text);
+  /// `left_out`: of the same reports, before; none if this one is to be left out as well.
+  void report_shortage(std::optional<std::uint64_t> left_out, const std::string& text);
   /// Counts a failed request; whether it is to be reported.
   bool note_failure(const Peer* peer);
   void report_left_out(const Peer* peer, std::uint64_t failures);
@@ -137,9 +138,7 @@ class Server : private PollTarget {
   std::unique_ptr<Poll> poll_;  // none once closed
   Timer resume_listening_;
   std::chrono::milliseconds accept_pause_;
-  Throttle accept_reports_;
-  Throttle memory_reports_;
-  std::map<std::uint32_t, Throttle> failure_reports_;  ///< by slot, of those whose requests failed
+  const std::unique_ptr<Reports> reports_;
   std::optional<Keepalive> connection_keepalive_;
   Dispatcher dispatcher_;
   const std::unique_ptr<Encoders> encoders_;

@@ -158,7 +158,7 @@ int HTTPExchange::connect_to(const Address& address) {
         errno != EINPROGRESS && errno != EINTR) {
       return errno;
     }
-    poll_ = skein::Poll(loop_, socket_.descriptor(), *this);
+    poll_.emplace(loop_, socket_.descriptor(), static_cast<skein::PollTarget&>(*this));
     poll_->watch(UV_WRITABLE);
     return 0;
   } catch (const skein::SystemFailure& failure) {

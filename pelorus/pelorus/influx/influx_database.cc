@@ -76,7 +76,7 @@ void InfluxDatabase::process_data() {
 bool InfluxDatabase::should_send() const {
   if (current_request_ != nullptr) return false;
   if (pending_data_.empty()) return false;
-  const std::chrono::duration<double> since = loop_.now().monotonic - last_sent_;
+  const std::chrono::duration<double> since = loop_.now() - last_sent_;
   if (since.count() > settings_.max_buffer_time) return true;
   return pending_data_.size() >= settings_.ideal_queued_messages;
 }
@@ -132,7 +132,7 @@ void InfluxDatabase::discard(std::size_t count) {
 /// Every message moves the due time. The timer that is armed stays, so that a message costs no
 /// timer; when the timer fires too early, it is armed again for the rest.
 void InfluxDatabase::reset_process_data_timer() {
-  const auto now = loop_.now().monotonic;
+  const auto now = loop_.now();
   process_data_due_ =
       now + std::chrono::duration_cast<TimePoint::duration>(
                 std::chrono::duration<double>(settings_.check_for_process_data_time));

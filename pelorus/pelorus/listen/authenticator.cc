@@ -181,7 +181,7 @@ const VerifiedKey* Authenticator::find_verified(const std::string& key) const {
 }
 
 bool Authenticator::valid_key(const std::string& key, const VerifiedKey* verified) {
-  const auto now = loop_.now().monotonic;
+  const auto now = loop_.now();
   if (verified != nullptr && now - verified->second < VALID_CUTOFF) return true;
   // Kept: said of a key that was never seen as well.
   log::debug("Validation error - the key \"{}\" is expired.", key);
@@ -361,7 +361,7 @@ bool Authenticator::PendingKey::serve(skein::ReadyQueue::Credit credit) noexcept
 bool Authenticator::wait_for_room(PendingKey& pending) noexcept {
   PendingRequest& first = pending.requests.front();
   if (!first.operation || first.operation->has_room(influx_handler_)) return false;
-  const auto now = loop_.now().monotonic;
+  const auto now = loop_.now();
   if (!first.patience) first.patience = now + LONGEST_WAIT_FOR_ROOM;
   if (now >= *first.patience) return false;
   auto& waiting = queues_->queues[Queues::ROOM];

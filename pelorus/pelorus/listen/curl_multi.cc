@@ -48,7 +48,9 @@ int curl_events(int ready) {
 class CurlMulti::Watch : public skein::LoopOwned, private skein::PollTarget {
  public:
   Watch(CurlMulti& multi, curl_socket_t socket)
-      : multi_(multi), socket_(socket), poll_(skein::Poll(multi.loop_, socket, *this)) {}
+      : multi_(multi),
+        socket_(socket),
+        poll_(std::in_place, multi.loop_, socket, static_cast<skein::PollTarget&>(*this)) {}
 
   void serve(CURL* easy, int events) {
     easy_ = easy;
