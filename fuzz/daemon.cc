@@ -97,9 +97,7 @@ std::size_t handles_of(skein::Loop& loop) {
 
 Daemon::Daemon()
     : loop(shared_loop()),
-      handles_before(handles_of(loop)),
       settings(fixed_settings()),
-      resources(std::in_place, loop, LIMITS),
       handler(
           DATABASES,
           [this](const std::string& name) {
@@ -111,6 +109,9 @@ Daemon::Daemon()
                 });
           },
           loop, GRAPHITE_BUFFER_BYTES) {
+  loop.turn();  // what the execution before has closed
+  handles_before = handles_of(loop);
+  resources.emplace(loop, LIMITS);
   pelorus::log::set_capture(
       [this](auto, std::string_view line) { log.append(line).push_back('\n'); });
 }

@@ -37,15 +37,15 @@ struct Daemon {
 
   std::string log;  ///< all that was logged, save debug
   skein::Loop& loop;
-  std::size_t handles_before;  ///< that the loop had
   const pelorus::Settings& settings;
-  std::optional<skein::Resources> resources;  // for the server
   pelorus::BufferSettings buffer_settings{.max_pending_messages = 1U << 20,
                                           .max_buffer_time = 1e9,
                                           .ideal_queued_messages = 1U << 20,
                                           .max_batch_size = 1U << 20,
                                           .discard_size = 1};
   pelorus::InfluxHandler handler;
+  std::size_t handles_before;                 ///< that the loop had, with those of the handler
+  std::optional<skein::Resources> resources;  // for the server
 };
 
 }  // namespace fuzz
