@@ -20,7 +20,8 @@ install(FILES CHANGELOG.md DESTINATION ${DOC_DIR})
 install(FILES packaging/settings.example.json DESTINATION ${DOC_DIR}/examples)
 install(FILES packaging/write_skein.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/collectd-plugin-pelorus/examples)
-install(DIRECTORY packaging/grafana DESTINATION ${DOC_DIR}/examples)
+install(DIRECTORY packaging/collectd packaging/grafana packaging/prometheus
+        DESTINATION ${DOC_DIR}/examples)
 install(DIRECTORY doc/ DESTINATION ${DOC_DIR} FILES_MATCHING PATTERN "*.md")
 install(FILES packaging/completions/pelorusctl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME pelorusctl)
