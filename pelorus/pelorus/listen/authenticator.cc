@@ -217,6 +217,8 @@ skein::Reply Authenticator::forward(const skein::Request& request, const Key& no
     resources_.ready_queue.add(pending);
   } else if (!behind_others) {
     check_auth(pending);
+  } else {
+    limit_requests(pending);
   }
   return skein::Reply::later();
 }
@@ -238,7 +240,6 @@ Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
     if (is_new) keys.erase(found);
     throw;
   }
-  limit_requests(pending);
   // Its peer has come back, or somebody else who has its key.
   if (pending.state == PendingKey::State::QUEUED && pending.rank == Queues::GONE) {
     queues_->queues[Queues::GONE].remove(pending);
@@ -366,7 +367,10 @@ bool Authenticator::wait_for_room(PendingKey& pending) noexcept {
   if (now >= *first.patience) return false;
   auto& waiting = queues_->queues[Queues::ROOM];
   try {
-    if (waiting.empty()) room_timer_ = loop_.call_in(ROOM_PAUSE, [this] { end_wait_for_room(); });
+    if (waiting.empty()) {
+      room_timer_.cancel();
+      room_timer_ = loop_.call_in(ROOM_PAUSE, [this] { end_wait_for_room(); });
+    }
   } catch (const std::exception&) {  // no memory to wait with
     return false;
   }

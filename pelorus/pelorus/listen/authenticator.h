@@ -93,7 +93,8 @@ class Authenticator {
                    const Operation& operation);
   /// Asks the web server about the key as soon as there is room.
   void check_auth(PendingKey& pending) noexcept;
-  /// Refuses a request of the key if too many wait.
+  /// Refuses a request of the key if too many wait. Its connection continues, which may evict
+  /// others, those of this key too: `pending` may be gone afterwards.
   void limit_requests(PendingKey& pending) noexcept;
   std::size_t rank_of(const PendingKey& pending) const;
   void enqueue(PendingKey& pending, std::size_t rank) noexcept;
