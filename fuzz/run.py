@@ -21,7 +21,7 @@ BUILD = FUZZ.parent / "build/fuzz"
 COMMITTED = FUZZ / "corpus"
 DICTIONARIES = {
     "requests": ["frames", "local_requests", "node_requests", "submit"],
-    "graphite": ["translate", "graphite_block", "remainder"],
+    "graphite": ["translate", "graphite_block"],
     "http": ["http_response"],
     "json": ["key_answer", "settings"],
 }

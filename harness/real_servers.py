@@ -84,12 +84,9 @@ class Influxd(Process):
                    .format(*self.ADMINISTRATOR))
         self.query("CREATE USER {} WITH PASSWORD '{}'".format(*self.WRITER))
         for name in databases:
-            self.add_database(name)
+            self.query(f"CREATE DATABASE {name}")
+            self.query(f"GRANT WRITE ON {name} TO {self.WRITER[0]}")
         return _base64(*self.WRITER)
-
-    def add_database(self, name):
-        self.query(f"CREATE DATABASE {name}")
-        self.query(f"GRANT WRITE ON {name} TO {self.WRITER[0]}")
 
     def query(self, text, database=""):
         """The series of the answer: maps with "name", "columns" and "values"."""

@@ -7,7 +7,7 @@ import struct
 import msgpack
 import snappy
 
-from harness.process import abort, in_thread
+from harness.process import in_thread
 
 REQUEST, REPLY, ONE_WAY = 0, 1, 2
 
@@ -60,10 +60,6 @@ class SkeinConnection:
             return 0
         finally:
             self._socket.settimeout(self._seconds)
-
-    def reset(self):
-        abort(self._socket)
-        self._socket.close()
 
     def send(self, message):
         self.send_bytes(frame(message))

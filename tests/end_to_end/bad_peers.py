@@ -73,16 +73,6 @@ def pour(client, data):
         return False
 
 
-def reset_flood(connects, count):
-    for number in range(count):
-        for connect in connects:
-            with connect() as client:
-                if number % 3:
-                    pour(client, frame([REQUEST, 1, "stats", {}])[:number % 20])
-                if number % 2:
-                    client.reset()
-
-
 class Crowd:
     """Connections that each do the same, over and over, in one thread, until told to stop."""
 

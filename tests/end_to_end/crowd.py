@@ -23,7 +23,6 @@ BLOCKS = {key: frame([REQUEST, 1, "collectd", {"key": key, "metrics": BLOCK}]) f
 BAD_LINES = {key: frame([REQUEST, 1, "collectd", {"key": key, "metrics": BAD_BLOCK}])
              for key in KEYS}
 LOCAL_BLOCK = frame([REQUEST, 1, "collectd", {"metrics": BLOCK}])
-STATS = frame([REQUEST, 1, "stats", {}])
 BOMB = bomb()
 
 
@@ -85,36 +84,6 @@ async def breaker(name):
     await asyncio.sleep(0.2)
 
 
-async def dripper(name):
-    reader, writer = await connect(any_of.random() < 0.5)
-    for byte in STATS:
-        writer.write(bytes([byte]))
-        await asyncio.sleep(any_of.uniform(0.05, 0.5))
-    await reply(reader)
-    writer.close()
-    count(name)
-
-
-async def slow_reader(name):
-    """Asks much and reads little; goes when it is not read any more."""
-    reader, writer = await connect(True)
-    for _ in range(20):
-        writer.write(STATS * 500)
-        await reader.read(1000)
-        await asyncio.sleep(0.5)
-    writer.transport.abort()
-    count(name)
-
-
-async def half_done(name):
-    """Claims a long frame and sends a part of it."""
-    _, writer = await connect(False)
-    writer.write(struct.pack(">I", 19_000_000) + b"x" * any_of.randrange(300_000))
-    await asyncio.sleep(any_of.uniform(1, 20))
-    writer.transport.abort()
-    count(name)
-
-
 async def keyless(name):
     reader, writer = await connect(False)
     for _ in range(20):
@@ -125,8 +94,7 @@ async def keyless(name):
     count(name)
 
 
-CROWD = [(node_that_comes_and_goes, 60), (collectd, 2), (bomber, 3), (breaker, 4),
-         (dripper, 20), (slow_reader, 3), (half_done, 10), (keyless, 5)]
+CROWD = [(node_that_comes_and_goes, 60), (collectd, 2), (bomber, 3), (breaker, 4), (keyless, 5)]
 
 
 async def over_and_over(act):

@@ -89,15 +89,6 @@ class LocalRoad(FolderTest):
         self.assertNotIn(AUTH, self.daemon.text())
         self.assertNotIn(WWW_KEY, self.daemon.text())
 
-    def test_stats_describes_every_buffer(self):
-        stats = self.client.call("stats")
-        self.assertEqual(list(stats), ["tidewell", "bonding"])
-        for buffer in stats.values():
-            self.assertEqual(
-                {key: type(value) for key, value in buffer.items()},
-                {"has_current_request": bool, "pending_data_len": int, "failure_count": int,
-                 "last_sent_time": float})
-
     def test_failure_is_answered_and_logged_with_a_trace(self):
         with self.assertRaisesRegex(SkeinError, r"^Intentionally failing for testing\.$"):
             self.client.call("fail")

@@ -107,19 +107,6 @@ TEST_F(GraphiteMessageTest, LongTimestampsShowWhatTheBufferHeld) {
   EXPECT_EQ(build("m000.load.load.a 1 123456789012345"), "load a=1i 1234567890pqrst000000000\n");
 }
 
-// A copy in steps must leave no trace after the record that it belongs to.
-TEST_F(GraphiteMessageTest, NothingBehindARecordIsTouched) {
-  const std::string held =
-      build(std::string("m000.load.load.") + std::string(3000, 'h') + " 1 1500000000");
-  const std::string first = "m000.irq.irq-1 1 1500000000\n";
-  const std::string record = "irq irq1=1i 1500000000000000000\n";
-  const std::string long_time = "m000.irq.irq-1 1 1234567890" + std::string(40, '1');
-  const std::string after = build(first + long_time);
-  const std::size_t gap = 2 * record.size() - 10;
-  ASSERT_EQ(after.substr(0, record.size()), record);
-  EXPECT_EQ(after.substr(gap, 40), held.substr(gap, 40));
-}
-
 TEST_F(GraphiteMessageTest, RecordsFillTheBufferToTheLastByteAndNotBeyond) {
   const std::string line = "m000.load.load.a 1 1500000000\n";
   const std::string record = "load a=1i 1500000000000000000\n";

@@ -7,7 +7,21 @@
 namespace pelorus {
 namespace {
 
-// Every cutting: the fuzz target of the remainder.
+TEST(LineAssembler, LinesAreTheSameForEveryCutting) {
+  const std::string text = "a\nbc\n\ndef\ng";
+  for (std::size_t first = 0; first <= text.size(); ++first) {
+    for (std::size_t second = first; second <= text.size(); ++second) {
+      LineAssembler lines;
+      std::string joined;
+      for (const auto& piece : {text.substr(0, first), text.substr(first, second - first),
+                                text.substr(second), std::string("\n")}) {
+        joined += lines.add(piece, text.size()).text();
+      }
+      EXPECT_EQ(joined, text + "\n") << first << ", " << second;
+    }
+  }
+}
+
 TEST(LineAssembler, RemainderBeyondTheLimitIsRefused) {
   LineAssembler lines;
   lines.add("12", 5);
