@@ -4,8 +4,10 @@ import random
 import struct
 import time
 
+import msgpack
+
 from harness.process import in_thread
-from harness.skein_client import REQUEST, block_frame, content_frame, frame
+from harness.skein_client import ONE_WAY, REPLY, REQUEST, block_frame, content_frame, frame
 
 MOST_CONTENT = 16 << 20
 LINE = "node7.load.load.longterm 0.5 1700000000\n"
@@ -56,6 +58,53 @@ NO_SKEIN = {"frame of": [
 # Pairs: what the daemon says, and the bytes that end their connection.
 BROKEN = [(text, data) for table in (LYING_PREFIXES, SNAPPY_CLAIMS, CONTENT_CLAIMS, NO_SKEIN)
           for text, rows in table.items() for data in rows]
+
+_DEEP = 1
+for _ in range(27):
+    _DEEP = [_DEEP]
+
+# Messages of the right make-up whose contents make no sense to anybody.
+ODD_ARGUMENTS = [
+    {}, {"key": None}, {"key": 5}, {"key": ""}, {"key": "-" * 40}, {"key": "k" * 2000},
+    {"key": ["unknown"]}, {"key": "unknown"}, {"key": b"unknown\xff\x00"},
+    {"key": "unknown\r\nX-Header: 1", "metrics": LINE}, {"key": "unknown&key=1", "metrics": LINE},
+    {"metrics": None}, {"metrics": ""}, {"metrics": 5}, {"metrics": 2**64 - 1},
+    {"metrics": -2**63}, {"metrics": 1e308}, {"metrics": [LINE]}, {"metrics": {LINE: LINE}},
+    {"metrics": b"\xff\xfe\x00\n"}, {"metrics": "\0\n"}, {"metrics": _DEEP},
+    {"key": "unknown", "metrics": LINE, "more": _DEEP},
+    {"key": "unknown", "database": 7, "data": LINE},
+    {"key": "unknown", "database": "no such database", "data": LINE},
+    {"key": "unknown", "database": "bonding", "name": {}, "columns": 5, "points": "x"},
+    {"key": "unknown", "database": "bonding", "name": "a", "columns": ["time"], "points": [[]]},
+    {"key": "unknown", "database": "bonding", "name": "a", "columns": [], "points": _DEEP},
+    {"key": "unknown", "database": "bonding", "name": "a", "columns": ["x"],
+     "points": [[float("nan")], [float("inf")], [2**64 - 1]], "time_precision": "h"},
+    None, 5, "text", [1, 2], [["key", "unknown"]], {5: 6}, {None: None}, {"": ""},
+    {b"key": b"unknown"}, {"key": msgpack.ExtType(5, b"x")}, msgpack.Timestamp(5, 5)]
+
+# Messages of another make-up: with a number, so that they can be answered, and without.
+NUMBERED = [
+    [REQUEST, 7], [REQUEST, 7, "stats"], [REQUEST, 7, "stats", {}, {}], [REQUEST, 7, "stats", [1]],
+    [REQUEST, 7, "stats", {5: 6}], [REQUEST, 7, 5, {}], [REQUEST, 7, None, {}], [REQUEST, 7, "", {}],
+    [REQUEST, 7, "x" * 100_000], [REQUEST, 7, "no_such_request", {}], [REQUEST, 7, "stop", {}],
+    [REQUEST, 7, "__init__", {}], [REQUEST, 7, "stats\0", {}], [REQUEST, 7, b"\xff\xfe", {}],
+    [REQUEST, 7, ["stats"], {}]]
+UNNUMBERED = [
+    None, True, 5, -1, 2**64 - 1, 1.5, "stats", b"stats", [], {}, [[]], [None], [REQUEST],
+    [REQUEST, -1, "stats", {}], [REQUEST, 2**32, "stats", {}], [REQUEST, 1.0, "stats", {}],
+    [REQUEST, "7", "stats", {}], [ONE_WAY], [ONE_WAY, "fail", {}], [ONE_WAY, 5, {}],
+    [ONE_WAY, "collectd", 5], [REPLY, 7, None, {}], [REPLY, 7, "error", None], [3, 7, "stats", {}],
+    [-1, 7, "stats", {}], [True, 7, "stats", {}], [2**63, 7, "stats", {}],
+    msgpack.ExtType(1, b"abc"), _DEEP]
+
+
+def odd_shapes():
+    """First those that cannot be answered, then those that must be with an error, then others."""
+    yield from UNNUMBERED + NUMBERED
+    for name in ("add", "submit", "collectd"):
+        for arguments in ODD_ARGUMENTS:
+            yield [REQUEST, 7, name, arguments]
+
 
 def bomb(key="unknown", content="x", size=MOST_CONTENT):
     """A request of nearly `size` bytes of repeated content, within every limit: 21 times smaller on

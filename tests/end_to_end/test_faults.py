@@ -5,8 +5,9 @@ import time
 
 from harness.http_server import Connection, answering, ending, hanging, status
 from harness.process import wait_until
-from harness.skein_client import REQUEST, frame
-from tests.end_to_end.bad_peers import BROKEN, Crowd, many, pour, send_some
+from harness.skein_client import REPLY, REQUEST, frame
+from tests.end_to_end.bad_peers import (BROKEN, NUMBERED, UNNUMBERED, Crowd, many, odd_shapes, pour,
+                                        send_some)
 from tests.end_to_end.stage import KEY, LINE, RECORD, StageTest
 
 STATS = frame([REQUEST, 3, "stats", {}])
@@ -31,6 +32,19 @@ class Faults(StageTest):
         self.assertEqual(self.daemon.text().count("Closing the connection of "), 2 * len(BROKEN))
         self.expect_well()
 
+    def test_odd_shapes_are_answered_with_an_error_where_they_have_a_number(self):
+        shapes = list(odd_shapes())
+        for connect in self.peers.values():
+            with connect() as client:
+                for shape in shapes:
+                    client.send(shape)
+                replies = [client.receive() for _ in shapes[len(UNNUMBERED):]]
+                self.assertEqual({tuple(reply[:2]) for reply in replies}, {(REPLY, 7)})
+                for reply in replies[:len(NUMBERED)]:
+                    self.assertIsInstance(reply[2], str)
+        self.assertIn("<3>Exception in ", self.daemon.text())
+        self.expect_well()
+
     def test_flood_keeps_nobody_waiting(self):
         crowd = Crowd(many(self.local, 2) + many(self.node, 2), send_some(STATS * 2000))
         wait_until(lambda: crowd.rounds > 500, "the flood, with the bystanders beside it")
@@ -47,7 +61,7 @@ class Faults(StageTest):
     def test_influxdb_that_breaks_off_while_it_is_sent_to(self):
         """More than fits into the sockets' buffers."""
         well, self.influx.conduct = self.influx.conduct, ending(
-            lambda client: (client.read_head(), client.receive(), client.reset()))
+            lambda client: (client.read_head(), client.reset()))
         with self.node() as node:
             node.call("add", {"key": KEY, "database": "bonding", "data": RECORD * 200_000})
         self.wait_logged(r"failed: (sending|receiving): .*\d{7} bytes", 0)
