@@ -151,6 +151,8 @@ Authenticator::Authenticator(InfluxHandler& influx_handler, const Settings& sett
       server_(server),
       sessions_(sessions),
       queues_(std::make_unique<Queues>()),
+      refusal_(fmt::format("more than {} requests wait for the verification of this key",
+                           MAX_UNCONFIRMED_REQUESTS)),
       verification_(std::make_unique<KeyVerification>(settings, loop, verification_url)) {}
 
 Authenticator::~Authenticator() {
@@ -259,8 +261,7 @@ void Authenticator::limit_requests(PendingKey& pending) noexcept {
   if (refused == requests.end()) refused = oldest;
   const skein::DeferredReply reply = refused->reply;
   requests.erase(refused);
-  reply.refuse(fmt::format("more than {} requests wait for the verification of this key",
-                           MAX_UNCONFIRMED_REQUESTS));
+  reply.refuse(refusal_);
 }
 
 std::size_t Authenticator::rank_of(const PendingKey& pending) const {

@@ -130,6 +130,7 @@ class Authenticator {
   /// are nodes, and their sessions point here.
   std::unordered_map<std::string, VerifiedKey::second_type> valid_;
   std::unique_ptr<Queues> queues_;  ///< what waits
+  const std::string refusal_;       ///< to say it must not take memory
   skein::Timer room_timer_;         ///< of those that wait for room
   std::unique_ptr<KeyVerification> verification_;
 };
