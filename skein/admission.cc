@@ -36,16 +36,13 @@ Admission::Admission(Loop& loop, const Limits& limits)
   limits_.reserved_connections = std::min(limits_.reserved_connections, limits_.connections / 8);
 }
 
-Admission::Account& Admission::EvictionOrder::first() const {
-  return *origins_.find(heaviest_.rbegin()->second)->second.accounts.rbegin()->second;
-}
-
-void Admission::EvictionOrder::add(std::uint32_t origin, std::uint32_t rank, Account& account,
-                                   std::size_t weight) {
+template <class Accounts>
+void Admission::EvictionOrder<Accounts>::add(std::uint32_t origin, Account& account,
+                                             std::size_t weight) {
   const auto found = origins_.try_emplace(origin).first;
   try {
     if (found->second.weight == 0) heaviest_.insert({0, origin});
-    found->second.accounts.insert({rank, &account});
+    found->second.add(account, weight);
   } catch (...) {
     reweigh(found, found->second.weight);
     throw;
@@ -53,16 +50,18 @@ void Admission::EvictionOrder::add(std::uint32_t origin, std::uint32_t rank, Acc
   reweigh(found, found->second.weight + weight);
 }
 
-void Admission::EvictionOrder::remove(std::uint32_t origin, std::uint32_t rank, Account& account,
-                                      std::size_t weight) noexcept {
+template <class Accounts>
+void Admission::EvictionOrder<Accounts>::remove(std::uint32_t origin, Account& account,
+                                                std::size_t weight) noexcept {
   const auto found = origins_.find(origin);
-  found->second.accounts.erase({rank, &account});
+  found->second.remove(account, weight);
   reweigh(found, found->second.weight - weight);
 }
 
 /// An origin without weight leaves.
-void Admission::EvictionOrder::reweigh(std::map<std::uint32_t, Origin>::iterator origin,
-                                       std::size_t weight) noexcept {
+template <class Accounts>
+void Admission::EvictionOrder<Accounts>::reweigh(
+    typename std::map<std::uint32_t, Origin>::iterator origin, std::size_t weight) noexcept {
   auto place = heaviest_.extract({origin->second.weight, origin->first});
   if (weight == 0) {
     origins_.erase(origin);
@@ -78,13 +77,12 @@ std::uint32_t Admission::group_of(const Account& account, Standing standing) noe
 }
 
 void Admission::change(Account& account, std::size_t bytes) {
-  EvictionOrder& order = of(account.standing_);
+  EvictionOrder<BySize>& order = of(account.standing_);
   const std::uint32_t group = group_of(account, account.standing_);
-  const auto rank = static_cast<std::uint32_t>(bytes);
-  if (bytes != 0) order.add(group, rank, account, bytes);
-  if (account.bytes_ != 0) order.remove(group, account.bytes_, account, account.bytes_);
+  if (bytes != 0) order.add(group, account, bytes);
+  if (account.bytes_ != 0) order.remove(group, account, account.bytes_);
   held_bytes_ += bytes - account.bytes_;
-  account.bytes_ = rank;
+  account.bytes_ = static_cast<std::uint32_t>(bytes);
 }
 
 std::string Admission::enforce() {
@@ -115,8 +113,8 @@ void Admission::evict_largest(Standing standing) {
 }
 
 void Admission::add_connection(Account& account) {
-  connections_of(account.standing_)->add(account.origin_, ~(arrivals_ + 1), account, 1);
-  account.arrival_ = ++arrivals_;
+  take_place(account);
+  account.is_connection_ = true;
   ++connections_;
 }
 
@@ -124,7 +122,7 @@ void Admission::make_room(Account& newest) {
   const std::size_t reserved = newest.is_authenticated() ? 0 : limits_.reserved_connections;
   const std::size_t allowed = limits_.connections - reserved;
   if (connections_ <= allowed) return;
-  for (EvictionOrder& order : by_age_) {
+  for (const auto& order : by_age_) {
     if (order.empty()) continue;
     const LimitError reason(EndReason::CONNECTIONS,
                             fmt::format("{} connections are open, {} are allowed, and this one is "
@@ -141,29 +139,31 @@ void Admission::make_room(Account& newest) {
 void Admission::set_standing(Account& account, Standing standing) {
   const Standing before = account.standing_;
   if (before == standing || before == Standing::GONE) return;
-  const std::uint32_t bytes = account.bytes_;
-  EvictionOrder* const age = account.arrival_ == 0 ? nullptr : connections_of(standing);
-  if (bytes != 0) of(standing).add(group_of(account, standing), bytes, account, bytes);
-  try {
-    if (age != nullptr) age->add(account.origin_, ~account.arrival_, account, 1);
-  } catch (...) {
-    if (bytes != 0) of(standing).remove(group_of(account, standing), bytes, account, bytes);
-    throw;
+  if (const std::uint32_t bytes = account.bytes_; bytes != 0) {
+    of(standing).add(group_of(account, standing), account, bytes);
+    of(before).remove(group_of(account, before), account, bytes);
   }
-  if (bytes != 0) of(before).remove(group_of(account, before), bytes, account, bytes);
-  leave_age_order(account);
+  leave_place(account);
   account.standing_ = standing;
+  if (account.is_connection_) take_place(account);
 }
 
-void Admission::leave_age_order(Account& account) noexcept {
-  EvictionOrder* const order = connections_of(account.standing_);
-  if (account.arrival_ == 0 || order == nullptr) return;
-  order->remove(account.origin_, ~account.arrival_, account, 1);
+/// At the end of its order.
+void Admission::take_place(Account& connection) {
+  if (connection.is_authenticated()) return;
+  by_age_.at(static_cast<std::size_t>(connection.standing_)).add(connection.origin_, connection, 1);
+  connection.has_place_ = true;
+}
+
+void Admission::leave_place(Account& connection) noexcept {
+  if (!connection.has_place_) return;
+  by_age_[static_cast<std::size_t>(connection.standing_)].remove(connection.origin_, connection, 1);
+  connection.has_place_ = false;
 }
 
 void Admission::remove_connection(Account& connection) noexcept {
   --connections_;
-  leave_age_order(connection);
+  leave_place(connection);
   release(connection);
 }
 

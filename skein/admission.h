@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "skein/errors.h"
+#include "skein/intrusive_list.h"
 #include "skein/limits.h"
 #include "skein/loops.h"
 
@@ -31,8 +32,8 @@ enum class Standing : std::uint8_t {
 ///     bytes held    gone: the largest account of the origin for which most is held
 ///                   unauthenticated: likewise
 ///                   authenticated, from twice the limit on: the largest account
-///     connections   gone: the oldest of the origin that has most of them
-///                   unauthenticated: likewise
+///     connections   gone: the first to go of the origin that has most of them
+///                   unauthenticated: the oldest of the origin that has most of them
 ///                   the newest
 ///     no progress   the account itself
 ///
@@ -71,11 +72,14 @@ class Admission {
     /// The deadline has passed.
     virtual void time_out() {}
 
+    // Small, because there is one for each connection.
+    ListLink<Account> place_;  ///< among the connections of its origin
     std::uint32_t bytes_ = 0;
     std::uint32_t watched_until_ = 0;  ///< seconds since the start, as in deadlines_; 0: not there
-    std::uint32_t arrival_ = 0;        ///< number of a connection; 0: none
     std::uint32_t origin_;
-    Standing standing_;
+    Standing standing_ : 2;
+    bool is_connection_ : 1 = false;
+    bool has_place_ : 1 = false;
   };
 
   /// Borrows the loop.
@@ -106,49 +110,64 @@ class Admission {
   /// If there are too many connections now, evicts one; `newest` is the one that came last.
   void make_room(Account& newest);
   void remove_connection(Account& connection) noexcept;
-  /// Nobody who is gone comes back. Throws std::bad_alloc, and leaves everything as it is then.
+  /// Nobody who is gone comes back. Throws std::bad_alloc; a connection is to be ended then.
   void set_standing(Account& account, Standing standing);
   /// Nothing is held for `account` any more, or expected of it.
   void release(Account& account) noexcept;
 
  private:
-  /// Accounts of one standing in the order in which they are evicted: first the origin that weighs
-  /// most, then the rank. Cannot fail but by add().
+  /// Accounts of one origin by the bytes that are held for them, the largest first.
+  struct BySize {
+    void add(Account& account, std::size_t bytes) { accounts.insert({bytes, &account}); }
+    void remove(Account& account, std::size_t bytes) { accounts.erase({bytes, &account}); }
+    Account& first() const { return *accounts.rbegin()->second; }
+    std::set<std::pair<std::size_t, Account*>> accounts{};
+  };
+  /// Connections of one origin, the oldest first. Nearly all connections stand here at first, so
+  /// their places lie in the accounts.
+  struct ByAge {
+    void add(Account& account, std::size_t) { accounts.push_back(account); }
+    void remove(Account& account, std::size_t) { accounts.remove(account); }
+    Account& first() const { return accounts.front(); }
+    IntrusiveList<Account, &Account::place_> accounts{};
+  };
+
+  /// Accounts of one standing in the order in which they are evicted: those of the origin that
+  /// weighs most, in the order of `Accounts`.
+  template <class Accounts>
   class EvictionOrder {
    public:
-    void add(std::uint32_t origin, std::uint32_t rank, Account& account, std::size_t weight);
-    void remove(std::uint32_t origin, std::uint32_t rank, Account& account,
-                std::size_t weight) noexcept;
-    bool empty() const noexcept { return most() == 0; }
+    /// `weight` is more than 0. Throws std::bad_alloc, and leaves everything as it is then.
+    void add(std::uint32_t origin, Account& account, std::size_t weight);
+    void remove(std::uint32_t origin, Account& account, std::size_t weight) noexcept;
+    bool empty() const noexcept { return heaviest_.empty(); }
     /// Weight of the heaviest origin.
-    std::size_t most() const noexcept { return heaviest_.empty() ? 0 : heaviest_.rbegin()->first; }
-    Account& first() const;
+    std::size_t most() const noexcept { return empty() ? 0 : heaviest_.rbegin()->first; }
+    Account& first() const { return origins_.find(heaviest_.rbegin()->second)->second.first(); }
 
    private:
-    struct Origin {
+    struct Origin : Accounts {
       std::size_t weight = 0;
-      std::set<std::pair<std::uint32_t, Account*>> accounts;  ///< by rank
     };
-    void reweigh(std::map<std::uint32_t, Origin>::iterator origin, std::size_t weight) noexcept;
+    void reweigh(typename std::map<std::uint32_t, Origin>::iterator origin,
+                 std::size_t weight) noexcept;
 
     std::map<std::uint32_t, Origin> origins_;
     std::set<std::pair<std::size_t, std::uint32_t>> heaviest_;  ///< origins by weight
   };
 
   /// Of the bytes that are held.
-  EvictionOrder& of(Standing standing) { return by_bytes_[static_cast<std::size_t>(standing)]; }
-  const EvictionOrder& of(Standing standing) const {
-    return by_bytes_[static_cast<std::size_t>(standing)];
+  EvictionOrder<BySize>& of(Standing standing) {
+    return by_size_[static_cast<std::size_t>(standing)];
   }
-  /// Of the connections; those that are authenticated stand in none.
-  EvictionOrder* connections_of(Standing standing) {
-    return standing == Standing::AUTHENTICATED ? nullptr
-                                               : &by_age_[static_cast<std::size_t>(standing)];
+  const EvictionOrder<BySize>& of(Standing standing) const {
+    return by_size_[static_cast<std::size_t>(standing)];
   }
   static std::uint32_t group_of(const Account& account, Standing standing) noexcept;
   void change(Account& account, std::size_t bytes);
   void evict_largest(Standing standing);
-  void leave_age_order(Account& account) noexcept;
+  void take_place(Account& connection);
+  void leave_place(Account& connection) noexcept;
   std::uint32_t seconds(Time time) const;
   void forget_deadline(Account& account) noexcept;
   void wake_at(Time time);
@@ -157,10 +176,10 @@ class Admission {
   Loop& loop_;
   Limits limits_;
   std::size_t held_bytes_ = 0;
-  std::array<EvictionOrder, 3> by_bytes_;  ///< one for each standing
-  std::array<EvictionOrder, 2> by_age_;    ///< connections: gone, unauthenticated
+  std::array<EvictionOrder<BySize>, 3> by_size_;  ///< one for each standing
+  /// Connections: gone, unauthenticated. Those that are authenticated stand in none.
+  std::array<EvictionOrder<ByAge>, 2> by_age_;
   std::size_t connections_ = 0;
-  std::uint32_t arrivals_ = 0;  ///< connections so far
   const Time start_;
   /// Whose deadline is when, in seconds since the start. It may have become a later one since,
   /// which is noticed when the time has come: progress costs nothing here.

@@ -42,40 +42,17 @@ bool peer_has_gone(int error_number) {
 
 }  // namespace
 
-/// The encoders of the connections, in the order in which they are applied to a message that goes
-/// out, and the message that is being served.
-struct Server::Encoders {
-  /// One large frame does not make the server large for good, whatever becomes of it.
-  void trim() noexcept {
-    snappy.trim();
-    if (message.nodes.capacity() > KEPT_NODES) message.nodes = {};
-  }
-
-  MsgpackEncoder msgpack;
-  SnappyEncoder snappy;
-  Message message;
-};
-
-/// What is reported no more often than so.
-struct Server::Reports {
-  explicit Reports(std::chrono::seconds interval) : accept(interval), memory(interval) {}
-
-  Throttle accept;
-  Throttle memory;
-  std::map<std::uint32_t, Throttle> failures;  ///< by slot, of peers whose requests failed
-};
-
 /// A connection with all that its server keeps for it. Owned by the server, which destroys it after
 /// the callback in which it has ended. There are thousands, so its size counts.
 ///
-/// | state | means | received from? | frames served? |
-/// |---|---|---|---|
-/// | open | | yes | yes |
-/// | suspended (`deferral`) | the reply to its last request is deferred | no; watched for its end |
-/// no | | blocked | too many unsent replies | no | no | | hung up (`hung_up`) | its end was noticed
-/// while it was suspended | once it continues | yes | | finished (`end_of_stream`) | the peer sends
-/// no more; closed once all is answered | no | yes | | `ended` | closed, about to be destroyed | no
-/// | no |
+///     state                    means                              received from?  served?
+///     open                                                        yes             yes
+///     suspended (`deferral`)   its last reply is deferred         end is watched  no
+///     blocked                  too many unsent replies            no              no
+///     hung up (gone)           its end came while suspended       once continued  yes
+///     finished                 it sends no more (`end_of_stream`);
+///                              closed once all is answered        no              yes
+///     ended (`ended`)          closed, about to be destroyed      no              no
 class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public Admission::Account {
  public:
   Peer(Server& server, Socket socket, std::uint32_t origin, std::uint32_t slot)
@@ -105,8 +82,9 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
   void time_out() override;
 
  public:
+  bool has_hung_up() const noexcept { return standing() == Standing::GONE; }
+
   bool end_of_stream = false;
-  bool hung_up = false;
   bool ended = false;
   bool replies = false;        ///< the deferred request has a number, `msgid`
   std::uint32_t deferral = 0;  ///< number of the deferred reply; 0: none
@@ -119,6 +97,43 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
  public:
   Connection connection;
 };
+
+/// What users of the class need not see.
+struct Server::Internals {
+  explicit Internals(std::chrono::seconds interval)
+      : accept_reports(interval), memory_reports(interval) {}
+
+  /// Runs `step` for each connection that has not ended.
+  template <class Step>
+  void for_each_open(Step&& step) {
+    for (std::uint32_t slot = 0; slot < peers.slots(); ++slot) {
+      if (peers[slot] && !peers[slot]->ended) step(*peers[slot]);
+    }
+  }
+  /// One large frame does not make the server large for good, whatever becomes of it.
+  void trim() noexcept {
+    snappy.trim();
+    if (message.nodes.capacity() > KEPT_NODES) message.nodes = {};
+  }
+
+  // The encoders, in the order in which they are applied to a message that goes out, and the
+  // message that is being served.
+  MsgpackEncoder msgpack;
+  SnappyEncoder snappy;
+  Message message;
+  /// Shared by all connections: each empties it at once.
+  const std::unique_ptr<char[]> read_buffer =
+      std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES);
+
+  PerConnection<std::optional<Peer>> peers;
+  std::vector<std::uint32_t> free_slots;
+  std::vector<std::uint32_t> ended_slots;  ///< of peers that are destroyed at the end of the turn
+
+  Throttle accept_reports;
+  Throttle memory_reports;
+  std::map<std::uint32_t, Throttle> failure_reports;  ///< by slot, of peers whose requests failed
+};
+
 void Server::Peer::handle_events(int events) {
   PROFILE_SCOPE();
   if (ended) return;
@@ -130,13 +145,12 @@ void Server::Peer::handle_events(int events) {
     if ((events & UV_READABLE) != 0 && may_serve() && !end_of_stream) {
       server_.resources_.ready_queue.add(*this);
     }
-    if ((events & (UV_DISCONNECT | UV_READABLE)) != 0 && deferral != 0 && !hung_up) hang_up();
+    if ((events & (UV_DISCONNECT | UV_READABLE)) != 0 && deferral != 0 && !has_hung_up()) hang_up();
   });
 }
 
 /// What it has sent is still served; but it goes first when there is too much.
 void Server::Peer::hang_up() {
-  hung_up = true;
   server_.resources_.admission.set_standing(*this, Standing::GONE);
   tell_deferrer();
   settle();
@@ -165,8 +179,8 @@ void Server::Peer::receive(ReadyQueue::Credit& credit) {
   PROFILE_SCOPE();
   if (end_of_stream) return;
   const std::size_t before = connection.unserved();
-  const auto received =
-      connection.receive({server_.read_buffer_.get(), READ_BUFFER_BYTES}, server_.loop_.seconds());
+  const auto received = connection.receive(
+      {server_.internals_->read_buffer.get(), READ_BUFFER_BYTES}, server_.loop_.seconds());
   end_of_stream = received == Connection::Received::END;
   credit.charge((connection.unserved() - before) / RECEIVED_BYTES_PER_CONTENT_BYTE);
 }
@@ -187,7 +201,7 @@ bool Server::Peer::settle() {
   }
   const bool readable = may_serve() && !end_of_stream;
   const bool writable = connection.unsent() != 0 && !more;
-  const bool suspended = deferral != 0 && !hung_up && !end_of_stream;
+  const bool suspended = deferral != 0 && !has_hung_up() && !end_of_stream;
   connection.watch((readable ? UV_READABLE : 0) | (writable ? UV_WRITABLE : 0) |
                    (suspended ? UV_DISCONNECT : 0));
   Admission& admission = server_.resources_.admission;
@@ -209,7 +223,7 @@ void Server::Peer::resume(Write&& write) {
 
 void Server::Peer::evict(const LimitError& reason) {
   if (ended) return;
-  hung_up ? server_.end(*this) : server_.end_for(*this, reason);
+  has_hung_up() ? server_.end(*this) : server_.end_for(*this, reason);
 }
 
 Admission::Time Server::Peer::deadline() const {
@@ -246,21 +260,18 @@ Server::Server(Socket sock, Loop& loop, Resources& resources,
       socket_(std::move(sock)),
       poll_(std::make_unique<Poll>(loop, socket_.descriptor(), static_cast<PollTarget&>(*this))),
       accept_pause_(limits_.accept_pause),
-      reports_(std::make_unique<Reports>(limits_.shortage_report_interval)),
       connection_keepalive_(connection_keepalive),
-      encoders_(std::make_unique<Encoders>()),
-      read_buffer_(std::make_unique_for_overwrite<char[]>(READ_BUFFER_BYTES)),
+      internals_(std::make_unique<Internals>(limits_.shortage_report_interval)),
       sweep_(loop, [this] { sweep(); }) {
   poll_->watch(UV_READABLE);
 }
 
 Server::~Server() {
   resume_listening_.cancel();
-  for (const auto& peer : peers_) {
-    if (!peer || peer->ended) continue;
-    resources_.ready_queue.remove(*peer);
-    resources_.admission.remove_connection(*peer);
-  }
+  internals_->for_each_open([this](Peer& peer) {
+    resources_.ready_queue.remove(peer);
+    resources_.admission.remove_connection(peer);
+  });
 }
 
 void Server::handle_events(int) {
@@ -282,7 +293,8 @@ void Server::pause_listening(const std::string& reason) {
   });
   poll_->watch(0);
   accept_pause_ = std::min(2 * accept_pause_, limits_.longest_accept_pause);
-  report_shortage(reports_->accept.pass(loop_.now()), "no connection can be accepted: " + reason);
+  report_shortage(internals_->accept_reports.pass(loop_.now()),
+                  "no connection can be accepted: " + reason);
 }
 
 void Server::report_shortage(std::optional<std::uint64_t> left_out, const std::string& text) {
@@ -294,7 +306,7 @@ void Server::report_shortage(std::optional<std::uint64_t> left_out, const std::s
 void Server::enforce_limits() {
   if (!resources_.admission.is_short()) return;
   const std::string shortage = resources_.admission.enforce();
-  if (!shortage.empty()) report_shortage(reports_->memory.pass(loop_.now()), shortage);
+  if (!shortage.empty()) report_shortage(internals_->memory_reports.pass(loop_.now()), shortage);
 }
 
 Connection* Server::handle_read() {
@@ -327,22 +339,31 @@ Connection* Server::handle_read() {
 }
 
 Server::Peer& Server::add_peer(Socket socket, std::uint32_t origin) {
-  static_assert(sizeof(Peer) <= 136, "an idle connection is to stay small");
-  if (free_slots_.empty()) {
-    if (free_slots_.capacity() <= peers_.size()) {  // so that ending a peer never takes memory
-      ended_slots_.reserve(2 * peers_.size() + 16);
-      free_slots_.reserve(ended_slots_.capacity());
+  static_assert(sizeof(std::optional<Peer>) <= 152, "an idle connection is to stay small");
+  auto& peers = internals_->peers;
+  auto& free_slots = internals_->free_slots;
+  auto& ended_slots = internals_->ended_slots;
+  if (free_slots.empty()) {
+    const std::uint32_t before = peers.slots();
+    if (free_slots.capacity() <= before) {  // so that ending a peer never takes memory
+      ended_slots.reserve(2 * before + peers.BLOCK);
+      free_slots.reserve(ended_slots.capacity());
     }
-    peers_.emplace_back();
-    free_slots_.push_back(static_cast<std::uint32_t>(peers_.size() - 1));
+    peers.add(before);
+    for (std::uint32_t slot = peers.slots(); slot-- > before;) free_slots.push_back(slot);
   }
-  const std::uint32_t slot = free_slots_.back();
-  auto peer = std::make_unique<Peer>(*this, std::move(socket), origin, slot);
-  resources_.admission.add_connection(*peer);
-  free_slots_.pop_back();
-  peers_[slot] = std::move(peer);
+  const std::uint32_t slot = free_slots.back();
+  auto& peer = peers[slot];
+  peer.emplace(*this, std::move(socket), origin, slot);
+  try {
+    resources_.admission.add_connection(*peer);
+  } catch (...) {
+    peer.reset();
+    throw;
+  }
+  free_slots.pop_back();
   ++connection_count_;
-  return *peers_[slot];
+  return *peer;
 }
 
 void Server::add_connection(Connection&) {}
@@ -365,13 +386,13 @@ void Server::end(Peer& peer) noexcept {
   peer.tell_deferrer();
   resources_.ready_queue.remove(peer);
   resources_.admission.remove_connection(peer);
-  ended_slots_.push_back(peer.connection.slot());
+  internals_->ended_slots.push_back(peer.connection.slot());
   sweep_.arm();
   --connection_count_;
   try {
     remove_connection(peer.connection);
-    if (reports_->failures.empty()) return peer.connection.close();
-    if (const auto failures = reports_->failures.extract(peer.connection.slot())) {
+    if (internals_->failure_reports.empty()) return peer.connection.close();
+    if (const auto failures = internals_->failure_reports.extract(peer.connection.slot())) {
       const std::uint64_t left_out = failures.mapped().left_out();
       if (left_out != 0) report_left_out(&peer, left_out);
     }
@@ -382,11 +403,11 @@ void Server::end(Peer& peer) noexcept {
 }
 
 void Server::sweep() noexcept {
-  for (const std::uint32_t slot : ended_slots_) {
-    peers_[slot].reset();
-    free_slots_.push_back(slot);
+  for (const std::uint32_t slot : internals_->ended_slots) {
+    internals_->peers[slot].reset();
+    internals_->free_slots.push_back(slot);
   }
-  ended_slots_.clear();
+  internals_->ended_slots.clear();
 }
 
 void Server::set_authenticated(const Connection& connection) {
@@ -401,23 +422,25 @@ std::uint32_t Server::origin(const Connection& connection) const {
   return peer_of(connection).origin();
 }
 
+Server::Peer& Server::peer_of(const Connection& connection) const {
+  return *internals_->peers[connection.slot()];
+}
+
 std::vector<const Connection*> Server::connections() const {
   std::vector<const Connection*> open;
   open.reserve(connection_count_);
-  for (const auto& peer : peers_) {
-    if (peer && !peer->ended) open.push_back(&peer->connection);
-  }
+  internals_->for_each_open([&](Peer& peer) { open.push_back(&peer.connection); });
   return open;
 }
 
 void Server::serve(Peer& peer, std::string_view frame) {
   PROFILE_SCOPE();
   const struct Trim {
-    ~Trim() { encoders.trim(); }
-    Encoders& encoders;
-  } trim_at_end{*encoders_};
-  encoders_->msgpack.decode(encoders_->snappy.decode(frame), encoders_->message);
-  const Envelope envelope = read_envelope(encoders_->message);
+    ~Trim() { internals.trim(); }
+    Internals& internals;
+  } trim_at_end{*internals_};
+  internals_->msgpack.decode(internals_->snappy.decode(frame), internals_->message);
+  const Envelope envelope = read_envelope(internals_->message);
   const Dispatcher::Operation* const operation =
       envelope.fault.empty() ? dispatcher_.find(envelope.name) : nullptr;
   if (operation == nullptr) {
@@ -447,7 +470,8 @@ bool Server::note_failure(const Peer* peer) {
   ++resources_.counters.refused_requests;
   const std::uint32_t slot = peer == nullptr ? NO_SLOT : peer->connection.slot();
   auto& reports =
-      reports_->failures.try_emplace(slot, FAILURE_INTERVAL, FAILURES_PER_INTERVAL).first->second;
+      internals_->failure_reports.try_emplace(slot, FAILURE_INTERVAL, FAILURES_PER_INTERVAL)
+          .first->second;
   const auto left_out = reports.pass(loop_.now());
   if (left_out && *left_out != 0) report_left_out(peer, *left_out);
   return left_out.has_value();
@@ -501,8 +525,8 @@ DeferredReply Server::defer(const Request& request, Deferrer* deferrer) noexcept
 }
 
 Server::Peer* DeferredReply::peer() const noexcept {
-  Peer* const peer = server_->peers_[slot_].get();
-  return peer != nullptr && !peer->ended && peer->deferral == number_ ? peer : nullptr;
+  auto& peer = server_->internals_->peers[slot_];
+  return peer && !peer->ended && peer->deferral == number_ ? &*peer : nullptr;
 }
 
 Connection* DeferredReply::connection() const noexcept {
@@ -512,7 +536,7 @@ Connection* DeferredReply::connection() const noexcept {
 
 bool DeferredReply::has_peer() const noexcept {
   const Peer* const waiting = peer();
-  return waiting != nullptr && !waiting->hung_up && !waiting->end_of_stream;
+  return waiting != nullptr && !waiting->has_hung_up() && !waiting->end_of_stream;
 }
 
 void DeferredReply::forget_deferrer() const noexcept {
@@ -561,9 +585,7 @@ void Server::close() {
   resume_listening_.cancel();
   poll_.reset();
   socket_ = Socket();
-  for (const auto& peer : peers_) {
-    if (peer) end(*peer);
-  }
+  internals_->for_each_open([this](Peer& peer) { end(peer); });
 }
 
 }  // namespace skein

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -104,8 +105,7 @@ class Server : private PollTarget {
 
  private:
   class Peer;
-  struct Encoders;
-  struct Reports;
+  struct Internals;
 
   void handle_events(int events) override;
   void pause_listening(const std::string& reason);
@@ -129,7 +129,7 @@ class Server : private PollTarget {
   void end_for(Peer& peer, const ProtocolError& fault);
   void end(Peer& peer) noexcept;
   void sweep() noexcept;
-  Peer& peer_of(const Connection& connection) const { return *peers_[connection.slot()]; }
+  Peer& peer_of(const Connection& connection) const;
 
   Loop& loop_;
   Resources& resources_;
@@ -138,15 +138,9 @@ class Server : private PollTarget {
   std::unique_ptr<Poll> poll_;  // none once closed
   Timer resume_listening_;
   std::chrono::milliseconds accept_pause_;
-  const std::unique_ptr<Reports> reports_;
   std::optional<Keepalive> connection_keepalive_;
   Dispatcher dispatcher_;
-  const std::unique_ptr<Encoders> encoders_;
-  const std::unique_ptr<char[]>
-      read_buffer_;                          ///< shared by all connections: each empties it at once
-  std::deque<std::unique_ptr<Peer>> peers_;  ///< by slot; none in a free one
-  std::vector<std::uint32_t> free_slots_;
-  std::vector<std::uint32_t> ended_slots_;  ///< of peers that are destroyed at the end of the turn
+  const std::unique_ptr<Internals> internals_;
   TurnTask sweep_;
   std::size_t connection_count_ = 0;
   std::uint32_t deferrals_ = 0;  ///< made so far
@@ -184,26 +178,36 @@ class Server::DeferredReply {
 };
 using DeferredReply = Server::DeferredReply;
 
-/// What a server keeps for each of its connections: a T for each slot, in an array, because a node
-/// of a map would cost an idle connection more than the T.
+/// What a server keeps for each of its connections: a T for each slot, in blocks of many, because
+/// an allocation for each would cost an idle connection more. A T stays where it is.
 template <class T>
 class PerConnection {
  public:
   /// A connection has come. Throws std::bad_alloc.
-  T& add(const Connection& connection) {
-    if (connection.slot() >= values_.size()) values_.resize(connection.slot() + 1);
-    return values_[connection.slot()];
+  T& add(std::uint32_t slot) {
+    while (slot >= slots()) blocks_.emplace_back();
+    return (*this)[slot];
   }
+  T& add(const Connection& connection) { return add(connection.slot()); }
   /// It has ended. Returns what was kept for it; a fresh T if it was not added.
   T remove(const Connection& connection) noexcept {
-    if (connection.slot() >= values_.size()) return T();
-    return std::exchange(values_[connection.slot()], T());
+    if (connection.slot() >= slots()) return T();
+    return std::exchange((*this)[connection], T());
   }
-  T& operator[](const Connection& connection) { return values_[connection.slot()]; }
-  const T& operator[](const Connection& connection) const { return values_[connection.slot()]; }
+  T& operator[](std::uint32_t slot) { return blocks_[slot / BLOCK][slot % BLOCK]; }
+  T& operator[](const Connection& connection) { return (*this)[connection.slot()]; }
+  const T& operator[](const Connection& connection) const {
+    return blocks_[connection.slot() / BLOCK][connection.slot() % BLOCK];
+  }
+  /// Slots are smaller than this.
+  std::uint32_t slots() const noexcept {
+    return static_cast<std::uint32_t>(blocks_.size()) * BLOCK;
+  }
+
+  static constexpr std::uint32_t BLOCK = 64;  ///< slots of a block
 
  private:
-  std::deque<T> values_;  ///< no vector, which leaves its old places behind when it grows
+  std::deque<std::array<T, BLOCK>> blocks_;
 };
 
 }  // namespace skein
