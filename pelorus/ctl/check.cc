@@ -17,14 +17,14 @@
 #include <variant>
 #include <vector>
 
-#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/command.h"
 #include "pelorus/ctl/output.h"
-#include "pelorus/ctl/subcommands.h"
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/listen/key_verification.h"
 #include "pelorus/pelorus/log.h"
+#include "pelorus/pelorus/secret_text.h"
 #include "pelorus/pelorus/settings.h"
 #include "skein/loops.h"
 #include "skein/socket.h"
@@ -42,24 +42,11 @@ constexpr std::string_view EXAMPLE_WWW_KEY = "the administration web server's ow
 
 /// Whether `text` is the Base64 of a text with a ":" after its first byte.
 bool is_user_and_password(std::string_view text) {
-  constexpr std::string_view DIGITS =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string decoded;
-  std::uint32_t bits = 0;
-  int count = 0;
-  if (text.size() % 4 != 0) return false;
-  text = text.substr(0, text.size() - (text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0));
-  for (const char byte : text) {
-    const std::size_t digit = DIGITS.find(byte);
-    if (digit == DIGITS.npos) return false;
-    bits = (bits << 6U) | static_cast<std::uint32_t>(digit);
-    count += 6;
-    if (count < 8) continue;
-    count -= 8;
-    decoded += static_cast<char>((bits >> static_cast<unsigned>(count)) & 0xFFU);
-  }
+  const std::size_t padding = text.ends_with("==") ? 2 : text.ends_with('=') ? 1 : 0;
+  const std::string decoded = base64_decoded(text);
   const std::size_t colon = decoded.find(':');
-  return colon != decoded.npos && colon > 0;
+  return text.size() % 4 == 0 && decoded.size() == text.size() / 4 * 3 - padding &&
+         colon != decoded.npos && colon > 0;
 }
 
 /// For InfluxDB and for the web server.
@@ -70,11 +57,11 @@ bool run_until(skein::Loop& loop, const std::function<bool()>& done) {
   constexpr std::chrono::milliseconds PAUSE{10};
   const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;
   skein::Timer timer;
-  const std::function<void()> look = [&] {
+  const std::function<void()> poll = [&] {
     if (done() || std::chrono::steady_clock::now() > end) return loop.stop();
-    timer = loop.call_in(PAUSE, look);
+    timer = loop.call_in(PAUSE, poll);
   };
-  look();
+  poll();
   if (!done()) loop.run();
   return done();
 }
@@ -366,16 +353,15 @@ struct CheckOptions {
 };
 
 void run(const CheckOptions& options) {
-  const Palette palette = Palette::of_stdout();
   SettingsCheck check(options.message_bytes, options.memory_bytes);
   check.run(options.file);
   if (options.connect && check.errors().empty()) check.connect();
   if (check.errors().empty()) fmt::print("{} can be used\n", check.source());
   for (const std::string& text : check.errors()) {
-    fmt::print("{} {}\n", palette.paint(Tone::BAD, "error:"), skein::without_controls(text));
+    fmt::print("{} {}\n", styled(BAD, "error:"), skein::without_controls(text));
   }
   for (const std::string& text : check.warnings()) {
-    fmt::print("{} {}\n", palette.paint(Tone::WARNING, "warning:"), skein::without_controls(text));
+    fmt::print("{} {}\n", styled(WARNING, "warning:"), skein::without_controls(text));
   }
   if (!check.errors().empty()) throw CLI::RuntimeError(static_cast<int>(ExitStatus::FAILURE));
 }

@@ -15,8 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "pelorus/ctl/options.h"
-#include "pelorus/ctl/subcommands.h"
+#include "pelorus/ctl/command.h"
 #include "skein/text.h"
 
 namespace {

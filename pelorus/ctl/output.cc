@@ -1,38 +1,35 @@
 #include "pelorus/ctl/output.h"
 
 #include <fmt/format.h>
+#include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <stdexcept>
+#include <thread>
 
-#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/command.h"
 #include "skein/text.h"
 
 namespace pelorus::ctl {
 namespace {
 
-const char* code_of(Tone tone) {
-  switch (tone) {
-    case Tone::HEADING:
-      return "\033[1m";
-    case Tone::FAINT:
-      return "\033[2m";
-    case Tone::GOOD:
-      return "\033[32m";
-    case Tone::WARNING:
-      return "\033[33m";
-    case Tone::BAD:
-      return "\033[1;31m";
-    case Tone::PLAIN:
-      break;
-  }
-  return "";
+/// Whether standard output shows styles.
+bool shows_styles() {
+  const char* no_color = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  const bool refused = no_color != nullptr && *no_color != '\0';
+  const bool dumb = terminal == nullptr || std::string_view(terminal) == "dumb";
+  return isatty(STDOUT_FILENO) == 1 && !refused && !dumb;
 }
 
 /// Columns on the screen, one for each UTF-8 character.
@@ -41,8 +38,8 @@ std::size_t width_of(std::string_view text) {
       std::ranges::count_if(text, std::not_fn(skein::is_utf8_continuation)));
 }
 
-/// Bytes of the sequence that sets a colour, if `text` begins with one.
-std::size_t colour_bytes(std::string_view text) {
+/// Bytes of the escape sequence that sets a style, if `text` begins with one.
+std::size_t style_bytes(std::string_view text) {
   return text.starts_with('\033') ? std::min(text.find('m'), text.size() - 1) + 1 : 0;
 }
 
@@ -51,7 +48,7 @@ void append_fitted(std::string& out, std::string_view line, std::size_t columns)
   std::size_t width = 0;
   std::size_t cut = out.size();  // where the last column begins
   while (!line.empty()) {
-    std::size_t bytes = colour_bytes(line);
+    std::size_t bytes = style_bytes(line);
     if (bytes == 0) {
       if (++width == columns) cut = out.size();
       if (width > columns) {
@@ -68,42 +65,85 @@ void append_fitted(std::string& out, std::string_view line, std::size_t columns)
   }
 }
 
+using Clock = std::chrono::steady_clock;
+
+/// Leaves one line for the cursor, so that nothing scrolls and a prompt has its place at the end.
+Screen screen_of_terminal() {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row < 2 || size.ws_col == 0) {
+    return {.columns = 80, .rows = 23};
+  }
+  return {.columns = size.ws_col, .rows = size.ws_row - 1U};
+}
+
+/// Overwrites the screen: clears each line before it is written, and the screen after the last one.
+/// No line wraps, even if a character takes two columns.
+std::string in_place(std::string_view text) {
+  std::string out = "\033[?7l\033[H\033[K";
+  for (const char byte : text) {
+    out += byte;
+    if (byte == '\n') out += "\033[K";
+  }
+  return out + "\033[J\033[?7h";
+}
+
+void write(const std::string& text) {
+  if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
+    throw std::runtime_error("cannot write to standard output");
+  }
+}
+
+/// The signal that a resized terminal sends. It stays pending until it is waited for.
+sigset_t block_resize_signal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGWINCH);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+/// True as soon as one of the signals arrives; false when the time has come.
+bool arrives_before(Clock::time_point end, const sigset_t& signals) {
+  const auto left = std::chrono::ceil<std::chrono::nanoseconds>(end - Clock::now()).count();
+  if (left <= 0) return false;
+  constexpr std::int64_t SECOND = 1'000'000'000;
+  const timespec timeout{left / SECOND, left % SECOND};
+  return sigtimedwait(&signals, nullptr, &timeout) > 0;
+}
+
+Clock::duration duration_of(double seconds) {
+  return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
 }  // namespace
 
-Palette Palette::of_stdout() {
-  const char* no_color = std::getenv("NO_COLOR");
-  const char* terminal = std::getenv("TERM");
-  const bool refused = no_color != nullptr && *no_color != '\0';
-  const bool dumb = terminal == nullptr || std::string_view(terminal) == "dumb";
-  return Palette(isatty(STDOUT_FILENO) == 1 && !refused && !dumb);
+std::string styled(const Style& style, std::string_view text) {
+  static const bool SHOWN = shows_styles();
+  return SHOWN ? fmt::format(style, "{}", text) : std::string(text);
 }
 
-std::string Palette::paint(Tone tone, std::string_view text) const {
-  if (!coloured_ || tone == Tone::PLAIN) return std::string(text);
-  return fmt::format("{}{}\033[0m", code_of(tone), text);
-}
-
-std::string fitted(std::string_view text, const Room& room) {
+std::string fitted(std::string_view text, const Screen& screen) {
   std::string out;
-  for (std::size_t row = 0; row < room.rows && !text.empty(); ++row) {
+  for (std::size_t row = 0; row < screen.rows && !text.empty(); ++row) {
     const std::size_t end = std::min(text.find('\n'), text.size());
-    append_fitted(out, text.substr(0, end), room.columns);
+    append_fitted(out, text.substr(0, end), screen.columns);
     out += '\n';
     text.remove_prefix(std::min(end + 1, text.size()));
   }
   return out;
 }
 
-std::string Table::draw(const Palette& palette, const Room& room) const {
+std::string Table::draw(const Screen& screen) const {
   std::vector<std::vector<Cell>> all(1);
-  for (const Column& column : columns_) all[0].push_back({column.heading, Tone::HEADING});
-  const std::size_t shown =
-      lines() <= room.rows ? rows_.size() : std::min(rows_.size(), std::max(room.rows, 2UL) - 2);
+  for (const Column& column : columns_) all[0].push_back({column.heading, HEADING});
+  const std::size_t shown = lines() <= screen.rows
+                                ? rows_.size()
+                                : std::min(rows_.size(), std::max(screen.rows, 2UL) - 2);
   for (std::size_t i = 0; i < shown; ++i) {
     all.push_back(rows_[i]);
     for (Cell& cell : all.back()) cell.text = skein::without_controls(cell.text);
   }
-  const auto widths = widths_within(room.columns, all);
+  const auto widths = widths_within(screen.columns, all);
   std::string drawn;
   for (const auto& row : all) {
     std::string gap;  // written only if another cell follows
@@ -112,7 +152,7 @@ std::string Table::draw(const Palette& palette, const Room& room) const {
       const std::string padding(*widths[i] - width_of(row[i].text), ' ');
       if (columns_[i].right_aligned) gap += padding;
       if (!row[i].text.empty()) {
-        drawn += gap + palette.paint(row[i].tone, row[i].text);
+        drawn += gap + styled(row[i].style, row[i].text);
         gap.clear();
       }
       if (!columns_[i].right_aligned) gap += padding;
@@ -121,8 +161,8 @@ std::string Table::draw(const Palette& palette, const Room& room) const {
     drawn += '\n';
   }
   const std::size_t more = more_ + rows_.size() - shown;
-  if (more > 0) drawn += palette.paint(Tone::FAINT, fmt::format("… and {} more", more)) + "\n";
-  return fitted(drawn, room);
+  if (more > 0) drawn += styled(FAINT, fmt::format("… and {} more", more)) + "\n";
+  return fitted(drawn, screen);
 }
 
 Table::Widths Table::widths_within(std::size_t columns,
@@ -144,6 +184,39 @@ Table::Widths Table::widths_within(std::size_t columns,
     widths[least].reset();
   }
   return widths;
+}
+
+void watch(double seconds, const std::function<void()>& update,
+           const std::function<std::string(const Screen& screen)>& draw) {
+  if (isatty(STDOUT_FILENO) != 1) {
+    watch_lines(seconds, [&] {
+      update();
+      return draw({}) + "\n";
+    });
+  }
+  const sigset_t resized = block_resize_signal();
+  write("\033[2J");
+  while (true) {
+    const Clock::time_point next = Clock::now() + duration_of(seconds);
+    std::string failure;
+    try {
+      update();
+    } catch (const skein::ClientError& error) {
+      failure = styled(BAD, explain(error)) + "\n";
+    }
+    do {
+      const Screen screen = screen_of_terminal();
+      write(in_place(failure.empty() ? draw(screen) : fitted(failure, screen)));
+    } while (arrives_before(next, resized));
+  }
+}
+
+void watch_lines(double seconds, const std::function<std::string()>& next) {
+  while (true) {
+    const Clock::time_point next_time = Clock::now() + duration_of(seconds);
+    write(next());
+    std::this_thread::sleep_until(next_time);
+  }
 }
 
 std::string human_count(double number) {

@@ -1,50 +1,50 @@
 #pragma once
 
+#include <fmt/color.h>
+
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-// What the subcommands print with: colours, tables, and numbers in the form that people read.
+// What the subcommands print with: styles, tables, numbers for people, and a display that is
+// updated in place.
 namespace pelorus::ctl {
 
-/// How a piece of text stands out on a terminal.
-enum class Tone { PLAIN, HEADING, FAINT, GOOD, WARNING, BAD };
+/// How a text stands out on a terminal.
+using Style = fmt::text_style;
+constexpr Style PLAIN{};
+constexpr Style HEADING(fmt::emphasis::bold);
+constexpr Style FAINT(fmt::emphasis::faint);
+constexpr Style WARNING = fmt::fg(fmt::terminal_color::yellow);
+constexpr Style BAD = fmt::fg(fmt::terminal_color::red) | fmt::emphasis::bold;
 
-/// Colours for standard output.
-class Palette {
- public:
-  /// Plain if standard output is no terminal or a dumb one, or if NO_COLOR is set.
-  static Palette of_stdout();
-  explicit Palette(bool coloured) : coloured_(coloured) {}
+/// `text` in this style; as it is if standard output is no terminal or a dumb one, or if NO_COLOR
+/// is set.
+std::string styled(const Style& style, std::string_view text);
 
-  std::string paint(Tone tone, std::string_view text) const;
-
- private:
-  bool coloured_;
-};
-
-/// What a text may take up.
-struct Room {
+/// The size of the screen; without a terminal, no limit.
+struct Screen {
   std::size_t columns = std::string::npos;
   std::size_t rows = std::string::npos;
 };
 
-/// The first lines of `text`, each as wide as the room at most; "…" ends a line that was cut.
-/// Colours take no width.
-std::string fitted(std::string_view text, const Room& room);
+/// The first lines of `text`, cut to the screen; "…" ends a line that was cut. Styles take no
+/// width.
+std::string fitted(std::string_view text, const Screen& screen);
 
 struct Cell {
   std::string text;
-  Tone tone = Tone::PLAIN;
+  Style style = PLAIN;
 };
 
 struct Column {
   std::string heading;
   bool right_aligned = false;
-  int priority = 0;  ///< of those above 0, the highest is left out first when the room is narrow
+  int priority = 0;  ///< of those above 0, the highest is left out first on a narrow screen
 };
 
 /// Columns as wide as their widest cell, with two blanks between them.
@@ -60,9 +60,9 @@ class Table {
   void set_more(std::size_t count) { more_ = count; }
   /// How many lines draw() needs to show everything.
   std::size_t lines() const { return 1 + rows_.size() + (more_ > 0 ? 1 : 0); }
-  /// Headings and rows. Each ends with a newline, none with a blank before it. In a narrow room,
-  /// columns are left out; in a low one, rows, with "… and 37 more" as the last line.
-  std::string draw(const Palette& palette, const Room& room = {}) const;
+  /// Headings and rows. Each ends with a newline, none with a blank before it. On a narrow screen
+  /// columns are left out; on a low one rows, with "… and 37 more" as the last line.
+  std::string draw(const Screen& screen = {}) const;
 
  private:
   /// Of each column; none if it is left out.
@@ -73,6 +73,16 @@ class Table {
   std::vector<std::vector<Cell>> rows_;
   std::size_t more_ = 0;
 };
+
+/// Calls `update`, which asks the daemon, every `seconds` until the process is interrupted, and
+/// shows what `draw` returns. On a terminal each text overwrites the last one, and is drawn again
+/// when the terminal is resized; a failure to reach the daemon is shown in its place. Elsewhere the
+/// texts follow each other, with an empty line between them, and a failure is thrown.
+[[noreturn]] void watch(double seconds, const std::function<void()>& update,
+                        const std::function<std::string(const Screen& screen)>& draw);
+
+/// The same for programs: prints what `next` returns, one text after the other, wherever it goes.
+[[noreturn]] void watch_lines(double seconds, const std::function<std::string()>& next);
 
 /// "12,345"
 std::string human_count(double number);

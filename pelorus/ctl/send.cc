@@ -17,9 +17,8 @@
 #include <string_view>
 #include <vector>
 
-#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/command.h"
 #include "pelorus/ctl/output.h"
-#include "pelorus/ctl/subcommands.h"
 #include "skein/client.h"
 #include "skein/errors.h"
 #include "skein/socket.h"

@@ -19,11 +19,8 @@
 #include <utility>
 #include <vector>
 
-#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/command.h"
 #include "pelorus/ctl/output.h"
-#include "pelorus/ctl/reply.h"
-#include "pelorus/ctl/subcommands.h"
-#include "pelorus/ctl/watch.h"
 #include "skein/text.h"
 
 namespace pelorus::ctl {
@@ -32,36 +29,27 @@ namespace {
 // For people: a table with one row for each database, in the order of the reply. A value that is
 // missing or of an unexpected type shows as "?".
 
-std::string yes_or_no(const ReplyValue& value) {
-  const auto boolean = value.boolean();
-  return boolean ? (*boolean ? "yes" : "no") : "?";
-}
-
-std::string count(const ReplyValue& value) {
-  const auto number = value.number();
-  return number ? human_count(*number) : "?";
-}
-
-std::string moment(const ReplyValue& value) {
-  const auto number = value.number();
-  return number ? human_moment(*number) : "?";
-}
-
-std::string stats_table(skein::Value databases, const Palette& palette, const Room& room) {
+std::string stats_table(const Json& databases, const Screen& screen) {
   Table table({{"database"},
                {"writing"},
                {"waiting", Table::RIGHT},
                {"failures", Table::RIGHT},
                {"last write"}});
-  ReplyValue(databases).each_pair([&](const std::string& name, const ReplyValue& stats) {
-    const ReplyValue failures = stats["failure_count"];
+  const auto shown = [](std::optional<double> number, std::string (*text)(double)) {
+    return number ? text(*number) : "?";
+  };
+  for (const auto& [name, database] : databases.items()) {
+    const Json& writing = at(database, "/has_current_request");
+    const auto failures = number_at(database, "/failure_count");
     table.add({{name},
-               {yes_or_no(stats["has_current_request"])},
-               {count(stats["pending_data_len"])},
-               {count(failures), failures.amount() > 0 ? Tone::BAD : Tone::PLAIN},
-               {moment(stats["last_sent_time"])}});
-  });
-  return table.draw(palette, room);
+               {!writing.is_boolean() ? "?"
+                : writing.get<bool>() ? "yes"
+                                      : "no"},
+               {shown(number_at(database, "/pending_data_len"), human_count)},
+               {shown(failures, human_count), failures > 0 ? BAD : PLAIN},
+               {shown(number_at(database, "/last_sent_time"), human_moment)}});
+  }
+  return table.draw(screen);
 }
 
 // For a monitoring system: one line with a verdict and performance data.
@@ -71,67 +59,46 @@ enum class Health : int { OK = 0, WARNING = 1, CRITICAL = 2, UNKNOWN = 3 };
 constexpr std::array<const char*, 4> HEALTH_NAMES{"OK", "WARNING", "CRITICAL", "UNKNOWN"};
 
 struct Measure {
-  const char* name;    ///< in a threshold, and in the performance data
-  const char* group;   ///< the map of the database that holds the value; null for the outermost
-  const char* key;     ///< in that map
-  const char* phrase;  ///< what is wrong, around the value
-
-  std::optional<double> value_in(const ReplyValue& database) const {
-    return (group == nullptr ? database[key] : database[group][key]).number();
-  }
+  const char* name;     ///< in a threshold, and in the performance data
+  const char* pointer;  ///< to the value in what the reply says of a database
+  const char* phrase;   ///< what is wrong, around the value
 };
 
 constexpr std::array<Measure, 6> MEASURES{{
-    {"queue", "queued", "messages", "messages waiting: {:.0f}"},
-    {"failures", nullptr, "failure_count", "failed writes: {:.0f}"},
-    {"age", nullptr, "last_sent_time", "seconds since the last good write: {:.0f}"},
-    {"failed", "failed", "messages", "messages lost in failed writes since the last look: {:.0f}"},
-    {"partial", "partial", "messages",
-     "messages of writes stored in part since the last look: {:.0f}"},
-    {"discarded", "discarded", "messages", "messages discarded since the last look: {:.0f}"},
+    {"queue", "/queued/messages", "messages waiting: {:.0f}"},
+    {"failures", "/failure_count", "failed writes: {:.0f}"},
+    {"age", "/last_sent_time", "seconds since the last good write: {:.0f}"},
+    {"failed", "/failed/messages", "messages lost in failed writes since the last check: {:.0f}"},
+    {"partial", "/partial/messages",
+     "messages of writes stored in part since the last check: {:.0f}"},
+    {"discarded", "/discarded/messages", "messages discarded since the last check: {:.0f}"},
 }};
 constexpr std::size_t AGE = 2;
-/// This one and those after it count from one look to the next.
+/// This one and those after it count from one check to the next: the reply of the last one, which
+/// --state keeps in a file, is subtracted. Nothing is if the daemon has started again since.
 constexpr std::size_t FIRST_LOSS = 3;
 
-/// What the last look saw: the daemon's reply, in a file. Its counters are subtracted from those of
-/// the present look, unless the daemon has started again since; without a file, nothing is.
-class LastLook {
- public:
-  /// Throws std::runtime_error for a file that is there and cannot be read.
-  explicit LastLook(std::string path) : path_(std::move(path)) {
-    std::ifstream file(path_);
-    if (!file && std::filesystem::exists(path_)) fail("cannot read");
-    if (file) seen_ = nlohmann::json::parse(file, nullptr, false);
-    if (seen_.is_discarded()) fail("no JSON in");
-  }
+[[noreturn]] void fail_state(const char* what, const std::string& path) {
+  throw std::runtime_error(fmt::format("{} the file of --state, '{}'", what, path));
+}
 
-  /// The measure's value then; 0 if it counts from the daemon's start.
-  double value(const ReplyValue& status, const std::string& database,
-               const Measure& measure) const {
-    if (seen_.value("started", 0.0) != status["started"].amount()) return 0;
-    const auto pointer =
-        nlohmann::json::json_pointer() / "databases" / database / measure.group / measure.key;
-    return seen_.contains(pointer) ? seen_[pointer].get<double>() : 0;
-  }
+/// The reply in the file of --state; an empty map if there is no file. Throws std::runtime_error.
+Json read_state(const std::string& path) {
+  std::ifstream file(path);
+  if (!file && std::filesystem::exists(path)) fail_state("cannot read", path);
+  Json status = file ? Json::parse(file, nullptr, false) : Json::object();
+  if (status.is_discarded()) fail_state("no JSON in", path);
+  return status;
+}
 
-  /// Replaces the file as a whole. Throws std::runtime_error.
-  void keep(skein::Value status) const {
-    const std::string draft = path_ + ".new";
-    std::ofstream file(draft);
-    file << to_json(status, JsonLines::MANY);
-    file.close();
-    if (!file || std::rename(draft.c_str(), path_.c_str()) != 0) fail("cannot write");
-  }
-
- private:
-  [[noreturn]] void fail(const char* what) const {
-    throw std::runtime_error(fmt::format("{} the file of --state, '{}'", what, path_));
-  }
-
-  std::string path_;
-  nlohmann::json seen_ = nlohmann::json::object();
-};
+/// Replaces the file as a whole. Throws std::runtime_error.
+void write_state(const std::string& path, const Json& status) {
+  const std::string draft = path + ".new";
+  std::ofstream file(draft);
+  file << indented(status);
+  file.close();
+  if (!file || std::rename(draft.c_str(), path.c_str()) != 0) fail_state("cannot write", path);
+}
 
 /// The value of each measure from which a database is not well. None: the measure is not judged.
 using Thresholds = std::array<std::optional<double>, MEASURES.size()>;
@@ -212,28 +179,30 @@ double now() {
 }
 
 /// Judges the reply to "status" and prints the line. `only`: the databases that count; all if
-/// empty. A database or a value that is missing makes it UNKNOWN. Without a last look no loss is
-/// judged.
-Health judge(const ReplyValue& status, const std::vector<std::string>& only,
-             const Thresholds& warning, const Thresholds& critical, const LastLook* last_look) {
+/// empty. A database or a value that is missing makes it UNKNOWN. `last`: the reply that --state
+/// has kept; without one no loss is judged.
+Health judge(const Json& status, const std::vector<std::string>& only, const Thresholds& warning,
+             const Thresholds& critical, const std::optional<Json>& last) {
   Verdict verdict;
   std::vector<std::string> seen;
-  status["databases"].each_pair([&](const std::string& name, const ReplyValue& database) {
-    if (!only.empty() && std::ranges::find(only, name) == only.end()) return;
+  const bool same_run = last && number_at(*last, "/started") == number_at(status, "/started");
+  for (const auto& [name, database] : at(status, "/databases").items()) {
+    if (!only.empty() && std::ranges::find(only, name) == only.end()) continue;
     seen.push_back(name);
-    for (std::size_t i = 0; i < (last_look != nullptr ? MEASURES.size() : FIRST_LOSS); ++i) {
-      const auto number = MEASURES.at(i).value_in(database);
+    for (std::size_t i = 0; i < (last ? MEASURES.size() : FIRST_LOSS); ++i) {
+      const auto& [measure, pointer, phrase] = MEASURES.at(i);
+      const auto number = number_at(database, pointer);
       if (!number) {
         verdict.add(Health::UNKNOWN,
-                    fmt::format("{}: no {} in the answer", plain_name(name), MEASURES.at(i).name));
+                    fmt::format("{}: no {} in the answer", plain_name(name), measure));
         continue;
       }
       double value = *number;
       if (i == AGE) value = std::fmax(now() - value, 0);
-      if (i >= FIRST_LOSS) value -= last_look->value(status, name, MEASURES.at(i));
+      if (i >= FIRST_LOSS && same_run) value -= count_at(database_in(*last, name), pointer);
       verdict.judge(plain_name(name), i, value, warning.at(i), critical.at(i));
     }
-  });
+  }
   for (const std::string& name : only) {
     if (std::ranges::find(seen, name) == seen.end()) {
       verdict.add(Health::UNKNOWN, fmt::format("{}: no such database", plain_name(name)));
@@ -265,63 +234,61 @@ struct Metric {
   const char* name;
   const char* type;
   const char* help;
-  const char* group;  ///< the map that holds the value; null for the outermost
-  const char* key;
-
-  std::optional<double> value_in(const ReplyValue& map) const {
-    return (group == nullptr ? map[key] : map[group][key]).number();
-  }
+  const char* pointer;          ///< to the value in the reply, or in that of a database
+  const char* label = nullptr;  ///< with one: the value is a map, each entry of it a sample
 };
 
-constexpr std::array<Metric, 6> DAEMON_METRICS{{
-    {"pelorus_start_time_seconds", "gauge", "Unix time at which the daemon started.", nullptr,
-     "started"},
+constexpr std::array<Metric, 8> DAEMON_METRICS{{
+    {"pelorus_start_time_seconds", "gauge", "Unix time at which the daemon started.", "/started"},
     {"pelorus_loop_delay_seconds", "gauge", "Longest turn of the event loop in the last minute.",
-     nullptr, "loop_delay"},
-    {"pelorus_messages_total", "counter", "Messages received.", "totals", "messages"},
-    {"pelorus_records_total", "counter", "Records received.", "totals", "records"},
+     "/loop_delay"},
+    {"pelorus_messages_total", "counter", "Messages received.", "/totals/messages"},
+    {"pelorus_records_total", "counter", "Records received.", "/totals/records"},
     {"pelorus_refused_requests_total", "counter", "Requests that failed and were answered so.",
-     "totals", "refused_requests"},
-    {"pelorus_dropped_log_lines_total", "counter", "Log lines that could not be written.", "totals",
-     "dropped_log_lines"},
+     "/totals/refused_requests"},
+    {"pelorus_dropped_log_lines_total", "counter", "Log lines that could not be written.",
+     "/totals/dropped_log_lines"},
+    {"pelorus_bad_lines_total", "counter", "Lines that yielded no record.", "/totals/bad_lines",
+     "kind"},
+    {"pelorus_ended_connections_total", "counter",
+     "Connections that the daemon ended because of a limit or a broken protocol.",
+     "/totals/ended_connections", "reason"},
 }};
 
 constexpr std::array<Metric, 20> DATABASE_METRICS{{
-    {"pelorus_queue_messages", "gauge", "Messages that wait.", "queued", "messages"},
-    {"pelorus_queue_bytes", "gauge", "Bytes that wait.", "queued", "bytes"},
-    {"pelorus_queue_limit_messages", "gauge", "Messages at which the oldest are dropped.", nullptr,
-     "max_pending"},
+    {"pelorus_queue_messages", "gauge", "Messages that wait.", "/queued/messages"},
+    {"pelorus_queue_bytes", "gauge", "Bytes that wait.", "/queued/bytes"},
+    {"pelorus_queue_limit_messages", "gauge", "Messages at which the oldest are dropped.",
+     "/max_pending"},
     {"pelorus_queue_full_seconds", "gauge", "Seconds until the queue is full; absent when never.",
-     nullptr, "seconds_until_full"},
-    {"pelorus_in_flight_messages", "gauge", "Messages of the present write.", "in_flight",
-     "messages"},
-    {"pelorus_sent_messages_total", "counter", "Messages that were acknowledged.", "sent",
-     "messages"},
-    {"pelorus_sent_bytes_total", "counter", "Bytes that were acknowledged.", "sent", "bytes"},
-    {"pelorus_partial_messages_total", "counter", "Messages of writes stored in part.", "partial",
-     "messages"},
-    {"pelorus_partial_bytes_total", "counter", "Bytes of writes stored in part.", "partial",
-     "bytes"},
-    {"pelorus_failed_messages_total", "counter", "Messages of failed writes.", "failed",
-     "messages"},
-    {"pelorus_failed_bytes_total", "counter", "Bytes of failed writes.", "failed", "bytes"},
+     "/seconds_until_full"},
+    {"pelorus_in_flight_messages", "gauge", "Messages of the present write.",
+     "/in_flight/messages"},
+    {"pelorus_sent_messages_total", "counter", "Messages that were acknowledged.",
+     "/sent/messages"},
+    {"pelorus_sent_bytes_total", "counter", "Bytes that were acknowledged.", "/sent/bytes"},
+    {"pelorus_partial_messages_total", "counter", "Messages of writes stored in part.",
+     "/partial/messages"},
+    {"pelorus_partial_bytes_total", "counter", "Bytes of writes stored in part.", "/partial/bytes"},
+    {"pelorus_failed_messages_total", "counter", "Messages of failed writes.", "/failed/messages"},
+    {"pelorus_failed_bytes_total", "counter", "Bytes of failed writes.", "/failed/bytes"},
     {"pelorus_discarded_messages_total", "counter", "Messages dropped from a full queue.",
-     "discarded", "messages"},
-    {"pelorus_discarded_bytes_total", "counter", "Bytes dropped from a full queue.", "discarded",
-     "bytes"},
-    {"pelorus_consecutive_failures", "gauge", "Failed writes since the last good one.", nullptr,
-     "failure_count"},
+     "/discarded/messages"},
+    {"pelorus_discarded_bytes_total", "counter", "Bytes dropped from a full queue.",
+     "/discarded/bytes"},
+    {"pelorus_consecutive_failures", "gauge", "Failed writes since the last good one.",
+     "/failure_count"},
     {"pelorus_last_success_timestamp_seconds", "gauge", "Unix time of the last good write.",
-     nullptr, "last_sent_time"},
+     "/last_sent_time"},
     {"pelorus_last_failure_timestamp_seconds", "gauge", "Unix time of the last failed write.",
-     nullptr, "last_failure_time"},
-    {"pelorus_partial_writes_total", "counter", "Writes that InfluxDB stored in part.", nullptr,
-     "partial_writes"},
+     "/last_failure_time"},
+    {"pelorus_partial_writes_total", "counter", "Writes that InfluxDB stored in part.",
+     "/partial_writes"},
     {"pelorus_dropped_points_total", "counter", "Points that InfluxDB dropped of such writes.",
-     nullptr, "dropped_points"},
+     "/dropped_points"},
     {"pelorus_unknown_drops_total", "counter",
-     "Such writes whose answer names no number of dropped points.", nullptr, "unknown_drops"},
-    {"pelorus_largest_body_bytes", "gauge", "Largest body of one write.", nullptr, "largest_body"},
+     "Such writes whose answer names no number of dropped points.", "/unknown_drops"},
+    {"pelorus_largest_body_bytes", "gauge", "Largest body of one write.", "/largest_body"},
 }};
 
 void append_head(std::string& out, const Metric& metric) {
@@ -337,57 +304,44 @@ void append_sample(std::string& out, const Metric& metric, const std::string& la
   fmt::format_to(std::back_inserter(out), "{}{} {}\n", metric.name, braced, *value);
 }
 
-/// A counter for each entry of a map, with the entry's name as a label.
-struct LabelledMetric {
-  Metric metric;
-  const char* label;
-};
+std::string label(std::string_view name, std::string_view value) {
+  return fmt::format("{}=\"{}\"", name, escaped(value));
+}
 
-constexpr std::array<LabelledMetric, 2> LABELLED_METRICS{{
-    {{"pelorus_bad_lines_total", "counter", "Lines that yielded no record.", "totals", "bad_lines"},
-     "kind"},
-    {{"pelorus_ended_connections_total", "counter",
-      "Connections that the daemon ended because of a limit or a broken protocol.", "totals",
-      "ended_connections"},
-     "reason"},
-}};
+void append_daemon_metric(std::string& out, const Metric& metric, const Json& status) {
+  append_head(out, metric);
+  if (metric.label == nullptr) {
+    return append_sample(out, metric, "", number_at(status, metric.pointer));
+  }
+  for (const auto& [name, value] : at(status, metric.pointer).items()) {
+    append_sample(out, metric, label(metric.label, name), number_at(value, ""));
+  }
+}
 
-std::string prometheus_text(skein::Value reply) {
-  const ReplyValue status(reply);
+std::string prometheus_text(const Json& status) {
   std::string out;
-  const Metric build{"pelorus_build_info", "gauge", "Version of the daemon.", nullptr, "version"};
+  const Metric build{"pelorus_build_info", "gauge", "Version of the daemon.", ""};
   append_head(out, build);
-  append_sample(out, build, fmt::format("version=\"{}\"", escaped(status["version"].text())), 1);
-  for (const Metric& metric : DAEMON_METRICS) {
-    append_head(out, metric);
-    append_sample(out, metric, "", metric.value_in(status));
-  }
+  append_sample(out, build, label("version", text_at(status, "/version")), 1);
+  for (const Metric& metric : DAEMON_METRICS) append_daemon_metric(out, metric, status);
   const Metric auths{"pelorus_authentications_total", "counter",
-                     "Answers of the web server about node keys.", "totals", nullptr};
+                     "Answers of the web server about node keys.", ""};
   append_head(out, auths);
-  const ReplyValue totals = status["totals"];
-  append_sample(out, auths, "result=\"accepted\"", totals["accepted_auths"].number());
-  append_sample(out, auths, "result=\"refused\"", totals["refused_auths"].number());
-  for (const LabelledMetric& row : LABELLED_METRICS) {
-    append_head(out, row.metric);
-    const ReplyValue counts = status[row.metric.group][row.metric.key];
-    counts.each_pair([&](const std::string& name, const ReplyValue& count) {
-      append_sample(out, row.metric, fmt::format("{}=\"{}\"", row.label, escaped(name)),
-                    count.number());
-    });
+  for (const char* result : {"accepted", "refused"}) {
+    append_sample(out, auths, label("result", result),
+                  number_at(status, fmt::format("/totals/{}_auths", result)));
   }
-  const Metric open{"pelorus_connections", "gauge", "Open connections.", nullptr, "open"};
+  const Metric open{"pelorus_connections", "gauge", "Open connections.", ""};
   append_head(out, open);
   for (const char* listener : {"nodes", "local"}) {
-    append_sample(out, open, fmt::format("listener=\"{}\"", listener),
-                  open.value_in(status[listener]));
+    append_sample(out, open, label("listener", listener),
+                  number_at(status, fmt::format("/{}/open", listener)));
   }
   for (const Metric& metric : DATABASE_METRICS) {
     append_head(out, metric);
-    status["databases"].each_pair([&](const std::string& name, const ReplyValue& database) {
-      append_sample(out, metric, fmt::format("database=\"{}\"", escaped(name)),
-                    metric.value_in(database));
-    });
+    for (const auto& [name, database] : at(status, "/databases").items()) {
+      append_sample(out, metric, label("database", name), number_at(database, metric.pointer));
+    }
   }
   return out;
 }
@@ -407,23 +361,21 @@ struct StatsOptions {
 };
 
 /// The daemon's "status" without its connections.
-skein::Answer ask_status(const ServerOptions& server) {
+Json ask_status(const ServerOptions& server) {
   skein::MsgpackWriter args;
   args.map(1).text("connections").natural(0);
   return ask(server, "status", args);
 }
 
-std::string for_programs(const ServerOptions& server, const StatsOptions& options) {
-  if (options.prometheus) return prometheus_text(ask_status(server).result());
-  return to_json(ask(server, "stats").result(),
-                 options.watch > 0 ? JsonLines::ONE : JsonLines::MANY);
+Json ask_stats(const ServerOptions& server) {
+  skein::MsgpackWriter no_args;
+  return ask(server, "stats", no_args.map(0));
 }
 
-Picture look(const ServerOptions& server) {
-  const auto answer = std::make_shared<skein::Answer>(ask(server, "stats"));  // of each drawing
-  return [answer](const Room& room) {
-    return stats_table(answer->result(), Palette::of_stdout(), room);
-  };
+std::string for_programs(const ServerOptions& server, const StatsOptions& options) {
+  if (options.prometheus) return prometheus_text(ask_status(server));
+  const Json stats = ask_stats(server);
+  return options.watch > 0 ? on_one_line(stats) : indented(stats);
 }
 
 /// Prints one line whatever happens.
@@ -431,19 +383,18 @@ Health monitor(const ServerOptions& server, const StatsOptions& options) {
   try {
     const auto warning = parse_thresholds(options.warning);
     const auto critical = parse_thresholds(options.critical);
-    std::optional<LastLook> last_look;
-    if (!options.state.empty()) last_look.emplace(options.state);
+    std::optional<Json> last;
+    if (!options.state.empty()) last = read_state(options.state);
     const auto of_losses = [](const Thresholds& thresholds) {
       return std::any_of(thresholds.begin() + FIRST_LOSS, thresholds.end(),
                          [](auto limit) { return limit.has_value(); });
     };
-    if (!last_look && (of_losses(warning) || of_losses(critical))) {
+    if (!last && (of_losses(warning) || of_losses(critical))) {
       throw UsageError("failed, partial and discarded need --state");
     }
-    const skein::Answer answer = ask_status(server);
-    const Health health = judge(ReplyValue(answer.result()), options.databases, warning, critical,
-                                last_look ? &*last_look : nullptr);
-    if (last_look) last_look->keep(answer.result());
+    const Json status = ask_status(server);
+    const Health health = judge(status, options.databases, warning, critical, last);
+    if (last) write_state(options.state, status);
     return health;
   } catch (const skein::ClientError& error) {
     fmt::print("UNKNOWN - {}\n", explain(error));
@@ -457,13 +408,17 @@ void run(const ServerOptions& server, const StatsOptions& options) {
   if (options.monitoring()) throw CLI::RuntimeError(static_cast<int>(monitor(server, options)));
   if (!options.databases.empty()) throw UsageError("--database needs --warn or --crit");
   if (options.json || options.prometheus) {
-    if (options.watch > 0)
-      watch_lines(options.watch, [&] { return for_programs(server, options); });
-    std::fputs(for_programs(server, options).c_str(), stdout);
+    const auto text = [&] { return for_programs(server, options); };
+    if (options.watch > 0) watch_lines(options.watch, text);
+    std::fputs(text().c_str(), stdout);
     return;
   }
-  if (options.watch > 0) watch(options.watch, [&] { return look(server); });
-  std::fputs(look(server)({}).c_str(), stdout);
+  Json stats;
+  const auto update = [&] { stats = ask_stats(server); };
+  const auto draw = [&](const Screen& screen) { return stats_table(stats, screen); };
+  if (options.watch > 0) watch(options.watch, update, draw);
+  update();
+  std::fputs(draw({}).c_str(), stdout);
 }
 
 }  // namespace
@@ -485,7 +440,7 @@ void add_stats(CLI::App& app, ServerOptions& server) {
                        "Act as a monitoring plugin: print one line, with WARNING from this "
                        "value. NAME is queue (waiting messages), failures (failed writes "
                        "since the last good one), age (seconds since the last good one), or, with "
-                       "--state, failed, partial or discarded (messages since the last look: lost "
+                       "--state, failed, partial or discarded (messages since the last check: lost "
                        "in failed writes, of writes stored in part, dropped from a full queue)")
           ->type_name(form);
   auto* critical =
@@ -499,7 +454,7 @@ void add_stats(CLI::App& app, ServerOptions& server) {
       ->type_name("NAME");
   command
       ->add_option("--state", options->state,
-                   "File that keeps what this look has seen for the next one; needed to judge "
+                   "File that keeps the counters of this check for the next one; needed to judge "
                    "failed, partial and discarded")
       ->type_name("FILE");
   command->footer(

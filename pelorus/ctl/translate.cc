@@ -20,9 +20,8 @@
 #include <utility>
 #include <vector>
 
-#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/command.h"
 #include "pelorus/ctl/output.h"
-#include "pelorus/ctl/subcommands.h"
 #include "pelorus/pelorus/ingest/graphite_message.h"
 #include "pelorus/translate/rule_table.h"
 #include "pelorus/translate/series_translator.h"
@@ -176,60 +175,49 @@ struct TranslateOptions {
   bool lint = false;
 };
 
-/// Which fields came as integers and which as floats. InfluxDB refuses the type that comes second.
-class FieldTypes {
+/// What is wrong with several lines together, though each of them is good by itself.
+class Lint {
  public:
-  void note(const TranslatedLine& line) {
-    if (line.value.empty()) return;
-    Seen& seen = fields_[{line.names.measurement, line.names.key}];
-    std::string& first = all_digits(line.value) ? seen.integer : seen.real;
-    if (first.empty()) first = line.series + " " + line.value;
-  }
-  /// One line for each field that came as both.
-  std::vector<std::string> conflicts() const {
-    std::vector<std::string> lines;
-    for (const auto& [field, seen] : fields_) {
-      if (seen.integer.empty() || seen.real.empty()) continue;
-      lines.push_back(
-          fmt::format("field {} of measurement {} is an integer in \"{}\" and a float "
-                      "in \"{}\"",
-                      field.second, field.first, seen.integer, seen.real));
-    }
-    return lines;
-  }
-
- private:
-  struct Seen {
-    std::string integer;  ///< the first line that had one
-    std::string real;
-  };
-  std::map<std::pair<std::string, std::string>, Seen> fields_;
-};
-
-/// Which series became which field of which measurement and tags. Two that become the same
-/// overwrite each other.
-class Targets {
- public:
-  void note(const TranslatedLine& line) {
+  void add(const TranslatedLine& line) {
     auto tags = line.names.tags;
     std::ranges::sort(tags);  // as InfluxDB does
     std::string target = fmt::format("field {} of {}", line.names.key, line.names.measurement);
     for (const auto& [key, value] : tags) target += fmt::format(",{}={}", key, value);
-    auto& names = series_[std::move(target)];
-    if (std::ranges::find(names, line.series) == names.end()) names.push_back(line.series);
+    auto& series = series_[std::move(target)];
+    if (std::ranges::find(series, line.series) == series.end()) series.push_back(line.series);
+    if (line.value.empty() || line.skipped) return;
+    auto& [integer, real] = types_[{line.names.measurement, line.names.key}];
+    std::string& first = all_digits(line.value) ? integer : real;
+    if (first.empty()) first = line.series + " " + line.value;
   }
-  /// One line for each field that several series write.
-  std::vector<std::string> conflicts() const {
+  /// One line for each field that came as an integer and as a float: InfluxDB refuses the type that
+  /// comes second.
+  std::vector<std::string> fields_of_two_types() const {
     std::vector<std::string> lines;
-    for (const auto& [target, names] : series_) {
-      if (names.size() < 2) continue;
+    for (const auto& [field, first] : types_) {
+      const auto& [integer, real] = first;
+      if (integer.empty() || real.empty()) continue;
+      lines.push_back(
+          fmt::format("field {} of measurement {} is an integer in \"{}\" and a float in \"{}\"",
+                      field.second, field.first, integer, real));
+    }
+    return lines;
+  }
+  /// One line for each field that several series write: they overwrite each other.
+  std::vector<std::string> overwritten() const {
+    std::vector<std::string> lines;
+    for (const auto& [target, series] : series_) {
+      if (series.size() < 2) continue;
       lines.push_back(fmt::format("{} is overwritten: it comes from \"{}\"", target,
-                                  fmt::join(names, "\" and \"")));
+                                  fmt::join(series, "\" and \"")));
     }
     return lines;
   }
 
  private:
+  /// The first line with an integer and the first with a float, by measurement and key.
+  std::map<std::pair<std::string, std::string>, std::array<std::string, 2>> types_;
+  /// The series by the field, measurement and tags that they become.
   std::map<std::string, std::vector<std::string>> series_;
 };
 
@@ -241,29 +229,29 @@ std::string joined(const TranslatedLine& line) {
   return tags;
 }
 
-void print_line(const TranslatedLine& line, const Palette& palette) {
-  const auto row = [&](const char* name, const std::string& text, Tone tone = Tone::PLAIN) {
+void print_line(const TranslatedLine& line) {
+  const auto row = [&](const char* name, const std::string& text, Style style = PLAIN) {
     if (!text.empty()) {
-      fmt::print("  {:<12} {}\n", name, palette.paint(tone, skein::without_controls(text)));
+      fmt::print("  {:<12} {}\n", name, styled(style, skein::without_controls(text)));
     }
   };
-  fmt::print("{}\n", palette.paint(Tone::HEADING, skein::without_controls(line.series)));
+  fmt::print("{}\n", styled(HEADING, skein::without_controls(line.series)));
   row("rule", line.rule);
   row("measurement", line.names.measurement);
   row("tags", joined(line));
   row("key", line.names.key);
   row("record", line.record);
   if (line.skipped) row("left out", "its value is nan");
-  row("note", line.note, Tone::WARNING);
-  row("error", line.error, Tone::BAD);
+  row("note", line.note, WARNING);
+  row("error", line.error, BAD);
 }
 
 /// One JSON object a line.
 void print_json(const TranslatedLine& line) {
-  nlohmann::ordered_json object{{"series", line.series}, {"rule", line.rule}};
+  Json object{{"series", line.series}, {"rule", line.rule}};
   if (line.error.empty()) {
     object["measurement"] = line.names.measurement;
-    object["tags"] = nlohmann::ordered_json::object();
+    object["tags"] = Json::object();
     for (const auto& [key, value] : line.names.tags) object["tags"][key] = value;
     object["key"] = line.names.key;
   }
@@ -274,8 +262,7 @@ void print_json(const TranslatedLine& line) {
   if (line.skipped) object["left_out"] = "its value is nan";
   add("note", line.note);
   add("error", line.error);
-  const auto replace = nlohmann::ordered_json::error_handler_t::replace;
-  fmt::print("{}\n", object.dump(-1, ' ', false, replace));
+  fmt::print("{}", on_one_line(object));
 }
 
 /// Every series of the command line, else every line of standard input that is not empty.
@@ -289,9 +276,7 @@ void each_line(const TranslateOptions& options,
 }
 
 void run(const TranslateOptions& options) {
-  const Palette palette = Palette::of_stdout();
-  FieldTypes types;
-  Targets targets;
+  Lint lint;
   std::size_t lines = 0;
   std::size_t failed = 0;
   std::size_t refused = 0;
@@ -301,19 +286,16 @@ void run(const TranslateOptions& options) {
     ++lines;
     if (!translated) ++failed;
     if (!line.note.empty()) ++refused;
-    if (translated && options.lint) {
-      targets.note(line);
-      if (!line.skipped) types.note(line);
-    }
+    if (translated && options.lint) lint.add(line);
     if (options.lint && translated && line.note.empty()) return;
-    options.json ? print_json(line) : print_line(line, palette);
+    options.json ? print_json(line) : print_line(line);
   });
-  const auto two_types = types.conflicts();
-  const auto overwritten = targets.conflicts();
+  const auto two_types = lint.fields_of_two_types();
+  const auto overwritten = lint.overwritten();
   if (options.lint) {
     for (const auto* conflicts : {&two_types, &overwritten}) {
       for (const std::string& conflict : *conflicts) {
-        fmt::print("{}\n", palette.paint(Tone::WARNING, skein::without_controls(conflict)));
+        fmt::print("{}\n", styled(WARNING, skein::without_controls(conflict)));
       }
     }
     fmt::print("{}, {} not translated, {} refused by InfluxDB, {} of two types, {} overwritten\n",

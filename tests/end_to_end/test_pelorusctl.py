@@ -285,7 +285,7 @@ class Pelorusctl(CtlTest):
                 (["--crit", "length=1"], 3, "UNKNOWN - 'length=1' is no threshold"),
                 (["--crit", "failed=1"], 3, "UNKNOWN - failed, partial and discarded need --state"),
                 (["--crit", "failed=1", "--state", self.folder / "seen"], 2,
-                 "messages lost in failed writes since the last look: 1"),
+                 "messages lost in failed writes since the last check: 1"),
                 (["--crit", "failed=1", "--state", self.folder / "seen"], 0, "_failed'=0;;1;0"),
                 (["--crit", "failed=1", "--state", self.folder], 3, "UNKNOWN - "),
                 (["--crit", "queue=1", "--json"], 3, "excludes"),

@@ -1,4 +1,4 @@
-#include "pelorus/ctl/options.h"
+#include "pelorus/ctl/command.h"
 
 #include <fmt/format.h>
 
@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include "pelorus/node_key_file.h"
 
@@ -46,6 +47,52 @@ constexpr const char* DEFAULT_SOCKET = "/run/pelorus/collectd.sock";
 constexpr const char* SOCKET_VARIABLE = "PELORUS_SOCKET";
 constexpr const char* KEY_VARIABLE = "PELORUS_NODE_KEY";
 constexpr double MAX_TIMEOUT = 86400;  // seconds
+
+Json json_of(skein::Value value);
+
+Json json_of_list(skein::Value list) {
+  Json items = Json::array();
+  for (const skein::Value item : list) items.push_back(json_of(item));
+  return items;
+}
+
+Json json_of_map(skein::Value map) {
+  Json pairs = Json::object();
+  for (auto at = map.begin(); at != map.end(); ++at) {
+    const std::string key((*at).text().value_or("?"));
+    pairs[key] = json_of(*++at);
+  }
+  return pairs;
+}
+
+Json json_of(skein::Value value) {
+  using Type = skein::Value::Type;
+  switch (value.type()) {
+    case Type::NIL:
+      return nullptr;
+    case Type::BOOLEAN:
+      return value.boolean();
+    case Type::INTEGER:
+      return value.integer();
+    case Type::UNSIGNED:
+      return value.natural();
+    case Type::REAL:
+      return value.real();
+    case Type::TEXT:
+    case Type::BYTES:
+    case Type::EXTENSION:
+      return std::string(value.bytes());
+    case Type::LIST:
+      return json_of_list(value);
+    case Type::MAP:
+      return json_of_map(value);
+  }
+  return nullptr;
+}
+
+std::string text_of(const Json& json, int indentation) {
+  return json.dump(indentation, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 }  // namespace
 
@@ -148,5 +195,38 @@ std::string ServerOptions::key() const {
   }
   return key;
 }
+
+Json ask(const ServerOptions& server, std::string_view request, const skein::MsgpackWriter& args) {
+  skein::Client client(server.endpoint(), server.timeouts());
+  client.open();
+  return json_of(client.call(request, args).result());
+}
+
+const Json& at(const Json& json, const std::string& pointer) {
+  static const Json MISSING;
+  const Json::json_pointer path(pointer);
+  return json.contains(path) ? json.at(path) : MISSING;
+}
+
+const Json& database_in(const Json& status, const std::string& name) {
+  return at(status, (Json::json_pointer("/databases") / name).to_string());
+}
+
+std::optional<double> number_at(const Json& json, const std::string& pointer) {
+  const Json& value = at(json, pointer);
+  return value.is_number() ? std::optional(value.get<double>()) : std::nullopt;
+}
+
+double count_at(const Json& json, const std::string& pointer) {
+  return number_at(json, pointer).value_or(0);
+}
+
+std::string text_at(const Json& json, const std::string& pointer) {
+  const Json& value = at(json, pointer);
+  return value.is_string() ? value.get<std::string>() : "";
+}
+
+std::string indented(const Json& json) { return text_of(json, 2); }
+std::string on_one_line(const Json& json) { return text_of(json, -1); }
 
 }  // namespace pelorus::ctl
