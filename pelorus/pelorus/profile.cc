@@ -9,9 +9,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <string_view>
 
@@ -20,12 +18,16 @@
 namespace pelorus::profile {
 namespace {
 
+constexpr std::size_t ROWS_SHOWN = 40;
+
 /// The file without the way from the build's folder to the sources.
-Function function_of(const Site& site) {
+std::string_view file_of(const Site& site) {
   std::string_view file = site.file;
   while (file.starts_with("../")) file.remove_prefix(3);
-  return {std::string(file), site.line, site.function};
+  return file;
 }
+
+double seconds(std::int64_t nanoseconds) { return static_cast<double>(nanoseconds) * 1e-9; }
 
 void print(std::string_view text) {
   fmt::print("{}", text);
@@ -42,100 +44,6 @@ void write_file(const std::string& path, const std::string& content) {
   }
 }
 
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) throw skein::SystemFailure("Cannot read " + path, errno);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-constexpr std::size_t ROWS_SHOWN = 40;
-
-std::string unique_name(const Function& function) {
-  return fmt::format("{}:{}", function.name, function.line);
-}
-
-void append_call(fmt::memory_buffer& data, unsigned line, const Call& call) {
-  fmt::format_to(std::back_inserter(data), "cfi={}\ncfn={}\ncalls={} {}\n{} {}\n", call.callee.file,
-                 unique_name(call.callee), call.calls, call.callee.line, line, call.time);
-}
-
-/// The decimal number at the beginning of `text`.
-template <class Number = std::int64_t>
-Number number(std::string_view text) {
-  Number value{};
-  std::from_chars(text.data(), text.data() + text.size(), value);
-  return value;
-}
-
-/// Gathers the lines of a data file.
-class Reader {
- public:
-  void read(std::string_view line) {
-    const auto equals = static_cast<std::size_t>(std::ranges::find(line, '=') - line.begin());
-    const std::string_view key = line.substr(0, equals);
-    const std::string_view value = line.substr(std::min(equals + 1, line.size()));
-    if (key == "fl") {
-      file_ = value;
-    } else if (key == "fn") {
-      current_ = &entry(file_, value);
-    } else if (key == "cfi") {
-      callee_file_ = value;
-    } else if (key == "cfn") {
-      callee_ = &entry(callee_file_, value);
-    } else if (key == "calls") {
-      callee_->row.calls += number<std::uint64_t>(value);
-      cost_of_call_ = true;
-    } else if (current_ != nullptr && !line.empty() && line[0] >= '0' && line[0] <= '9') {
-      read_cost(number(line.substr(line.find(' ') + 1)));
-    }
-  }
-
-  std::vector<Row> rows() const {
-    std::vector<Row> rows;
-    for (const auto& [name, entry] : entries_) {
-      rows.push_back(entry.row);
-      if (entry.row.calls > 0) continue;
-      rows.back().calls = 1;
-      rows.back().cumulative = entry.row.own + entry.in_callees;
-    }
-    return rows;
-  }
-
- private:
-  struct Entry {
-    Row row;
-    std::int64_t in_callees = 0;
-  };
-
-  Entry& entry(const std::string& file, std::string_view unique_name) {
-    Entry& found = entries_[fmt::format("{}:{}", file, unique_name)];
-    const auto colon = unique_name.rfind(':');
-    found.row.function = {file, number<unsigned>(unique_name.substr(colon + 1)),
-                          std::string(unique_name.substr(0, colon))};
-    return found;
-  }
-
-  /// The line after "calls=" holds the time of those calls, any other one the function's own.
-  void read_cost(std::int64_t time) {
-    if (cost_of_call_) {
-      callee_->row.cumulative += time;
-      current_->in_callees += time;
-    } else {
-      current_->row.own += time;
-    }
-    cost_of_call_ = false;
-  }
-
-  std::map<std::string, Entry> entries_;  // by "file:name:line"
-  std::string file_;
-  std::string callee_file_;
-  Entry* current_ = nullptr;
-  Entry* callee_ = nullptr;
-  bool cost_of_call_ = false;
-};
-
-double seconds(std::int64_t nanoseconds) { return static_cast<double>(nanoseconds) * 1e-9; }
-
 }  // namespace
 
 std::int64_t Profiler::steady_nanoseconds() {
@@ -151,95 +59,84 @@ Profiler::Profiler(Clock clock) : clock_(clock) {
 Profiler::~Profiler() {
   assert(frames_.empty());
   active = nullptr;
-  for (const Record& record : records_) record.site->record = nullptr;
+  for (const Function& function : functions_) function.site->record = nullptr;
 }
 
 void Profiler::enter(Site& site) {
   const std::int64_t start = clock_();
-  Record& record = record_of(site);
-  CallRecord* call = frames_.empty() ? nullptr : &call_of(*frames_.back().record, record);
-  frames_.push_back({&record, call, start});
-  ++record.running;
+  Function& function = function_of(site);
+  Calls* calls = frames_.empty() ? nullptr : &calls_of(*frames_.back().function, function);
+  frames_.push_back({&function, calls, start});
+  ++function.running;
 }
 
 void Profiler::leave() noexcept {
   const Frame frame = frames_.back();
+  Function& function = *frame.function;
   frames_.pop_back();
   const std::int64_t time = clock_() - frame.start;
-  frame.record->own += time - frame.in_callees;
-  --frame.record->running;
+  const bool outermost = --function.running == 0;
+  ++function.calls;
+  function.own += time - frame.in_callees;
+  if (outermost) function.cumulative += time;
   if (!frames_.empty()) frames_.back().in_callees += time;
-  if (frame.call == nullptr) return;
-  ++frame.call->calls;
-  if (frame.record->running == 0) frame.call->time += time;
+  if (frame.calls == nullptr) return;
+  ++frame.calls->count;
+  if (outermost) frame.calls->time += time;
 }
 
-std::vector<Measurement> Profiler::measurements() const {
-  std::vector<Measurement> measurements;
-  for (const Record& record : records_) {
-    Measurement& measurement =
-        measurements.emplace_back(Measurement{function_of(*record.site), record.own, {}});
-    for (const CallRecord& call : record.callees) {
-      measurement.callees.push_back({function_of(*call.callee->site), call.calls, call.time});
-    }
+Profiler::Function& Profiler::function_of(Site& site) {
+  if (site.record == nullptr) site.record = &functions_.emplace_back(Function{&site});
+  return *static_cast<Function*>(site.record);
+}
+
+Profiler::Calls& Profiler::calls_of(Function& caller, const Function& callee) {
+  for (Calls& calls : caller.callees) {
+    if (calls.callee == &callee) return calls;
   }
-  return measurements;
+  return caller.callees.emplace_back(Calls{&callee});
 }
 
-Profiler::Record& Profiler::record_of(Site& site) {
-  if (site.record == nullptr) site.record = &records_.emplace_back(Record{&site});
-  return *static_cast<Record*>(site.record);
-}
-
-Profiler::CallRecord& Profiler::call_of(Record& caller, Record& callee) {
-  for (CallRecord& call : caller.callees) {
-    if (call.callee == &callee) return call;
-  }
-  return caller.callees.emplace_back(CallRecord{&callee});
-}
-
-std::string to_callgrind(const std::vector<Measurement>& measurements) {
+std::string Profiler::to_callgrind() const {
   fmt::memory_buffer data;
   const auto out = std::back_inserter(data);
   fmt::format_to(out, "# callgrind format\nversion: 1\ncreator: pelorus\npositions: line\n");
   fmt::format_to(out, "events: Nanoseconds\n");
   std::int64_t total = 0;
-  for (const auto& [function, own, callees] : measurements) {
-    fmt::format_to(out, "\nfl={}\nfn={}\n{} {}\n", function.file, unique_name(function),
-                   function.line, own);
-    for (const Call& call : callees) append_call(data, function.line, call);
-    total += own;
+  for (const Function& function : functions_) {
+    const Site& site = *function.site;
+    fmt::format_to(out, "\nfl={}\nfn={}:{}\n{} {}\n", file_of(site), site.function, site.line,
+                   site.line, function.own);
+    for (const Calls& calls : function.callees) {
+      const Site& callee = *calls.callee->site;
+      fmt::format_to(out, "cfi={}\ncfn={}:{}\ncalls={} {}\n{} {}\n", file_of(callee),
+                     callee.function, callee.line, calls.count, callee.line, site.line, calls.time);
+    }
+    total += function.own;
   }
   fmt::format_to(out, "\ntotals: {}\n", total);
   return fmt::to_string(data);
 }
 
-std::vector<Row> from_callgrind(std::string_view data) {
-  Reader reader;
-  while (!data.empty()) {
-    const auto end = std::min(data.find('\n'), data.size());
-    reader.read(data.substr(0, end));
-    data.remove_prefix(std::min(end + 1, data.size()));
+std::string Profiler::table() const {
+  std::int64_t total = 0;
+  std::vector<const Function*> rows;
+  for (const Function& function : functions_) {
+    total += function.own;
+    rows.push_back(&function);
   }
-  std::vector<Row> rows = reader.rows();
-  std::stable_sort(rows.begin(), rows.end(), [](const Row& left, const Row& right) {
-    return left.cumulative > right.cumulative;
-  });
-  return rows;
-}
-
-std::string table(const std::vector<Row>& rows) {
+  std::ranges::stable_sort(rows, std::ranges::greater(), &Function::cumulative);
+  if (rows.size() > ROWS_SHOWN) rows.resize(ROWS_SHOWN);
   std::string text = fmt::format("{:>12} {:>14} {:>6} {:>14}  {}\n", "calls", "own s", "own %",
                                  "cumulative s", "function");
-  std::int64_t total = 0;
-  for (const Row& row : rows) total += row.own;
-  for (std::size_t i = 0; i < std::min(rows.size(), ROWS_SHOWN); ++i) {
-    const auto& [function, calls, own, cumulative] = rows[i];
-    const std::string_view file =
-        std::string_view(function.file).substr(function.file.rfind('/') + 1);
-    const double share = total == 0 ? 0 : static_cast<double>(own) / static_cast<double>(total);
-    text += fmt::format("{:>12} {:>14.6f} {:>6.1f} {:>14.6f}  {}:{}({})\n", calls, seconds(own),
-                        100 * share, seconds(cumulative), file, function.line, function.name);
+  for (const Function* row : rows) {
+    const Site& site = *row->site;
+    const std::string_view file = file_of(site);
+    const double share =
+        total == 0 ? 0 : static_cast<double>(row->own) / static_cast<double>(total);
+    text += fmt::format("{:>12} {:>14.6f} {:>6.1f} {:>14.6f}  {}:{}({})\n", row->calls,
+                        seconds(row->own), 100 * share, seconds(row->cumulative),
+                        file.substr(file.rfind('/') + 1), site.line, site.function);
   }
   return text;
 }
@@ -256,16 +153,15 @@ void run(const std::function<void()>& main) {
   const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
   const std::string path = file_name(std::chrono::duration<double>(since_epoch).count());
   Profiler profiler;
-  const auto write = [&] { write_file(path, to_callgrind(profiler.measurements())); };
   try {
     PROFILE_SCOPE();
     main();
   } catch (const skein::KeyboardInterrupt&) {
-    write();
+    write_file(path, profiler.to_callgrind());
     throw;
   }
-  write();
-  print(table(from_callgrind(read_file(path))));
+  write_file(path, profiler.to_callgrind());
+  print(profiler.table());
 }
 
 }  // namespace pelorus::profile
