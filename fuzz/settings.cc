@@ -37,7 +37,7 @@ void read_groups(std::string_view json) {
     const auto head = connection.auth + connection.http_connection;
     require(head.find_first_of("\r\n ") == head.npos, "a head cannot be broken up");
   });
-  read_or_refuse([&] { settings.get<std::vector<DatabaseRecord>>("INFLUX_DATABASES"); });
+  read_or_refuse([&] { settings.get<std::vector<std::string>>("INFLUX_DATABASES"); });
   read_or_refuse([&] { settings.get<std::string>("PELORUS_SERVER"); });
   read_or_refuse([&] { settings.get<std::int64_t>("PELORUS_PORT"); });
 }

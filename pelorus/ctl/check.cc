@@ -193,23 +193,23 @@ class SettingsCheck {
   }
 
   void databases() {
-    const auto records = get<std::vector<DatabaseRecord>>("INFLUX_DATABASES");
-    if (!records) return;
-    std::vector<std::string>& names = databases_;
-    for (const DatabaseRecord& record : *records) {
-      if (std::ranges::find(names, record.name) != names.end()) {
-        warn("INFLUX_DATABASES names \"{}\" twice", record.name);
+    if (!attempt(
+            [&] { databases_ = settings_->get<std::vector<std::string>>("INFLUX_DATABASES"); })) {
+      return;
+    }
+    const auto has = [&](std::string_view name) {
+      return std::ranges::find(databases_, name) != databases_.end();
+    };
+    for (auto name = databases_.begin(); name != databases_.end(); ++name) {
+      if (std::find(databases_.begin(), name, *name) != name) {
+        warn("INFLUX_DATABASES names \"{}\" twice", *name);
       }
-      names.push_back(record.name);
       const bool visible = std::ranges::all_of(
-          record.name, [](char byte) { return byte > ' ' && byte != '\x7f' && byte != '&'; });
-      if (record.name.empty() || !visible) {
+          *name, [](char byte) { return byte > ' ' && byte != '\x7f' && byte != '&'; });
+      if (name->empty() || !visible) {
         error("INFLUX_DATABASES: a name is empty, or holds a blank, a control byte or \"&\"");
       }
     }
-    const auto has = [&](std::string_view name) {
-      return std::ranges::find(names, name) != names.end();
-    };
     if (!has(TIDEWELL_DATABASE)) {
       warn(
           "INFLUX_DATABASES lacks \"{}\": the daemon's own records and those of the local collectd "

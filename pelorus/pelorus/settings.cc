@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "pelorus/pelorus/errors.h"
@@ -63,62 +64,9 @@ std::string position(std::string_view text, std::size_t byte) {
                      byte);
 }
 
-/// How one type of value is recognised, and what it is called in messages.
-template <class T>
-struct Kind;
-
-template <>
-struct Kind<std::int64_t> {
-  static constexpr std::string_view NAME = "an integer";
-  static std::optional<std::int64_t> read(const json& value) {
-    constexpr auto MAXIMUM = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    if (!value.is_number_integer()) return std::nullopt;
-    if (value.is_number_unsigned() && value.get<std::uint64_t>() > MAXIMUM) return std::nullopt;
-    return value.get<std::int64_t>();
-  }
-};
-
-template <>
-struct Kind<double> {
-  static constexpr std::string_view NAME = "a number";
-  static std::optional<double> read(const json& value) {
-    if (!value.is_number()) return std::nullopt;
-    return value.get<double>();
-  }
-};
-
-template <>
-struct Kind<std::string> {
-  static constexpr std::string_view NAME = "text";
-  static std::optional<std::string> read(const json& value) {
-    if (!value.is_string()) return std::nullopt;
-    return value.get<std::string>();
-  }
-};
-
-template <>
-struct Kind<std::vector<DatabaseRecord>> {
-  static constexpr std::string_view NAME = "a list of maps that have a text under \"name\"";
-  static std::optional<std::vector<DatabaseRecord>> read(const json& value) {
-    if (!value.is_array()) return std::nullopt;
-    std::vector<DatabaseRecord> records;
-    for (const json& entry : value) {
-      if (!entry.is_object()) return std::nullopt;
-      const auto name = entry.find("name");
-      if (name == entry.end() || !name->is_string()) return std::nullopt;
-      records.push_back({name->get<std::string>()});
-    }
-    return records;
-  }
-};
-
 }  // namespace
 
-struct Settings::Values {
-  json object;
-};
-
-Settings::Settings(std::shared_ptr<const Values> values, std::string source)
+Settings::Settings(std::shared_ptr<const json> values, std::string source)
     : values_(std::move(values)), source_(std::move(source)) {}
 
 Settings Settings::load() {
@@ -129,56 +77,84 @@ Settings Settings::load() {
 Settings Settings::from_file(const std::string& path) { return from_text(content_of(path), path); }
 
 Settings Settings::from_text(std::string_view json_text, std::string source) {
-  auto values = std::make_shared<Values>();
+  json values;
   try {
-    values->object = json::parse(json_text);
+    values = json::parse(json_text);
   } catch (const json::parse_error& failure) {
     throw SettingsError(fmt::format("The settings in {} are no valid JSON: {}", source,
                                     position(json_text, failure.byte)));
   } catch (const json::exception&) {
     throw SettingsError(fmt::format("The settings in {} hold a number out of range", source));
   }
-  if (!values->object.is_object()) {
+  if (!values.is_object()) {
     throw SettingsError(fmt::format("The settings in {} are no JSON object", source));
   }
-  return Settings(std::move(values), std::move(source));
+  return Settings(std::make_shared<const json>(std::move(values)), std::move(source));
 }
 
-bool Settings::contains(std::string_view key) const { return values_->object.contains(key); }
+bool Settings::contains(std::string_view key) const { return values_->contains(key); }
 
-template <class T>
-T Settings::get(std::string_view key) const {
-  const auto found = values_->object.find(key);
-  if (found == values_->object.end()) {
-    throw SettingsError(fmt::format("Setting {} is missing in {}", key, source_));
+const json& Settings::value(std::string_view key) const {
+  const auto found = values_->find(key);
+  if (found != values_->end()) return *found;
+  throw SettingsError(fmt::format("Setting {} is missing in {}", key, source_));
+}
+
+void Settings::refuse(std::string_view key, std::string_view demand) const {
+  throw SettingsError(fmt::format("Setting {} in {} must be {}", key, source_, demand));
+}
+
+template <>
+std::int64_t Settings::get(std::string_view key) const {
+  constexpr auto MAXIMUM = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  const json& found = value(key);
+  const bool too_large = found.is_number_unsigned() && found.get<std::uint64_t>() > MAXIMUM;
+  if (!found.is_number_integer() || too_large) refuse(key, "an integer");
+  return found.get<std::int64_t>();
+}
+
+template <>
+double Settings::get(std::string_view key) const {
+  const json& found = value(key);
+  if (!found.is_number()) refuse(key, "a number");
+  return found.get<double>();
+}
+
+template <>
+std::string Settings::get(std::string_view key) const {
+  const json& found = value(key);
+  if (!found.is_string()) refuse(key, "text");
+  return found.get<std::string>();
+}
+
+template <>
+std::vector<std::string> Settings::get(std::string_view key) const {
+  constexpr std::string_view DEMAND = "a list of maps that have a text under \"name\"";
+  const json& found = value(key);
+  if (!found.is_array()) refuse(key, DEMAND);
+  std::vector<std::string> names;
+  for (const json& entry : found) {
+    const auto name = entry.find("name");  // the end if the entry is no map
+    if (name == entry.end() || !name->is_string()) refuse(key, DEMAND);
+    names.push_back(name->get<std::string>());
   }
-  if (auto value = Kind<T>::read(*found)) return *std::move(value);
-  throw SettingsError(fmt::format("Setting {} in {} must be {}", key, source_, Kind<T>::NAME));
+  return names;
 }
-
-template std::int64_t Settings::get(std::string_view) const;
-template double Settings::get(std::string_view) const;
-template std::string Settings::get(std::string_view) const;
-template std::vector<DatabaseRecord> Settings::get(std::string_view) const;
 
 // The settings that are read together while the daemon loads, and what makes a value senseless.
 namespace {
 
 constexpr std::uint16_t HTTP_PORT = 80;
 
-[[noreturn]] void refuse(const Settings& settings, std::string_view key, std::string_view demand) {
-  throw SettingsError(fmt::format("Setting {} in {} must be {}", key, settings.source(), demand));
-}
-
 std::size_t read_count(const Settings& settings, std::string_view key, std::int64_t least) {
   const auto count = settings.get<std::int64_t>(key);
-  if (count < least) refuse(settings, key, fmt::format("{} or more", least));
+  if (count < least) settings.refuse(key, fmt::format("{} or more", least));
   return static_cast<std::size_t>(count);
 }
 
 double read_seconds(const Settings& settings, std::string_view key) {
   const auto seconds = settings.get<double>(key);
-  if (!std::isfinite(seconds) || seconds < 0) refuse(settings, key, "0 or more seconds");
+  if (!std::isfinite(seconds) || seconds < 0) settings.refuse(key, "0 or more seconds");
   return seconds;
 }
 
@@ -187,14 +163,9 @@ std::string read_header_value(const Settings& settings, std::string_view key) {
   auto value = settings.get<std::string>(key);
   const bool visible =
       std::all_of(value.begin(), value.end(), [](char byte) { return byte > ' ' && byte <= '~'; });
-  if (value.empty() || !visible) refuse(settings, key, "visible ASCII characters");
+  if (value.empty() || !visible) settings.refuse(key, "visible ASCII characters");
   return value;
 }
-
-struct Endpoint {
-  std::string host;
-  std::uint16_t port = HTTP_PORT;
-};
 
 /// ":8086"; nothing at all means the default port.
 std::optional<std::uint16_t> parse_port(std::string_view text) {
@@ -216,14 +187,14 @@ bool is_ipv6_address(const std::string& host) {
 }
 
 /// "host", "host:port", "[v6]" or "[v6]:port"; none for anything else.
-std::optional<Endpoint> parse_endpoint(std::string_view text) {
+std::optional<std::pair<std::string, std::uint16_t>> parse_endpoint(std::string_view text) {
   const bool bracketed = text.starts_with('[');
   const auto host_end = text.find(bracketed ? ']' : ':');
   if (bracketed && host_end == text.npos) return std::nullopt;
   const auto port = parse_port(text.substr(std::min(host_end + (bracketed ? 1 : 0), text.size())));
   const std::string host(bracketed ? text.substr(1, host_end - 1) : text.substr(0, host_end));
   if (!port || !(bracketed ? is_ipv6_address(host) : is_host_name(host))) return std::nullopt;
-  return Endpoint{host, *port};
+  return std::pair(host, *port);
 }
 
 /// Runs `step`. With `faults`, adds its SettingsError there.
@@ -265,9 +236,8 @@ InfluxConnection InfluxConnection::read(const Settings& settings,
   collect(faults, [&] {
     connection.http_connection = read_header_value(settings, CONNECTION);
     const auto endpoint = parse_endpoint(connection.http_connection);
-    if (!endpoint) refuse(settings, CONNECTION, "host, host:port, [v6] or [v6]:port");
-    connection.host = endpoint->host;
-    connection.port = endpoint->port;
+    if (!endpoint) settings.refuse(CONNECTION, "host, host:port, [v6] or [v6]:port");
+    std::tie(connection.host, connection.port) = *endpoint;
   });
   return connection;
 }

@@ -3,16 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace pelorus {
-
-/// One entry of INFLUX_DATABASES; what else stands in it is not the daemon's.
-struct DatabaseRecord {
-  std::string name;
-};
 
 /// The settings of the administration application: one JSON object, read once when the daemon
 /// loads. Values are looked up, and checked, each time they are asked for.
@@ -26,7 +22,8 @@ class Settings {
   static Settings from_text(std::string_view json, std::string source);
 
   /// The value under `key`, typed: std::int64_t (a JSON integer), double (any JSON number),
-  /// std::string, or std::vector<DatabaseRecord> (a list of maps with a text "name").
+  /// std::string, or std::vector<std::string> (the texts under "name" in a list of maps; what else
+  /// stands in the maps is not the daemon's).
   /// Throws SettingsError that names key and source: missing, or of another type. Booleans are no
   /// numbers.
   template <class T>
@@ -36,13 +33,25 @@ class Settings {
 
   const std::string& source() const noexcept { return source_; }
 
- private:
-  struct Values;
-  Settings(std::shared_ptr<const Values> values, std::string source);
+  /// Throws SettingsError: "Setting KEY in SOURCE must be DEMAND".
+  [[noreturn]] void refuse(std::string_view key, std::string_view demand) const;
 
-  std::shared_ptr<const Values> values_;  // shared by copies of these settings: never changes
+ private:
+  Settings(std::shared_ptr<const nlohmann::json> values, std::string source);
+  const nlohmann::json& value(std::string_view key) const;
+
+  std::shared_ptr<const nlohmann::json> values_;  // shared by copies, never changes
   std::string source_;
 };
+
+template <>
+std::int64_t Settings::get(std::string_view key) const;
+template <>
+double Settings::get(std::string_view key) const;
+template <>
+std::string Settings::get(std::string_view key) const;
+template <>
+std::vector<std::string> Settings::get(std::string_view key) const;
 
 /// The values that all write buffers share. Counts are in messages.
 struct BufferSettings {
