@@ -19,44 +19,27 @@ SkeinStub::Call read_call(const skein::Message& message) {
   SkeinStub::Call call{envelope.msgid.value_or(0), std::string(envelope.name), {}, 0};
   for (auto at = envelope.args->begin(); at != envelope.args->end(); ++at) {
     const std::string key(*(*at).text());
-    ++at;
-    if (const auto text = (*at).text()) call.args[key] = *text;
+    if (const auto text = (*++at).text()) call.args[key] = *text;
   }
   return call;
 }
 
-std::string joined_metrics(const std::vector<SkeinStub::Call>& calls) {
-  std::string all;
-  for (const auto& call : calls) {
-    if (call.args.contains("metrics")) all += call.args.at("metrics");
-  }
-  return all;
-}
-
 }  // namespace
 
-SkeinStub::Outcome SkeinStub::reply(const Call& call, const skein::Reply& reply) {
-  return {frame(skein::encode_reply(call.msgid, reply))};
+std::string SkeinStub::reply(const Call& call, const skein::Reply& reply) {
+  return frame(skein::encode_reply(call.msgid, reply));
 }
 
-SkeinStub::Outcome SkeinStub::error(const Call& call, std::string_view text) {
+std::string SkeinStub::error(const Call& call, std::string_view text) {
   skein::MsgpackWriter reply;  // not encode_error(): the text goes out as it stands
-  return {frame(reply.list(4).natural(1).natural(call.msgid).text(text).nil().take())};
+  return frame(reply.list(4).natural(1).natural(call.msgid).text(text).nil());
 }
 
-SkeinStub::SkeinStub(Handler handler, std::string path)
-    : path_(path.empty() ? folder_ / "socket" : std::move(path)),
-      handler_(std::move(handler)),
-      listening_(skein::Socket::stream(AF_UNIX)) {
-  ::unlink(path_.c_str());
-  skein::bind_unix(listening_, path_);
-  skein::listen(listening_, 8);
-  thread_ = std::thread([this] { run(); });
-}
-
-SkeinStub::SkeinStub(Tcp, Handler handler)
-    : handler_(std::move(handler)), listening_(skein::Socket::stream(AF_INET)) {
-  skein::bind_tcp(listening_, "127.0.0.1", 0);
+SkeinStub::SkeinStub(Answer answer, std::string path)
+    : answer_(std::move(answer)),
+      path_(std::move(path)),
+      listening_(skein::Socket::stream(path_.empty() ? AF_INET : AF_UNIX)) {
+  path_.empty() ? skein::bind_tcp(listening_, "127.0.0.1", 0) : skein::bind_unix(listening_, path_);
   skein::listen(listening_, 8);
   thread_ = std::thread([this] { run(); });
 }
@@ -67,17 +50,15 @@ SkeinStub::~SkeinStub() {
   if (!path_.empty()) ::unlink(path_.c_str());
 }
 
+skein::Endpoint SkeinStub::endpoint() const {
+  if (!path_.empty()) return skein::Endpoint::unix_socket(path_);
+  return skein::Endpoint::tcp("127.0.0.1", std::to_string(bound_port(listening_)));
+}
+
 std::vector<SkeinStub::Call> SkeinStub::calls(std::size_t count) {
   std::unique_lock lock(mutex_);
   called_.wait_for(lock, LONGEST_WAIT, [&] { return calls_.size() >= count; });
   return calls_;
-}
-
-std::string SkeinStub::metrics_with(const std::string& text) {
-  std::unique_lock lock(mutex_);
-  called_.wait_for(lock, LONGEST_WAIT,
-                   [&] { return joined_metrics(calls_).find(text) != std::string::npos; });
-  return joined_metrics(calls_);
 }
 
 void SkeinStub::run() {
@@ -109,18 +90,13 @@ bool SkeinStub::answer(SkeinPeer& peer, std::string_view content) {
   skein::MsgpackEncoder::decode(content, message);
   Call call = read_call(message);
   call.connection = connections_;
-  const Outcome outcome = handler_(call);
+  const auto bytes = answer_(call);
   {
     const std::lock_guard lock(mutex_);
-    calls_.push_back(call);
+    calls_.push_back(std::move(call));
   }
   called_.notify_all();
-  try {
-    peer.send(outcome.bytes);
-  } catch (const std::runtime_error&) {
-    return false;  // the client has gone
-  }
-  return !outcome.close;
+  return bytes && peer.send_now(*bytes) == bytes->size();  // else the client has gone
 }
 
 }  // namespace support
