@@ -85,6 +85,26 @@ skein::Socket HttpServer::accept() const {
   return skein::Socket(::accept4(socket_.descriptor(), nullptr, nullptr, SOCK_NONBLOCK));
 }
 
+std::vector<HttpServer::Request> HttpServer::requests() {
+  while (auto accepted = accept()) connections_.push_back({std::move(accepted), ""});
+  std::vector<Request> whole;
+  connections_.remove_if([&whole](Connection& connection) {
+    auto& [socket, received] = connection;
+    received += receive(socket);
+    char byte = 0;
+    if (::recv(socket.descriptor(), &byte, 1, MSG_PEEK) == 0) return true;
+    const auto head_end = received.find("\r\n\r\n");
+    const auto length = received.find("ontent-Length: ");
+    if (head_end == received.npos || length == received.npos) return false;
+    const std::string body = received.substr(head_end + 4);
+    if (body.size() < std::stoul(received.substr(length + 15))) return false;
+    whole.push_back({&socket, body});
+    received.clear();
+    return false;
+  });
+  return whole;
+}
+
 std::string receive(const skein::Socket& peer) {
   std::string text;
   std::array<char, 65536> buffer;

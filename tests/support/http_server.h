@@ -3,6 +3,7 @@
 #include <openssl/ssl.h>
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,15 +17,28 @@ namespace support {
 class HttpServer {
  public:
   enum class Mode { LISTENS, REFUSES, HANGS };
+  struct Request {
+    const skein::Socket* peer;  ///< valid as long as its connection
+    std::string body;
+  };
 
   explicit HttpServer(Mode mode = Mode::LISTENS);
   std::uint16_t port() const;
   /// The connection that waits, if any.
   skein::Socket accept() const;
+  /// The whole requests that have come since the last call. Accepts every connection and keeps it
+  /// until its client closes it.
+  std::vector<Request> requests();
 
  private:
+  struct Connection {
+    skein::Socket socket;
+    std::string received;
+  };
+
   skein::Socket socket_;
   skein::Socket filler_;  ///< takes the only place of one that hangs
+  std::list<Connection> connections_;
 };
 
 /// What has come by now.

@@ -1,24 +1,14 @@
-#include <fmt/format.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <list>
-#include <optional>
 
+#include "pelorus/listen/listener_fixture.h"
 #include "pelorus/pelorus/constants.h"
-#include "pelorus/pelorus/influx/influx_database.h"
-#include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/listen/local_server.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "skein/resources.h"
 #include "support/failing_call.h"
-#include "support/fake_clock.h"
-#include "support/folder.h"
 #include "support/http_server.h"
-#include "support/log_capture.h"
-#include "support/skein_peer.h"
 
 // A session with the whole daemon in which one allocation or system call fails, or thirty in a row:
 // whichever it is, nothing is left behind but a failed request or write. Afterwards the same key is
@@ -28,44 +18,19 @@ namespace {
 
 constexpr const char* LINE = "node7.load.load.a 1 1500000000\n";
 
-/// Answers what comes on its connections, as soon as it is whole.
-class FarEnd {
- public:
-  using Answer = std::function<std::string(const std::string& request)>;
-  explicit FarEnd(Answer answer) : answer_(std::move(answer)) {}
-
-  void serve() {
-    while (auto accepted = listening_.accept()) exchanges_.push_back({std::move(accepted), ""});
-    for (auto& [socket, request] : exchanges_) {
-      request += support::receive(socket);
-      char byte = 0;
-      if (::recv(socket.descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) socket = {};
-      const auto body = request.find("\r\n\r\n");
-      const auto length = request.find("ontent-Length: ");
-      if (body == std::string::npos || length == std::string::npos) continue;
-      const auto size = std::strtoul(request.c_str() + length + 15, nullptr, 10);
-      if (request.size() < body + 4 + size) continue;
-      support::answer(socket, answer_(request));
-      request.clear();
-    }
-    exchanges_.remove_if([](const Exchange& exchange) { return !exchange.socket; });
-  }
-  std::uint16_t port() const { return listening_.port(); }
-
- private:
-  support::HttpServer listening_;
-  Answer answer_;
-  struct Exchange {
-    skein::Socket socket;
-    std::string request;
-  };
-  std::list<Exchange> exchanges_;
-};
-
-class Torture : public ::testing::Test {
+class Torture : public ListenerTest {
  protected:
-  static std::string confirm(const std::string& request) {
-    const std::string key = request.substr(request.rfind("key=") + 4);
+  Torture() {
+    buffer_settings_ = {.max_pending_messages = 1000,
+                        .max_buffer_time = 0.1,
+                        .ideal_queued_messages = 2,
+                        .max_batch_size = 1000,
+                        .discard_size = 10};
+    connection_.port = influx_.port();
+  }
+
+  static std::string confirm(const std::string& question) {
+    const std::string key = question.substr(std::string_view("key=").size());
     const std::string body = "{\"key\": \"" + (key == "unknown" ? "" : key) + "\"}";
     return fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n\r\n{}", body.size(), body);
   }
@@ -77,26 +42,19 @@ class Torture : public ::testing::Test {
         const support::FailingCall::Scope under_test;
         loop_.turn();
       }
-      web_.serve();
-      influx_.serve();
+      for (const auto& [peer, body] : web_.requests()) support::answer(*peer, confirm(body));
+      for (const auto& write : influx_.requests()) {
+        support::answer(*write.peer, "HTTP/1.1 204 No Content\r\n\r\n");
+      }
     }
   }
 
   support::SkeinPeer node() {
     return support::SkeinPeer::tcp(support::bound_port(node_server_.socket()));
   }
-  support::SkeinPeer local() { return support::SkeinPeer::unix_socket(folder_ / "collectd.sock"); }
+  support::SkeinPeer local() { return support::SkeinPeer::unix_socket(socket_path()); }
   static std::string block(const std::string& key) {
     return support::request(1, "collectd", {{"key", key}, {"metrics", LINE}});
-  }
-
-  static std::string submit(const std::string& key, std::size_t points) {
-    skein::MsgpackWriter request;
-    request.list(4).natural(0).natural(2).text("submit").map(5);
-    request.text("key").text(key).text("database").text("bonding").text("name");
-    request.text("node1.tunnel-2.state").text("columns").nil().text("points").list(points);
-    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
-    return support::frame(request);
   }
 
   /// Nodes of one key that send all there is, one that goes, one without a good key, collectd, and
@@ -173,33 +131,9 @@ class Torture : public ::testing::Test {
     last_report_ = handler_.databases()[0]->counters().sent.messages;
   }
 
-  const support::Folder folder_;
-  support::LogCapture log_;
-  support::FakeClock clock_;
-  skein::Loop loop_{clock_.clocks()};
-  FarEnd web_{confirm};
-  FarEnd influx_{[](const std::string&) { return "HTTP/1.1 204 No Content\r\n\r\n"; }};
-  Settings settings_ = Settings::from_text(
-      fmt::format(R"({{"INFLUX_UNIX_SOCKET": "{}", "PELORUS_SERVER": "127.0.0.1",
-                      "PELORUS_PORT": 0, "LOCAL_WWW_KEY": "token"}})",
-                  folder_ / "collectd.sock"),
-      "test");
-  BufferSettings buffer_settings_{.max_pending_messages = 1000,
-                                  .max_buffer_time = 0.1,
-                                  .ideal_queued_messages = 2,
-                                  .max_batch_size = 1000,
-                                  .discard_size = 10};
-  InfluxConnection connection_{.auth = "YTpi",
-                               .http_connection = fmt::format("127.0.0.1:{}", influx_.port()),
-                               .host = "127.0.0.1",
-                               .port = influx_.port()};
-  const std::vector<std::string> names_{"tidewell", "bonding"};
-  InfluxHandler handler_{names_,
-                         [this](const std::string& name) {
-                           return std::make_unique<InfluxDatabase>(name, buffer_settings_,
-                                                                   connection_, loop_);
-                         },
-                         loop_, 1U << 20};
+  support::HttpServer web_;
+  support::HttpServer influx_;
+  Settings settings_ = settings(socket_path());
   skein::Resources resources_{loop_};
   NodeServer node_server_{handler_, settings_, loop_, resources_,
                           fmt::format("http://127.0.0.1:{}/", web_.port())};

@@ -30,6 +30,18 @@ class ListenerTest : public HandlerTest {
     }
   }
 
+  /// A submit request of so many good points, and bad ones behind them.
+  static std::string submit(std::string_view key, std::size_t points, std::size_t bad_points = 0) {
+    skein::MsgpackWriter request;
+    request.list(4).natural(0).natural(1).text("submit").map(5);
+    request.text("key").text(key).text("database").text("bonding").text("name");
+    request.text("node1.tunnel-2.state").text("columns").nil().text("points");
+    request.list(points + bad_points);
+    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
+    for (std::size_t i = 0; i < bad_points; ++i) request.nil();
+    return support::frame(request);
+  }
+
   bool logged(const std::string& level, const std::string& text) const {
     for (const auto& line : log_.texts(level)) {
       if (line == text) return true;

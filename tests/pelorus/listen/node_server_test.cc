@@ -38,33 +38,14 @@ class NodeServerTest : public ListenerTest {
     return support::request(msgid, "collectd", {{"key", key}, {"metrics", metrics}});
   }
 
-  /// A submit request of so many good points, and bad ones behind them.
-  static std::string submit(std::size_t points, std::size_t bad_points = 0) {
-    skein::MsgpackWriter request;
-    request.list(4).natural(0).natural(1).text("submit").map(5);
-    request.text("key").text("k").text("database").text("bonding").text("name");
-    request.text("node1.tunnel-2.state").text("columns").nil().text("points");
-    request.list(points + bad_points);
-    for (std::size_t i = 0; i < points; ++i) request.list(2).integer(1500000000000).text("up");
-    for (std::size_t i = 0; i < bad_points; ++i) request.nil();
-    return support::frame(request);
-  }
-
   /// Takes requests of the daemon until it has been quiet for a while; asked_ holds their keys.
   void listen_to_web_requests() {
     for (int quiet = 0; quiet < 20; ++quiet) {
       turns(2);
-      if (auto socket = web_.accept()) exchanges_.push_back({std::move(socket), ""});
-      for (auto& [socket, text] : exchanges_) {
-        const std::string more = support::receive(socket);
-        if (more.empty()) continue;
-        text += more;
+      for (const auto& request : web_.requests()) {
+        asked_.push_back(request.body.substr(std::string_view("key=").size()));
+        pending_.push_back(request.peer);
         quiet = 0;
-        const auto body = text.find("\r\n\r\nkey=");
-        if (body == std::string::npos) continue;
-        asked_.push_back(text.substr(body + 8));
-        pending_.push_back(&socket);
-        text.clear();
       }
     }
   }
@@ -87,13 +68,7 @@ class NodeServerTest : public ListenerTest {
   const Statistics& counted() const { return handler_.statistics(); }
   std::int64_t records() const { return counted().records; }
 
-  struct Exchange {
-    skein::Socket socket;
-    std::string text;
-  };
-
   support::HttpServer web_;
-  std::deque<Exchange> exchanges_;
   std::deque<const skein::Socket*> pending_;
   std::vector<std::string> asked_;
   Settings settings_ = settings(socket_path());
@@ -332,12 +307,12 @@ TEST_F(NodeServerTest, PendingOperationThatFailsIsAFailureOfItsRequest) {
 TEST_F(NodeServerTest, SubmitWaitsWithItsPointsAndManyAreTakenInTurns) {
   constexpr std::size_t POINTS = 5000;
   auto peer = connect();
-  peer.send(submit(1));
+  peer.send(submit("k", 1));
   accept_key("k");
   EXPECT_EQ(queued("bonding"), "tunnel_state,node=1,tunnel=2 state=\"up\" 1500000000000000000\n");
 
   auto other = connect();
-  peer.send(submit(POINTS) + collectd("k", LINE, 2));
+  peer.send(submit("k", POINTS) + collectd("k", LINE, 2));
   other.send(collectd("k", LINE, 3));
   for (int i = 0; records() == 1 && i < 100; ++i) turns(1);
   EXPECT_LT(records(), POINTS) << "in one turn";
@@ -345,7 +320,7 @@ TEST_F(NodeServerTest, SubmitWaitsWithItsPointsAndManyAreTakenInTurns) {
   EXPECT_EQ(records(), 1 + POINTS + 2);
   EXPECT_EQ(peer.replies() + other.replies(), "1=nil 1=nil 2=nil 3=nil ");
 
-  peer.send(submit(POINTS, 1));
+  peer.send(submit("k", POINTS, 1));
   turns(10);
   EXPECT_EQ(peer.replies(), "1=nil ");
   EXPECT_EQ(records(), 1 + POINTS + 2 + POINTS) << "what stands before the fault stays";
@@ -403,9 +378,9 @@ TEST_F(NodeServerTest, OfAnUnconfirmedKeyTheNewestRequestsWait) {
 TEST_F(NodeServerTest, LongSubmitWaitsUntilItsBufferHasRoomButNotForEver) {
   buffer_settings_.max_pending_messages = 4000;
   auto peer = connect();
-  peer.send(submit(1));
+  peer.send(submit("k", 1));
   accept_key("k");
-  peer.send(submit(5000));
+  peer.send(submit("k", 5000));
   turns(20);
   EXPECT_EQ(database("bonding").pending_data_len(), 2000U) << "half is left to others";
   auto other = connect();
@@ -426,7 +401,7 @@ TEST_F(NodeServerTest, AdmittedRequestThatIsEvictedLeavesItsKeyUsable) {
   auto first = connect();
   first.send(collectd("k"));
   accept_key("k");
-  first.send(submit(5000));
+  first.send(submit("k", 5000));
   turns(10);
   EXPECT_EQ(first.replies(), "1=nil end") << "beyond twice the budget";
   auto second = connect();
