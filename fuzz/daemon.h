@@ -14,9 +14,6 @@
 
 namespace fuzz {
 
-/// The token for the web server, which must never be logged.
-constexpr std::string_view TOKEN = "t0ken-of-the-web-server";
-
 /// What a server of the daemon stands on: databases that keep all they get, and a loop, which is
 /// the one thing that outlives an execution.
 struct Daemon {
@@ -33,7 +30,6 @@ struct Daemon {
 
   /// Messages that wait, of all databases.
   std::size_t queued() const;
-  void require_unlogged(std::string_view secret) const;
 
   std::string log;  ///< all that was logged, save debug
   skein::Loop& loop;

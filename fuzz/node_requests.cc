@@ -1,8 +1,9 @@
 // Requests to the node server: a sequence of MessagePack values, each sent as one message. What
 // the web server says of a key hangs on the key's first letter.
 #include "fuzz/daemon.h"
-#include "fuzz/fake_key_verification.h"
 #include "fuzz/fuzz.h"
+#include "pelorus/pelorus/listen/curl_multi.h"
+#include "pelorus/pelorus/listen/key_verification.h"
 #include "pelorus/pelorus/listen/node_server.h"
 #include "skein/errors.h"
 
@@ -27,9 +28,46 @@ pelorus::KeyOutcome answer(const std::string& key) {
 }
 
 }  // namespace
+}  // namespace fuzz
+
+namespace pelorus {
+
+/// One question at a time, answered at the end of the turn.
+class KeyVerification::Exchange {
+ public:
+  std::string key;
+  Done done;
+};
+
+KeyVerification::KeyVerification(const Settings&, skein::Loop& loop, const std::string&)
+    : loop_(loop), deliver_(loop, [this] { deliver(); }) {
+  exchanges_.push_back(std::make_unique<Exchange>());
+  idle_.push_back(exchanges_.back().get());
+}
+
+KeyVerification::~KeyVerification() = default;
+
+void KeyVerification::do_auth_check(std::string_view key, Done done) noexcept {
+  *idle_.back() = {std::string(key), std::move(done)};
+  idle_.pop_back();
+  deliver_.arm();
+}
+
+void KeyVerification::deliver() noexcept {
+  const Exchange ended = std::move(*exchanges_.front());
+  idle_.push_back(exchanges_.front().get());
+  try {
+    ended.done(fuzz::answer(ended.key));
+  } catch (const std::exception& failure) {
+    loop_.report(failure);
+  }
+}
+
+}  // namespace pelorus
+
+namespace fuzz {
 
 void run(std::string_view input) {
-  web_server = answer;
   Daemon daemon;
   pelorus::NodeServer server(daemon.handler, daemon.settings, daemon.loop, *daemon.resources, "");
   daemon.serve(server, input);

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <msgpack.hpp>
 #include <utility>
 
 #include "fuzz/fuzz.h"
@@ -58,15 +57,6 @@ std::vector<std::string> Peer::messages() {
   auto messages = peer_.messages();
   require(received().empty(), "replies are whole frames");
   return messages;
-}
-
-std::string_view take_value(std::string_view& bytes) {
-  msgpack::null_visitor visitor;
-  std::size_t end = 0;
-  if (!msgpack::parse(bytes.data(), bytes.size(), end, visitor)) end = bytes.size();
-  const auto value = bytes.substr(0, end);
-  bytes.remove_prefix(end);
-  return value;
 }
 
 }  // namespace fuzz

@@ -31,7 +31,4 @@ class Peer {
   support::SkeinPeer peer_;
 };
 
-/// Takes one MessagePack value off the front of `bytes`; the whole rest where none begins there.
-std::string_view take_value(std::string_view& bytes);
-
 }  // namespace fuzz
