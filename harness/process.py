@@ -1,5 +1,6 @@
 """Programs that run beside this one: ports for them, waits that end, and their own end."""
 
+import contextlib
 from pathlib import Path
 import random
 import re
@@ -46,6 +47,32 @@ def in_thread(function, *arguments):
     thread = threading.Thread(target=function, args=arguments, daemon=True)
     thread.start()
     return thread
+
+
+class Repeated:
+    """Does `act` over and over in a thread of its own, with a pause in between, until it is stopped. A
+    connection that breaks ends a round, which is not counted then."""
+
+    def __init__(self, act, pause=0.0):
+        self.rounds = 0
+        self._act, self._pause, self._end = act, pause, threading.Event()
+        self._thread = in_thread(self._run)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def stop(self):
+        self._end.set()
+        self._thread.join(30)
+
+    def _run(self):
+        while not self._end.wait(self._pause):
+            with contextlib.suppress(OSError):
+                self._act()
+                self.rounds += 1
 
 
 def abort(stream):

@@ -3,11 +3,10 @@ from the attacker's own address. A part of `make chaos`."""
 
 import contextlib
 import socket
-import threading
 import time
 
 from harness.http_server import Connection, WebServer
-from harness.process import in_thread
+from harness.process import Repeated, in_thread
 from harness.skein_client import REPLY, REQUEST, SkeinClient, frame
 from tests.end_to_end.stage import LINE, OTHER_KEY, StageTest
 
@@ -30,25 +29,6 @@ def receive_all(client):
     with contextlib.suppress(OSError):
         while client.receive() is not None:
             pass
-
-
-class Attack:
-    """Does `act` over and over, so many times a second, until it is left."""
-
-    def __init__(self, act, a_second):
-        self._act, self._pause, self._end = act, 1 / a_second, threading.Event()
-
-    def __enter__(self):
-        self._thread = in_thread(self._run)
-
-    def __exit__(self, *_):
-        self._end.set()
-        self._thread.join(30)
-
-    def _run(self):
-        while not self._end.wait(self._pause):
-            with contextlib.suppress(OSError):
-                self._act()
 
 
 class Attacks(StageTest):
@@ -98,7 +78,7 @@ class Attacks(StageTest):
         data = block("unknown-bad", LINE * 430)  # some 800 bytes that become 17 KB
         for _ in range(15_800):
             self.throw(data)
-        with Attack(lambda: self.throw(data), 100):
+        with Repeated(lambda: self.throw(data), 1 / 100):
             self.expect_service()
         self.expect_well()
 
@@ -109,7 +89,7 @@ class Attacks(StageTest):
             self.throw(block(f"unknown{next(numbers)}", LINE))
         for _ in range(20_000):
             make_up()
-        with Attack(make_up, 500):
+        with Repeated(make_up, 1 / 500):
             self.expect_service()
         self.expect_well()
 
@@ -123,7 +103,7 @@ class Attacks(StageTest):
                 peer.send_bytes(bad)
         for _ in range(1500):
             show_and_ask()
-        with Attack(show_and_ask, 100):
+        with Repeated(show_and_ask, 1 / 100):
             self.expect_service()
         self.expect_well()
 
@@ -173,7 +153,7 @@ class Attacks(StageTest):
             halves[-1].send_bytes(b"\x00\xff\x00\x00" + bytes(100_000))
         for _ in range(2000):
             begin()
-        with Attack(begin, 100):
+        with Repeated(begin, 1 / 100):
             self.expect_service()
         for half in halves:
             half.close()
@@ -182,6 +162,6 @@ class Attacks(StageTest):
     def test_long_submits_with_a_bad_key(self):
         self.start_stage()
         data = submit("unknown-bad", 300_000)
-        with Attack(lambda: self.throw(data), 5):
+        with Repeated(lambda: self.throw(data), 1 / 5):
             self.expect_service()
         self.expect_well()

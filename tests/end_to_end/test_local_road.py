@@ -1,8 +1,8 @@
 """The road of local data through the real daemon: from the unix socket to a stand-in for InfluxDB
 on loopback, and what becomes of it when either end misbehaves."""
 
-from harness.daemon import AUTH, ERROR, INFO, WARNING, WWW_KEY
-from harness.http_server import HTTPServer, answering, ending, status
+from harness.daemon import ERROR, INFO, WARNING
+from harness.http_server import HTTPServer
 from harness.process import wait_until
 from harness.skein_client import SkeinClient, SkeinError
 from tests.end_to_end.support import FolderTest
@@ -17,22 +17,15 @@ class LocalRoad(FolderTest):
 
     def setUp(self):
         super().setUp()
-        self.influx = self.start_influx()
+        self.influx = HTTPServer()
+        self.addCleanup(self.influx.close)
         self.daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": self.influx.address})
         self.client = self.connect()
-
-    def start_influx(self, port=0):
-        influx = HTTPServer(port)
-        self.addCleanup(influx.close)
-        return influx
 
     def connect(self):
         client = SkeinClient(self.daemon.socket)
         self.addCleanup(client.close)
         return client
-
-    def stats(self):
-        return self.client.call("stats")["tidewell"]
 
     def test_block_becomes_one_message_without_its_bad_lines(self):
         self.client.collectd(
@@ -70,24 +63,6 @@ class LocalRoad(FolderTest):
         self.client.collectd(LOAD[20:])
         wait_until(lambda: self.influx.lines() == [LOAD_RECORD] * 2, "the joined line")
         self.assertEqual(set(self.daemon.lines(WARNING)), {LAST_LINE_WARNING})
-
-    def test_each_failed_write_is_counted_until_one_succeeds(self):
-        conducts = [answering(status(500)), answering(status(200)), ending()]
-        for failures, self.influx.conduct in enumerate(conducts, 1):
-            self.client.collectd(LOAD)
-            wait_until(lambda: self.stats()["failure_count"] == failures, f"failure {failures}")
-        self.assertEqual(len(self.daemon.lines(WARNING)), 2 * len(conducts))  # and of the last lines
-        taken = self.influx.lines()  # and lost with the writes that failed
-        self.influx.close()
-        self.client.collectd(LOAD)
-        wait_until(lambda: self.stats()["failure_count"] > failures, "a refused connection")
-        self.influx = self.start_influx(self.influx.port)
-        self.client.collectd(LOAD)
-        self.daemon.wait_log("Connected to InfluxDB API (tidewell database)")
-        wait_until(lambda: self.influx.lines() == [LOAD_RECORD] * 2, "what waited and what came")
-        self.assertEqual((taken, self.stats()["failure_count"]), ([LOAD_RECORD] * 3, 0))
-        self.assertNotIn(AUTH, self.daemon.text())
-        self.assertNotIn(WWW_KEY, self.daemon.text())
 
     def test_failure_is_answered_and_logged_with_a_trace(self):
         with self.assertRaisesRegex(SkeinError, r"^Intentionally failing for testing\.$"):

@@ -2,6 +2,7 @@
 
 #include "skein/encoders/msgpackencoder.h"
 #include "skein/encoders/snappyencoder.h"
+#include "skein/envelope.h"
 #include "skein/framing.h"
 #include "skein/limits.h"
 
@@ -47,6 +48,36 @@ TEST(MsgpackEncoder, WhatTheWriterWritesReadsTheSame) {
   const OwnedValue copy(map);
   message.nodes.assign(message.nodes.size(), {});
   EXPECT_EQ((*copy.value().find("a")->begin()).natural(), 1U);
+}
+
+TEST(Envelope, NamesTheRequestOrItsFaultAndItsNumberWhereverThereIsOne) {
+  const struct {
+    std::string message, number, said;
+  } rows[] = {
+      {"\x94\0\x07\xa1s\x80"s, "7", "s"},
+      {"\x94\0\xce\xff\xff\xff\xff\xc4\x01s\x80"s, "4294967295", "s"},
+      {"\x93\x02\xa1s\x80", "", "s"},
+      {"\xc0", "", "message is no list of a request"},
+      {"\x90", "", "message is no list of a request"},
+      {"\x94\x01\x07\xc0\xc0", "", "message is neither a request nor a one-way request"},
+      {"\x94\xc2\x07\xa1s\x80", "", "message is neither a request nor a one-way request"},
+      {"\x94\x02\xa1s\x80\x80", "", "message is neither a request nor a one-way request"},
+      {"\x91\0"s, "", "request has no 32-bit message number"},
+      {"\x94\0\xff\xa1s\x80"s, "", "request has no 32-bit message number"},
+      {"\x94\0\xcf\0\0\0\1\0\0\0\0\xa1s\x80"s, "", "request has no 32-bit message number"},
+      {"\x92\0\x07"s, "7", "request has 2 items instead of 4"},
+      {"\x95\0\x07\xa1s\x80\x80"s, "7", "request has 5 items instead of 4"},
+      {"\x94\0\x07\x05\x80"s, "7", "request name is no text"},
+      {"\x94\0\x07\xa1s\x91\x01"s, "7", "request args are no map"},
+      {"\x94\0\x07\xa1s\x81\x05\x06"s, "7", "request args have a key that is no text"},
+  };
+  for (const auto& row : rows) {
+    Message message;
+    MsgpackEncoder::decode(row.message, message);
+    const Envelope envelope = read_envelope(message);
+    EXPECT_EQ(envelope.fault.empty() ? envelope.name : envelope.fault, row.said);
+    EXPECT_EQ(envelope.msgid ? std::to_string(*envelope.msgid) : "", row.number) << row.said;
+  }
 }
 
 // Beyond them, and other rubbish, is for the end-to-end tests and the fuzz targets.

@@ -1,8 +1,13 @@
 #include "pelorus/pelorus/listen/local_server.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <functional>
+
 #include "listener_fixture.h"
+#include "skein/errors.h"
 #include "skein/resources.h"
 
 namespace pelorus {
@@ -32,6 +37,30 @@ TEST_F(LocalServerTest, SocketOfALiveProcessIsReplacedWithAWarningAndAStaleOneIn
   }
   const LocalServer next(handler_, settings_, loop_, resources_);
   EXPECT_EQ(log_.texts("warning").size(), 1U);
+}
+
+TEST_F(LocalServerTest, WhatStandsAtItsPathIsRemovedAndTheTargetOfALinkIsKept) {
+  namespace fs = std::filesystem;
+  const fs::path path = socket_path();
+  fs::create_directory(folder_ / "target");
+  const std::function<void()> in_the_way[] = {
+      [&] { skein::bind_unix(skein::Socket::stream(AF_UNIX), path); },
+      [&] { std::ofstream(path) << "a file"; },
+      [&] { fs::create_symlink(folder_ / "target", path); },
+      [&] { fs::create_symlink(folder_ / "nothing", path); },
+  };
+  for (const auto& put : in_the_way) {
+    put();
+    const LocalServer server(handler_, settings_, loop_, resources_);
+    const auto status = fs::symlink_status(path);
+    EXPECT_TRUE(fs::is_socket(status));
+    EXPECT_EQ(status.permissions(), fs::perms::owner_all);
+    fs::remove(path);
+  }
+  EXPECT_TRUE(fs::is_directory(folder_ / "target"));
+  fs::create_directory(path);
+  EXPECT_THROW(LocalServer(handler_, settings_, loop_, resources_), skein::SystemFailure);
+  EXPECT_TRUE(fs::is_directory(path));
 }
 
 TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {
