@@ -1,13 +1,11 @@
 """The Debian packages, unpacked into a folder: what lies in them, and the service's command lines
-with its user, limits and folders, as the service manager would run them."""
+with its user and folders, as the service manager would run them."""
 
 import json
 import os
 from pathlib import Path
 import re
-import resource
 import shlex
-import shutil
 import subprocess
 import tempfile
 import unittest
@@ -15,10 +13,7 @@ import unittest
 from harness import BUILD, REPOSITORY
 from harness.daemon import ERROR, NotifySocket, journal_stream
 from harness.process import Process, free_port, wait_until
-from harness.real_servers import Collectd
-from harness.http_server import HTTPServer
 
-APPLICATION = Path(__file__).parent / "application"
 EXPOSURE = 15  # tenths
 
 
@@ -100,119 +95,42 @@ class Packages(unittest.TestCase):
             self.assertIn(expected, offered, line)
             self.assertTrue(all(each.startswith(word) for each in offered), offered)
 
-    def test_service_runs_and_the_plugin_delivers(self):
-        service = Service(self.unit)
-        self.addCleanup(service.end)
-        influx = HTTPServer()
-        self.addCleanup(influx.close)
-        service.install_application(influx.address)
-        for command in self.unit.commands("ExecStartPre"):
-            service.run(command)
-        [command] = self.unit.commands("ExecStart")
-        daemon = service.start(command)
-        self.addCleanup(daemon.stop)
-        wait_until(lambda: daemon.expect_running() and
-                   service.notify.receive() == b"READY=1", "readiness")
-        self.check_process(daemon.pid, service)
-
-        collectd = Collectd(self.root / "collectd", self.root / "usr/lib/collectd/write_skein.so",
-                            service.socket)
-        self.addCleanup(collectd.stop)
-        wait_until(lambda: collectd.expect_running() and
-                   any(b"\nload " in b"\n" + body for body in influx.written()), "collectd's values", 30)
-        status = json.loads(run(self.root / "usr/bin/pelorusctl", "--socket", service.socket,
-                                "status", "--json"))
-        self.assertIn("tidewell", json.dumps(status))
-        self.assertFalse([line for line in daemon.text().splitlines()
-                          if line.startswith(f"<{ERROR}>")], daemon.text())
-
-    def check_process(self, number, service):
-        """The daemon runs as what the unit says, and its socket is for its account alone."""
-        if os.geteuid() == 0:
-            status = Path(f"/proc/{number}/status").read_text()
-            self.assertIn(f"Uid:\t{service.uid}\t{service.uid}", status)
-        limits = Path(f"/proc/{number}/limits").read_text()
-        self.assertRegex(limits, r"Max core file size +0 +0 ")
-        self.assertEqual(service.socket.stat().st_mode & 0o777, 0o700)
-        self.assertEqual(service.socket.stat().st_uid, service.uid)
-        self.assertEqual(service.settings.stat().st_mode & 0o777, 0o600)
-
-
-class Service:
-    """What the service manager does around the unit's command lines."""
-
-    def __init__(self, unit):
-        self.unit = unit
-        run("systemd-sysusers", f"--root={unit.root}", "pelorus.conf")
-        account = next(line.split(":") for line in
-                       (unit.root / "etc/passwd").read_text().splitlines()
-                       if line.startswith(unit.value("User") + ":"))
-        self.switches = os.geteuid() == 0
-        self.uid, self.gid = (map(int, account[2:4]) if self.switches else
-                              (os.geteuid(), os.getegid()))
-        self.runtime = self._folder("run", unit.value("RuntimeDirectory"),
-                                    unit.value("RuntimeDirectoryMode"))
-        self.state = self._folder("var/lib", unit.value("StateDirectory"),
-                                  unit.value("StateDirectoryMode"))
-        self.settings = Path(unit.environment()["PELORUS_SETTINGS"])
-        self.socket = self.runtime / "collectd.sock"
-        self.notify = NotifySocket(unit.root / "notify")
-        os.chown(unit.root / "notify", self.uid, self.gid)
-
-    def _folder(self, parent, name, mode):
-        folder = self.unit.root / parent / name
-        folder.mkdir(parents=True)
-        folder.chmod(int(mode, 8))
-        os.chown(folder, self.uid, self.gid)
-        return folder
-
-    def install_application(self, influx_address):
-        """The application, where the export looks for it, with this run's ports and paths."""
-        place = self.unit.root / "usr/lib/tidewell"
-        shutil.copytree(APPLICATION, place)
-        settings = place / "tidewell" / "settings.py"
-        settings.write_text(settings.read_text() + f"\nPELORUS_PORT = {free_port()}\n"
-                            f"INFLUX_UNIX_SOCKET = {str(self.socket)!r}\nPELORUS_BUFFER_TIME = 0.5\n"
-                            "PELORUS_SERVER = '127.0.0.1'\n")
-        module = place / "tidewell" / "influx.py"
-        module.write_text(f"{module.read_text()}INFLUX_HTTP_CONNECTION = {influx_address!r}\n")
-        self.activation = self.unit.root / "var/lib/tidewell/environment/bin/activate_this.py"
-        self.activation.parent.mkdir(parents=True)
-        self.activation.write_text("import sys, types\n"
-                                   "made = types.ModuleType('environment_of_the_application')\n"
-                                   "made.WWW_KEY = 'key of the web server'\n"
-                                   "sys.modules[made.__name__] = made\n")
-
-    def _surroundings(self, command):
-        """The command as the service's account, within its limits; and its environment."""
-        if command[0].endswith("pelorus-export-settings"):
-            command = [*command, "--application", self.unit.root / "usr/lib/tidewell",
-                       "--activation", self.activation]
-        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-        files = int(self.unit.value("LimitNOFILE"))
-        if hard != resource.RLIM_INFINITY:
-            files = min(files, hard)
-        prefix = ["prlimit", f"--nofile={files}", f"--core={self.unit.value('LimitCORE')}", "--"]
-        if self.switches:
-            prefix += ["setpriv", "--reuid", self.uid, "--regid", self.gid, "--clear-groups",
-                       "--no-new-privs", "--inh-caps=-all", "--bounding-set=-all",
-                       "--pdeathsig", "KILL", "--"]
-        log = self.unit.root / "pelorus.log"
+    def test_service_starts_as_its_account_in_its_folders(self):
+        """The unit's command lines, with settings by hand."""
+        unit, switches = self.unit, os.geteuid() == 0
+        run("systemd-sysusers", f"--root={self.root}", "pelorus.conf")
+        [account] = [line.split(":") for line in (self.root / "etc/passwd").read_text().splitlines()
+                     if line.startswith(unit.value("User") + ":")]
+        uid, gid = map(int, account[2:4]) if switches else (os.geteuid(), os.getegid())
+        folders = [self.root / "run" / unit.value("RuntimeDirectory"),
+                   self.root / "var/lib" / unit.value("StateDirectory")]
+        for folder, mode in zip(folders, ("RuntimeDirectoryMode", "StateDirectoryMode")):
+            folder.mkdir(parents=True)
+            folder.chmod(int(unit.value(mode), 8))
+            os.chown(folder, uid, gid)
+        local_socket = folders[0] / "collectd.sock"
+        example = json.loads((REPOSITORY / "packaging" / "settings.example.json").read_text())
+        by_hand = self.root / "etc/pelorus/settings.json"
+        by_hand.write_text(json.dumps({**example, "PELORUS_PORT": free_port(),
+                                       "INFLUX_UNIX_SOCKET": str(local_socket)}))
+        notify, log = NotifySocket(self.root / "notify"), self.root / "pelorus.log"
+        self.addCleanup(notify.close)
+        os.chown(notify.name, uid, gid)
         log.touch()
-        environment = {"PATH": os.environ["PATH"], "NOTIFY_SOCKET": self.notify.name,
-                       "JOURNAL_STREAM": journal_stream(log), "PYTHONDONTWRITEBYTECODE": "1",
-                       **self.unit.environment()}
-        folder = self.unit.moved(self.unit.value("WorkingDirectory"))
-        return [*prefix, *command], {"cwd": folder, "env": environment}
-
-    def run(self, command):
-        command, options = self._surroundings(command)
-        return run(*command, umask=int(self.unit.value("UMask"), 8), **options)
-
-    def start(self, command):
-        command, options = self._surroundings(command)
-        return Process(command, self.unit.root / "pelorus.log",
-                       umask=int(self.unit.value("UMask"), 8), **options)
-
-    def end(self):
-        self.notify.close()
+        account = ["setpriv", "--reuid", uid, "--regid", gid, "--clear-groups", "--no-new-privs",
+                   "--inh-caps=-all", "--bounding-set=-all", "--"] if switches else []
+        options = {"cwd": unit.moved(unit.value("WorkingDirectory")), "umask": int(unit.value("UMask"), 8),
+                   "env": {"PATH": os.environ["PATH"], "NOTIFY_SOCKET": notify.name,
+                           "JOURNAL_STREAM": journal_stream(log), **unit.environment()}}
+        for command in unit.commands("ExecStartPre"):
+            run(*account, *command, **options)
+        [command] = unit.commands("ExecStart")
+        daemon = Process([*account, *command], log, **options)
+        self.addCleanup(daemon.stop)
+        wait_until(lambda: daemon.expect_running() and notify.receive() == b"READY=1", "readiness")
+        if switches:
+            self.assertIn(f"Uid:\t{uid}\t{uid}", Path(f"/proc/{daemon.pid}/status").read_text())
+        run(self.root / "usr/bin/pelorusctl", "--socket", local_socket, "status")
+        about = local_socket.stat()
+        self.assertEqual((about.st_mode & 0o777, about.st_uid), (0o700, uid))
+        self.assertNotIn(f"<{ERROR}>", daemon.text())
