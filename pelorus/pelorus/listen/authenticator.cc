@@ -170,21 +170,33 @@ Authenticator::Key Authenticator::key_of(const skein::Request& request) {
   if (session.verified_key != nullptr && spells(given, session.verified_key->first)) {
     return Key(*session.verified_key);
   }
-  session.verified_key = nullptr;
+  set_key(session, nullptr);
   std::string key(given);
   std::erase(key, '-');
   session.counters.note_key(key);
   return Key(std::move(key));
 }
 
-const VerifiedKey* Authenticator::find_verified(const std::string& key) const {
+VerifiedKey* Authenticator::find_verified(const std::string& key) {
   const auto verified = valid_.find(key);
   return verified == valid_.end() ? nullptr : &*verified;
 }
 
+void Authenticator::set_key(Session& session, VerifiedKey* key) noexcept {
+  if (key != nullptr) ++key->second.connections;
+  if (session.verified_key != nullptr) --session.verified_key->second.connections;
+  session.verified_key = key;
+}
+
+void Authenticator::let_in(const skein::Connection& connection, VerifiedKey& key) {
+  Session& session = sessions_[connection];
+  if (session.verified_key != &key) set_key(session, &key);
+  if (key.second.connections <= MAX_KEY_CONNECTIONS) server_.set_authenticated(connection);
+}
+
 bool Authenticator::valid_key(const std::string& key, const VerifiedKey* verified) {
   const auto now = loop_.now();
-  if (verified != nullptr && now - verified->second < VALID_CUTOFF) return true;
+  if (verified != nullptr && now - verified->second.time < VALID_CUTOFF) return true;
   // Kept: said of a key that was never seen as well.
   log::debug("Validation error - the key \"{}\" is expired.", key);
   return false;
@@ -201,15 +213,13 @@ skein::Reply Authenticator::forward(const skein::Request& request, const Key& no
   PROFILE_SCOPE();
   const std::string& key = node_key.text();
   const bool behind_others = find_pending(key) != nullptr;
-  const VerifiedKey* const verified =
+  VerifiedKey* const verified =
       node_key.verified() != nullptr ? node_key.verified() : find_verified(key);
   const bool admitted = !behind_others && valid_key(key, verified);
   if (admitted) {
-    Session& session = sessions_[request.connection];
-    server_.set_authenticated(request.connection);
-    session.verified_key = verified;
+    let_in(request.connection, *verified);
     if (operation.is_short(influx_handler_)) {
-      session.counters.count(operation.run(influx_handler_));
+      sessions_[request.connection].counters.count(operation.run(influx_handler_));
       return {};
     }
   }
@@ -322,7 +332,7 @@ void Authenticator::validate(const PendingKey& pending, bool is_valid) {
   }
   if (is_valid) {
     influx_handler_.handle_successful_auth();
-    valid_[*pending.key] = loop_.clocks().monotonic();
+    valid_[*pending.key].time = loop_.clocks().monotonic();
   } else {
     influx_handler_.increment_failed_auths();
   }
@@ -394,7 +404,7 @@ bool Authenticator::run_first(PendingKey& pending) noexcept {
   std::exception_ptr failure;
   try {
     skein::Connection* const connection = first.reply.connection();
-    if (connection != nullptr) server_.set_authenticated(*connection);
+    if (connection != nullptr) let_in(*connection, *valid_.find(*pending.key));
     if (first.operation) {
       IngestResult ingested = first.operation->run(influx_handler_);
       if (connection != nullptr) sessions_[*connection].counters.count(std::move(ingested));

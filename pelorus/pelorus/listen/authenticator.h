@@ -21,6 +21,9 @@ constexpr std::size_t MAX_KEY_BYTES = 1024;
 /// Requests of one key that was never confirmed that may wait for it: the newest ones. A node has
 /// one connection, or a few.
 constexpr std::size_t MAX_UNCONFIRMED_REQUESTS = 64;
+/// Connections of one valid key that count as authenticated. More are served, but as strangers are,
+/// so that nobody takes all connections with a single key.
+constexpr std::uint32_t MAX_KEY_CONNECTIONS = 256;
 /// So long a "submit" waits at most for room in the buffer of its database.
 constexpr std::chrono::seconds LONGEST_WAIT_FOR_ROOM{30};
 
@@ -61,14 +64,14 @@ class Authenticator {
   /// connection was let in before: that costs a comparison, no copy and no look-up.
   class Key {
    public:
-    explicit Key(const VerifiedKey& verified) : verified_(&verified) {}
+    explicit Key(VerifiedKey& verified) : verified_(&verified) {}
     explicit Key(std::string text) : text_(std::move(text)) {}
     const std::string& text() const noexcept { return verified_ ? verified_->first : text_; }
     /// Its entry in the cache, if that is known already.
-    const VerifiedKey* verified() const noexcept { return verified_; }
+    VerifiedKey* verified() const noexcept { return verified_; }
 
    private:
-    const VerifiedKey* verified_ = nullptr;
+    VerifiedKey* verified_ = nullptr;
     std::string text_;
   };
   /// Notes the key with its session. Throws RequestError for one that is missing, no text, or too
@@ -80,12 +83,17 @@ class Authenticator {
   /// LimitError.
   skein::Reply forward(const skein::Request& request, const Key& key, Operation&& operation);
 
+  /// The session shows another key from now on, or none any more: it has ended.
+  static void set_key(Session& session, VerifiedKey* key) noexcept;
+
  private:
   class PendingRequest;
   class PendingKey;
   struct Queues;
 
-  const VerifiedKey* find_verified(const std::string& key) const;
+  VerifiedKey* find_verified(const std::string& key);
+  /// The connection has shown a valid key.
+  void let_in(const skein::Connection& connection, VerifiedKey& key);
   bool valid_key(const std::string& key, const VerifiedKey* verified);
   PendingKey* find_pending(const std::string& key);
   /// Keeps the request at the end of those of its key.
@@ -126,7 +134,7 @@ class Authenticator {
   skein::Resources& resources_;
   skein::Server& server_;
   skein::PerConnection<Session>& sessions_;
-  /// Key without dashes to the time of its last success. Never shrinks: there are as many as there
+  /// Key without dashes to its last success. Never shrinks: there are as many as there
   /// are nodes, and their sessions point here.
   std::unordered_map<std::string, VerifiedKey::second_type> valid_;
   std::unique_ptr<Queues> queues_;  ///< what waits

@@ -50,7 +50,8 @@ void NodeServer::add_connection(skein::Connection& connection) {
 }
 
 void NodeServer::remove_connection(skein::Connection& connection) {
-  const Session session = sessions_.remove(connection);
+  Session session = sessions_.remove(connection);
+  Authenticator::set_key(session, nullptr);
   if (session.address.port != 0) {
     log::info("Disconnecting skein connection from {}:{}.", session.address.host(),
               session.address.port);

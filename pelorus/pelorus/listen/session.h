@@ -14,8 +14,12 @@
 
 namespace pelorus {
 
-/// A key without dashes, and the time of its last successful verification.
-using VerifiedKey = std::pair<const std::string, std::chrono::steady_clock::time_point>;
+/// A key without dashes, and what is known of it.
+struct Verification {
+  std::chrono::steady_clock::time_point time;  ///< of the last successful one
+  std::uint32_t connections = 0;               ///< whose session has this key
+};
+using VerifiedKey = std::pair<const std::string, Verification>;
 
 /// What one connection has brought so far. Small, for there are thousands: what only a connection
 /// with errors has lies elsewhere.
@@ -63,8 +67,8 @@ struct Session {
   LineAssembler graphite_remainder;
   SessionCounters counters;
   skein::Address address;  ///< of a node; its port is 0 for a local peer
-  /// The cache entry of the key with which the last request was let in at once.
-  const VerifiedKey* verified_key = nullptr;
+  /// The cache entry of the key with which the last request was let in.
+  VerifiedKey* verified_key = nullptr;
 };
 
 /// The last four characters of a key; one of UTF-8 is not cut apart. All of a shorter one.

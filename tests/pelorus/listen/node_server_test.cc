@@ -107,6 +107,29 @@ TEST_F(NodeServerTest, VerifiedKeyLetsRequestsThroughForAnHour) {
   EXPECT_EQ(asked_.size(), 3U);
 }
 
+TEST_F(NodeServerTest, MoreThan256ConnectionsOfOneKeyAreServedAsStrangersAre) {
+  std::deque<support::SkeinPeer> peers;
+  const auto authenticated = [this] {
+    return std::ranges::count_if(server_->connections(), [this](const auto* connection) {
+      return server_->standing(*connection) == skein::Standing::AUTHENTICATED;
+    });
+  };
+  for (int i = 0; i < 257; ++i) {
+    peers.push_back(connect());
+    peers.back().send(collectd("abcdef"));
+    if (i == 0) accept_key("abcdef");
+    turns_at_once();
+  }
+  EXPECT_EQ(records(), 257);
+  EXPECT_EQ(authenticated(), 256);
+  peers.pop_front();
+  peers.front().send(collectd("another"));
+  accept_key("another");
+  peers.back().send(collectd("abcdef"));
+  turns_at_once();
+  EXPECT_EQ(authenticated(), 256) << "one has gone, one is there for it";
+}
+
 TEST_F(NodeServerTest, KeyOfTheLastRequestIsKnownInEverySpellingAndNoOtherIs) {
   auto peer = connect();
   peer.send(collectd("ab-cdef"));
