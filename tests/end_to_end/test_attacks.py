@@ -5,7 +5,7 @@ import contextlib
 import socket
 import time
 
-from harness.http_server import Connection, WebServer
+from harness.http_server import Connection, NO_CONTENT, WebServer
 from harness.process import Repeated, in_thread
 from harness.skein_client import REPLY, REQUEST, SkeinClient, frame
 from tests.end_to_end.stage import LINE, OTHER_KEY, StageTest
@@ -29,6 +29,14 @@ def receive_all(client):
     with contextlib.suppress(OSError):
         while client.receive() is not None:
             pass
+
+
+def slow(client):
+    """InfluxDB with a slow disk: 5,000 messages a second."""
+    client.read_request()
+    time.sleep(0.2)
+    client.send(NO_CONTENT)
+    client.linger()
 
 
 class Attacks(StageTest):
@@ -107,8 +115,31 @@ class Attacks(StageTest):
             self.expect_service()
         self.expect_well()
 
+    def test_live_connections_with_a_valid_key(self):
+        self.start_stage(wrapper=["prlimit", "--nofile=1024:1024", "--"])
+        good, peers = block(ATTACKERS_KEY, LINE), []
+        def show_and_stay():
+            peers.append(self.node(5))
+            peers[-1].send_bytes(good)
+            peers[-1].receive()
+        for _ in range(1500):
+            show_and_stay()
+        with Repeated(show_and_stay, 1 / 100):
+            self.expect_service()
+        for peer in peers:
+            peer.close()
+        self.expect_well()
+
     def test_one_submit_of_100000_points(self):
         self.start_stage(settings={"PELORUS_MAX_PENDING_MESSAGES": 10_000})
+        self.expect_no_drops()
+
+    def test_one_submit_of_100000_points_while_a_write_takes_long(self):
+        self.start_stage(settings={"PELORUS_MAX_PENDING_MESSAGES": 10_000})
+        self.influx.conduct = slow
+        self.expect_no_drops()
+
+    def expect_no_drops(self):
         with self.node(60) as attacker:
             attacker.send_bytes(submit(ATTACKERS_KEY, 100_000))
             self.expect_service()
