@@ -114,6 +114,9 @@ std::size_t BadLines::bytes_of(std::string_view text, Outcome outcome) const {
 }
 
 void BadLines::block_ends() {
+  if (count_ != 0) {
+    last_warning_ = text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);
+  }
   if (skipped_ > 0) log::drop(std::exchange(skipped_, 0));
   if (begin_ < end_) {
     log::hold(true);
@@ -121,11 +124,6 @@ void BadLines::block_ends() {
     log::hold(false);
   }
   lines_ = bytes_ = 0;
-}
-
-std::string BadLines::last_warning() const {
-  if (count_ == 0) return {};
-  return text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);
 }
 
 std::string BadLines::text_of(const BadLine& line, std::size_t shown_bytes) {

@@ -36,8 +36,8 @@ class BadLines : public BadLineReporter {
 
   /// Bad lines so far. An empty line does not count: every block ends with one.
   std::uint64_t count() const noexcept { return count_; }
-  /// The start of the last one's warning; empty if there was none. The block must still be there.
-  std::string last_warning() const;
+  /// The start of the last one's warning, once the block has ended; empty if there was none.
+  const std::string& last_warning() const noexcept { return last_warning_; }
 
  private:
   struct BadLine {
@@ -59,6 +59,7 @@ class BadLines : public BadLineReporter {
   const bool warns_;         ///< whether warnings are logged, and not only errors
   std::uint64_t count_ = 0;  ///< empty lines left out
   BadLine last_;             ///< the last that was counted
+  std::string last_warning_;
   std::vector<BadLine> ring_;
   std::uint64_t begin_ = 0, end_ = 0;  ///< numbers of the first in the ring, and after the last
   std::size_t lines_ = 0, bytes_ = 0;  ///< in the log, of those in the ring
@@ -66,6 +67,16 @@ class BadLines : public BadLineReporter {
   std::string kind_;                   ///< what the first line of a trace begins with
   std::vector<std::string> trace_;     ///< of the unexpected failures
   std::size_t trace_bytes_ = 0;
+};
+
+/// A block of Graphite lines that becomes one message in several steps. Borrows the lines.
+struct GraphiteBlock {
+  GraphiteBlock(std::string_view lines, BadLineCounts& totals) : rest(lines), bad_lines(totals) {}
+
+  std::string_view rest;  ///< lines to be translated; empty after the last step
+  BadLines bad_lines;
+  std::string message;       ///< their records
+  std::int64_t records = 0;  ///< in `message`
 };
 
 /// `text`, which shows `shown` or its first SHOWN_BYTES, with the number of bytes left out.

@@ -53,22 +53,37 @@ OutputBuffer::~OutputBuffer() { ::munmap(bytes_, size_); }
 GraphiteMessage::GraphiteMessage(std::size_t buffer_bytes) : buffer_(buffer_bytes) {}
 
 template <class Scanner>
-GraphiteMessage::Built GraphiteMessage::build(std::string_view block, BadLineReporter& reporter) {
+GraphiteMessage::Built GraphiteMessage::build_part(std::string_view& rest, std::size_t most_bytes,
+                                                   std::size_t built_bytes,
+                                                   BadLineReporter& reporter) {
   PROFILE_SCOPE();
-  position_ = buffer_.begin();
+  char* const begin = position_ = buffer_.begin() + built_bytes;
   num_metrics_ = 0;
-  const std::size_t safe = block.size() > SCAN_PADDING ? block.size() - SCAN_PADDING : 0;
-  const std::size_t tail = safe == 0 ? 0 : block.rfind('\n', safe - 1) + 1;
-  add_lines<Scanner>(block.data(), block.data() + tail, reporter);
-  tail_.reserve(block.size() - tail + 1 + SCAN_PADDING);
-  tail_.assign(block.substr(tail)).push_back('\n');
+  const std::size_t safe = rest.size() > SCAN_PADDING ? rest.size() - SCAN_PADDING : 0;
+  const std::size_t tail = safe == 0 ? 0 : rest.rfind('\n', safe - 1) + 1;
+  if (tail > most_bytes) {
+    std::size_t part = rest.rfind('\n', most_bytes - 1) + 1;
+    if (part == 0) part = rest.find('\n', most_bytes) + 1;
+    add_lines<Scanner>(rest.data(), rest.data() + part, reporter);
+    rest.remove_prefix(part);
+  } else {
+    add_lines<Scanner>(rest.data(), rest.data() + tail, reporter);
+    add_tail<Scanner>(rest.substr(tail), reporter);
+    reporter.block_ends();
+    free_if_large(tail_);
+    free_if_large(names_);
+    rest = {};
+  }
+  return {{begin, static_cast<std::size_t>(position_ - begin)}, num_metrics_};
+}
+
+template <class Scanner>
+void GraphiteMessage::add_tail(std::string_view lines, BadLineReporter& reporter) {
+  tail_.reserve(lines.size() + 1 + SCAN_PADDING);
+  tail_.assign(lines).push_back('\n');
   const std::size_t size = tail_.size();
   tail_.append(SCAN_PADDING, '\0');
   add_lines<Scanner>(tail_.data(), tail_.data() + size, reporter);
-  reporter.block_ends();
-  free_if_large(tail_);
-  free_if_large(names_);
-  return {{buffer_.begin(), static_cast<std::size_t>(position_ - buffer_.begin())}, num_metrics_};
 }
 
 template <class Scanner>
@@ -136,9 +151,12 @@ void GraphiteMessage::add_slowly(const ScannedLine& line, BadLineReporter& repor
   ++num_metrics_;
 }
 
-template GraphiteMessage::Built GraphiteMessage::build<VectorScanner>(std::string_view,
-                                                                      BadLineReporter&);
-template GraphiteMessage::Built GraphiteMessage::build<FallbackScanner>(std::string_view,
-                                                                        BadLineReporter&);
+template GraphiteMessage::Built GraphiteMessage::build_part<VectorScanner>(std::string_view&,
+                                                                           std::size_t, std::size_t,
+                                                                           BadLineReporter&);
+template GraphiteMessage::Built GraphiteMessage::build_part<FallbackScanner>(std::string_view&,
+                                                                             std::size_t,
+                                                                             std::size_t,
+                                                                             BadLineReporter&);
 
 }  // namespace pelorus

@@ -79,11 +79,21 @@ class GraphiteMessage {
   /// `Scanner` is VectorScanner or FallbackScanner, which yield the same. Throws
   /// OutputBufferFullError if a record does not fit the buffer.
   template <class Scanner = VectorScanner>
-  Built build(std::string_view block, BadLineReporter& reporter);
+  Built build(std::string_view block, BadLineReporter& reporter) {
+    return build_part<Scanner>(block, SIZE_MAX, 0, reporter);
+  }
+  /// The same for a block that takes long, part by part: the lines in the first `most_bytes` of
+  /// what is left of it, or one line, which are taken off `rest`. The records stand in the buffer
+  /// behind the `built_bytes` of the parts before. `rest` is empty after the last part.
+  template <class Scanner = VectorScanner>
+  Built build_part(std::string_view& rest, std::size_t most_bytes, std::size_t built_bytes,
+                   BadLineReporter& reporter);
 
  private:
   template <class Scanner>
   void add_lines(const char* begin, const char* end, BadLineReporter& reporter);
+  template <class Scanner>
+  void add_tail(std::string_view lines, BadLineReporter& reporter);
   bool add_fast(const FastPathLine& line, BadLineReporter& reporter);
   void add_slowly(const ScannedLine& line, BadLineReporter& reporter);
 

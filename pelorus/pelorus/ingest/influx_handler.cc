@@ -117,6 +117,26 @@ IngestResult InfluxHandler::add_graphite(std::string_view database_name, std::st
   return {built.num_metrics, bad_lines.count(), bad_lines.last_warning()};
 }
 
+IngestResult InfluxHandler::add_graphite(std::string_view database_name, GraphiteBlock& block,
+                                         std::size_t most_bytes) {
+  PROFILE_SCOPE();
+  const std::size_t before = block.rest.size();
+  const auto built =
+      graphite_message_->build_part(block.rest, most_bytes, block.message.size(), block.bad_lines);
+  if (block.message.empty()) {  // room for all, were all lines alike
+    block.message.reserve(built.message.size() * (before / most_bytes + 2));
+  }
+  block.message += built.message;
+  block.records += built.num_metrics;
+  if (!block.rest.empty()) return {};
+  add(database_name, std::move(block.message), block.records);
+  return {block.records, block.bad_lines.count(), block.bad_lines.last_warning()};
+}
+
+std::unique_ptr<GraphiteBlock> InfluxHandler::graphite_block(std::string_view metrics) {
+  return std::make_unique<GraphiteBlock>(metrics, bad_lines_);
+}
+
 IngestResult InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
                                        skein::Value points) {
   SubmitMessages messages(name, points);

@@ -14,6 +14,7 @@
 
 namespace pelorus {
 
+struct GraphiteBlock;
 class GraphiteMessage;
 class InfluxDatabase;
 class SubmitMessages;
@@ -66,6 +67,11 @@ class InfluxHandler {
   /// Adds a block of Graphite lines as one message, even when no line yields a record. Bad lines
   /// are logged and left out. Throws what add() throws, and OutputBufferFullError.
   IngestResult add_graphite(std::string_view database, std::string_view metrics);
+  /// The same in steps of `most_bytes` of lines, or one line. The last step adds the message; its
+  /// result is that of the block, and `block.rest` is empty then.
+  IngestResult add_graphite(std::string_view database, GraphiteBlock& block,
+                            std::size_t most_bytes);
+  std::unique_ptr<GraphiteBlock> graphite_block(std::string_view metrics);
 
   /// Adds data of the legacy submit method (event database): one message per point. A name or
   /// point that cannot be read ends the call with a warning; ArgumentTypeError is thrown for

@@ -14,6 +14,7 @@
 #include "pelorus/pelorus/constants.h"
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/listen/node_server.h"
+#include "pelorus/pelorus/listen/operation.h"
 #include "pelorus/pelorus/log.h"
 #include "skein/profile_scope.h"
 
@@ -92,6 +93,56 @@ ConnectionGroup group_of(const NodeServer& server) {
 
 }  // namespace
 
+/// A request that takes several steps, on the turns that the ready queue gives it. Outlives its
+/// connection.
+class LocalServer::LongRequest final : public skein::ReadyQueue::Entry,
+                                       private skein::Admission::Account {
+ public:
+  LongRequest(LocalServer& server, const Operation& views, const skein::Request& request)
+      : Account(server.origin(request.connection), skein::Standing::AUTHENTICATED),
+        server_(server),
+        operation_(views.owned()),
+        reply_(server.defer(request)) {
+    server_.resources().admission.hold(*this, operation_.bytes());
+  }
+  ~LongRequest() {
+    server_.resources().ready_queue.remove(*this);
+    server_.resources().admission.release(*this);
+  }
+
+  bool is_authenticated() const noexcept override { return true; }
+  bool serve(skein::ReadyQueue::Credit credit) noexcept override {
+    PROFILE_SCOPE();
+    while (credit.spend(operation_.cost())) {
+      try {
+        IngestResult ingested = operation_.run(server_.influx_handler_);
+        if (!operation_.is_done()) continue;
+        if (const skein::Connection* connection = reply_.connection()) {
+          server_.sessions_[*connection].counters.count(std::move(ingested));
+        }
+        end().send({});
+      } catch (const std::exception& failure) {
+        end().fail(failure);
+      }
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  void evict(const skein::LimitError& reason) override { end().end_connection(reason); }
+  /// Destroys it: its bytes are not held any more when the reply lets the connection continue.
+  skein::DeferredReply end() noexcept {
+    const skein::DeferredReply reply = reply_;
+    server_.long_requests_.remove_if([this](const LongRequest& each) { return &each == this; });
+    return reply;
+  }
+
+  LocalServer& server_;
+  Operation operation_;
+  const skein::DeferredReply reply_;
+};
+
 LocalServer::Owner LocalServer::Owner::look_up() {
   Owner owner;
   if (const passwd* account = ::getpwnam(TIDEWELL_ACCOUNT)) {
@@ -114,6 +165,8 @@ LocalServer::LocalServer(InfluxHandler& influx_handler, const Settings& settings
   answer_to("status", [this](const skein::Request& request) { return req_status(request); });
   answer_to("fail", [this](const skein::Request& request) { return req_fail(request); });
 }
+
+LocalServer::~LocalServer() = default;
 
 skein::Socket LocalServer::bind_listen(const Settings& settings, const Owner& owner) {
   const std::string path = socket_path(settings);
@@ -182,7 +235,12 @@ skein::Reply LocalServer::req_collectd(const skein::Request& request) {
     throw skein::RequestError("argument 'metrics' of request 'collectd' is empty");
   }
   const CompleteLines lines = session.graphite_remainder.add(metrics);
-  session.counters.count(influx_handler_.add_graphite(TIDEWELL_DATABASE, lines.text()));
+  Operation operation = Operation::add_graphite(TIDEWELL_DATABASE, lines.text());
+  if (!operation.is_short(influx_handler_)) {
+    resources().ready_queue.add(long_requests_.emplace_back(*this, operation, request));
+    return skein::Reply::later();
+  }
+  session.counters.count(operation.run(influx_handler_));
   return {};
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <list>
 #include <optional>
 #include <string>
 
@@ -21,6 +22,7 @@ class LocalServer : public skein::Server {
   /// none. Throws SettingsError, skein::SystemFailure.
   LocalServer(InfluxHandler& influx_handler, const Settings& settings, skein::Loop& loop,
               skein::Resources& resources, const NodeServer* node_server = nullptr);
+  ~LocalServer() override;
 
   /// Closes the server and removes the socket file.
   void stop();
@@ -55,11 +57,14 @@ class LocalServer : public skein::Server {
     return sessions_[connection].graphite_remainder.remaining();
   }
 
+  class LongRequest;
+
   InfluxHandler& influx_handler_;
   const Settings& settings_;
   const NodeServer* node_server_;
   const StartTime started_;
   skein::PerConnection<Session> sessions_;
+  std::list<LongRequest> long_requests_;
 };
 
 }  // namespace pelorus

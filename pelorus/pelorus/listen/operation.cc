@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "pelorus/pelorus/constants.h"
+#include "pelorus/pelorus/ingest/bad_lines.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "pelorus/pelorus/ingest/submit_message.h"
 
@@ -12,6 +13,9 @@ namespace {
 
 /// To write a point of a "submit" takes as long as so many bytes of Graphite, about a microsecond.
 constexpr std::size_t COST_OF_A_POINT = 512;
+
+/// So much Graphite takes a few milliseconds to translate. A block of collectd's plugin has 64 KiB.
+constexpr std::size_t GRAPHITE_BYTES_PER_STEP = 512U << 10;
 
 /// A "submit" of so many points, or fewer, does not wait for room.
 constexpr std::size_t FEW_POINTS = 64;
@@ -60,6 +64,7 @@ std::size_t Operation::points() const noexcept {
 }
 
 bool Operation::is_short(const InfluxHandler& handler) const noexcept {
+  if (kind_ == Kind::ADD_GRAPHITE) return arguments_.text.size() <= GRAPHITE_BYTES_PER_STEP;
   return points() <= FEW_POINTS ||
          (points() <= POINTS_PER_TURN && points() <= handler.room(arguments_.database));
 }
@@ -70,6 +75,9 @@ bool Operation::has_room(const InfluxHandler& handler) const noexcept {
 }
 
 std::size_t Operation::cost() const noexcept {
+  if (kind_ == Kind::ADD_GRAPHITE) {
+    return std::min(block_ ? block_->rest.size() : arguments_.text.size(), GRAPHITE_BYTES_PER_STEP);
+  }
   if (!arguments_.points) return arguments_.text.size();
   return std::min(arguments_.points->size(), POINTS_PER_TURN) * COST_OF_A_POINT;
 }
@@ -82,10 +90,24 @@ IngestResult Operation::run(InfluxHandler& handler) {
       handler.add(database, std::string(text), num_metrics);
       return {.records = num_metrics};
     case Kind::ADD_GRAPHITE:
-      return handler.add_graphite(database, text);
+      return run_graphite(handler);
     case Kind::ADD_SUBMIT:
-      break;
+      return run_submit(handler);
   }
+  return {};
+}
+
+IngestResult Operation::run_graphite(InfluxHandler& handler) {
+  const auto& [database, text, num_metrics, points] = arguments_;
+  if (text.size() <= GRAPHITE_BYTES_PER_STEP) return handler.add_graphite(database, text);
+  if (!block_) block_ = handler.graphite_block(text);
+  IngestResult ingested = handler.add_graphite(database, *block_, GRAPHITE_BYTES_PER_STEP);
+  done_ = block_->rest.empty();
+  return ingested;
+}
+
+IngestResult Operation::run_submit(InfluxHandler& handler) {
+  const auto& [database, text, num_metrics, points] = arguments_;
   if (!submit_) submit_ = std::make_unique<SubmitMessages>(text, *points);
   const std::size_t room = handler.room(database);
   IngestResult ingested = handler.add_submit(

@@ -14,6 +14,7 @@ namespace pelorus {
 
 class InfluxHandler;
 class SubmitMessages;
+struct GraphiteBlock;
 
 /// What a request of a node asks of the InfluxHandler: one of its operations with all arguments.
 /// The arguments are views of the request, or of copies that owned() has made for a request that
@@ -57,6 +58,8 @@ class Operation {
 
   Operation(Kind kind, const Arguments& arguments);
   std::size_t points() const noexcept;
+  IngestResult run_graphite(InfluxHandler& handler);
+  IngestResult run_submit(InfluxHandler& handler);
 
   const Kind kind_;
   bool done_ = false;
@@ -64,7 +67,9 @@ class Operation {
   // What the arguments are views of, unless that is the request.
   std::unique_ptr<std::string> own_text_;
   std::unique_ptr<skein::OwnedValue> own_points_;
-  std::unique_ptr<SubmitMessages> submit_;  ///< how far a "submit" is
+  // How far it is, if it takes several steps.
+  std::unique_ptr<SubmitMessages> submit_;
+  std::unique_ptr<GraphiteBlock> block_;
 };
 
 }  // namespace pelorus

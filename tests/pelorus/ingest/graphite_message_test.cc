@@ -23,7 +23,8 @@ class BadLines : public BadLineReporter {
   std::vector<std::string> lines;
 };
 
-/// Builds each block with both scanners, with vector instructions and without, which must agree.
+/// Builds each block with both scanners, with vector instructions and without, and line by line.
+/// All must agree.
 class GraphiteMessageTest : public ::testing::Test {
  protected:
   std::string build(std::string_view block) {
@@ -35,11 +36,26 @@ class GraphiteMessageTest : public ::testing::Test {
     EXPECT_EQ(built.message, plain.message);
     EXPECT_EQ(count_, plain.num_metrics);
     EXPECT_EQ(bad_.lines, bad.lines);
-    return std::string(built.message);
+    std::string message(built.message);
+    BadLines bad_in_parts;
+    EXPECT_EQ(build_in_parts(block, bad_in_parts), message);
+    EXPECT_EQ(bad_.lines, bad_in_parts.lines);
+    return message;
+  }
+  std::string build_in_parts(std::string_view block, BadLines& bad) {
+    std::string message;
+    parts_ = 0;
+    do {
+      message += line_message_.build_part(block, 1, message.size(), bad).message;
+      ++parts_;
+    } while (!block.empty());
+    return message;
   }
 
   GraphiteMessage message_{4096};
   GraphiteMessage plain_message_{4096};
+  GraphiteMessage line_message_{4096};
+  int parts_ = 0;
   BadLines bad_;
   std::int64_t count_ = 0;
 };
@@ -80,6 +96,15 @@ TEST_F(GraphiteMessageTest, BadLinesAreReportedAndTheOthersGoOut) {
                                       "unexpected m000.irq", "improper \xff\xfe"}));
   EXPECT_EQ(build(""), "");
   EXPECT_EQ(count_, 0);
+}
+
+TEST_F(GraphiteMessageTest, PartsOfABlockAreWholeLines) {
+  std::string block;
+  for (int i = 0; i < 20; ++i) block += "m000.load.load.a 1 1500000000\nbad\n\n";
+  build(block);
+  EXPECT_EQ(count_, 20);
+  EXPECT_EQ(bad_.lines.size(), 41U);
+  EXPECT_GT(parts_, 50) << "all lines but those at the end";
 }
 
 TEST_F(GraphiteMessageTest, ShortTimestampsGetTheirZerosAtOnce) {

@@ -72,5 +72,31 @@ TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {
   EXPECT_EQ(handler_.databases()[0]->pending_data_len(), 1U);
 }
 
+TEST_F(LocalServerTest, LongBlockIsOneMessageWhoeverWaitsForIt) {
+  constexpr int LINES = 16'000;  // 600 KB
+  LocalServer server(handler_, settings_, loop_, resources_);
+  const auto block = [](int lines) {
+    std::string text = "bad\n";
+    for (int i = 0; i < lines; ++i) text += "m000.load.load.shortterm 1 1500000000\n";
+    return support::request(1, "collectd", {{"metrics", text}});
+  };
+  auto peer = support::SkeinPeer::unix_socket(socket_path());
+  peer.send(block(LINES) + support::request(2, "collectd", {{"metrics", "no end"}}));
+  turns(20);
+  EXPECT_EQ(peer.replies(), "1=nil 2=nil ") << "in order";
+  EXPECT_EQ(handler_.statistics().messages, 2);
+  EXPECT_EQ(handler_.statistics().records, LINES);
+  EXPECT_EQ(handler_.bad_lines()[0], 1U);
+  peer.send(block(2 * LINES));
+  turns(20);
+  EXPECT_EQ(peer.replies().substr(0, 13), "1!a record of") << "more than the output buffer takes";
+  peer.send(block(LINES));
+  peer.finish_sending();
+  { const auto gone = std::move(peer); }
+  turns(20);
+  EXPECT_EQ(handler_.statistics().records, 2 * LINES) << "what has come is added";
+  EXPECT_EQ(resources_.admission.held_bytes(), 0U);
+}
+
 }  // namespace
 }  // namespace pelorus
