@@ -61,7 +61,7 @@ void Admission::EvictionOrder<Accounts>::remove(std::uint32_t origin, Account& a
 /// An origin without weight leaves.
 template <class Accounts>
 void Admission::EvictionOrder<Accounts>::reweigh(
-    typename std::map<std::uint32_t, Origin>::iterator origin, std::size_t weight) noexcept {
+    typename std::map<std::uint32_t, Accounts>::iterator origin, std::size_t weight) noexcept {
   auto place = heaviest_.extract({origin->second.weight, origin->first});
   if (weight == 0) {
     origins_.erase(origin);

@@ -122,6 +122,7 @@ class Admission {
     void remove(Account& account, std::size_t bytes) { accounts.erase({bytes, &account}); }
     Account& first() const { return *accounts.rbegin()->second; }
     std::set<std::pair<std::size_t, Account*>> accounts{};
+    std::size_t weight = 0;  ///< of all
   };
   /// Connections of one origin, the oldest first. Nearly all connections stand here at first, so
   /// their places lie in the accounts.
@@ -130,6 +131,7 @@ class Admission {
     void remove(Account& account, std::size_t) { accounts.remove(account); }
     Account& first() const { return accounts.front(); }
     IntrusiveList<Account, &Account::place_> accounts{};
+    std::size_t weight = 0;  ///< how many
   };
 
   /// Accounts of one standing in the order in which they are evicted: those of the origin that
@@ -146,13 +148,10 @@ class Admission {
     Account& first() const { return origins_.find(heaviest_.rbegin()->second)->second.first(); }
 
    private:
-    struct Origin : Accounts {
-      std::size_t weight = 0;
-    };
-    void reweigh(typename std::map<std::uint32_t, Origin>::iterator origin,
+    void reweigh(typename std::map<std::uint32_t, Accounts>::iterator origin,
                  std::size_t weight) noexcept;
 
-    std::map<std::uint32_t, Origin> origins_;
+    std::map<std::uint32_t, Accounts> origins_;
     std::set<std::pair<std::size_t, std::uint32_t>> heaviest_;  ///< origins by weight
   };
 
