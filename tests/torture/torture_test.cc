@@ -42,7 +42,9 @@ class Torture : public ListenerTest {
         const support::FailingCall::Scope under_test;
         loop_.turn();
       }
-      for (const auto& [peer, body] : web_.requests()) support::answer(*peer, confirm(body));
+      if (web_answers_) {
+        for (const auto& [peer, body] : web_.requests()) support::answer(*peer, confirm(body));
+      }
       for (const auto& write : influx_.requests()) {
         support::answer(*write.peer, "HTTP/1.1 204 No Content\r\n\r\n");
       }
@@ -87,6 +89,33 @@ class Torture : public ListenerTest {
       const std::string replies = peer->replies();
       acknowledged_ += static_cast<std::uint64_t>(std::ranges::count(replies, '='));
     }
+  }
+
+  /// As many requests of one key wait as may, while the web server does not answer. Then one comes
+  /// more, and blocks that take several steps.
+  std::vector<support::SkeinPeer> crowd() {
+    std::vector<support::SkeinPeer> peers;
+    web_answers_ = false;
+    for (std::size_t i = 0; i < MAX_UNCONFIRMED_REQUESTS; ++i) {
+      peers.push_back(node());
+      peers.back().send(block("unknown"));
+    }
+    turns(3);
+    return peers;
+  }
+  void session_beside_crowd() {
+    auto refused = node();
+    auto known = node();
+    auto collectd = local();
+    refused.send_now(block("unknown"));
+    std::string long_block;
+    for (int i = 0; i < 20'000; ++i) long_block += LINE;
+    known.send_now(support::request(1, "collectd", {{"key", "warm-up"}, {"metrics", long_block}}));
+    collectd.send_now(support::request(1, "collectd", {{"metrics", long_block}}));
+    turns(10);
+    web_answers_ = true;
+    const std::string replies = known.replies() + collectd.replies();
+    acknowledged_ += static_cast<std::uint64_t>(std::ranges::count(replies, '='));
   }
 
   WriteCounters account() const {
@@ -138,6 +167,7 @@ class Torture : public ListenerTest {
   NodeServer node_server_{handler_, settings_, loop_, resources_,
                           fmt::format("http://127.0.0.1:{}/", web_.port())};
   LocalServer local_server_{handler_, settings_, loop_, resources_, &node_server_};
+  bool web_answers_ = true;
   std::uint64_t acknowledged_ = 0;
   std::uint64_t last_report_ = 0;  ///< messages of "tidewell" that were written before
   const std::chrono::steady_clock::time_point start_ = loop_.clocks().monotonic();
@@ -157,21 +187,27 @@ TEST_F(Torture, WhateverFailsLeavesNothingBehindButAFailedRequestOrWrite) {
   expect_recovered("warm-up");
   const auto descriptors = open_descriptors();
   std::size_t sessions = 0;
-  for (const std::size_t count : {1, 30}) {
-    bool happened = true;
-    for (std::size_t number = 0; happened && !HasFailure(); number += step) {
-      SCOPED_TRACE(fmt::format("{} from call {} on", count, number));
-      const std::string key = fmt::format("key{}x{}", number, count);
-      {
-        const support::FailingCall failing(number, count);
-        session(key);
-        happened = support::FailingCall::happened();
+  const auto fail_each_call = [&](auto&& prepare, auto&& run) {
+    for (const std::size_t count : {1, 30}) {
+      bool happened = true;
+      for (std::size_t number = 0; happened && !HasFailure(); number += step) {
+        SCOPED_TRACE(fmt::format("{} from call {} on", count, number));
+        const std::string key = fmt::format("key{}x{}x{}", sessions, number, count);
+        {
+          [[maybe_unused]] const auto others = prepare();
+          const support::FailingCall failing(number, count);
+          run(key);
+          happened = support::FailingCall::happened();
+        }
+        expect_recovered(key);
+        ++sessions;
       }
-      expect_recovered(key);
-      ++sessions;
     }
-  }
-  turns(10);
+  };
+  fail_each_call([] { return 0; }, [this](const std::string& key) { session(key); });
+  fail_each_call([this] { return crowd(); },
+                 [this](const std::string&) { session_beside_crowd(); });
+  for (int i = 0; i < 50 && node_server_.connection_count() != 0; ++i) turns(10);
   EXPECT_EQ(node_server_.connection_count() + local_server_.connection_count(), 0U);
   EXPECT_EQ(resources_.admission.held_bytes(), 0U);
   EXPECT_LE(open_descriptors(), descriptors);
