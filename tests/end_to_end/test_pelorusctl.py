@@ -96,8 +96,8 @@ class PelorusctlAlone(CtlTest):
                 return found and [line for line in lines if line]
             return wait_until(shown, words)
 
-        run("new-session", "-d", "-x", "80", "-y", "24",
-            f"{BUILD}/bin/pelorusctl status --watch 0.1 --socket {stub.address}")
+        run("new-session", "-d", "-x", "80", "-y", "24", BUILD / "bin" / "pelorusctl", "status",
+            "--watch", "0.1", "--socket", stub.address)
         self.addCleanup(run, "kill-server")
         lines = screen("messages received: ", "(2.0/s)", "sent/s", "700", "last good write",
                        "bad lines", "local: 1 open")
