@@ -7,7 +7,6 @@ run.py keep [TARGET...]      replaces the committed inputs by the fewest of thei
                              build/fuzz/corpus that reach the same code. Those that are named after
                              the fault that they once found stay.
 """
-import argparse
 import concurrent.futures
 import os
 import pathlib
@@ -79,32 +78,20 @@ def keep(target):
     print(f"{target:16} {len(inputs):5} inputs {sum(i.stat().st_size for i in inputs):7} bytes")
 
 
-def print_table(rows):
-    columns = ("executions", "a second", "new inputs", "corpus", "findings")
-    for target, *figures in (("target", *columns), *rows):
-        print(f"{target:16}" + "".join(f" {figure:>12}" for figure in figures))
-
-
 def main():
-    parser = argparse.ArgumentParser(usage=__doc__)
-    parser.add_argument("what")
-    parser.add_argument("targets", nargs="*")
-    parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="targets at a time")
-    arguments = parser.parse_args()
-    targets = arguments.targets or list(TARGETS)
-    if not set(targets) <= set(TARGETS):
-        parser.error(f"the targets are {', '.join(TARGETS)}")
-    if arguments.what == "keep":
+    what, *targets = sys.argv[1:]
+    targets = targets or list(TARGETS)
+    if what == "keep":
         for target in targets:
             keep(target)
         return 0
-    if not arguments.what.isdecimal():
-        parser.error(f"'{arguments.what}' is no number of seconds")
-    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        results = list(pool.map(lambda target: fuzz(target, int(arguments.what)), targets))
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        results = list(pool.map(lambda target: fuzz(target, int(what)), targets))
     for _, report in results:
         print(report, end="")
-    print_table(row for row, _ in results)
+    columns = ("executions", "a second", "new inputs", "corpus", "findings")
+    for target, *figures in (("target", *columns), *(row for row, _ in results)):
+        print(f"{target:16}" + "".join(f" {figure:>12}" for figure in figures))
     return 1 if any(report for _, report in results) else 0
 
 

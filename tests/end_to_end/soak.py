@@ -32,27 +32,8 @@ KEYS = [f"key-{number:04}" for number in range(200)]
 QUIET_KEY = "quiet-0000-1111"
 
 
-class Sampler:
-    """What the daemon takes, as the kernel tells it."""
-
-    def __init__(self, daemon, bystander):
-        self._daemon, self._bystander = daemon, bystander
-        self._processor, self._moment = daemon.processor_seconds(), time.monotonic()
-        self.rows = []  # seconds, MiB, descriptors, share of a processor, worst delay in ms
-
-    def sample(self, begin):
-        processor, now = self._daemon.processor_seconds(), time.monotonic()
-        share = (processor - self._processor) / (now - self._moment)
-        self._processor, self._moment = processor, now
-        looked = self._bystander.look()
-        row = (now - begin, self._daemon.memory("VmRSS"), self.descriptors(), share,
-               max(looked["node"], looked["local"]))
-        self.rows.append(row)
-        print("%6.0f s  RSS %6.1f MiB  %5d descriptors  %3.0f %% of a processor  "
-              "worst delay %6.1f ms" % (row[0], row[1], row[2], row[3] * 100, row[4]), flush=True)
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self._daemon.pid}/fd")) if os.geteuid() == 0 else -1
+def descriptors(daemon):
+    return len(os.listdir(f"/proc/{daemon.pid}/fd")) if os.geteuid() == 0 else -1
 
 
 def growth(rows):
@@ -85,18 +66,8 @@ def in_buffers(daemon):
                for amount in ("queued", "in_flight"))
 
 
-class Report:
-    """The rows of the table at the end."""
-
-    def __init__(self):
-        self.failed = 0
-
-    def add(self, name, wanted, seen, ok=True):
-        self.failed += not ok
-        print(f"| {name} | {wanted} | {'' if ok else '**FAILED** '}{seen} |", flush=True)
-
-
-def soak(folder, minutes, report):
+def soak(folder, minutes):
+    """Rows of what was looked at: name, what is wanted, what was seen, and whether that is good."""
     influx = HTTPServer(keeps=False)
     in_thread(change_moods, influx)
     web = WebServer([QUIET_KEY, *KEYS], seconds=0.005)
@@ -107,58 +78,52 @@ def soak(folder, minutes, report):
         "PELORUS_DISCARD_SIZE": 200, "INFLUX_HTTP_CONNECTION": influx.address})
     daemon.wait_ready()
     bystander = Bystander(daemon, QUIET_KEY)
-    sampler = Sampler(daemon, bystander)
-    begin = time.monotonic()
     bystander.look()
-    descriptors = sampler.descriptors()
+    begin, open_before = time.monotonic(), descriptors(daemon)
     crowd = Process(["/usr/bin/python3", "-m", "tests.end_to_end.crowd", *daemon.node_address, daemon.socket,
                      ",".join(KEYS)], folder / "crowd.log", cwd=harness.REPOSITORY)
+    rows = []  # seconds, MiB, descriptors, worst delay in ms
     while time.monotonic() - begin < minutes * 60:
         time.sleep(PERIOD)
         daemon.expect_running()
         crowd.expect_running()
-        sampler.sample(begin)
+        looked = bystander.look()
+        rows.append((time.monotonic() - begin, daemon.memory("VmRSS"), descriptors(daemon),
+                     max(looked["node"], looked["local"])))
+        print("%6.0f s  RSS %6.1f MiB  %5d descriptors  worst delay %6.1f ms" % rows[-1], flush=True)
     crowd.stop()
     wait_until(lambda: in_buffers(daemon) < 50, "the queues to empty", 60, pause=0.5)
-    wait_until(lambda: sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS,
+    wait_until(lambda: descriptors(daemon) <= open_before + KEPT_DESCRIPTORS,
                "the descriptors to be closed", 60, pause=0.5)
-    judge(report, daemon, sampler, descriptors, crowd)
+    peak, grown, worst = daemon.memory("VmHWM"), growth(rows), max(row[3] for row in rows)
+    sums, open_after = account(daemon.socket, "bonding"), descriptors(daemon)
     bystander.close()
-    code = daemon.stop()
-    text = daemon.text()
-    shown = [name for name, secret in (("INFLUX_AUTH", AUTH), ("LOCAL_WWW_KEY", WWW_KEY),
-                                       ("a key", QUIET_KEY), ("a key", QUIET_KEY.replace("-", "")),
-                                       *(("a key", key) for key in KEYS)) if secret in text]
-    report.add("secrets in the log", "none", shown or "none", not shown)
-    report.add("exit status", "0", code, code == 0)
+    code, text = daemon.stop(), daemon.text()
+    shown = [secret for secret in (AUTH, WWW_KEY, QUIET_KEY, QUIET_KEY.replace("-", ""), *KEYS)
+             if secret in text]
     web.close()
     influx.close()
-
-
-def judge(report, daemon, sampler, descriptors, crowd):
-    rows, peak = sampler.rows, daemon.memory("VmHWM")
-    grown, worst = growth(rows), max(row[4] for row in rows)
-    report.add("memory after the warm-up", f"grows by less than {MOST_GROWTH} MiB a minute",
-               f"{grown:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at "
-               "the end", grown < MOST_GROWTH or len(rows) < 12)
-    report.add("peak memory", f"below {MOST_MEMORY} MiB", f"{peak:.0f} MiB",
-               peak < MOST_MEMORY)
-    report.add("descriptors", f"at most {KEPT_DESCRIPTORS} more at the end",
-               f"{descriptors} at the start, most {max(row[2] for row in rows)}, "
-               f"{sampler.descriptors()} at the end", sampler.descriptors() <= descriptors + KEPT_DESCRIPTORS)
-    report.add("worst delay of a quiet peer", f"below {WORST_DELAY} ms", f"{worst:.0f} ms",
-               worst < WORST_DELAY)
-    report.add("processor", "", f"{sum(row[3] for row in rows) / len(rows) * 100:.0f} % of one")
-    sums = account(daemon.socket, "bonding")
-    report.add("messages", "sent, failed, discarded or queued", sums, sums["sent"] > 0)
-    report.add("what the bad peers did", "", crowd.text().splitlines()[-1:])
+    return [
+        ("memory after the warm-up", f"grows by less than {MOST_GROWTH} MiB a minute",
+         f"{grown:+.3f} MiB a minute, {rows[0][1]:.1f} at first, {rows[-1][1]:.1f} MiB at the end",
+         grown < MOST_GROWTH or len(rows) < 12),
+        ("peak memory", f"below {MOST_MEMORY} MiB", f"{peak:.0f} MiB", peak < MOST_MEMORY),
+        ("descriptors", f"at most {KEPT_DESCRIPTORS} more at the end",
+         f"{open_before} at the start, most {max(row[2] for row in rows)}, {open_after} at the end",
+         open_after <= open_before + KEPT_DESCRIPTORS),
+        ("worst delay of a quiet peer", f"below {WORST_DELAY} ms", f"{worst:.0f} ms", worst < WORST_DELAY),
+        ("messages", "sent, failed, discarded or queued", sums, sums["sent"] > 0),
+        ("what the peers did", "", crowd.text().splitlines()[-1:], True),
+        ("secrets in the log", "none", shown or "none", not shown),
+        ("exit status", "0", code, code == 0)]
 
 
 def main():
-    report = Report()
     with tempfile.TemporaryDirectory(prefix="pelorus-soak-") as folder:
-        soak(Path(folder), float(sys.argv[2]), report)
-    return 1 if report.failed else 0
+        report = soak(Path(folder), float(sys.argv[2]))
+    for name, wanted, seen, good in report:
+        print(f"| {name} | {wanted} | {'' if good else '**FAILED** '}{seen} |")
+    return 0 if all(good for *_, good in report) else 1
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ from harness.ledger import account, expect_accounted
 from harness.process import Repeated, in_thread, wait_until
 from harness.real_servers import Influxd
 from tests.end_to_end.bad_peers import bomb
-from tests.end_to_end.stage import KEY, StageTest
+from tests.end_to_end.support import KEY, StageTest
 
 MOST_MEMORY = 256 + 150  # MiB: what all peers may make it hold, and itself with what is under way
 

@@ -9,13 +9,13 @@
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
 #include "support/body_of.h"
-#include "support/fake_clock.h"
 #include "support/log_capture.h"
+#include "support/loop_test.h"
 
 namespace pelorus {
 
 /// A handler whose buffers never find a reason to send, on a loop that the test turns.
-class HandlerTest : public ::testing::Test {
+class HandlerTest : public support::LoopTest {
  protected:
   explicit HandlerTest(std::size_t output_bytes = 1U << 20) : output_bytes_(output_bytes) {}
 
@@ -36,8 +36,6 @@ class HandlerTest : public ::testing::Test {
 
   std::size_t output_bytes_;
   support::LogCapture log_;
-  support::FakeClock clock_;
-  skein::Loop loop_{clock_.clocks()};
   BufferSettings buffer_settings_{.max_pending_messages = 100'000,
                                   .max_buffer_time = 1e9,
                                   .ideal_queued_messages = 100'000,

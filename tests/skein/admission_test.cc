@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "support/fake_clock.h"
+#include "support/loop_test.h"
 
 namespace skein {
 namespace {
 
-class AdmissionTest : public ::testing::Test {
+class AdmissionTest : public support::LoopTest {
  protected:
   /// Notes its name when it is evicted.
   class Peer : public Admission::Account {
@@ -33,8 +33,6 @@ class AdmissionTest : public ::testing::Test {
     return *peers_.back();
   }
 
-  support::FakeClock clock_;
-  Loop loop_{clock_.clocks()};
   std::string evicted_;
   Admission admission_{loop_, {.held_bytes = 1000, .gone_bytes = 500, .connections = 16}};
   std::vector<std::unique_ptr<Peer>> peers_;

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "support/body_of.h"
-#include "support/fake_clock.h"
 #include "support/log_capture.h"
+#include "support/loop_test.h"
 
 namespace pelorus {
 namespace {
@@ -12,25 +12,19 @@ namespace {
 using Texts = std::vector<std::string>;
 
 /// A buffer whose requests are never really made: `requests` counts them.
-struct InfluxDatabaseTest : testing::Test {
+struct InfluxDatabaseTest : support::LoopTest {
   void add(int count) {
     for (int i = 0; i < count; ++i) database.add("m value=1 1");
   }
-  void tick(double seconds) {
-    clock.tick(seconds);
-    loop.turn();
-  }
 
-  support::FakeClock clock;
   support::LogCapture logs;
-  skein::Loop loop{clock.clocks()};
   const BufferSettings settings{.max_pending_messages = 10,
                                 .max_buffer_time = 8,
                                 .ideal_queued_messages = 5,
                                 .max_batch_size = 2,
                                 .discard_size = 4};
   int requests = 0;
-  InfluxDatabase database{"metrics", settings, loop, [this](InfluxDatabase&) {
+  InfluxDatabase database{"metrics", settings, loop_, [this](InfluxDatabase&) {
                             ++requests;
                             return std::make_unique<InfluxDatabase::Request>();
                           }};
@@ -43,26 +37,26 @@ TEST_F(InfluxDatabaseTest, SendsAtTheIdealNumberOrAfterMoreThanTheBufferTime) {
   EXPECT_EQ(requests, 1);
   database.handle_failure();
   database.discard_old_data();  // one is left
-  clock.tick(8);
+  clock_.tick(8);
   database.process_data();
   EXPECT_EQ(requests, 1) << "exactly the buffer time";
-  clock.tick(0.01);
+  clock_.tick(0.01);
   database.process_data();
   EXPECT_EQ(requests, 2);
   add(5);
   EXPECT_EQ(requests, 2) << "one is under way";
   database.handle_success();
   database.discard_old_data();
-  clock.set_wall(database.last_sent_time() - 7200);
-  clock.tick(8.01);
+  clock_.set_wall(database.last_sent_time() - 7200);
+  clock_.tick(8.01);
   database.process_data();
   EXPECT_EQ(requests, 3) << "the wall clock was set back";
 }
 
 TEST_F(InfluxDatabaseTest, OnlyASuccessMovesTheTimeOfTheLastAndEndsTheRowOfFailures) {
-  const double start = clock.clocks().wall();
+  const double start = clock_.clocks().wall();
   add(5);
-  clock.tick(3);
+  clock_.tick(3);
   database.handle_failure();
   database.handle_close();
   EXPECT_EQ(database.last_sent_time(), start);
@@ -76,7 +70,7 @@ TEST_F(InfluxDatabaseTest, OnlyASuccessMovesTheTimeOfTheLastAndEndsTheRowOfFailu
 }
 
 TEST_F(InfluxDatabaseTest, EveryAddThatDoesNotSendPutsTheTimerOffAndStoppingEndsIt) {
-  clock.tick(7);
+  clock_.tick(7);
   add(1);
   tick(0.9);
   add(1);

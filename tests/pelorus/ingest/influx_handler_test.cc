@@ -11,7 +11,6 @@
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
 #include "pelorus/pelorus/log_writer.h"
-#include "skein/encoders/msgpackencoder.h"
 
 namespace pelorus {
 namespace {
@@ -133,20 +132,6 @@ TEST_F(InfluxHandlerTest, BlockThatOutgrowsTheBufferQueuesNothing) {
   EXPECT_EQ(database("bonding").pending_data_len(), 0U);
   handler_.add_graphite("bonding", "m000.load.load.a 1 1500000000");
   EXPECT_EQ(database("bonding").pending_data_len(), 1U);
-}
-
-TEST_F(InfluxHandlerTest, SubmitQueuesOneMessagePerPointAndWarnsAtTheNameItCannotRead) {
-  skein::MsgpackWriter points;
-  points.list(2).list(2).integer(1).text("up").list(2).integer(2).text("down");
-  skein::Message message;
-  skein::MsgpackEncoder::decode(points.bytes(), message);
-  handler_.add_submit("bonding", "node1.tunnel-2.state", message.root());
-  EXPECT_EQ(database("bonding").pending_data_len(), 2U);
-  handler_.add_submit("bonding", "node1.state", message.root());
-  EXPECT_EQ(database("bonding").pending_data_len(), 2U);
-  EXPECT_EQ(
-      log_.texts("warning"),
-      std::vector<std::string>{R"(Could not translate "b'node1.state'": No match for series)"});
 }
 
 }  // namespace

@@ -7,9 +7,8 @@
 #include <optional>
 #include <stdexcept>
 
-#include "support/fake_clock.h"
 #include "support/http_server.h"
-#include "support/turn_until.h"
+#include "support/loop_test.h"
 
 namespace pelorus {
 namespace {
@@ -40,22 +39,16 @@ std::string url_at(std::uint16_t port, const std::string& host = "127.0.0.1") {
 }
 
 /// The web server's hands and the daemon's questions, on a clock that stands still.
-struct KeyVerificationTest : testing::Test {
-  template <class Condition>
-  void until(Condition condition) {
-    support::turn_until(loop, condition);
-  }
+struct KeyVerificationTest : support::LoopTest {
   void tick(double seconds) {
     settle();
-    clock.tick(seconds);
+    clock_.tick(seconds);
     settle();
   }
   /// Lets the client do all that it can.
-  void settle() {
-    for (int i = 0; i < 10; ++i) loop.turn();
-  }
+  void settle() { turns(10); }
 
-  void ask_at(const std::string& url) { verification.emplace(settings, loop, url); }
+  void ask_at(const std::string& url) { verification.emplace(settings, loop_, url); }
   void ask(const std::string& key = "k3y") {
     const auto before = said.size();
     const auto done = [this](const KeyOutcome& outcome) {
@@ -101,8 +94,6 @@ struct KeyVerificationTest : testing::Test {
     return peer;
   }
 
-  support::FakeClock clock;
-  skein::Loop loop{clock.clocks()};
   HttpServer server;
   Settings settings = Settings::from_text(R"({"LOCAL_WWW_KEY": "s3cret"})", "the source");
   std::vector<std::string> said;
@@ -111,7 +102,7 @@ struct KeyVerificationTest : testing::Test {
 
   KeyVerificationTest() {
     std::signal(SIGPIPE, SIG_IGN);
-    loop.set_failure_handler(
+    loop_.set_failure_handler(
         [](const std::exception& failure) { ADD_FAILURE() << failure.what(); });
     ask_at(url_at(server.port()));
   }
@@ -161,7 +152,7 @@ TEST_F(KeyVerificationTest, WhatCameWhileTheProcessStoodStillIsInTime) {
     TlsPeer peer = ask_and_accept();
     settle();
     peer.send(answer);
-    clock.tick(5);
+    clock_.tick(5);
     settle();
     if (answer != OK) peer.send("dy");
     EXPECT_EQ(heard(), "200 body");
@@ -300,7 +291,7 @@ TEST_F(KeyVerificationTest, NobodyIsCalledBackAfterTheEnd) {
 
 TEST_F(KeyVerificationTest, CallbackMayFailOrAskAgain) {
   std::vector<std::string> failures;
-  loop.set_failure_handler([&](const std::exception& e) { failures.emplace_back(e.what()); });
+  loop_.set_failure_handler([&](const std::exception& e) { failures.emplace_back(e.what()); });
   also = [this] {
     if (said.size() == 1) ask();
     if (said.size() == 2) throw std::runtime_error("not this key");

@@ -23,10 +23,10 @@ class ListenerTest : public HandlerTest {
   }
   std::string socket_path() const { return folder_ / "collectd.sock"; }
 
+  /// With a little time in each.
   void turns(int count = 5) {
     for (int i = 0; i < count; ++i) {
-      clock_.tick(0.001);
-      loop_.turn();
+      tick(0.001);
     }
   }
 

@@ -8,7 +8,6 @@
 #include "listener_fixture.h"
 #include "skein/resources.h"
 #include "support/http_server.h"
-#include "support/turn_until.h"
 
 namespace pelorus {
 namespace {
@@ -60,10 +59,6 @@ class NodeServerTest : public ListenerTest {
     listen_to_web_requests();
   }
   void accept_key(const std::string& key) { answer(R"({"key": ")" + key + "\"}"); }
-  /// Lets everybody do what can be done without any time passing.
-  void turns_at_once() {
-    for (int i = 0; i < 20; ++i) loop_.turn();
-  }
 
   const Statistics& counted() const { return handler_.statistics(); }
   std::int64_t records() const { return counted().records; }
@@ -93,15 +88,15 @@ TEST_F(NodeServerTest, VerifiedKeyLetsRequestsThroughForAnHour) {
   EXPECT_EQ(asked_.size(), 2U);
   support::answer(*pending_.front(),
                   "HTTP/1.1 200 X\r\nContent-Length: 17\r\n\r\n{\"key\": \"abcdef\"}");
-  support::turn_until(loop_, [this] { return counted().successful_auths == 2; });
+  until([this] { return counted().successful_auths == 2; });
   pending_.clear();
   clock_.tick(3599.5);
   peer.send(collectd("abcdef"));
-  turns_at_once();
+  LoopTest::turns(20);
   EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
   clock_.tick(0.5);
   peer.send(collectd("abcdef"));
-  turns_at_once();
+  LoopTest::turns(20);
   EXPECT_EQ(peer.replies(), "") << "an hour, and not less";
   accept_key("abcdef");
   EXPECT_EQ(asked_.size(), 3U);
@@ -118,7 +113,7 @@ TEST_F(NodeServerTest, MoreThan256ConnectionsOfOneKeyAreServedAsStrangersAre) {
     peers.push_back(connect());
     peers.back().send(collectd("abcdef"));
     if (i == 0) accept_key("abcdef");
-    turns_at_once();
+    LoopTest::turns(20);
   }
   EXPECT_EQ(records(), 257);
   EXPECT_EQ(authenticated(), 256);
@@ -126,7 +121,7 @@ TEST_F(NodeServerTest, MoreThan256ConnectionsOfOneKeyAreServedAsStrangersAre) {
   peers.front().send(collectd("another"));
   accept_key("another");
   peers.back().send(collectd("abcdef"));
-  turns_at_once();
+  LoopTest::turns(20);
   EXPECT_EQ(authenticated(), 256) << "one has gone, one is there for it";
 }
 

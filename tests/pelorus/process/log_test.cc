@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 #include "pelorus/pelorus/log_writer.h"
-#include "support/turn_until.h"
+#include "support/loop_test.h"
 #include "surroundings.h"
 
 namespace pelorus {

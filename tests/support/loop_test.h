@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "skein/loops.h"
+#include "support/fake_clock.h"
 
 namespace support {
 
@@ -17,5 +18,24 @@ void turn_until(skein::Loop& loop, Condition condition) {
     loop.turn();
   }
 }
+
+/// A loop that the test turns, on a clock that it ticks.
+class LoopTest : public testing::Test {
+ protected:
+  void turns(int count = 5) {
+    for (int i = 0; i < count; ++i) loop_.turn();
+  }
+  void tick(double seconds) {
+    clock_.tick(seconds);
+    loop_.turn();
+  }
+  template <class Condition>
+  void until(Condition condition) {
+    turn_until(loop_, condition);
+  }
+
+  FakeClock clock_;
+  skein::Loop loop_{clock_.clocks()};
+};
 
 }  // namespace support
