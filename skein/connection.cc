@@ -47,7 +47,7 @@ struct Connection::Buffers {
   std::size_t taken = 0;      ///< bytes at the front of `stored` that have been taken
   std::string out;            ///< frames for the peer
   std::size_t sent = 0;       ///< bytes at the front of `out` that have been sent
-  bool deaf = false;          ///< the peer takes nothing any more; what it sent is still served
+  bool write_closed = false;  ///< the peer takes nothing any more; what it sent is still served
   std::chrono::steady_clock::time_point progress;
 
   std::string_view waiting() const { return std::string_view(stored).substr(taken); }
@@ -74,7 +74,7 @@ struct Connection::Buffers {
     make_empty(out);
     received = {};
     taken = sent = 0;
-    deaf = false;
+    write_closed = false;
     progress = {};
   }
 
@@ -150,7 +150,7 @@ std::size_t Connection::unserved() const noexcept {
 
 void Connection::send(std::string_view message) {
   Buffers& unfinished = buffers();
-  if (!unfinished.deaf) append_frame(message, unfinished.out);
+  if (!unfinished.write_closed) append_frame(message, unfinished.out);
 }
 
 void Connection::flush(std::chrono::steady_clock::time_point now) {
@@ -172,7 +172,7 @@ void Connection::flush(std::chrono::steady_clock::time_point now) {
       return;
     }
     if (count < 0) {
-      kept.deaf = true;  // to receive what it sent before it went ends with its end
+      kept.write_closed = true;  // to receive what it sent before it went ends with its end
       break;
     }
     kept.sent += static_cast<std::size_t>(count);
@@ -187,7 +187,7 @@ std::size_t Connection::unsent() const noexcept {
 
 std::size_t Connection::release_empty_buffers() noexcept {
   if (!buffers_) return 0;
-  if (buffers_->is_empty() && !buffers_->deaf) {
+  if (buffers_->is_empty() && !buffers_->write_closed) {
     buffers_->reset();
     Buffers::spare = std::move(buffers_);
     return 0;

@@ -3,6 +3,8 @@
 #include <uv.h>
 
 #include <chrono>
+#include <compare>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <map>
@@ -11,8 +13,6 @@
 
 #include "skein/profile_scope.h"
 #include "skein/sliding_maximum.h"
-#include "skein/timer.h"
-#include "skein/uv_handle.h"
 
 namespace skein {
 
@@ -32,6 +32,48 @@ struct Clocks {
   };
 };
 
+class Loop;
+
+/// Names one armed callback of a Loop. Small and copyable; dropping it does not cancel.
+/// The loop must outlive it.
+class Timer {
+ public:
+  /// The order in which callbacks run.
+  struct Key {
+    std::chrono::steady_clock::time_point due;
+    std::uint64_t number = 0;  ///< counts the loop's timers: of equal due times the older one first
+    // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 takes a 0 inside <=> for a pointer
+    auto operator<=>(const Key&) const = default;
+  };
+
+  Timer() = default;
+  /// Made by Loop::call_in().
+  Timer(Loop& loop, Key key) : loop_(&loop), key_(key) {}
+
+  /// The callback will not run any more. Harmless when it has run, is running, was cancelled
+  /// before, or was never armed.
+  void cancel();
+
+ private:
+  Loop* loop_ = nullptr;
+  Key key_;
+};
+
+/// Closes a libuv handle and frees its struct in the close callback. `data` is cleared first: a
+/// callback that is already under way finds no object there and returns.
+template <class Uv>
+struct CloseThenDelete {
+  void operator()(Uv* uv) const noexcept {
+    uv->data = nullptr;
+    uv_close(reinterpret_cast<uv_handle_t*>(uv),
+             [](uv_handle_t* handle) { delete reinterpret_cast<Uv*>(handle); });
+  }
+};
+
+/// The one owner of a libuv handle that has been initialised on its loop.
+template <class Uv>
+using UvHandle = std::unique_ptr<Uv, CloseThenDelete<Uv>>;
+
 /// Something that must not be destroyed inside its own callback (see Loop::discard).
 class LoopOwned {
  public:
@@ -42,8 +84,6 @@ class LoopOwned {
 
   std::unique_ptr<LoopOwned> next_discarded;  ///< the loop's own
 };
-
-class Loop;
 
 /// A callback for the end of a turn of the loop, when all ready descriptors have been looked at. It
 /// runs once each time it has been armed: in the present turn, or in the next one if this one is

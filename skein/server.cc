@@ -36,6 +36,9 @@ constexpr std::chrono::seconds FAILURE_INTERVAL{1};
 /// Stands for all peers that have gone.
 constexpr std::uint32_t NO_SLOT = UINT32_MAX;
 
+/// As much of a request's name as an error shows.
+constexpr std::size_t SHOWN_NAME_BYTES = 64;
+
 bool peer_has_gone(int error_number) {
   return error_number == ECONNABORTED || error_number == EPROTO || error_number == ENOTCONN;
 }
@@ -77,7 +80,7 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
   bool may_serve() const noexcept;
   void receive(ReadyQueue::Credit& credit);
   bool has_frame() { return connection.front_frame().has_value(); }
-  bool settle();
+  bool update();
   Admission::Time deadline() const override;
   void time_out() override;
 
@@ -140,7 +143,7 @@ void Server::Peer::handle_events(int events) {
   server_.guarded(*this, [this, events] {
     if ((events & UV_WRITABLE) != 0 && !is_queued()) {
       connection.flush(server_.loop_.now());
-      if (settle()) server_.resources_.ready_queue.add(*this);
+      if (update()) server_.resources_.ready_queue.add(*this);
     }
     if ((events & UV_READABLE) != 0 && may_serve() && !end_of_stream) {
       server_.resources_.ready_queue.add(*this);
@@ -153,7 +156,7 @@ void Server::Peer::handle_events(int events) {
 void Server::Peer::hang_up() {
   server_.resources_.admission.set_standing(*this, Standing::GONE);
   tell_deferrer();
-  settle();
+  update();
 }
 
 bool Server::Peer::may_serve() const noexcept {
@@ -170,7 +173,7 @@ bool Server::Peer::serve(ReadyQueue::Credit credit) noexcept {
       connection.pop_frame(*frame);
       server_.serve(*this, *frame);
     }
-    more = settle();
+    more = update();
   });
   return more && !ended;
 }
@@ -187,7 +190,7 @@ void Server::Peer::receive(ReadyQueue::Credit& credit) {
 
 /// After bytes have come or gone: keeps what is unfinished, sends what is to be sent, and keeps
 /// account of the rest. Returns whether there is a frame to be served.
-bool Server::Peer::settle() {
+bool Server::Peer::update() {
   PROFILE_SCOPE();
   if (ended) return false;
   const auto now = server_.loop_.now();
@@ -217,7 +220,7 @@ void Server::Peer::resume(Write&& write) {
     deferral = 0;
     deferrer = nullptr;
     if (replies) write(msgid);
-    if (settle()) server_.resources_.ready_queue.add(*this);
+    if (update()) server_.resources_.ready_queue.add(*this);
   });
 }
 
@@ -441,18 +444,22 @@ void Server::serve(Peer& peer, std::string_view frame) {
   } trim_at_end{*internals_};
   internals_->msgpack.decode(internals_->snappy.decode(frame), internals_->message);
   const Envelope envelope = read_envelope(internals_->message);
-  const Dispatcher::Operation* const operation =
-      envelope.fault.empty() ? dispatcher_.find(envelope.name) : nullptr;
-  if (operation == nullptr) {
+  const auto handler =
+      envelope.fault.empty()
+          ? std::ranges::find(handlers_, envelope.name, [](const auto& each) { return each.first; })
+          : handlers_.end();
+  if (handler == handlers_.end()) {
     const std::string refusal =
-        envelope.fault.empty() ? Dispatcher::unknown_request(envelope.name) : envelope.fault;
+        envelope.fault.empty()
+            ? fmt::format("unknown request '{}'", envelope.name.substr(0, SHOWN_NAME_BYTES))
+            : envelope.fault;
     if (note_failure(&peer)) handle_refusal(refusal);
     if (envelope.msgid) peer.connection.send(encode_error(*envelope.msgid, refusal));
     return;
   }
   try {
     const Request request{envelope.name, *envelope.args, peer.connection, envelope.msgid};
-    const Reply reply = (*operation)(request);
+    const Reply reply = handler->second(request);
     if (envelope.msgid && !reply.is_later()) send(peer, *envelope.msgid, reply);
   } catch (const LimitError&) {
     throw;
@@ -550,28 +557,26 @@ void DeferredReply::send(const Reply& reply) const noexcept {
 }
 
 void DeferredReply::refuse(const std::string& text) const noexcept {
+  reply_error([&] { server_->handle_refusal(text); }, text);
+}
+
+void DeferredReply::fail(const std::exception& failure) const noexcept {
+  const Peer* const waiting = peer();
+  reply_error([&] { server_->handle_exception(failure); },
+              waiting == nullptr ? "" : error_text(*waiting, failure));
+}
+
+template <class Report>
+void DeferredReply::reply_error(Report&& report, std::string_view text) const noexcept {
   Peer* const waiting = peer();
   try {
-    if (server_->note_failure(waiting)) server_->handle_refusal(text);
+    if (server_->note_failure(waiting)) report();
   } catch (const std::exception& second) {
     server_->loop_.report(second);
   }
   if (waiting == nullptr) return;
   waiting->resume(
       [&](std::uint32_t msgid) { waiting->connection.send(encode_error(msgid, text)); });
-}
-
-void DeferredReply::fail(const std::exception& failure) const noexcept {
-  Peer* const waiting = peer();
-  try {
-    if (server_->note_failure(waiting)) server_->handle_exception(failure);
-  } catch (const std::exception& second) {
-    server_->loop_.report(second);
-  }
-  if (waiting == nullptr) return;
-  waiting->resume([&](std::uint32_t msgid) {
-    waiting->connection.send(encode_error(msgid, error_text(*waiting, failure)));
-  });
 }
 
 bool DeferredReply::end_connection(const LimitError& reason) const {

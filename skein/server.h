@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,10 +13,9 @@
 #include <vector>
 
 #include "skein/connection.h"
-#include "skein/dispatcher.h"
 #include "skein/errors.h"
-#include "skein/keepalive.h"
 #include "skein/loops.h"
+#include "skein/request.h"
 #include "skein/socket.h"
 
 namespace skein {
@@ -94,9 +94,10 @@ class Server : private PollTarget {
   const Socket& socket() const noexcept { return socket_; }
 
  protected:
-  /// Names the operation that answers the request `name`.
-  void answer_to(std::string_view name, Dispatcher::Operation operation) {
-    dispatcher_.add(name, std::move(operation));
+  using Handler = std::function<Reply(const Request&)>;
+  /// Names the handler of the request `name`, a literal.
+  void answer_to(std::string_view name, Handler handler) {
+    handlers_.emplace_back(name, std::move(handler));
   }
   /// Bytes that the subclass keeps for a peer, beyond those of its connection.
   virtual std::size_t held_bytes(const Connection&) const { return 0; }
@@ -139,7 +140,7 @@ class Server : private PollTarget {
   Timer resume_listening_;
   std::chrono::milliseconds accept_pause_;
   std::optional<Keepalive> connection_keepalive_;
-  Dispatcher dispatcher_;
+  std::vector<std::pair<std::string_view, Handler>> handlers_;  ///< a handful
   const std::unique_ptr<Internals> internals_;
   TurnTask sweep_;
   std::size_t connection_count_ = 0;
@@ -171,6 +172,9 @@ class Server::DeferredReply {
 
  private:
   Peer* peer() const noexcept;
+  /// Reports a failed request, and replies with `text`.
+  template <class Report>
+  void reply_error(Report&& report, std::string_view text) const noexcept;
 
   Server* server_;
   std::uint32_t slot_;

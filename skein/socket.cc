@@ -13,6 +13,15 @@
 #include "skein/errors.h"
 
 namespace skein {
+namespace {
+
+void set(int descriptor, int level, int option, int value, const char* name) {
+  if (::setsockopt(descriptor, level, option, &value, sizeof value) != 0) {
+    throw SystemFailure(std::string("setsockopt ") + name, errno);
+  }
+}
+
+}  // namespace
 
 Socket& Socket::operator=(Socket&& other) noexcept {
   if (this != &other) {
@@ -90,6 +99,13 @@ void bind_tcp(const Socket& socket, const std::string& host, std::int64_t port) 
 
 void listen(const Socket& socket, int backlog) {
   if (::listen(socket.descriptor(), backlog) != 0) throw SystemFailure("listen", errno);
+}
+
+void Keepalive::apply(int descriptor) const {
+  set(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1, "SO_KEEPALIVE");
+  set(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, idle, "TCP_KEEPIDLE");
+  set(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, interval, "TCP_KEEPINTVL");
+  set(descriptor, IPPROTO_TCP, TCP_KEEPCNT, count, "TCP_KEEPCNT");
 }
 
 void send_without_delay(int descriptor) noexcept {

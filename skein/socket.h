@@ -59,6 +59,17 @@ void bind_tcp(const Socket& socket, const std::string& host, std::int64_t port);
 /// Throws SystemFailure.
 void listen(const Socket& socket, int backlog);
 
+/// TCP keep-alive of accepted connections, mapped onto SO_KEEPALIVE, TCP_KEEPCNT, TCP_KEEPIDLE and
+/// TCP_KEEPINTVL.
+struct Keepalive {
+  int count = 0;     ///< unanswered probes before the connection is dropped
+  int idle = 0;      ///< seconds of idleness before the first probe
+  int interval = 0;  ///< seconds between probes
+
+  /// Throws SystemFailure.
+  void apply(int descriptor) const;
+};
+
 /// Small replies leave at once instead of waiting for the peer's acknowledgement of the one before,
 /// which may take 40 ms. No-op on unix sockets, which never wait.
 void send_without_delay(int descriptor) noexcept;

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "skein/keepalive.h"
+#include "skein/socket.h"
 #include "tidewell_origin.h"
 
 // Fixed values of the daemon: no setting, file or environment variable overrides them.
