@@ -68,22 +68,17 @@ GraphiteMessage::Built GraphiteMessage::build_part(std::string_view& rest, std::
     rest.remove_prefix(part);
   } else {
     add_lines<Scanner>(rest.data(), rest.data() + tail, reporter);
-    add_tail<Scanner>(rest.substr(tail), reporter);
+    tail_.reserve(rest.size() - tail + 1 + SCAN_PADDING);
+    tail_.assign(rest.substr(tail)).push_back('\n');
+    const std::size_t size = tail_.size();
+    tail_.append(SCAN_PADDING, '\0');
+    add_lines<Scanner>(tail_.data(), tail_.data() + size, reporter);
     reporter.block_ends();
     free_if_large(tail_);
     free_if_large(names_);
     rest = {};
   }
   return {{begin, static_cast<std::size_t>(position_ - begin)}, num_metrics_};
-}
-
-template <class Scanner>
-void GraphiteMessage::add_tail(std::string_view lines, BadLineReporter& reporter) {
-  tail_.reserve(lines.size() + 1 + SCAN_PADDING);
-  tail_.assign(lines).push_back('\n');
-  const std::size_t size = tail_.size();
-  tail_.append(SCAN_PADDING, '\0');
-  add_lines<Scanner>(tail_.data(), tail_.data() + size, reporter);
 }
 
 template <class Scanner>

@@ -92,8 +92,6 @@ class GraphiteMessage {
  private:
   template <class Scanner>
   void add_lines(const char* begin, const char* end, BadLineReporter& reporter);
-  template <class Scanner>
-  void add_tail(std::string_view lines, BadLineReporter& reporter);
   bool add_fast(const FastPathLine& line, BadLineReporter& reporter);
   void add_slowly(const ScannedLine& line, BadLineReporter& reporter);
 
