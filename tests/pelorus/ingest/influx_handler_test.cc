@@ -123,6 +123,9 @@ TEST_F(InfluxHandlerTest, LongLinesAreShownInPart) {
   EXPECT_EQ(warnings[0].size(), SHOWN_BYTES + 53);
   EXPECT_TRUE(warnings[0].ends_with("xxx'\" (7 bytes left out)"));
   EXPECT_TRUE(warnings[1].ends_with("xxx'\": No match for series (9 bytes left out)"));
+  const IngestResult longest = handler_.add_graphite("bonding", std::string(2U << 20, 'x'));
+  EXPECT_EQ(longest.last_warning, R"(Improperly formatted metric: "b')" + std::string(128, 'x'))
+      << "160 bytes";
 }
 
 TEST_F(InfluxHandlerTest, BlockThatOutgrowsTheBufferQueuesNothing) {
