@@ -2,7 +2,6 @@
 #include "pelorus/translate/series_translator.h"
 
 #include "fuzz/fuzz.h"
-#include "pelorus/translate/outcome.h"
 
 namespace fuzz {
 

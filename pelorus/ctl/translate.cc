@@ -23,7 +23,7 @@
 #include "pelorus/ctl/command.h"
 #include "pelorus/ctl/output.h"
 #include "pelorus/pelorus/ingest/graphite_message.h"
-#include "pelorus/translate/rule_table.h"
+#include "pelorus/translate/rules.h"
 #include "pelorus/translate/series_translator.h"
 #include "skein/text.h"
 
@@ -54,11 +54,10 @@ std::string_view plugin_of(std::string_view series) {
 std::string rule_of(std::string_view series) {
   const std::string_view plugin = plugin_of(series);
   const std::string padded = std::string(plugin) + std::string(translate::COPY_STEP, '\0');
-  const auto rule = translate::choose_rule({padded.data(), plugin.size()});
-  if (rule == nullptr) return "";
-  const translate::RuleRow& row = translate::row_of(rule);
-  return fmt::format("{} ({} \"{}\")", row.name,
-                     row.test == translate::EQUALS ? "equals" : "starts with", row.literal);
+  const auto* row = translate::choose_rule({padded.data(), plugin.size()});
+  if (row == nullptr) return "";
+  return fmt::format("{} ({} \"{}\")", row->name,
+                     row->test == translate::EQUALS ? "equals" : "starts with", row->literal);
 }
 
 /// The record that the daemon builds of a line; empty if it builds none.

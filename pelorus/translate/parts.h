@@ -1,13 +1,32 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-#include "pelorus/translate/outcome.h"
 #include "pelorus/translate/slice.h"
 
 namespace translate {
+
+/// What becomes of one series name. A caller that asks about a single name gets an exception
+/// instead.
+enum class Outcome : std::uint8_t {
+  TRANSLATED,
+  // Names that cannot be translated: GraphiteSeriesTranslationError.
+  SHORT_SOURCE,         ///< the source part has fewer than 4 bytes
+  INVALID_SOURCE_TYPE,  ///< it begins neither with "n" nor with "m"
+  NO_RULE,              ///< no row of the table takes the plugin part
+  KEY_MISSING,          ///< the rule yields an empty field key
+  REFUSED,              ///< the rule cannot read the name, and gives no reason
+  // Names that no rule checks for: UnexpectedSeriesError.
+  PART_MISSING,
+  NO_DASH,
+  KEY_UNASSIGNED,
+};
+
+/// Whether the outcome is one that a rule does not check for.
+constexpr bool is_unexpected(Outcome outcome) noexcept { return outcome >= Outcome::PART_MISSING; }
 
 /// Where the parts of a series name end, a bit for each of its first 64 bytes: set at every dot and
 /// at the byte after the name. The scanner of a line finds them on the way. What the bits do not
@@ -42,18 +61,28 @@ class Parts {
       ends &= ends - 1;
     }
     if (ends == UNKNOWN_ENDS) [[unlikely]]
-      return look_up(index);
+      return find_part(index);
     return between(index == 0 ? begin_ : lowest(before) + 1, lowest(ends));
   }
   void remove_first() noexcept {
-    begin_ = (ends_ == UNKNOWN_ENDS ? look_up_end(begin_) : lowest(ends_)) + 1;
+    begin_ = (ends_ == UNKNOWN_ENDS ? find_end(begin_) : lowest(ends_)) + 1;
     ends_ &= ends_ - 1;
   }
   /// The part before the last.
-  Slice last_but_one() noexcept;
+  [[gnu::noinline]] Slice last_but_one() noexcept {
+    const std::size_t end = series_.rfind('.');
+    if (end == series_.npos || end < begin_) return missing();
+    const std::size_t dot = end == 0 ? series_.npos : series_.rfind('.', end - 1);
+    return between(dot == series_.npos || dot < begin_ ? begin_ : dot + 1, end);
+  }
   /// From the start of `begin`, which lies in one of these parts, to the end of the part before the
   /// last, dots included; to the end of begin's own part if that is the last one.
-  Slice up_to_last(Slice begin) const noexcept;
+  [[gnu::noinline]] Slice up_to_last(Slice begin) const noexcept {
+    const std::size_t last_dot = series_.rfind('.');
+    const auto at = static_cast<std::size_t>(begin.data - series_.data());
+    if (last_dot == series_.npos || last_dot < at + begin.size) return begin;
+    return {begin.data, last_dot - at};
+  }
 
  private:
   static std::size_t lowest(PartEnds ends) noexcept {
@@ -62,9 +91,21 @@ class Parts {
   Slice between(std::size_t begin, std::size_t end) const noexcept {
     return {series_.data() + begin, end - begin};
   }
-  std::size_t look_up_end(std::size_t begin) const noexcept;
-  Slice look_up(std::size_t index) noexcept;
-  Slice missing() noexcept;
+  std::size_t find_end(std::size_t begin) const noexcept {
+    return std::min(series_.find('.', begin), series_.size());
+  }
+  [[gnu::noinline]] Slice find_part(std::size_t index) noexcept {
+    for (std::size_t begin = begin_; begin <= series_.size();) {
+      const std::size_t end = find_end(begin);
+      if (index-- == 0) return between(begin, end);
+      begin = end + 1;
+    }
+    return missing();
+  }
+  Slice missing() noexcept {
+    fault_ = Outcome::PART_MISSING;
+    return {series_.data(), 0};
+  }
 
   std::string_view series_;
   PartEnds ends_;          ///< of the parts that are left

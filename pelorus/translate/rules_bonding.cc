@@ -1,5 +1,3 @@
-#include <array>
-
 #include "pelorus/translate/rules.h"
 
 namespace translate::rules {
@@ -8,77 +6,8 @@ using namespace literals;
 
 namespace {
 
-using TunnelRule = Outcome (*)(Record& record, Parts& parts, TunnelTag tunnel);
-
-/// One row of a choice by the first byte of a part.
-struct SelectorRow {
-  char selector;
-  TunnelRule rule;
-};
-
-constexpr std::array<SelectorRow, 6> TUNNEL_RULES{{
-    {'l', tunnel_link},
-    {'t', tunnel_statistics},
-    {'r', tunnel_reorderer},
-    {'p', tunnel_packet_protocols},
-    {'c', tunnel_compressor},
-    {'b', tunnel_balancer},
-}};
-
-using BridgeTag = Tag<"bridge">;
-
-/// One row of a choice by the whole of a part.
-struct BridgeRow {
-  std::string_view type;
-  Outcome (*rule)(Record& record, Parts& parts, BridgeTag bridge);
-};
-
-constexpr std::array<BridgeRow, 6> BRIDGE_RULES{{
-    {"failures",
-     [](Record& record, Parts& parts, BridgeTag bridge) {
-       return record.write("bridge_failures"_p, parts[2], bridge);
-     }},
-    {"local_message_queue_size",
-     [](Record& record, Parts&, BridgeTag bridge) {
-       return record.write("bridge_local_message_queue"_p, "size"_p, bridge);
-     }},
-    {"open_connections",
-     [](Record& record, Parts&, BridgeTag bridge) {
-       return record.write("bridge_connections"_p, "open"_p, bridge);
-     }},
-    {"outside_connection_queues",
-     [](Record& record, Parts& parts, BridgeTag bridge) {
-       // The single gauge of the older form has no name of its own.
-       const Slice name = parts[2];
-       return record.write("bridge_outside_connection_queues"_p,
-                           name == "value" ? "legacy"_p : name, bridge);
-     }},
-    {"pending_connections",
-     [](Record& record, Parts&, BridgeTag bridge) {
-       return record.write("bridge_connections"_p, "pending"_p, bridge);
-     }},
-    {"traffic_bytes",
-     [](Record& record, Parts& parts, BridgeTag bridge) {
-       const Slice name = parts[2];  // outside_tx → bridge_outside_bytes tx
-       return record.write(concat("bridge_"_p, drop_last(name, 3), "_bytes"_p), last(name, 2),
-                           bridge);
-     }},
-}};
-
-}  // namespace
-
-// tunnel-4.… → tunnel=4, and a rule for the parts after it
-Outcome tunnel(Record& record, Parts& parts) {
-  const auto id = tag<"tunnel">(drop_prefix(parts[0], "tunnel-"));
-  parts.remove_first();
-  const Slice type = parts[0];
-  if (parts[1] == "interface_statistics") return tunnel_interface_statistics(record, parts, id);
-  if (type.size == 0) return Outcome::REFUSED;
-  for (const SelectorRow& row : TUNNEL_RULES) {
-    if (row.selector == *type.data) return row.rule(record, parts, id);
-  }
-  return Outcome::REFUSED;
-}
+// The rules of a tunnel get the parts after the plugin part.
+using TunnelTag = Tag<"tunnel">;
 
 // link-2.interface_statistics.rx_packets → link_interface_statistics,link=2 rx_packets
 // Kept: the tag's key comes from the data, the text before the dash. A key that is there already
@@ -134,6 +63,32 @@ Outcome tunnel_balancer(Record& record, Parts& parts, TunnelTag tunnel) {
   return record.write("tunnel_balancer_flows"_p, parts.last_but_one(), tunnel);
 }
 
+}  // namespace
+
+// tunnel-4.… → tunnel=4, and a rule for the parts after it
+Outcome tunnel(Record& record, Parts& parts) {
+  const auto id = tag<"tunnel">(drop_prefix(parts[0], "tunnel-"));
+  parts.remove_first();
+  const Slice type = parts[0];
+  if (parts[1] == "interface_statistics") return tunnel_interface_statistics(record, parts, id);
+  switch (type.size == 0 ? '\0' : *type.data) {
+    case 'l':
+      return tunnel_link(record, parts, id);
+    case 't':
+      return tunnel_statistics(record, parts, id);
+    case 'r':
+      return tunnel_reorderer(record, parts, id);
+    case 'p':
+      return tunnel_packet_protocols(record, parts, id);
+    case 'c':
+      return tunnel_compressor(record, parts, id);
+    case 'b':
+      return tunnel_balancer(record, parts, id);
+    default:
+      return Outcome::REFUSED;
+  }
+}
+
 // link-7.packet_loss.value → link_packet_loss,link=7 value
 Outcome link_packet_loss(Record& record, Parts& parts) {
   return record.write("link_packet_loss"_p, "value"_p, tag<"link">(drop_prefix(parts[0], "link-")));
@@ -179,8 +134,20 @@ Outcome status(Record& record, Parts& parts) {
 Outcome bridge(Record& record, Parts& parts) {
   const auto id = tag<"bridge">(drop_prefix(parts[0], "bridge-"));
   const Slice type = parts[1];
-  for (const BridgeRow& row : BRIDGE_RULES) {
-    if (type.view() == row.type) return row.rule(record, parts, id);
+  if (type == "failures") return record.write("bridge_failures"_p, parts[2], id);
+  if (type == "local_message_queue_size") {
+    return record.write("bridge_local_message_queue"_p, "size"_p, id);
+  }
+  if (type == "open_connections") return record.write("bridge_connections"_p, "open"_p, id);
+  if (type == "pending_connections") return record.write("bridge_connections"_p, "pending"_p, id);
+  if (type == "outside_connection_queues") {
+    // The single gauge of the older form has no name of its own.
+    const Slice name = parts[2] == "value" ? "legacy"_p : parts[2];
+    return record.write("bridge_outside_connection_queues"_p, name, id);
+  }
+  if (type == "traffic_bytes") {
+    const Slice name = parts[2];  // outside_tx → bridge_outside_bytes tx
+    return record.write(concat("bridge_"_p, drop_last(name, 3), "_bytes"_p), last(name, 2), id);
   }
   return Outcome::REFUSED;
 }

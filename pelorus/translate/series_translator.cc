@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "pelorus/translate/rule_table.h"
+#include "pelorus/translate/rules.h"
 #include "skein/profile_scope.h"
 #include "skein/text.h"
 
@@ -24,56 +24,50 @@ Outcome read_source(Slice source, Record& record) noexcept {
 }
 
 /// Runs the rule, which in a profiled run is a function of its own.
-Outcome run(Rule rule, Record& record, Parts& parts) {
+Outcome run(const RuleRow& row, Record& record, Parts& parts) {
   using skein::profile::Site;
   if (skein::profile::active == nullptr) [[likely]]
-    return rule(record, parts);
+    return row.rule(record, parts);
   static auto sites = [] {
-    std::array<Site, RULES.size()> made{};
-    std::ranges::transform(RULES, made.begin(), [](const RuleRow& row) {
-      return Site{__FILE__, __LINE__, row.name};
+    std::array<Site, RULES_BY_FIRST_BYTE.size()> made{};
+    std::ranges::transform(RULES_BY_FIRST_BYTE, made.begin(), [](const RuleRow& each) {
+      return Site{__FILE__, __LINE__, each.name};
     });
     return made;
   }();
   const skein::profile::Scope scope(
-      sites.at(static_cast<std::size_t>(&row_of(rule) - RULES.data())));
-  return rule(record, parts);
+      sites.at(static_cast<std::size_t>(&row - RULES_BY_FIRST_BYTE.data())));
+  return row.rule(record, parts);
 }
 
-/// What a failure's text has before and after the series.
-struct FailureTexts {
-  std::string_view before = "Could not translate \"";
-  std::string_view after;
-};
-
-FailureTexts failure_texts(Outcome outcome) {
+/// What a failure's text has after the series.
+std::string_view text_after_series(Outcome outcome) {
   switch (outcome) {
     case Outcome::SHORT_SOURCE:
-      return {.after = "\": Could not determine source type"};
+      return "\": Could not determine source type";
     case Outcome::INVALID_SOURCE_TYPE:
-      return {.after = "\": Invalid source type "};
+      return "\": Invalid source type ";
     case Outcome::NO_RULE:
-      return {.after = "\": No match for series"};
+      return "\": No match for series";
     case Outcome::KEY_MISSING:
-      return {.after = "\": Field key is missing"};
+      return "\": Field key is missing";
     case Outcome::PART_MISSING:
-      return {"series ", " has too few parts for its rule"};
+      return " has too few parts for its rule";
     case Outcome::NO_DASH:
-      return {"series ", " has no \"-\" where its rule splits it"};
+      return " has no \"-\" where its rule splits it";
     case Outcome::KEY_UNASSIGNED:
-      return {"series ", ": local variable 'key' referenced before assignment"};
+      return ": local variable 'key' referenced before assignment";
     default:
-      return {.after = "\": "};
+      return "\": ";
   }
 }
 
 }  // namespace
 
 std::string failure_text(Outcome outcome, std::string_view series) {
-  const auto [before, after] = failure_texts(outcome);
-  std::string text;
-  text.reserve(before.size() + series.size() + after.size() + 8);  // the quotes of the series
-  text += before;
+  const std::string_view after = text_after_series(outcome);
+  std::string text = is_unexpected(outcome) ? "series " : "Could not translate \"";
+  text.reserve(text.size() + series.size() + after.size() + 8);  // the quotes of the series
   skein::append_display(text, series);
   text += after;
   if (outcome == Outcome::INVALID_SOURCE_TYPE) {
@@ -92,9 +86,9 @@ NamesWritten GraphiteSeriesTranslator::translate(std::string_view series, PartEn
   parts.remove_first();
   const Slice plugin = parts[0];
   if (parts.fault() != Outcome::TRANSLATED) return {out, parts.fault()};
-  const Rule rule = choose_rule(plugin);
-  if (rule == nullptr) return {out, Outcome::NO_RULE};
-  const Outcome outcome = run(rule, record, parts);
+  const RuleRow* row = choose_rule(plugin);
+  if (row == nullptr) return {out, Outcome::NO_RULE};
+  const Outcome outcome = run(*row, record, parts);
   // A part that is missing comes before whatever else the rule finds wrong.
   if (parts.fault() != Outcome::TRANSLATED) return {out, parts.fault()};
   return {record.end(), outcome};

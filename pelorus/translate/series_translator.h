@@ -1,12 +1,26 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
-#include "pelorus/translate/outcome.h"
 #include "pelorus/translate/record.h"
 
 namespace translate {
+
+/// A series name that cannot be translated. The text begins `Could not translate "` and is what
+/// the caller logs.
+class GraphiteSeriesTranslationError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A rule met a name that it does not check for: a part is missing, a part has no "-" to be split
+/// at, or a key stays unassigned.
+class UnexpectedSeriesError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 /// The text of an outcome's failure: `Could not translate "b'…'": reason`, or what was unexpected.
 std::string failure_text(Outcome outcome, std::string_view series);
@@ -31,7 +45,7 @@ struct NamesWritten {
 ///
 /// 1. Splits the name at its dots and takes the first part, the source, off: "node" and an
 ///    identifier give the tag "node", "m…" gives none.
-/// 2. Looks the plugin part up in a table of rules (rule_table.h); the first row that matches wins.
+/// 2. Looks the plugin part up in a table of rules (rules.h); the first row that matches wins.
 /// 3. The rule names measurement, field key and tags as slices of the name and literals, and the
 ///    record copies them (record.h).
 ///

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "pelorus/pelorus/ingest/line_scanner.h"
-#include "pelorus/translate/outcome.h"
 #include "pelorus/translate/series_translator.h"
 
 namespace pelorus {
