@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 #include <strings.h>
 
-#include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <span>
@@ -71,85 +69,57 @@ std::string port(const oconfig_item_t& option) {
   return std::to_string(found);
 }
 
-void set_socket(const oconfig_item_t& option, Draft& draft) {
-  draft.socket = text(option);
-  if (draft.socket.front() != '/') refuse(option, "needs an absolute path");
-  if (draft.socket.size() > skein::MAX_UNIX_PATH_BYTES) {
-    refuse(option, fmt::format("has a path of {} bytes, {} are possible", draft.socket.size(),
+std::string socket_path(const oconfig_item_t& option) {
+  std::string path = text(option);
+  if (path.front() != '/') refuse(option, "needs an absolute path");
+  if (path.size() > skein::MAX_UNIX_PATH_BYTES) {
+    refuse(option, fmt::format("has a path of {} bytes, {} are possible", path.size(),
                                skein::MAX_UNIX_PATH_BYTES));
   }
+  return path;
 }
 
-void set_host(const oconfig_item_t& option, Draft& draft) { draft.host = text(option); }
-
-void set_port(const oconfig_item_t& option, Draft& draft) { draft.port = port(option); }
-
-void set_only_key(const oconfig_item_t& option, Draft& draft, std::string key) {
-  if (!draft.settings.key.empty()) refuse(option, "stands beside another key");
-  draft.settings.key = std::move(key);
+std::string key(const oconfig_item_t& option) {
+  std::string found = text(option);
+  if (!pelorus::is_node_key(found)) refuse(option, "holds blanks or control bytes");
+  return found;
 }
 
-void set_key(const oconfig_item_t& option, Draft& draft) {
-  std::string key = text(option);
-  if (!pelorus::is_node_key(key)) refuse(option, "holds blanks or control bytes");
-  set_only_key(option, draft, std::move(key));
+std::chrono::seconds seconds(const oconfig_item_t& option, double least, double most) {
+  return std::chrono::seconds(static_cast<long>(number(option, least, most)));
 }
 
-void set_key_file(const oconfig_item_t& option, Draft& draft) {
-  set_only_key(option, draft, pelorus::read_node_key_file(text(option)));
-}
-
-void set_store_rates(const oconfig_item_t& option, Draft& draft) {
-  draft.settings.store_rates =
-      only_value(option, OCONFIG_TYPE_BOOLEAN, "needs true or false").value.boolean != 0;
-}
-
-void set_queue_limit(const oconfig_item_t& option, Draft& draft) {
-  draft.settings.queue_limit =
-      static_cast<std::size_t>(number(option, MIN_QUEUE_BYTES, MAX_QUEUE_BYTES));
-}
-
-std::chrono::seconds timeout(const oconfig_item_t& option) {
-  return std::chrono::seconds(static_cast<long>(number(option, 1, MAX_TIMEOUT)));
-}
-
-void set_connect_timeout(const oconfig_item_t& option, Draft& draft) {
-  draft.settings.connect_timeout = timeout(option);
-}
-
-void set_send_timeout(const oconfig_item_t& option, Draft& draft) {
-  draft.settings.send_timeout = timeout(option);
-}
-
-void set_reconnect_interval(const oconfig_item_t& option, Draft& draft) {
-  draft.settings.reconnect_interval =
-      std::chrono::seconds(static_cast<long>(number(option, 0, MAX_RECONNECT_INTERVAL)));
-}
-
-struct Option {
-  const char* name;
-  void (*set)(const oconfig_item_t&, Draft&);
-};
-
-constexpr std::array<Option, 10> OPTIONS{{
-    {"Socket", set_socket},
-    {"Host", set_host},
-    {"Port", set_port},
-    {"NodeKey", set_key},
-    {"NodeKeyFile", set_key_file},
-    {"StoreRates", set_store_rates},
-    {"QueueLimit", set_queue_limit},
-    {"ConnectTimeout", set_connect_timeout},
-    {"SendTimeout", set_send_timeout},
-    {"ReconnectInterval", set_reconnect_interval},
-}};
-
-void set_option(const oconfig_item_t& item, Draft& draft) {
-  const auto* option = std::find_if(OPTIONS.begin(), OPTIONS.end(), [&](const Option& known) {
-    return strcasecmp(known.name, item.key) == 0;  // collectd ignores the case of options
-  });
-  if (option == OPTIONS.end()) refuse(item, "is no option of a node");
-  option->set(item, draft);
+void set_option(const oconfig_item_t& option, Draft& draft) {
+  NodeSettings& node = draft.settings;
+  // collectd ignores the case of options.
+  const auto is = [&](const char* name) { return strcasecmp(option.key, name) == 0; };
+  if ((is("NodeKey") || is("NodeKeyFile")) && !node.key.empty()) {
+    refuse(option, "stands beside another key");
+  }
+  if (is("Socket")) {
+    draft.socket = socket_path(option);
+  } else if (is("Host")) {
+    draft.host = text(option);
+  } else if (is("Port")) {
+    draft.port = port(option);
+  } else if (is("NodeKey")) {
+    node.key = key(option);
+  } else if (is("NodeKeyFile")) {
+    node.key = pelorus::read_node_key_file(text(option));
+  } else if (is("StoreRates")) {
+    node.store_rates =
+        only_value(option, OCONFIG_TYPE_BOOLEAN, "needs true or false").value.boolean != 0;
+  } else if (is("QueueLimit")) {
+    node.queue_limit = static_cast<std::size_t>(number(option, MIN_QUEUE_BYTES, MAX_QUEUE_BYTES));
+  } else if (is("ConnectTimeout")) {
+    node.connect_timeout = seconds(option, 1, MAX_TIMEOUT);
+  } else if (is("SendTimeout")) {
+    node.send_timeout = seconds(option, 1, MAX_TIMEOUT);
+  } else if (is("ReconnectInterval")) {
+    node.reconnect_interval = seconds(option, 0, MAX_RECONNECT_INTERVAL);
+  } else {
+    refuse(option, "is no option of a node");
+  }
 }
 
 void set_endpoint(Draft& draft) {

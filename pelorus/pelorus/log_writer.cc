@@ -32,15 +32,10 @@ constexpr std::chrono::milliseconds SHORTEST_WAIT{2}, LONGEST_WAIT{100};
 /// Memory that the buffer keeps when it is empty.
 constexpr std::size_t KEPT_BYTES = 256U << 10;
 
-struct LevelRow {
-  std::string_view name;
-  char priority;  ///< in the system log
-};
 /// In the order of Level.
-constexpr std::array<LevelRow, 4> LEVELS{
-    {{"debug", '7'}, {"info", '6'}, {"warning", '4'}, {"error", '3'}}};
-
-const LevelRow& row_of(Level level) { return LEVELS[static_cast<std::size_t>(level)]; }
+constexpr std::array<std::string_view, 4> LEVEL_NAMES{"debug", "info", "warning", "error"};
+/// The same in the system log.
+constexpr std::array<char, 4> PRIORITIES{'7', '6', '4', '3'};
 
 /// "2024-05-01 13:45:00"
 std::string local_time(std::time_t second) {
@@ -65,7 +60,7 @@ bool has_room_within(int descriptor, std::chrono::milliseconds longest) noexcept
 
 }  // namespace
 
-std::string_view name_of(Level level) { return row_of(level).name; }
+std::string_view name_of(Level level) { return LEVEL_NAMES[static_cast<std::size_t>(level)]; }
 
 std::string dropped_text(std::uint64_t lines) {
   return fmt::format("{} log lines were dropped: more than could be written", lines);
@@ -176,13 +171,14 @@ std::string_view LogWriter::prefix(Level level, Moment moment) {
   prefix_millisecond_ = millisecond;
   prefix_level_ = level;
   prefix_text_.clear();
-  const auto& [name, priority] = row_of(level);
-  if (prefix_ == Prefix::PRIORITY) return prefix_text_ += {'<', priority, '>'};
+  if (prefix_ == Prefix::PRIORITY) {
+    return prefix_text_ += {'<', PRIORITIES[static_cast<std::size_t>(level)], '>'};
+  }
   const std::time_t second = std::chrono::system_clock::to_time_t(moment);
   if (second != second_) second_text_ = local_time(second);
   second_ = second;
   fmt::format_to(std::back_inserter(prefix_text_), FMT_COMPILE("{}.{:03} {} "), second_text_,
-                 millisecond.count() % 1000, name);
+                 millisecond.count() % 1000, name_of(level));
   return prefix_text_;
 }
 

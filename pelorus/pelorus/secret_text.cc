@@ -10,11 +10,9 @@ namespace {
 
 constexpr std::size_t TELLING_BYTES = 4;
 
-struct Escape {
-  std::string_view lead;
-  std::size_t digits;
-};
-constexpr std::array<Escape, 3> ESCAPES{{{"%", 2}, {"\\x", 2}, {"\\u", 4}}};
+/// What an escape of a byte begins with, and its hexadecimal digits.
+constexpr std::array<std::pair<std::string_view, std::size_t>, 3> ESCAPES{
+    {{"%", 2}, {"\\x", 2}, {"\\u", 4}}};
 /// Stand for themselves after a backslash.
 constexpr std::string_view QUOTED = "\\/\"'";
 
