@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "skein/envelope.h"
 #include "skein/errors.h"
 #include "skein/framing.h"
 #include "skein/limits.h"
@@ -14,23 +15,14 @@ namespace {
 
 using Kind = ClientError::Kind;
 
-constexpr std::uint64_t REQUEST = 0;
-constexpr std::uint64_t REPLY = 1;
 /// The rest of a longer error of a server is cut off.
 constexpr std::size_t MAX_ERROR_TEXT = 1000;
-
-bool is_number(Value value, std::uint64_t number) {
-  return value.is(Value::Type::UNSIGNED) && value.natural() == number;
-}
 
 }  // namespace
 
 Answer::Answer(std::string_view payload) {
   MsgpackEncoder::decode(content_.decode(payload), message_);
-  const Value root = message_.root();
-  if (!root.is(Value::Type::LIST) || root.size() != 4 || !is_number(*root.begin(), REPLY)) {
-    throw ProtocolError("what came is no reply");
-  }
+  if (!is_reply(message_)) throw ProtocolError("what came is no reply");
 }
 
 Value Answer::item(int index) const noexcept {
@@ -65,15 +57,13 @@ Answer Client::call(std::string_view name, const MsgpackWriter& args) {
 }
 
 void Client::send(std::string_view name, const MsgpackWriter& args) {
-  MsgpackWriter request;
-  request.list(4).natural(REQUEST).natural(++msgid_).text(name).encoded(args.bytes());
-  const std::size_t size = request.bytes().size();
-  if (size > MAX_CONTENT_BYTES) {
+  const std::string request = encode_request(++msgid_, name, args);
+  if (request.size() > MAX_CONTENT_BYTES) {
     throw ProtocolError(
-        fmt::format("a request of {} bytes, {} are allowed", size, MAX_CONTENT_BYTES));
+        fmt::format("a request of {} bytes, {} are allowed", request.size(), MAX_CONTENT_BYTES));
   }
   std::string frame;
-  append_frame(request.bytes(), frame);
+  append_frame(request, frame);
   stream_->send(frame, Waiter::Clock::now() + timeouts_.send);
 }
 
@@ -87,7 +77,7 @@ Answer Client::receive() {
       }
       std::string_view unread = bytes;
       Answer answer(*take_frame(unread));
-      if (!is_number(answer.msgid(), msgid_)) continue;
+      if (!answer.msgid().is_number(msgid_)) continue;
       if (!answer.error().is(Value::Type::NIL) && !answer.error().text()) {
         throw ProtocolError("the error of the reply is no text");
       }

@@ -2,9 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <limits>
-#include <msgpack.hpp>
 
 #include "skein/text.h"
 
@@ -14,10 +12,6 @@ namespace {
 constexpr std::uint64_t REQUEST = 0;
 constexpr std::uint64_t REPLY = 1;
 constexpr std::uint64_t ONE_WAY_REQUEST = 2;
-
-bool is_number(Value value, std::uint64_t number) {
-  return value.is(Value::Type::UNSIGNED) && value.natural() == number;
-}
 
 bool all_keys_are_text(Value map) {
   for (auto at = map.begin(); at != map.end(); ++at, ++at) {
@@ -39,12 +33,6 @@ void read_name_and_args(Value name, Value args, Envelope& envelope) {
     envelope.args = args;
   }
 }
-
-/// Lets the packer write to memory that has room for what comes.
-struct Place {
-  char* at;
-  void write(const char* data, std::size_t size) { at = std::copy_n(data, size, at); }
-};
 
 std::string encode_outcome(std::uint32_t msgid, std::string_view error, const Reply* reply) {
   MsgpackWriter writer;
@@ -69,12 +57,12 @@ Envelope read_envelope(const Message& message) {
   }
   auto item = root.begin();
   const Value kind = *item;
-  if (is_number(kind, ONE_WAY_REQUEST) && root.size() == 3) {
+  if (kind.is_number(ONE_WAY_REQUEST) && root.size() == 3) {
     const Value name = *++item;
     read_name_and_args(name, *++item, envelope);
     return envelope;
   }
-  if (!is_number(kind, REQUEST)) {
+  if (!kind.is_number(REQUEST)) {
     envelope.fault = "message is neither a request nor a one-way request";
     return envelope;
   }
@@ -96,11 +84,15 @@ Envelope read_envelope(const Message& message) {
   return envelope;
 }
 
-NilReply::NilReply(std::uint32_t msgid) {
-  Place place{bytes_.data()};
-  msgpack::packer<Place> packer(place);
-  packer.pack_array(4).pack_uint64(REPLY).pack_uint32(msgid).pack_nil().pack_nil();
-  size_ = static_cast<std::size_t>(place.at - bytes_.data());
+std::string encode_request(std::uint32_t msgid, std::string_view name, const MsgpackWriter& args) {
+  MsgpackWriter request;
+  request.list(4).natural(REQUEST).natural(msgid).text(name).encoded(args.bytes());
+  return request.take();
+}
+
+bool is_reply(const Message& message) {
+  const Value root = message.root();
+  return root.is(Value::Type::LIST) && root.size() == 4 && (*root.begin()).is_number(REPLY);
 }
 
 std::string encode_reply(std::uint32_t msgid, const Reply& reply) {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +9,8 @@
 #include "skein/value.h"
 
 namespace skein {
+
+// The messages of both sides, as MessagePack.
 
 /// The parts of a request message, before its name and arguments have been looked at.
 struct Envelope {
@@ -25,16 +25,10 @@ struct Envelope {
 /// Reads `[0, msgid, name, args]` and `[2, name, args]`. Never fails: the fault is in the result.
 Envelope read_envelope(const Message& message);
 
-/// The message `[1, msgid, nil, nil]`: the reply to nearly every request, made without a writer.
-class NilReply {
- public:
-  explicit NilReply(std::uint32_t msgid);
-  std::string_view message() const noexcept { return {bytes_.data(), size_}; }
-
- private:
-  std::array<char, 9> bytes_;  ///< as much as the largest msgid takes
-  std::size_t size_ = 0;
-};
+/// The message `[0, msgid, name, args]`. `args`: an encoded map with text keys.
+std::string encode_request(std::uint32_t msgid, std::string_view name, const MsgpackWriter& args);
+/// Whether the message is `[1, msgid, error, result]`.
+bool is_reply(const Message& message);
 
 /// The message `[1, msgid, nil, result]`.
 std::string encode_reply(std::uint32_t msgid, const Reply& reply);

@@ -460,7 +460,9 @@ void Server::serve(Peer& peer, std::string_view frame) {
   try {
     const Request request{envelope.name, *envelope.args, peer.connection, envelope.msgid};
     const Reply reply = handler->second(request);
-    if (envelope.msgid && !reply.is_later()) send(peer, *envelope.msgid, reply);
+    if (envelope.msgid && !reply.is_later()) {
+      peer.connection.send(encode_reply(*envelope.msgid, reply));
+    }
   } catch (const LimitError&) {
     throw;
   } catch (const std::exception& failure) {
@@ -488,11 +490,6 @@ void Server::report_left_out(const Peer* peer, std::uint64_t failures) {
   handle_shortage(fmt::format(
       "{} more failures of requests of {} are not logged", failures,
       peer == nullptr ? "peers that have gone" : "a peer at " + Address{peer->origin()}.host()));
-}
-
-void Server::send(Peer& peer, std::uint32_t msgid, const Reply& reply) {
-  if (reply.is_nil()) return peer.connection.send(NilReply(msgid).message());
-  peer.connection.send(encode_reply(msgid, reply));
 }
 
 std::string_view Server::error_text(const Peer& peer, const std::exception& failure) {
@@ -553,7 +550,8 @@ void DeferredReply::forget_deferrer() const noexcept {
 void DeferredReply::send(const Reply& reply) const noexcept {
   Peer* const waiting = peer();
   if (waiting == nullptr) return;
-  waiting->resume([&](std::uint32_t msgid) { Server::send(*waiting, msgid, reply); });
+  waiting->resume(
+      [&](std::uint32_t msgid) { waiting->connection.send(encode_reply(msgid, reply)); });
 }
 
 void DeferredReply::refuse(const std::string& text) const noexcept {

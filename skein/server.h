@@ -119,7 +119,6 @@ class Server : private PollTarget {
   /// Decodes the message of a frame and answers the request in it. Throws ProtocolError for bytes
   /// that are none; every other failure is the request's.
   void serve(Peer& peer, std::string_view frame);
-  static void send(Peer& peer, std::uint32_t msgid, const Reply& reply);
   /// A failure of `step`, which does something for the peer, ends its connection.
   template <class Step>
   void guarded(Peer& peer, Step&& step) noexcept;

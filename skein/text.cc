@@ -28,7 +28,7 @@ void append_escape(std::string& out, char byte) {
   }
 }
 
-/// Whether a character of utf8_length() bytes may stand in the log as it is: no C1 control, no
+/// Whether a character of utf8_length() bytes may be shown as it is: no C1 control, no
 /// overlong form, no surrogate and nothing beyond the last code point. The second byte tells.
 bool is_printable_character(std::string_view character) noexcept {
   if (character.size() == 1) return is_printable(character[0]);
@@ -37,6 +37,25 @@ bool is_printable_character(std::string_view character) noexcept {
   const unsigned char least = lead == 0xC2 || lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
   const unsigned char most = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
   return second >= least && second <= most;
+}
+
+/// Appends what may stand there as it is, and gives every other byte to `replace`.
+template <class Replace>
+void append_printable(std::string& out, std::string_view text, Replace&& replace) {
+  while (!text.empty()) {
+    const std::size_t printable = printable_bytes(text);
+    out += text.substr(0, printable);
+    text.remove_prefix(printable);
+    if (text.empty()) return;
+    const auto character = text.substr(0, utf8_length(text));
+    if (!character.empty() && is_printable_character(character)) {
+      out += character;
+      text.remove_prefix(character.size());
+    } else {
+      replace(text[0]);
+      text.remove_prefix(1);
+    }
+  }
 }
 
 }  // namespace
@@ -70,20 +89,13 @@ std::size_t utf8_length(std::string_view text) noexcept {
 }
 
 void append_escaped(std::string& out, std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t printable = printable_bytes(text);
-    out += text.substr(0, printable);
-    text.remove_prefix(printable);
-    if (text.empty()) return;
-    const auto character = text.substr(0, utf8_length(text));
-    if (!character.empty() && is_printable_character(character)) {
-      out += character;
-      text.remove_prefix(character.size());
-    } else {
-      append_escape(out, text[0]);
-      text.remove_prefix(1);
-    }
-  }
+  append_printable(out, text, [&out](char byte) { append_escape(out, byte); });
+}
+
+std::string without_controls(std::string_view text) {
+  std::string out;
+  append_printable(out, text, [&out](char) { out += '?'; });
+  return out;
 }
 
 std::string as_ascii(std::string_view text) {
@@ -95,12 +107,6 @@ std::string as_ascii(std::string_view text) {
       append_hex(out, byte);
     }
   }
-  return out;
-}
-
-std::string without_controls(std::string_view text) {
-  std::string out(text);
-  std::ranges::replace_if(out, is_control, '?');
   return out;
 }
 

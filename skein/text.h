@@ -29,11 +29,11 @@ std::size_t utf8_length(std::string_view text) noexcept;
 /// control characters and bytes that are not UTF-8 are escaped as well. A backslash stays.
 void append_escaped(std::string& out, std::string_view text);
 
+/// For a terminal: the same bytes as "?", so that the text cannot move the cursor.
+std::string without_controls(std::string_view text);
+
 /// For the error of a reply: every byte that is not printable ASCII as \xNN.
 std::string as_ascii(std::string_view text);
-
-/// For a terminal: every control byte as "?", so that the text cannot move the cursor.
-std::string without_controls(std::string_view text);
 
 /// For messages that quote bytes: `b` and the bytes in quotes, printable ASCII as it is, the rest
 /// as \t, \n, \r, \\ or \xNN. The quotes are single; double if the bytes contain a single quote and

@@ -44,6 +44,11 @@ class Value {
   Type type() const noexcept { return node_->type; }
   bool is(Type type) const noexcept { return node_->type == type; }
 
+  /// Whether it is this natural number.
+  bool is_number(std::uint64_t number) const noexcept {
+    return is(Type::UNSIGNED) && natural() == number;
+  }
+
   bool boolean() const noexcept { return node_->integer != 0; }
   std::int64_t integer() const noexcept { return node_->integer; }
   std::uint64_t natural() const noexcept { return node_->natural; }

@@ -45,7 +45,9 @@ TEST(Text, ControlBytesAndBrokenTextAreEscapedForTheLog) {
 }
 
 TEST(Text, NothingOfAPeerMovesTheCursorOfATerminal) {
-  EXPECT_EQ(without_controls("a\x1b[2J\n\x7f caf\u00e9 \x80"), "a?[2J?? caf\u00e9 \x80");
+  EXPECT_EQ(without_controls("a\x1b[2J\n\x7f caf\u00e9 \xc2\x9b"
+                             "1A\x80"),
+            "a?[2J?? caf\u00e9 ??1A?");
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/listen/curl_multi.h"
 #include "skein/profile_scope.h"
+#include "skein/text.h"
 
 namespace pelorus {
 namespace {
@@ -35,8 +36,7 @@ std::string form_of(CURL* easy, std::string_view key) {
 /// The token as it is now. A byte that would end the header early is refused.
 std::string read_token(const Settings& settings) {
   auto token = settings.get<std::string>("LOCAL_WWW_KEY");
-  const auto is_control = [](unsigned char c) { return c < ' ' || c == '\x7f'; };
-  if (std::any_of(token.begin(), token.end(), is_control)) {
+  if (std::ranges::any_of(token, skein::is_control)) {
     throw SettingsError(fmt::format(
         "Setting LOCAL_WWW_KEY in {} must be text without control bytes", settings.source()));
   }
