@@ -6,7 +6,7 @@ import socket
 import time
 
 from harness.http_server import NO_CONTENT, Connection, WebServer
-from harness.process import Repeated
+from harness.process import Repeated, in_thread
 from harness.skein_client import REPLY, REQUEST, SkeinClient, frame
 from tests.end_to_end.support import LINE, OTHER_KEY, StageTest
 
@@ -23,6 +23,12 @@ def submit(key, points):
     return frame([REQUEST, 1, "submit", {
         "key": key, "database": "bonding", "name": "node7.tunnel-1.state",
         "columns": ["time", "value"], "points": [[1_700_000_000_000, "up"]] * points}])
+
+
+def receive_all(client):
+    with contextlib.suppress(OSError):
+        while client.receive() is not None:
+            pass
 
 
 def slow(client):
@@ -68,10 +74,12 @@ class Attacks(StageTest):
             times["known"].append(self.answered_in(OTHER_KEY))
             times["new"].append(self.answered_in(f"{number:032x}"))
         with self.local(5) as operator:
-            operator.call("stats")
+            delay = operator.call("status")["loop_delay"] * 1000
+        name = self.id().rpartition(".")[2]
+        print(f"{name}: the loop's longest turn took {delay:.0f} ms")
         for who, each in times.items():
             answered = [seconds for seconds in each if seconds is not None]
-            print(f"{self.id().rpartition('.')[2]}: {len(answered)} of {tries} {who} nodes answered, "
+            print(f"{name}: {len(answered)} of {tries} {who} nodes answered, "
                   f"the slowest after {max(answered, default=0) * 1000:.0f} ms")
             self.assertEqual(len(answered), tries, who)
 
@@ -154,6 +162,35 @@ class Attacks(StageTest):
         self.assertIn("Queue filled up", self.daemon.text())
         print(f"peak memory {self.daemon.memory('VmHWM'):.0f} MiB")
         self.expect_memory(100 + 150)
+
+    def test_requests_of_an_unknown_name(self):
+        self.start_stage()
+        data, sent, before = frame([REQUEST, 1, "none", {}]) * 1000, 0, len(self.daemon.text())
+        with self.node(5) as attacker:
+            in_thread(receive_all, attacker)
+            end = time.monotonic() + 3
+            while time.monotonic() < end:
+                attacker.send_bytes(data)
+                sent += len(data)
+            self.expect_service(5)
+        logged = len(self.daemon.text()) - before
+        print(f"{logged} bytes of log for {sent}")
+        self.assertLess(logged, sent / 10)
+        self.expect_well()
+
+    def test_half_frames(self):
+        self.start_stage()
+        halves = []
+        def begin():
+            halves.append(self.node(5))
+            halves[-1].send_bytes(b"\x00\xff\x00\x00" + bytes(100_000))
+        for _ in range(2000):
+            begin()
+        with Repeated(begin, 1 / 100):
+            self.expect_service()
+        for half in halves:
+            half.close()
+        self.expect_well()
 
     def test_long_submits_with_a_bad_key(self):
         self.start_stage()
