@@ -173,11 +173,18 @@ TEST_F(ServerTest, SmallFramesPassALargeOneThatHasToEarnItsCredit) {
   turns(20);
   EXPECT_EQ(served(0), 1U);
   EXPECT_EQ(served(1), 100U);
+  large.send(request(2, "echo", std::string(50'000, '0')));
+  small.send(stream);
+  turns(2);
+  EXPECT_EQ(served(0), 1U) << "what was left of its credit is gone";
 }
 
 TEST_F(ServerTest, DeferredReplyComesInOrderAndWhatFollowsWaits) {
   auto peer = connect();
   auto other = connect();
+  send(peer, support::frame("\x93\x02\xa4wait\x80"));  // one-way: has no reply
+  server_->deferred.front().send({});
+  server_->deferred.clear();
   peer.send(request(6, "wait") + request(7, "echo") + std::string(4, '\0'));
   turns();
   send(other, request(1, "echo"));

@@ -70,6 +70,7 @@ TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {
   turns();
   EXPECT_EQ(peer.replies(), "1=nil ");
   EXPECT_EQ(handler_.databases()[0]->pending_data_len(), 1U);
+  EXPECT_GT(resources_.admission.held_bytes(), 0U) << "of the unfinished line";
 }
 
 TEST_F(LocalServerTest, LongBlockIsOneMessageWhoeverWaitsForIt) {

@@ -180,7 +180,8 @@ TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
        "Received response without \"key\" in response b'{\"a\": 1}' while trying to authenticate "
        "to web server."},
       {R"({"key": "other"})", 200, "Validation error - no node found for the key ending in cdef."},
-      {R"({"key": 7})", 200, "Validation error - no node found for the key ending in cdef."},
+      {R"({"key": "abcdef", "key": 7})", 200,
+       "Validation error - no node found for the key ending in cdef."},
   };
   std::int64_t failed = 0;
   for (const auto& row : rows) {
