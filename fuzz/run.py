@@ -19,7 +19,7 @@ FUZZ = pathlib.Path(__file__).resolve().parent
 BUILD = FUZZ.parent / "build/fuzz"
 COMMITTED = FUZZ / "corpus"
 DICTIONARIES = {
-    "requests": ["frames", "local_requests", "node_requests", "submit"],
+    "requests": ["frames", "local_requests", "node_requests"],
     "graphite": ["translate", "graphite_block"],
     "http": ["http_response"],
     "json": ["key_answer", "settings"],
