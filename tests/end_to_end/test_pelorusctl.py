@@ -18,7 +18,15 @@ from tests.end_to_end.support import FolderTest
 
 KEY = "0000aaaa-1111-2222-3333-44445555cccc"
 LINE = "m000.load.load.shortterm 0.5 1700000000\n"
+EXAMPLE = REPOSITORY / "packaging" / "settings.example.json"
 PARTIAL = b'{"error":"partial write: field type conflict: points dropped=3"}'
+
+
+def example(**changes):
+    """The example's settings with changes, and with a token that must not be shown."""
+    settings = json.loads(EXAMPLE.read_text())
+    return {**{key: value for key, value in settings.items() if key[0] != "_"},
+            "PELORUS_SERVER": "127.0.0.1", "LOCAL_WWW_KEY": WWW_KEY, **changes}
 
 
 class CtlTest(FolderTest):
@@ -293,6 +301,10 @@ class Pelorusctl(CtlTest):
             if "--socket" not in arguments:
                 arguments += ["--socket", daemon.socket]
             self.assertIn(words, self.ctl("stats", *arguments, exit_status=exit_status))
+        seen = self.folder / "seen"  # as if the daemon had been started again since
+        seen.write_text(re.sub(r'("started": )[^,]*', r"\g<1>1", seen.read_text()))
+        self.assertIn("last check: 1", self.ctl("stats", "--crit", "failed=1", "--state", seen,
+                                                         "--socket", daemon.socket, exit_status=2))
 
     def test_translate(self):
         for text, words in (
@@ -344,13 +356,7 @@ class Pelorusctl(CtlTest):
                 self.assertEqual(run.returncode, answer != 204)
 
     def test_check(self):
-        good = {"PELORUS_MAX_PENDING_MESSAGES": 10000, "PELORUS_BUFFER_TIME": 10,
-                "PELORUS_IDEAL_QUEUED_MESSAGES": 500, "PELORUS_MAX_BATCH_SIZE": 1000,
-                "PELORUS_DISCARD_SIZE": 1000,
-                "INFLUX_DATABASES": [{"name": "tidewell"}, {"name": "bonding"}],
-                "INFLUX_UNIX_SOCKET": str(self.folder / "socket"), "INFLUX_AUTH": AUTH,
-                "INFLUX_HTTP_CONNECTION": "127.0.0.1:8086", "PELORUS_SERVER": "127.0.0.1",
-                "PELORUS_PORT": 8995, "LOCAL_WWW_KEY": WWW_KEY}
+        good = example(INFLUX_UNIX_SOCKET=str(self.folder / "socket"), INFLUX_AUTH=AUTH)
         file = self.folder / "settings.json"
 
         def check(changes, exit_status):
@@ -410,9 +416,8 @@ class Pelorusctl(CtlTest):
             self.assertRegex(check(changes, 0), f"can be used\nwarning: .*{words}")
         file.chmod(0o644)
         self.assertIn("open to every account", self.ctl("check", file))
-        example = REPOSITORY / "packaging" / "settings.example.json"
         for words in ("INFLUX_AUTH is that of the example", "LOCAL_WWW_KEY is the text of the example"):
-            self.assertIn(words, self.ctl("check", example))
+            self.assertIn(words, self.ctl("check", EXAMPLE))
         os.mkfifo(self.folder / "fifo")
         for path in (self.folder / "fifo", self.folder):
             self.assertEqual(self.ctl("check", path, exit_status=1),
@@ -431,10 +436,8 @@ class Pelorusctl(CtlTest):
         influx = Influxd(self.folder / "influxd")
         self.addCleanup(influx.stop)
         file = self.folder / "settings.json"
-        example = REPOSITORY / "packaging" / "settings.example.json"
-        good = {**json.loads(example.read_text()), "LOCAL_WWW_KEY": WWW_KEY,
-                "INFLUX_AUTH": influx.prepare(["tidewell", "bonding"]),
-                "INFLUX_HTTP_CONNECTION": influx.address}
+        good = example(INFLUX_AUTH=influx.prepare(["tidewell", "bonding"]),
+                       INFLUX_HTTP_CONNECTION=influx.address)
         influx.query("CREATE DATABASE closed")
 
         def check(exit_status, **changes):

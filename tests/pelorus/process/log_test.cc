@@ -46,6 +46,9 @@ TEST(Log, LineBeginsWithItsPriorityOrItsTimeAndLevel) {
   tzset();
   const auto moment =
       std::chrono::system_clock::from_time_t(1714571100) + std::chrono::milliseconds(7);
+  const Pipe pipe;
+  LogWriter priorities(pipe.writer(), Prefix::PRIORITY);
+  LogWriter times(pipe.writer(), Prefix::TIME);
   struct Row {
     Level level;
     std::string journal, plain;
@@ -54,9 +57,8 @@ TEST(Log, LineBeginsWithItsPriorityOrItsTimeAndLevel) {
                                                               {Level::INFO, "<6>", "info "},
                                                               {Level::WARNING, "<4>", "warning "},
                                                               {Level::ERROR, "<3>", "error "}}) {
-    const Pipe pipe;
-    LogWriter(pipe.writer(), Prefix::PRIORITY).write(level, moment, "two\nlines");
-    LogWriter(pipe.writer(), Prefix::TIME).write(level, moment, "two\nlines");
+    priorities.write(level, moment, "two\nlines");
+    times.write(level, moment, "two\nlines");
     EXPECT_EQ(pipe.content(),
               journal + "two\\nlines\n2024-05-01 13:45:00.007 " + plain + "two\\nlines\n");
   }

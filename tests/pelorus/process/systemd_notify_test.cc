@@ -4,6 +4,7 @@
 #include <sys/un.h>
 
 #include "support/log_capture.h"
+#include "support/loop_test.h"
 #include "surroundings.h"
 
 namespace pelorus {
@@ -28,6 +29,23 @@ TEST(SystemdNotify, FailureToSendIsAWarningAndNoSocketIsNone) {
   EXPECT_THAT(warnings_about("/" + std::string(sizeof(sockaddr_un::sun_path), 'x')),
               ElementsAre(EndsWith("File name too long")));
   EXPECT_THAT(warnings_about("vsock:2:1234"), ElementsAre(EndsWith("not supported by protocol")));
+}
+
+using ServiceStatusTest = support::LoopTest;
+
+TEST_F(ServiceStatusTest, SignOfLifeComesTwiceInAnIntervalAndAFailureIsSaidOnce) {
+  const support::LogCapture log;
+  const support::Variable socket("NOTIFY_SOCKET", "/nowhere/notify");
+  const support::Variable interval("WATCHDOG_USEC", "30000000");
+  int signs = 0;
+  const auto describe = [&signs] { return std::to_string(++signs); };
+  const ServiceStatus status(describe, loop_);
+  tick(0);
+  tick(14.9);
+  EXPECT_EQ(signs, 1);
+  tick(0.1);
+  EXPECT_EQ(signs, 2);
+  EXPECT_THAT(log.texts("warning"), ElementsAre(EndsWith("status: No such file or directory")));
 }
 
 }  // namespace
