@@ -1,6 +1,5 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -274,10 +273,11 @@ class SettingsCheck {
   /// The file holds credentials.
   void file_mode() {
     const std::string& file = settings_->source();
-    struct stat status {};
-    if (::stat(file.c_str(), &status) == 0 && (status.st_mode & 0007U) != 0) {
+    std::error_code failure;
+    const auto mode = std::filesystem::status(file, failure).permissions();
+    if (!failure && (mode & std::filesystem::perms::others_all) != std::filesystem::perms::none) {
       warn("{} holds credentials and is open to every account (mode {:04o})", file,
-           status.st_mode & 07777U);
+           static_cast<unsigned>(mode));
     }
   }
 

@@ -29,10 +29,4 @@ class ArgumentTypeError : public skein::Failure {
   using Failure::Failure;
 };
 
-/// A command-line argument ends within a character of the locale's encoding.
-class ArgumentDecodingError : public skein::Failure {
- public:
-  using Failure::Failure;
-};
-
 }  // namespace pelorus

@@ -11,10 +11,9 @@
 #include <csignal>
 #include <cwchar>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-
-#include "pelorus/pelorus/errors.h"
 
 namespace pelorus {
 namespace {
@@ -71,7 +70,7 @@ std::wstring decode(std::string_view bytes) {
   while (!bytes.empty()) {
     wchar_t character = 0;
     std::size_t used = std::mbrtowc(&character, bytes.data(), bytes.size(), &state);
-    if (used == INCOMPLETE) throw ArgumentDecodingError("unexpected mbrtowc result -2");
+    if (used == INCOMPLETE) throw std::runtime_error("unexpected mbrtowc result -2");
     if (used == INVALID) {
       character = UNDECODABLE + static_cast<unsigned char>(bytes[0]);
       used = 1;

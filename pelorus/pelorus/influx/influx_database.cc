@@ -163,14 +163,18 @@ void InfluxDatabase::handle_success() {
   if (recovered) log::info("Connected to InfluxDB API ({} database)", name_);
 }
 
-void InfluxDatabase::handle_failure(const std::optional<PartialWrite>& partial) noexcept {
+void InfluxDatabase::handle_failure() noexcept {
   ++failure_count_;
-  (partial ? counters_.partial : counters_.failed) += std::exchange(counters_.in_flight, {});
+  counters_.failed += std::exchange(counters_.in_flight, {});
   current_request_ = nullptr;
-  if (!partial) return;
+}
+
+void InfluxDatabase::handle_partial_write(std::optional<std::uint64_t> dropped_points) noexcept {
+  counters_.partial += std::exchange(counters_.in_flight, {});
   ++counters_.partial_writes;
-  counters_.dropped_points += partial->dropped_points.value_or(0);
-  if (!partial->dropped_points) ++counters_.unknown_drops;
+  counters_.dropped_points += dropped_points.value_or(0);
+  if (!dropped_points) ++counters_.unknown_drops;
+  handle_failure();  // nothing is in flight any more
 }
 
 void InfluxDatabase::handle_close() noexcept { current_request_ = nullptr; }

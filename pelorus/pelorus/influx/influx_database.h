@@ -37,11 +37,6 @@ struct Amount {
   }
 };
 
-/// What InfluxDB says of a write that it has stored in part.
-struct PartialWrite {
-  std::optional<std::uint64_t> dropped_points;  ///< none if the answer does not tell
-};
-
 /// What became of one database's messages since the start. Each message that was added is in
 /// exactly one of the six amounts.
 struct WriteCounters {
@@ -129,8 +124,11 @@ class InfluxDatabase {
 
   /// The request in flight was acknowledged.
   void handle_success();
-  /// The request in flight failed; its batch is lost, or stored in part.
-  void handle_failure(const std::optional<PartialWrite>& partial = std::nullopt) noexcept;
+  /// The request in flight failed; its batch is lost.
+  void handle_failure() noexcept;
+  /// The request in flight failed, but InfluxDB has stored a part of its batch. `dropped_points`:
+  /// how many points it dropped; none if the answer does not tell.
+  void handle_partial_write(std::optional<std::uint64_t> dropped_points) noexcept;
   /// The connection of the request in flight is over. Called in the same callback as the request's
   /// outcome, so it never meets a newer request.
   void handle_close() noexcept;

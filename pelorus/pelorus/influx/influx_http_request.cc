@@ -21,27 +21,29 @@ constexpr std::size_t EXCERPT_BYTES = 256;
 /// Shorter passwords are not searched for: they occur in many responses by chance.
 constexpr std::size_t SHORTEST_PASSWORD = 4;
 
-/// Whether the response says that InfluxDB has stored the rest of the batch, and how many points it
-/// dropped:
-///
-///     {"error":"partial write: field type conflict: … dropped=16"}
-///     {"error":"partial write: unable to parse 'm value=': missing field value dropped=0"}
-///
-/// The lines that it cannot parse are not in its number, so "dropped=0" tells nothing. They are
-/// quoted, and a batch of which no line can be parsed is refused as a whole: what is said behind
-/// "unable to parse" does not count.
-std::optional<PartialWrite> partial_write(std::string_view body) {
+// When InfluxDB has stored only a part of a batch, its response says so, and how many points it
+// dropped:
+//
+//     {"error":"partial write: field type conflict: … dropped=16"}
+//     {"error":"partial write: unable to parse 'm value=': missing field value dropped=0"}
+
+/// Whether the response says that. Lines that InfluxDB cannot parse are quoted, and a batch of
+/// which no line can be parsed is refused as a whole: text after "unable to parse" does not count.
+bool is_partial_write(std::string_view body) {
+  const std::string_view unquoted = body.substr(0, body.find("unable to parse"));
+  return unquoted.find("partial write") != unquoted.npos;
+}
+
+/// The number of dropped points. None for "dropped=0": lines that InfluxDB cannot parse are not in
+/// its number.
+std::optional<std::uint64_t> dropped_points(std::string_view body) {
   constexpr std::string_view DROPPED = "dropped=";
-  const std::string_view said = body.substr(0, body.find("unable to parse"));
-  if (said.find("partial write") == said.npos) return std::nullopt;
-  PartialWrite partial;
   const std::string_view number = body.substr(std::min(body.rfind(DROPPED), body.size()));
   std::uint64_t points = 0;
   if (!number.empty()) {
     std::from_chars(number.data() + DROPPED.size(), number.data() + number.size(), points);
   }
-  if (points != 0) partial.dropped_points = points;
-  return partial;
+  return points != 0 ? std::optional(points) : std::nullopt;
 }
 
 }  // namespace
@@ -108,13 +110,13 @@ void InfluxHTTPRequest::reported(Step&& step) noexcept {
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }
 
 void InfluxHTTPRequest::handle_failure(std::optional<std::string_view> data) {
-  const auto partial = data ? partial_write(*data) : std::nullopt;
-  database_.handle_failure(partial);
+  const bool partial = data && is_partial_write(*data);
+  const auto points = partial ? dropped_points(*data) : std::nullopt;
+  partial ? database_.handle_partial_write(points) : database_.handle_failure();
   const std::string text = failure_text(data);
   database_.note_failure(text);
   const std::size_t messages = batch_.messages();
   if (partial) {
-    const auto points = partial->dropped_points;
     log::warning(
         "InfluxDB write ({} database) stored in part: {}; dropped points: {}, of {} messages ({} "
         "bytes)",

@@ -50,7 +50,7 @@ struct Schedule {
         if (std::exchange(taken, false)) database.handle_success();
         break;
       case 5:
-        if (taken && random() % 2 == 0) database.handle_failure(PartialWrite{3});
+        if (taken && random() % 2 == 0) database.handle_partial_write(3);
         [[fallthrough]];
       default:  // after the batch was taken, or before
         if (database.has_current_request()) database.handle_failure();
