@@ -91,11 +91,6 @@ class Pelorus(Process):
                  for line in self.text().splitlines()]
         return pairs if priority is None else [text for level, text in pairs if level == priority]
 
-    def wait_log(self, text, seconds=15):
-        """Waits until a log line is `text`."""
-        wait_until(lambda: text in (line for _, line in self.lines()), f"log line {text!r}",
-                   seconds)
-
     def stop(self, seconds=15):
         try:
             return super().stop(seconds)

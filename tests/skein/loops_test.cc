@@ -24,14 +24,11 @@ TEST_F(LoopTest, TimersFireOnceInTheOrderOfTheirTimes) {
   loop_.call_in(2, [&] { note("c"); });
   loop_.call_in(1, [&] { note("a"); });
   loop_.call_in(1, [&] { note("b"); });
-  clock_.tick(0.999);
-  loop_.turn();
+  tick(0.999);
   EXPECT_EQ(order_, "");
-  clock_.tick(0.001);
-  loop_.turn();
+  tick(0.001);
   EXPECT_EQ(order_, "ab");
-  clock_.tick(10);
-  loop_.turn();
+  tick(10);
   loop_.turn();
   EXPECT_EQ(order_, "abc");
 }
@@ -49,8 +46,7 @@ TEST_F(LoopTest, CancelIsHarmlessBeforeDuringAndAfterTheFiring) {
   });
   cancelled.cancel();
   cancelled.cancel();
-  clock_.tick(3);
-  loop_.turn();
+  tick(3);
   self.cancel();
   EXPECT_EQ(order_, "a");
 }

@@ -14,7 +14,6 @@ class LogCapture {
   struct Line {
     std::string level;  ///< "debug", "info", "warning", "error"
     std::string text;
-    bool operator==(const Line&) const = default;
   };
 
   LogCapture() {

@@ -109,7 +109,7 @@ std::string SkeinPeer::replies() {
   const bool open = receive();
   std::string text;
   skein::Message message;
-  for (std::string& content : messages()) {
+  for (const std::string& content : messages()) {
     skein::MsgpackEncoder::decode(content, message);
     auto item = message.root().begin();
     const auto msgid = (*++item).natural();
@@ -117,7 +117,6 @@ std::string SkeinPeer::replies() {
     const skein::Value result = *++item;
     text += std::to_string(msgid) + (error.text() ? "!" : "=") +
             (error.text() ? std::string(*error.text()) : shown(result)) + " ";
-    last_reply_ = std::move(content);
   }
   return open ? text : text + "end";
 }

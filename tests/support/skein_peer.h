@@ -43,8 +43,6 @@ class SkeinPeer {
   /// What has come back by now: "msgid=result" or "msgid!error", each with a blank behind it, where
   /// a result that is no text shows as "nil" or "map"; then "end" at the end of the stream.
   std::string replies();
-  /// The last reply message, encoded; empty without one.
-  const std::string& last_reply() const noexcept { return last_reply_; }
 
  private:
   template <class Address>
@@ -52,7 +50,6 @@ class SkeinPeer {
 
   skein::Socket socket_;
   std::string received_;
-  std::string last_reply_;
 };
 
 /// Breaks a connection off.

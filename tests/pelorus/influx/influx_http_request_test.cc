@@ -35,6 +35,10 @@ struct InfluxHTTPRequestTest : support::LoopTest {
   void until_outcome() {
     until([this] { return !database->has_current_request(); });
   }
+  void end_with(const skein::Socket& peer, std::string_view response) {
+    answer(peer, response);
+    until_outcome();
+  }
   /// Begins a write and returns the endpoint's side of its connection.
   skein::Socket begin(const std::string& message = "m value=1 1") {
     database->add(message);
@@ -123,8 +127,8 @@ TEST_F(InfluxHTTPRequestTest, WriteStoredInPartIsToldFromALostOne) {
   for (const auto& [body, outcome, loss] : rows) {
     const auto peer = begin();
     receive_to(peer, "1 1");
-    answer(peer, fmt::format("HTTP/1.1 400 X\r\nContent-Length: {}\r\n\r\n{}", body.size(), body));
-    until_outcome();
+    end_with(peer,
+             fmt::format("HTTP/1.1 400 X\r\nContent-Length: {}\r\n\r\n{}", body.size(), body));
     EXPECT_THAT(logs.texts("warning").back(),
                 testing::AllOf(HasSubstr(") " + outcome + ": status 400"),
                                HasSubstr(loss + " messages "), testing::EndsWith("(11 bytes)")));
@@ -154,8 +158,7 @@ TEST_F(InfluxHTTPRequestTest, FailureThatLosesNothingIsLoggedFirstThenEveryTenSe
   fail_once();
   EXPECT_EQ(warnings().back(), line + " (2 times more before)");
   connect_to("127.0.0.1", endpoint.port());
-  answer(begin(), NO_CONTENT);
-  until_outcome();
+  end_with(begin(), NO_CONTENT);
   EXPECT_EQ(database->failure_count(), 0);
   connect_to("127.0.0.1", refuses.port());
   fail_once();
@@ -221,10 +224,8 @@ TEST_F(InfluxHTTPRequestTest, PiecesOfALargeBatchMakeOneBody) {
   const std::string text = receive_to(peer, "b\n");
   const std::string body = first + "\n" + second + "\n";  // and an empty message
   EXPECT_TRUE(text.ends_with("Content-Length: 8388610\r\n\r\n" + body));
-  answer(peer, NO_CONTENT);
-  until_outcome();
-  answer(begin(), NO_CONTENT);
-  until_outcome();
+  end_with(peer, NO_CONTENT);
+  end_with(begin(), NO_CONTENT);
   EXPECT_EQ(database->counters().largest_body, body.size());
 }
 
@@ -246,21 +247,18 @@ TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {
   answer(peer, "HTTP/1.1 100 Continue\r\n\r\n");
   loop_.turn();
   EXPECT_TRUE(database->has_current_request());
-  answer(peer, NO_CONTENT);
-  until_outcome();
+  end_with(peer, NO_CONTENT);
   EXPECT_EQ(database->failure_count(), 0);
 }
 
 TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlone) {
   auto old = begin();
-  answer(old, NO_CONTENT);
-  until_outcome();
+  end_with(old, NO_CONTENT);
   const auto peer = begin();
   old = {};
   turns();
   EXPECT_TRUE(database->has_current_request());
-  answer(peer, NO_CONTENT);
-  until_outcome();
+  end_with(peer, NO_CONTENT);
 }
 
 TEST_F(InfluxHTTPRequestTest, NumericAddressIsNotLookedUp) {
@@ -284,8 +282,7 @@ TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForThe
   EXPECT_FALSE(endpoint.accept());
   tick(2.5);
   const auto peer = begin();
-  answer(peer, NO_CONTENT);
-  until_outcome();
+  end_with(peer, NO_CONTENT);
   EXPECT_EQ(database->failure_count(), 0);
 }
 

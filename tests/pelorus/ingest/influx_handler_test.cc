@@ -70,11 +70,9 @@ TEST_F(InfluxHandlerTest, StatisticsCountOnePeriodAndNotThemselves) {
   EXPECT_EQ(handler_.totals().records, 15);
   EXPECT_EQ(queued("tidewell"),
             statistics_message({2, 15, 1, 1}, Nanoseconds{1'700'000'000} * 1'000'000'000));
-  clock_.tick(9.9);
-  loop_.turn();
+  tick(9.9);
   EXPECT_EQ(queued("tidewell"), "");
-  clock_.tick(0.1);
-  loop_.turn();
+  tick(0.1);
   EXPECT_EQ(queued("tidewell"), statistics_message({}, Nanoseconds{1'700'000'010} * 1'000'000'000));
 }
 
@@ -83,8 +81,7 @@ TEST_F(InfluxHandlerTest, StatisticsWithoutTheirDatabaseEndAndAreKept) {
   other.add("bonding", "a\n", 1);
   EXPECT_THROW(other.send_stats(), UnknownDatabaseError);
   EXPECT_EQ(other.statistics().messages, 2);
-  clock_.tick(100);
-  loop_.turn();
+  tick(100);
   EXPECT_EQ(other.statistics().messages, 2);
 }
 

@@ -30,6 +30,11 @@ class ListenerTest : public HandlerTest {
     }
   }
 
+  void send(support::SkeinPeer& peer, std::string_view bytes) {
+    peer.send(bytes);
+    turns();
+  }
+
   /// A submit request of so many good points, and bad ones behind them.
   static std::string submit(std::string_view key, std::size_t points, std::size_t bad_points = 0) {
     skein::MsgpackWriter request;

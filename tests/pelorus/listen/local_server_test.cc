@@ -66,8 +66,7 @@ TEST_F(LocalServerTest, WhatStandsAtItsPathIsRemovedAndTheTargetOfALinkIsKept) {
 TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {
   LocalServer server(handler_, settings_, loop_, resources_);
   auto peer = support::SkeinPeer::unix_socket(socket_path());
-  peer.send(support::request(1, "collectd", {{"metrics", "no end"}}));
-  turns();
+  send(peer, support::request(1, "collectd", {{"metrics", "no end"}}));
   EXPECT_EQ(peer.replies(), "1=nil ");
   EXPECT_EQ(handler_.databases()[0]->pending_data_len(), 1U);
   EXPECT_GT(resources_.admission.held_bytes(), 0U) << "of the unfinished line";

@@ -132,16 +132,14 @@ TEST_F(NodeServerTest, KeyOfTheLastRequestIsKnownInEverySpellingAndNoOtherIs) {
   std::int64_t good = records();
   std::int64_t refused = 0;
   for (const char* same : {"abcdef", "ab-cdef", "-a-b-c-d-e-f-", "abcdef"}) {
-    peer.send(collectd(same));
-    turns();
+    send(peer, collectd(same));
     EXPECT_EQ(records(), ++good) << same;
   }
   for (const char* other : {"abcde", "abcdefg", "abcdeg", "-abcde", "ab-cdeg", "ab-cdef0"}) {
     peer.send(collectd(other));
     answer("", 404);
     EXPECT_EQ(counted().failed_auths, ++refused) << other;
-    peer.send(collectd("abcdef"));
-    turns();
+    send(peer, collectd("abcdef"));
     EXPECT_EQ(records(), ++good) << other;
   }
   EXPECT_EQ(asked_.size(), 7U);
@@ -206,8 +204,7 @@ TEST_F(NodeServerTest, AnswerThatIsNoObjectAndBadKeysAreFailuresOfTheRequest) {
   skein::MsgpackWriter number;
   number.list(4).natural(0).natural(2).text("collectd").map(2).text("key").natural(7);
   peer.send(support::frame(number.text("metrics").text(LINE)));
-  peer.send(support::request(3, "add", {{"key", "abcdef"}}));
-  turns();
+  send(peer, support::request(3, "add", {{"key", "abcdef"}}));
   EXPECT_EQ(peer.replies(),
             "1!argument 'key' has 1025 bytes, 1024 are allowed "
             "2!argument 'key' of request 'collectd' is no text "
@@ -263,10 +260,8 @@ TEST_F(NodeServerTest, KnownKeysAreAskedAboutFirstAndThoseWhosePeersHaveGoneLast
   leaves->send(collectd("leaves"));
   turns();
   auto stays = connect();
-  stays.send(collectd("stays"));
-  turns();
-  known.send(collectd("known"));
-  turns();
+  send(stays, collectd("stays"));
+  send(known, collectd("known"));
   leaves.reset();
   for (int i = 0; i < 3; ++i) answer("", 404);
   EXPECT_EQ(asked_, (std::vector<std::string>{"known", "stays", "leaves"}));
@@ -274,8 +269,7 @@ TEST_F(NodeServerTest, KnownKeysAreAskedAboutFirstAndThoseWhosePeersHaveGoneLast
 
 TEST_F(NodeServerTest, LongKeyCountsAsHeldBytes) {
   auto peer = connect();
-  peer.send(collectd(std::string(1024, 'k')));
-  turns();
+  send(peer, collectd(std::string(1024, 'k')));
   EXPECT_GT(resources_->admission.held_bytes(), 2048U);
 }
 
@@ -289,8 +283,7 @@ TEST_F(NodeServerTest, PendingRequestKeepsItsOrderAndHoldsUpNobodyElse) {
       2, "add", {{"key", "slow"}, {"database", "bonding"}, {"data", "x v=1 1\ny v=1 1"}}));
   slow.send(collectd("slow", "ad.c 3 1500000000\n", 3));
   listen_to_web_requests();
-  peer.send(collectd("known"));
-  turns();
+  send(peer, collectd("known"));
   EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
   queued("bonding");
   const auto before = records();
@@ -352,19 +345,15 @@ TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedFirstThoseOfPeersT
   auto first = connect();
   auto second = connect();
   auto third = connect();
-  first.send(collectd("bad", std::string(8000, 'x') + "\n"));
-  turns();
+  send(first, collectd("bad", std::string(8000, 'x') + "\n"));
   {
     auto gone = connect();
-    gone.send(collectd("bad", std::string(6000, 'x') + "\n"));
-    turns();
+    send(gone, collectd("bad", std::string(6000, 'x') + "\n"));
   }
-  second.send(collectd("bad", std::string(7000, 'x') + "\n"));
-  turns();
+  send(second, collectd("bad", std::string(7000, 'x') + "\n"));
   EXPECT_TRUE(log_.texts("warning").back().starts_with("Dropping a request whose peer has gone"));
   EXPECT_EQ(resources_->counters.refused_requests, 1U);
-  third.send(collectd("other", std::string(7000, 'x') + "\n"));
-  turns();
+  send(third, collectd("other", std::string(7000, 'x') + "\n"));
   EXPECT_EQ(first.replies(), "end") << "the largest, though it is being asked about";
   for (int i = 0; i < 3; ++i) answer(R"({"key": ""})");
   EXPECT_EQ(second.replies() + third.replies(), "1=nil 1=nil ");
@@ -374,8 +363,7 @@ TEST_F(NodeServerTest, OfAnUnconfirmedKeyTheNewestRequestsWait) {
   std::vector<support::SkeinPeer> peers;
   const auto ask = [&] {
     peers.push_back(connect());
-    peers.back().send(collectd("bad"));
-    turns();
+    send(peers.back(), collectd("bad"));
   };
   for (std::size_t i = 0; i < MAX_UNCONFIRMED_REQUESTS; ++i) ask();
   peers[7].reset();
@@ -403,8 +391,7 @@ TEST_F(NodeServerTest, LongSubmitWaitsUntilItsBufferHasRoomButNotForEver) {
   turns(20);
   EXPECT_EQ(database("bonding").pending_data_len(), 2000U) << "half is left to others";
   auto other = connect();
-  other.send(collectd("k"));
-  turns();
+  send(other, collectd("k"));
   EXPECT_EQ(peer.replies() + other.replies(), "1=nil ") << "the key's next request waits behind it";
   queued("bonding");
   for (int i = 0; i < 100; ++i) turns();
@@ -424,16 +411,14 @@ TEST_F(NodeServerTest, AdmittedRequestThatIsEvictedLeavesItsKeyUsable) {
   turns(10);
   EXPECT_EQ(first.replies(), "1=nil end") << "beyond twice the budget";
   auto second = connect();
-  second.send(collectd("k"));
-  turns();
+  send(second, collectd("k"));
   EXPECT_EQ(second.replies(), "1=nil ");
 }
 
 TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {
   {
     auto peer = connect();
-    peer.send(std::string(4, '\0'));
-    turns();
+    send(peer, std::string(4, '\0'));
   }
   turns();
   const auto lines = log_.texts("info");
