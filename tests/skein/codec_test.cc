@@ -1,10 +1,13 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "skein/encoders/msgpackencoder.h"
 #include "skein/encoders/snappyencoder.h"
 #include "skein/envelope.h"
+#include "skein/errors.h"
 #include "skein/framing.h"
 #include "skein/limits.h"
+#include "support/skein_peer.h"
 
 namespace skein {
 namespace {
@@ -80,7 +83,59 @@ TEST(Envelope, NamesTheRequestOrItsFaultAndItsNumberWhereverThereIsOne) {
   }
 }
 
-// Beyond them, and other rubbish, is for the end-to-end tests and the fuzz targets.
+/// Why these bytes are no message.
+std::string fault_of(std::string_view bytes) {
+  try {
+    const auto block = take_frame(bytes);
+    SnappyEncoder snappy;
+    Message message;
+    if (block) MsgpackEncoder::decode(snappy.decode(*block), message);
+  } catch (const ProtocolError& fault) {
+    return fault.what();
+  }
+  return "none";
+}
+
+/// A frame around any bytes.
+std::string block_frame(std::string_view block) {
+  const auto size = htonl(static_cast<std::uint32_t>(block.size()));
+  return std::string(reinterpret_cast<const char*>(&size), sizeof size).append(block);
+}
+
+TEST(Limits, BrokenBytesAreRefusedWithAReason) {
+  using support::frame;
+  const std::string no_snappy = "frame does not decompress";
+  const std::string cut_off = "content ends inside a MessagePack value";
+  const std::string deep = "content nested more than 32 deep";
+  const std::string elements = "content of 4294967295 elements or more, 1000000 are allowed";
+  const struct {
+    std::string bytes, fault;
+  } rows[] = {
+      {std::string(4, '\0'), "frame of length 0"},
+      {"\x01\x2a\xaa\xcb", "frame of 19573451 bytes, 19573450 are allowed"},
+      {block_frame("\xff\xff\xff\xff\xff"), no_snappy},      // a length without an end
+      {block_frame("\x05\x01\0"s), no_snappy},               // copies from before its begin
+      {block_frame("\x05\xfc\xff\xff\xff\xff"), no_snappy},  // a literal of 4 GiB
+      {block_frame("\xff\xff\xff\xff\x0f"), "content of 4294967295 bytes, 16777216 are allowed"},
+      {block_frame("\x81\x80\x80\x08" + std::string(900'000, 'x')),
+       "content of 16777217 bytes, 16777216 are allowed"},
+      {block_frame("\x80\x80\x80\x08"), "4 compressed bytes claim to hold 16777216"},
+      {frame(""), "content is no MessagePack"},
+      {frame("\xc1"), "content is no MessagePack"},
+      {frame("\xdb\xff\xff\xff\xff"), cut_off},  // a text, bytes and an extension of 4 GiB
+      {frame("\xc6\xff\xff\xff\xff"), cut_off},
+      {frame("\xc9\xff\xff\xff\xff\x01"), cut_off},
+      {frame("\x01\x01"), "1 bytes behind the MessagePack value"},
+      {frame(std::string(33, '\x91') + "\x01"), deep},
+      {frame(std::string(1'000'000, '\x91')), deep},
+      {frame("\xdd\xff\xff\xff\xff"), elements},
+      {frame("\xdf\xff\xff\xff\xff"), elements},
+      {frame("\xdd\0\x0f\x42\x41"s + std::string(1'000'001, '\xc0')),
+       "content of 1000001 elements or more, 1000000 are allowed"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(fault_of(row.bytes), row.fault);
+}
+
 TEST(Limits, ThemselvesPass) {
   EXPECT_GT(missing_to_frame("\x01\x2a\xaa\xca"s), MAX_CONTENT_BYTES);
   std::string bomb;
