@@ -22,7 +22,7 @@ DICTIONARIES = {
     "requests": ["frames", "local_requests", "node_requests"],
     "graphite": ["translate", "graphite_block"],
     "http": ["http_response"],
-    "json": ["key_answer", "settings"],
+    "json": ["key_answer"],
 }
 TARGETS = {target: name for name, targets in DICTIONARIES.items() for target in targets}
 LONGEST_INPUT = 1024  # bytes

@@ -46,6 +46,12 @@ TEST_F(ServiceStatusTest, SignOfLifeComesTwiceInAnIntervalAndAFailureIsSaidOnce)
   tick(0.1);
   EXPECT_EQ(signs, 2);
   EXPECT_THAT(log.texts("warning"), ElementsAre(EndsWith("status: No such file or directory")));
+  const support::Variable another("WATCHDOG_PID", "1");  // the interval is not ours then
+  const ServiceStatus unwatched(describe, loop_);
+  tick(0);
+  signs = 0;
+  tick(9.9);
+  EXPECT_EQ(signs, 0);
 }
 
 }  // namespace
