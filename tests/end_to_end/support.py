@@ -35,6 +35,11 @@ class FolderTest(unittest.TestCase):
         self.addCleanup(holder.cleanup)
         self.folder = Path(holder.name)
 
+    def ends_with_case(self, started):
+        """What was started: it is stopped or closed when the case ends."""
+        self.addCleanup(getattr(started, "stop", None) or started.close)
+        return started
+
     def start_pelorus(self, *arguments, ready=True, **options):
         """A daemon in a folder of its own, by default after it has reported to be ready."""
         daemon = Pelorus(tempfile.mkdtemp(dir=self.folder), *arguments, **options)
@@ -62,14 +67,12 @@ class StageTest(FolderTest):
         cls.addClassCleanup(cls.web.close)
 
     def start_stage(self, settings=None, **options):
-        self.influx = HTTPServer()
-        self.addCleanup(self.influx.close)
+        self.influx = self.ends_with_case(HTTPServer())
         self.daemon = self.start_pelorus({
             "PELORUS_BUFFER_TIME": 0.05, "PELORUS_IDEAL_QUEUED_MESSAGES": 500,
             "PELORUS_MAX_PENDING_MESSAGES": 100_000, "PELORUS_MAX_BATCH_SIZE": 1000,
             "INFLUX_HTTP_CONNECTION": self.influx.address, **(settings or {})}, **options)
-        self.bystander = Bystander(self.daemon, KEY)
-        self.addCleanup(self.bystander.close)
+        self.bystander = self.ends_with_case(Bystander(self.daemon, KEY))
         self.bystander.look()  # what it took to get going does not count
 
     def expect_well(self, loses_nothing=True):

@@ -49,13 +49,12 @@ def facts(lines):
 class CollectdPage(FolderTest):
     def start_collectd(self, name, plugin, options):
         """A collectd that sends what the plugin reads; where it sends it."""
-        server, folder = SkeinServer(), self.folder / name
-        self.addCleanup(server.close)
+        server, folder = self.ends_with_case(SkeinServer()), self.folder / name
         folder.mkdir()
         others = f"LoadPlugin {plugin}\n<Plugin {plugin}>\n" + "\n".join(options) + "\n</Plugin>"
         configuration = collectd_configuration(
             folder, PLUGIN, f'<Node "a">\nHost "127.0.0.1"\nPort {server.address[1]}\n</Node>', others)
-        self.addCleanup(Process(["collectd", "-f", "-C", configuration], folder / "log").stop)
+        self.ends_with_case(Process(["collectd", "-f", "-C", configuration], folder / "log"))
         return server
 
     def test_every_row_of_the_table(self):
@@ -76,8 +75,7 @@ class CollectdPage(FolderTest):
 
     def test_recommended_configurations_lose_nothing(self):
         for name in ("node", "server"):
-            server = SkeinServer()
-            self.addCleanup(server.close)
+            server = self.ends_with_case(SkeinServer())
             folder = self.folder / name
             folder.mkdir()
             text = (REPOSITORY / "packaging" / "collectd" / f"{name}.conf").read_text()
@@ -89,8 +87,7 @@ class CollectdPage(FolderTest):
             (folder / "conf").write_text(
                 f'BaseDir "{folder}"\nPIDFile "{folder}/pid"\nTypesDB "/usr/share/collectd/types.db"\n' +
                 text)
-            collectd = Process(["collectd", "-f", "-C", folder / "conf"], folder / "log")
-            self.addCleanup(collectd.stop)
+            collectd = self.ends_with_case(Process(["collectd", "-f", "-C", folder / "conf"], folder / "log"))
             with self.subTest(name):
                 wait_until(lambda: "cpu-0.cpu-idle" in server.metrics(), "rates", 20, pause=0.3)
                 measurements, *lost = facts(server.metrics())

@@ -43,9 +43,8 @@ class CollectdPlugin(FolderTest):
         configuration = collectd_configuration(
             self.folder, PLUGIN, nodes, "WriteThreads 1\nLoadPlugin unixsock\n<Plugin unixsock>\n"
             f'SocketFile "{self.commands}"\n</Plugin>', interval=300)
-        collectd = Process(["collectd", mode, "-C", configuration], self.folder / f"{name}.log")
-        self.addCleanup(collectd.stop)
-        return collectd
+        return self.ends_with_case(Process(["collectd", mode, "-C", configuration],
+                                           self.folder / f"{name}.log"))
 
     def command(self, text):
         """To collectd itself."""
@@ -73,9 +72,8 @@ class CollectdPlugin(FolderTest):
                 self.assertNotIn("secret", collectd.text())
 
     def test_rates_or_counts_go_out_on_flush_and_at_the_end(self):
-        rates, counts = SkeinServer(self.folder / "rates"), SkeinServer()
-        self.addCleanup(rates.close)
-        self.addCleanup(counts.close)
+        rates = self.ends_with_case(SkeinServer(self.folder / "rates"))
+        counts = self.ends_with_case(SkeinServer())
         collectd = self.start_collectd(
             f'<Node "rates">\nSocket "{rates.address}"\n</Node>\n<Node "counts">\n'
             f'Host "127.0.0.1"\nPort {counts.address[1]}\nNodeKey "12-ab"\nStoreRates false\n</Node>',

@@ -5,7 +5,7 @@ import json
 import time
 
 from harness import REPOSITORY
-from harness.http_server import WebServer, hold_origin
+from harness.http_server import WebServer
 from harness.process import wait_until
 from harness.real_servers import Influxd
 from harness.skein_client import SkeinClient
@@ -54,17 +54,12 @@ def filled_in(query):
 
 
 class Dashboards(FolderTest):
-    @classmethod
-    def setUpClass(cls):
-        hold_origin()
-
     def setUp(self):
         super().setUp()
-        self.influx = Influxd(self.folder / "influxd")
-        self.addCleanup(self.influx.stop)
+        self.influx = self.ends_with_case(Influxd(self.folder / "influxd"))
         self.daemon = self.start_pelorus({"INFLUX_AUTH": self.influx.prepare(DATABASES),
                                           "INFLUX_HTTP_CONNECTION": self.influx.address})
-        self.addCleanup(WebServer([KEY]).close)
+        self.ends_with_case(WebServer([KEY]))
 
     def send_everything(self):
         with SkeinClient(self.daemon.socket) as client:

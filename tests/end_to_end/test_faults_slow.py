@@ -41,18 +41,15 @@ class RealInfluxDB(StageTest):
 
     def setUp(self):
         super().setUp()
-        self.influxd = Influxd(self.folder / "influxd")
-        self.addCleanup(self.influxd.stop)
+        self.influxd = self.ends_with_case(Influxd(self.folder / "influxd"))
         self.daemon = self.start_pelorus({
             "INFLUX_AUTH": self.influxd.prepare(["tidewell", "bonding"]),
             "INFLUX_HTTP_CONNECTION": self.influxd.address,
             "PELORUS_BUFFER_TIME": 0.1, "PELORUS_IDEAL_QUEUED_MESSAGES": 100,
             "PELORUS_MAX_BATCH_SIZE": 200, "PELORUS_MAX_PENDING_MESSAGES": 1500,
             "PELORUS_DISCARD_SIZE": 100})
-        self.client = self.node(60)
-        self.addCleanup(self.client.close)
-        self.sender = Repeated(self.send_a_record, 0.005)
-        self.addCleanup(self.sender.stop)
+        self.client = self.ends_with_case(self.node(60))
+        self.sender = self.ends_with_case(Repeated(self.send_a_record, 0.005))
         self.wait_more("sent")
 
     def send_a_record(self):

@@ -45,9 +45,7 @@ class PelorusctlAlone(CtlTest):
     """Beside a server that answers as told, or without one."""
 
     def start(self, answer=lambda *_: (None, None), name="socket"):
-        server = SkeinServer(self.folder / name, answer)
-        self.addCleanup(server.close)
-        return server
+        return self.ends_with_case(SkeinServer(self.folder / name, answer))
 
     def test_stats_for_people_and_for_programs(self):
         stats = {"tidewell": {"has_current_request": True, "pending_data_len": 12,
@@ -183,9 +181,7 @@ class PelorusctlAlone(CtlTest):
 
 class Pelorusctl(CtlTest):
     def start_influx(self, answer=NO_CONTENT):
-        influx = HTTPServer(conduct=answering(answer))
-        self.addCleanup(influx.close)
-        return influx
+        return self.ends_with_case(HTTPServer(conduct=answering(answer)))
 
     def status(self, daemon):
         return json.loads(self.ctl("status", "--json", "--socket", daemon.socket))
@@ -195,8 +191,7 @@ class Pelorusctl(CtlTest):
         daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": influx.address,
                                      "PELORUS_MAX_PENDING_MESSAGES": 5, "PELORUS_DISCARD_SIZE": 2,
                                      "PELORUS_MAX_BATCH_SIZE": 1})
-        local = SkeinClient(daemon.socket)
-        self.addCleanup(local.close)
+        local = self.ends_with_case(SkeinClient(daemon.socket))
 
         def tidewell(**wanted):
             def amounts():
@@ -230,9 +225,8 @@ class Pelorusctl(CtlTest):
 
     def test_status_shows_which_connection_is_in_trouble(self):
         daemon = self.start_pelorus()
-        good, bad = SkeinClient(daemon.socket), SkeinClient(daemon.node_address)
-        for client in (good, bad):
-            self.addCleanup(client.close)
+        good, bad = (self.ends_with_case(SkeinClient(address))
+                     for address in (daemon.socket, daemon.node_address))
         good.collectd(LINE + LINE)
         good.collectd("two fields\nm000.foo.bar 1 1700000000\n")
         bad.call("collectd", {"key": KEY, "metrics": LINE})
@@ -335,8 +329,7 @@ class Pelorusctl(CtlTest):
                       self.ctl("translate", "m000.vmem.x.y", exit_status=1))
 
     def test_translate_knows_what_influxdb_refuses(self):
-        influx = Influxd(self.folder / "influxd")
-        self.addCleanup(influx.stop)
+        influx = self.ends_with_case(Influxd(self.folder / "influxd"))
         auth = influx.prepare(["a"])
         values = ("7", "9223372036854775807", "9223372036854775808", "-1", "+1", "1.", ".5", "1e5",
                   "1E+5", "1e", "e5", "-", ".", "-1i", "1.5i", "0x10", "1e999", "1e-999", "inf",
@@ -433,8 +426,7 @@ class Pelorusctl(CtlTest):
                              f"error: The settings in {file} {fault}\n")
 
     def test_check_connects(self):
-        influx = Influxd(self.folder / "influxd")
-        self.addCleanup(influx.stop)
+        influx = self.ends_with_case(Influxd(self.folder / "influxd"))
         file = self.folder / "settings.json"
         good = example(INFLUX_AUTH=influx.prepare(["tidewell", "bonding"]),
                        INFLUX_HTTP_CONNECTION=influx.address)
@@ -445,8 +437,7 @@ class Pelorusctl(CtlTest):
             return self.ctl("check", "--connect", file, exit_status=exit_status)
 
         self.assertIn("web server at https://", check(1))
-        web = WebServer(keys=[])
-        self.addCleanup(web.close)
+        web = self.ends_with_case(WebServer(keys=[]))
         check(0)
         for changes, words in (
                 ({"INFLUX_AUTH": "YTpi"}, '"bonding": status 401: .*unknown account or password'),
@@ -459,8 +450,7 @@ class Pelorusctl(CtlTest):
         self.assertEqual(influx.query("SHOW MEASUREMENTS", "tidewell"), [])
 
     def test_send_takes_every_kind_of_line(self):
-        web = WebServer([KEY])
-        self.addCleanup(web.close)
+        web = self.ends_with_case(WebServer([KEY]))
         influx = self.start_influx()
         daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": influx.address})
         key_file = self.folder / "key"

@@ -34,8 +34,7 @@ class Life(FolderTest):
             self.assertTrue(daemon.text().startswith(begin), daemon.text())
 
     def test_readiness_reaches_an_abstract_socket(self):
-        manager = NotifySocket(f"@pelorus-test-{os.getpid()}")
-        self.addCleanup(manager.close)
+        manager = self.ends_with_case(NotifySocket(f"@pelorus-test-{os.getpid()}"))
         self.start_pelorus(environment={"NOTIFY_SOCKET": manager.name}, ready=False)
         self.assertEqual(wait_until(manager.receive, "readiness"), b"READY=1")
 
