@@ -23,30 +23,25 @@ class Recorder : public skein::Server {
  public:
   Recorder(skein::Loop& loop, skein::Resources& resources)
       : Server(skein::Socket(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), loop, resources) {
-    answer_to("now", [this](const skein::Request& request) { return req_now(request); });
-    answer_to("later", [this](const skein::Request& request) { return req_later(request); });
-    answer_to("fail", [this](const skein::Request& request) { return req_fail(request); });
+    answer_to("now", [this](const skein::Request& request) {
+      note("now", text_of(request.args));
+      return skein::Reply();
+    });
+    answer_to("later", [this](const skein::Request& request) {
+      note("later", text_of(request.args));
+      this->loop().call_in(0, [reply = defer(request)] { reply.send({}); });
+      return skein::Reply::later();
+    });
+    answer_to("fail", [this](const skein::Request& request) -> skein::Reply {
+      request.text("a");
+      defer(request);
+      throw skein::RequestError("failed");
+    });
   }
 
   void handle_exception(const std::exception& failure) override { note("failure", failure.what()); }
   void handle_protocol_error(skein::Connection&, const skein::ProtocolError& fault) override {
     note("fault", fault.what());
-  }
-
-  skein::Reply req_now(const skein::Request& request) {
-    note("now", text_of(request.args));
-    return {};
-  }
-  /// Answers on a later turn.
-  skein::Reply req_later(const skein::Request& request) {
-    note("later", text_of(request.args));
-    loop().call_in(0, [reply = defer(request)] { reply.send({}); });
-    return skein::Reply::later();
-  }
-  skein::Reply req_fail(const skein::Request& request) {
-    request.text("a");
-    defer(request);
-    throw skein::RequestError("failed");
   }
 
   std::string take_events() { return std::exchange(events_, {}); }

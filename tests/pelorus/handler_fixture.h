@@ -8,7 +8,7 @@
 
 #include "pelorus/pelorus/influx/influx_database.h"
 #include "pelorus/pelorus/ingest/influx_handler.h"
-#include "support/body_of.h"
+#include "support/ledger.h"
 #include "support/log_capture.h"
 #include "support/loop_test.h"
 

@@ -72,6 +72,13 @@ std::string request(std::uint32_t msgid, std::string_view name, std::string text
   return support::request(msgid, name, {{"text", std::move(text)}});
 }
 
+/// So many requests "echo", from number 1 on.
+std::string requests(std::uint32_t count, const std::string& text = "x") {
+  std::string stream;
+  for (std::uint32_t i = 1; i <= count; ++i) stream += request(i, "echo", text);
+  return stream;
+}
+
 class ServerTest : public support::LoopTest {
  protected:
   ServerTest() { restart({}); }
@@ -146,9 +153,7 @@ TEST_F(ServerTest, OneTurnServesAShareOfEachAndTheRestOnTheNextTurns) {
   for (int i = 0; i < 4; ++i) peers.push_back(connect());
   server_->set_authenticated(connection(3));
   const std::string zeros(9'900, '0');  // some 500 bytes of a frame
-  std::string stream;
-  for (std::uint32_t i = 1; i <= 3; ++i) stream += request(i, "echo", zeros);
-  for (auto& peer : peers) peer.send(stream);
+  for (auto& peer : peers) peer.send(requests(3, zeros));
   turns(1);
   EXPECT_EQ(served(3), 2U) << "alone in its class";
   EXPECT_EQ(served(0), 1U);
@@ -164,9 +169,7 @@ TEST_F(ServerTest, SmallFramesPassALargeOneThatHasToEarnItsCredit) {
   auto large = connect();
   auto small = connect();
   large.send(request(1, "echo", std::string(50'000, '0')));
-  std::string stream;
-  for (std::uint32_t i = 1; i <= 100; ++i) stream += request(i, "echo");
-  small.send(stream);
+  small.send(requests(100));
   turns(2);
   EXPECT_EQ(served(0), 0U);
   EXPECT_GE(served(1), 9U);
@@ -174,7 +177,7 @@ TEST_F(ServerTest, SmallFramesPassALargeOneThatHasToEarnItsCredit) {
   EXPECT_EQ(served(0), 1U);
   EXPECT_EQ(served(1), 100U);
   large.send(request(2, "echo", std::string(50'000, '0')));
-  small.send(stream);
+  small.send(requests(100));
   turns(2);
   EXPECT_EQ(served(0), 1U) << "what was left of its credit is gone";
 }
@@ -317,9 +320,7 @@ TEST_F(ServerTest, HalfFrameEndsWhenNothingMoreComesAndIdlenessNever) {
 }
 
 TEST_F(ServerTest, PeerThatTakesNoRepliesIsNotReadAndEndsThoughItHasFinished) {
-  const std::string text = support::noise(30'000);
-  std::string stream;
-  for (std::uint32_t i = 0; i < 1000; ++i) stream += request(i, "echo", text);
+  const std::string stream = requests(1000, support::noise(30'000));
   for (const bool finishes : {false, true}) {
     restart({.unsent_reply_bytes = 10'000});
     auto peer = connect();

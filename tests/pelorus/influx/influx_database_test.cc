@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/body_of.h"
+#include "support/ledger.h"
 #include "support/log_capture.h"
 #include "support/loop_test.h"
 

@@ -4,8 +4,8 @@
 #include <random>
 
 #include "pelorus/pelorus/influx/influx_database.h"
-#include "support/body_of.h"
 #include "support/fake_clock.h"
+#include "support/ledger.h"
 #include "support/log_capture.h"
 
 namespace pelorus {
@@ -14,16 +14,6 @@ namespace {
 constexpr unsigned SCHEDULES = 100;
 constexpr int STEPS = 500;
 constexpr std::size_t MESSAGE_BYTES = 7;
-
-/// What became of all messages, in one sum.
-Amount accounted(const WriteCounters& counters) {
-  Amount sum;
-  for (const Amount& amount : {counters.queued, counters.in_flight, counters.sent, counters.partial,
-                               counters.failed, counters.discarded}) {
-    sum += amount;
-  }
-  return sum;
-}
 
 /// A buffer under a random schedule of messages, time and outcomes of its writes.
 struct Schedule {
@@ -91,7 +81,7 @@ TEST(Ledger, EveryMessageIsInOneAmountAndNoneIsSentTwice) {
     const WriteCounters& counters = schedule.database.counters();
     for (int step = 0; step < STEPS; ++step) {
       schedule.step();
-      const Amount sum = accounted(counters);
+      const Amount sum = support::accounted(counters);
       ASSERT_EQ(sum.messages, schedule.added) << "seed " << seed << ", step " << step;
       ASSERT_EQ(sum.bytes, schedule.added * MESSAGE_BYTES);
       ASSERT_EQ(counters.queued.messages, schedule.database.pending_data_len());
