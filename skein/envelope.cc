@@ -2,7 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <limits>
+#include <msgpack.hpp>
 
 #include "skein/text.h"
 
@@ -34,14 +37,29 @@ void read_name_and_args(Value name, Value args, Envelope& envelope) {
   }
 }
 
+/// Lets the packer write to memory that has room for what comes.
+struct Place {
+  char* at;
+  void write(const char* data, std::size_t size) { at = std::copy_n(data, size, at); }
+};
+
+/// `[1, msgid, nil, nil]`, the reply to nearly every request: without a writer, which would take a
+/// twelfth of the time of a small frame.
+std::string encode_nil_reply(std::uint32_t msgid) {
+  std::array<char, 9> bytes{};  // as much as the largest msgid takes
+  Place place{bytes.data()};
+  msgpack::packer<Place> packer(place);
+  packer.pack_array(4).pack_uint64(REPLY).pack_uint32(msgid).pack_nil().pack_nil();
+  return {bytes.data(), place.at};
+}
+
 std::string encode_outcome(std::uint32_t msgid, std::string_view error, const Reply* reply) {
   MsgpackWriter writer;
   writer.list(4).natural(REPLY).natural(msgid);
   if (reply == nullptr) {
     writer.text(error).nil();
   } else {
-    writer.nil();
-    reply->is_nil() ? writer.nil() : writer.encoded(reply->value());
+    writer.nil().encoded(reply->value());
   }
   return writer.take();
 }
@@ -96,7 +114,7 @@ bool is_reply(const Message& message) {
 }
 
 std::string encode_reply(std::uint32_t msgid, const Reply& reply) {
-  return encode_outcome(msgid, {}, &reply);
+  return reply.is_nil() ? encode_nil_reply(msgid) : encode_outcome(msgid, {}, &reply);
 }
 
 std::string encode_error(std::uint32_t msgid, std::string_view error) {
