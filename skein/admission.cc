@@ -106,8 +106,12 @@ void Admission::evict_largest(Standing standing) {
   Account& account = of(standing).first();
   const LimitError reason(
       EndReason::HELD_BYTES,
-      fmt::format("{} bytes are held for all connections, {} are allowed, and {} for this one",
-                  held_bytes_, limits_.held_bytes, account.bytes_));
+      held_bytes_ > limits_.held_bytes
+          ? fmt::format(
+                "{} bytes are held for all connections, {} are allowed, and {} for this one",
+                held_bytes_, limits_.held_bytes, account.bytes_)
+          : fmt::format("{} bytes are held for peers of its address that have gone, {} are allowed",
+                        of(standing).most(), limits_.gone_bytes));
   hold(account, 0);
   account.evict(reason);
 }

@@ -60,13 +60,13 @@ struct Connection::Buffers {
   }
   void drop_taken() {
     if (taken != stored.size()) return;
-    stored.clear();
+    make_empty(stored);
     taken = 0;
   }
   /// Gives memory back, at the cost of a copy of the rest: so only when that is the smaller part.
   void compact() {
     if (taken == 0 || taken < waiting().size()) return;
-    stored = std::string(waiting());
+    std::string(waiting()).swap(stored);  // assigning a short text would keep the memory
     taken = 0;
   }
   void reset() {
@@ -177,7 +177,7 @@ void Connection::flush(std::chrono::steady_clock::time_point now) {
     }
     kept.sent += static_cast<std::size_t>(count);
   }
-  kept.out.clear();
+  make_empty(kept.out);
   kept.sent = 0;
 }
 
@@ -192,7 +192,7 @@ std::size_t Connection::release_empty_buffers() noexcept {
     Buffers::spare = std::move(buffers_);
     return 0;
   }
-  return buffers_->stored.size() + buffers_->out.size() + Buffers::OVERHEAD_BYTES;
+  return buffers_->stored.size() + buffers_->out.capacity() + Buffers::OVERHEAD_BYTES;
 }
 
 std::chrono::steady_clock::time_point Connection::last_progress() const noexcept {

@@ -195,15 +195,6 @@ void Loop::watch_signals() {
   });
 }
 
-template <class Step>
-void Loop::guarded(Step&& step) noexcept {
-  try {
-    step();
-  } catch (const std::exception& failure) {
-    report(failure);
-  }
-}
-
 void Loop::report(const std::exception& failure) noexcept {
   try {
     if (failure_handler_) failure_handler_(failure);
@@ -256,7 +247,7 @@ void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
   if (uv->data == nullptr) return;
   auto* loop = static_cast<Loop*>(uv->loop->data);
   loop->begin_work();
-  try {
+  loop->guarded([=]() mutable {
     if (status < 0) {
       // The peer reset the connection, and libuv has stopped the handle. What came before is still
       // to be read, which may take more than one turn; reading tells the error at last.
@@ -265,9 +256,7 @@ void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
       events = UV_READABLE | UV_WRITABLE;
     }
     static_cast<PollTarget*>(uv->data)->handle_events(events);
-  } catch (const std::exception& failure) {
-    loop->report(failure);
-  }
+  });
 }
 
 TurnTask::TurnTask(Loop& loop, std::function<void()> callback)
@@ -292,11 +281,7 @@ void TurnTask::run() noexcept {
   uv_check_stop(check_.get());
   uv_idle_stop(idle_.get());
   loop_.begin_work();
-  try {
-    callback_();
-  } catch (const std::exception& failure) {
-    loop_.report(failure);
-  }
+  loop_.guarded(callback_);
 }
 
 namespace loops {

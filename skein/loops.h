@@ -140,6 +140,15 @@ class Loop {
   /// Where failures go that escape a callback. Until set, they are dropped.
   void set_failure_handler(FailureHandler handler) { failure_handler_ = std::move(handler); }
   void report(const std::exception& failure) noexcept;
+  /// Runs `step`; its failure is reported.
+  template <class Step>
+  void guarded(Step&& step) noexcept {
+    try {
+      step();
+    } catch (const std::exception& failure) {
+      report(failure);
+    }
+  }
 
   /// Destroys the object later in this turn, or on the next one.
   void discard(std::unique_ptr<LoopOwned> object) noexcept;
@@ -176,8 +185,6 @@ class Loop {
   void run_due_timers();
   void wake_at_first_due() noexcept;
   void sweep() noexcept;
-  template <class Step>
-  void guarded(Step&& step) noexcept;
 
   uv_loop_t uv_{};
   Clocks clocks_;

@@ -33,6 +33,8 @@ constexpr std::size_t GATHERED_REPLY_BYTES = 4U << 10;
 /// So many failures of the requests of one connection are reported in each interval.
 constexpr std::uint32_t FAILURES_PER_INTERVAL = 10;
 constexpr std::chrono::seconds FAILURE_INTERVAL{1};
+/// Origin of all local peers; no address of a remote one.
+constexpr std::uint32_t LOCAL = 0;
 /// Stands for all peers that have gone.
 constexpr std::uint32_t NO_SLOT = UINT32_MAX;
 
@@ -116,7 +118,7 @@ struct Server::Internals {
   /// One large frame does not make the server large for good, whatever becomes of it.
   void trim() noexcept {
     snappy.trim();
-    if (message.nodes.capacity() > KEPT_NODES) message.nodes = {};
+    if (message.nodes.capacity() > KEPT_NODES) std::vector<Value::Node>().swap(message.nodes);
   }
 
   // The encoders, in the order in which they are applied to a message that goes out, and the
@@ -148,7 +150,10 @@ void Server::Peer::handle_events(int events) {
     if ((events & UV_READABLE) != 0 && may_serve() && !end_of_stream) {
       server_.resources_.ready_queue.add(*this);
     }
-    if ((events & (UV_DISCONNECT | UV_READABLE)) != 0 && deferral != 0 && !has_hung_up()) hang_up();
+    if ((events & (UV_DISCONNECT | UV_READABLE)) != 0 && deferral != 0 && !has_hung_up() &&
+        !ended) {
+      hang_up();
+    }
   });
 }
 
@@ -204,7 +209,7 @@ bool Server::Peer::update() {
   }
   const bool readable = may_serve() && !end_of_stream;
   const bool writable = connection.unsent() != 0 && !more;
-  const bool suspended = deferral != 0 && !has_hung_up() && !end_of_stream;
+  const bool suspended = deferral != 0 && !has_hung_up();
   connection.watch((readable ? UV_READABLE : 0) | (writable ? UV_WRITABLE : 0) |
                    (suspended ? UV_DISCONNECT : 0));
   Admission& admission = server_.resources_.admission;
@@ -326,7 +331,8 @@ Connection* Server::handle_read() {
   if (connection_keepalive_) connection_keepalive_->apply(accepted.descriptor());
   // Peers of one address share an origin, and so do all local ones.
   const bool is_remote = peer_address.sin_family == AF_INET;
-  Peer& peer = add_peer(std::move(accepted), is_remote ? ntohl(peer_address.sin_addr.s_addr) : 0);
+  Peer& peer =
+      add_peer(std::move(accepted), is_remote ? ntohl(peer_address.sin_addr.s_addr) : LOCAL);
   try {
     add_connection(peer.connection);
   } catch (const SystemFailure& failure) {
@@ -373,9 +379,9 @@ void Server::add_connection(Connection&) {}
 
 void Server::remove_connection(Connection&) {}
 
-void Server::end_for(Peer& peer, const ProtocolError& fault) {
-  ++resources_.counters.ended_connections.at(static_cast<std::size_t>(fault.reason()));
-  handle_protocol_error(peer.connection, fault);
+void Server::end_for(Peer& peer, const ProtocolError& fault) noexcept {
+  ++resources_.counters.ended_connections[static_cast<std::size_t>(fault.reason())];
+  loop_.guarded([&] { handle_protocol_error(peer.connection, fault); });
   end(peer);
 }
 
@@ -392,16 +398,14 @@ void Server::end(Peer& peer) noexcept {
   internals_->ended_slots.push_back(peer.connection.slot());
   sweep_.arm();
   --connection_count_;
-  try {
+  loop_.guarded([&] {
     remove_connection(peer.connection);
-    if (internals_->failure_reports.empty()) return peer.connection.close();
+    if (internals_->failure_reports.empty()) return;
     if (const auto failures = internals_->failure_reports.extract(peer.connection.slot())) {
       const std::uint64_t left_out = failures.mapped().left_out();
       if (left_out != 0) report_left_out(&peer, left_out);
     }
-  } catch (const std::exception& failure) {
-    loop_.report(failure);
-  }
+  });
   peer.connection.close();
 }
 
@@ -487,9 +491,11 @@ bool Server::note_failure(const Peer* peer) {
 }
 
 void Server::report_left_out(const Peer* peer, std::uint64_t failures) {
-  handle_shortage(fmt::format(
-      "{} more failures of requests of {} are not logged", failures,
-      peer == nullptr ? "peers that have gone" : "a peer at " + Address{peer->origin()}.host()));
+  handle_shortage(fmt::format("{} more failures of requests of {} are not logged", failures,
+                              peer == nullptr ? "peers that have gone"
+                              : peer->origin() == LOCAL
+                                  ? "a local peer"
+                                  : "a peer at " + Address{peer->origin()}.host()));
 }
 
 std::string_view Server::error_text(const Peer& peer, const std::exception& failure) {
@@ -501,20 +507,15 @@ std::string_view Server::error_text(const Peer& peer, const std::exception& fail
 template <class Step>
 void Server::guarded(Peer& peer, Step&& step) noexcept {
   try {
-    try {
-      step();
-    } catch (const ProtocolError& fault) {
-      if (peer.ended) return;
-      peer.connection.flush(loop_.now());  // what was asked before is answered
-      end_for(peer, fault);
-    } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
-      if (peer.ended) return;
-      end(peer);
-      handle_exception(failure);
-    }
-  } catch (const std::exception& failure) {
+    step();
+  } catch (const ProtocolError& fault) {
+    if (peer.ended) return;
+    peer.connection.flush(loop_.now());  // what was asked before is answered
+    end_for(peer, fault);
+  } catch (const std::exception& failure) {  // no memory: where its next frame begins is lost
+    if (peer.ended) return;
     end(peer);
-    loop_.report(failure);
+    loop_.guarded([&] { handle_exception(failure); });
   }
 }
 
@@ -540,7 +541,7 @@ Connection* DeferredReply::connection() const noexcept {
 
 bool DeferredReply::has_peer() const noexcept {
   const Peer* const waiting = peer();
-  return waiting != nullptr && !waiting->has_hung_up() && !waiting->end_of_stream;
+  return waiting != nullptr && !waiting->has_hung_up();
 }
 
 void DeferredReply::forget_deferrer() const noexcept {
@@ -567,11 +568,9 @@ void DeferredReply::fail(const std::exception& failure) const noexcept {
 template <class Report>
 void DeferredReply::reply_error(Report&& report, std::string_view text) const noexcept {
   Peer* const waiting = peer();
-  try {
+  server_->loop_.guarded([&] {
     if (server_->note_failure(waiting)) report();
-  } catch (const std::exception& second) {
-    server_->loop_.report(second);
-  }
+  });
   if (waiting == nullptr) return;
   waiting->resume(
       [&](std::uint32_t msgid) { waiting->connection.send(encode_error(msgid, text)); });

@@ -126,7 +126,7 @@ class Server : private PollTarget {
   static std::string_view error_text(const Peer& peer, const std::exception& failure);
   void enforce_limits();
   /// Reports the fault and ends the connection.
-  void end_for(Peer& peer, const ProtocolError& fault);
+  void end_for(Peer& peer, const ProtocolError& fault) noexcept;
   void end(Peer& peer) noexcept;
   void sweep() noexcept;
   Peer& peer_of(const Connection& connection) const;

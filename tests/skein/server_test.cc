@@ -3,6 +3,7 @@
 #include "skein/resources.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/resource.h>
@@ -259,6 +260,23 @@ TEST_F(ServerTest, BytesThatAreHeldCountAndAnEvictedConnectionEnds) {
   send(valid, half.substr(2000, 2500));
   EXPECT_EQ(small.replies(), "end");
   EXPECT_EQ(server_->shortages.size(), 1U) << "only valid ones are left";
+}
+
+/// Bytes that are allocated at present.
+std::size_t allocated() {
+  const auto now = ::mallinfo2();
+  return now.uordblks + now.hblkhd;
+}
+
+TEST_F(ServerTest, MemoryOfALargeFrameIsGivenBackThoughTheNextOneHasBegun) {
+  auto peer = connect();
+  const std::string large = request(1, "fail", support::noise(1U << 20));
+  const std::size_t before = allocated();
+  send(peer, large.substr(0, large.size() / 2));
+  send(peer, large.substr(large.size() / 2) + std::string("\0\0\1", 3));
+  for (int i = 0; i < 100 && server_->failures.empty(); ++i) turns();
+  EXPECT_LT(resources_->admission.held_bytes(), 1000U);
+  EXPECT_LT(allocated(), before + (128U << 10));
 }
 
 TEST_F(ServerTest, SuspendedPeerThatHasGoneMakesRoomBeforeOneThatIsThere) {

@@ -114,7 +114,7 @@ std::size_t BadLines::bytes_of(std::string_view text, Outcome outcome) const {
 }
 
 void BadLines::block_ends() {
-  if (count_ != 0) {
+  if (count_ != 0 && last_warning_.empty()) {  // once: the line may be gone afterwards
     last_warning_ = text_of(last_, KEPT_WARNING_BYTES).substr(0, KEPT_WARNING_BYTES);
   }
   if (skipped_ > 0) log::drop(std::exchange(skipped_, 0));

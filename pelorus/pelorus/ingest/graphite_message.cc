@@ -34,7 +34,7 @@ char* write_value(char* out, std::string_view value, bool integer) {
 }
 
 void free_if_large(std::string& text) {
-  if (text.capacity() > KEPT_BYTES) text = {};
+  if (text.capacity() > KEPT_BYTES) std::string().swap(text);
 }
 
 }  // namespace

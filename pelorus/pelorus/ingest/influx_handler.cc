@@ -110,11 +110,8 @@ void InfluxHandler::limit_queues() {
 }
 
 IngestResult InfluxHandler::add_graphite(std::string_view database_name, std::string_view metrics) {
-  PROFILE_SCOPE();
-  BadLines bad_lines(bad_lines_);
-  const auto built = graphite_message_->build(metrics, bad_lines);
-  add(database_name, std::string(built.message), built.num_metrics);
-  return {built.num_metrics, bad_lines.count(), bad_lines.last_warning()};
+  GraphiteBlock block(metrics, bad_lines_);
+  return add_graphite(database_name, block, metrics.size());
 }
 
 IngestResult InfluxHandler::add_graphite(std::string_view database_name, GraphiteBlock& block,
@@ -123,7 +120,7 @@ IngestResult InfluxHandler::add_graphite(std::string_view database_name, Graphit
   const std::size_t before = block.rest.size();
   const auto built =
       graphite_message_->build_part(block.rest, most_bytes, block.message.size(), block.bad_lines);
-  if (block.message.empty()) {  // room for all, were all lines alike
+  if (block.message.empty() && !block.rest.empty()) {  // room for all, if all lines are alike
     block.message.reserve(built.message.size() * (before / most_bytes + 2));
   }
   block.message += built.message;
@@ -135,12 +132,6 @@ IngestResult InfluxHandler::add_graphite(std::string_view database_name, Graphit
 
 std::unique_ptr<GraphiteBlock> InfluxHandler::graphite_block(std::string_view metrics) {
   return std::make_unique<GraphiteBlock>(metrics, bad_lines_);
-}
-
-IngestResult InfluxHandler::add_submit(std::string_view database_name, std::string_view name,
-                                       skein::Value points) {
-  SubmitMessages messages(name, points);
-  return add_submit(database_name, messages, points.size());
 }
 
 IngestResult InfluxHandler::add_submit(std::string_view database_name, SubmitMessages& messages,

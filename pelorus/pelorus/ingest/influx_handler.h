@@ -73,11 +73,10 @@ class InfluxHandler {
                             std::size_t most_bytes);
   std::unique_ptr<GraphiteBlock> graphite_block(std::string_view metrics);
 
-  /// Adds data of the legacy submit method (event database): one message per point. A name or
-  /// point that cannot be read ends the call with a warning; ArgumentTypeError is thrown for
-  /// points and times of another kind. `columns` and `time_precision` are not used.
-  IngestResult add_submit(std::string_view database, std::string_view name, skein::Value points);
-  /// The same for the next `most_points` points only: a request of many takes long.
+  /// Adds data of the legacy submit method (event database): one message per point, for the next
+  /// `most_points` points, because many take long. A name or point that cannot be read ends the
+  /// call with a warning; ArgumentTypeError is thrown for points and times of another kind.
+  /// `columns` and `time_precision` are not used.
   IngestResult add_submit(std::string_view database, SubmitMessages& messages,
                           std::size_t most_points);
 

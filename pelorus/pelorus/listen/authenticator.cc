@@ -18,6 +18,7 @@
 #include "skein/intrusive_list.h"
 #include "skein/profile_scope.h"
 #include "skein/resources.h"
+#include "skein/throttle.h"
 
 namespace pelorus {
 namespace {
@@ -36,6 +37,9 @@ bool spells(std::string_view given, std::string_view key) {
   return at == key.size();
 }
 
+/// Between two reports of requests that were dropped.
+constexpr std::chrono::seconds DROP_REPORT_INTERVAL{10};
+
 /// After such a pause, requests that wait for room are looked at again.
 constexpr std::chrono::milliseconds ROOM_PAUSE{20};
 
@@ -51,6 +55,9 @@ class Authenticator::PendingRequest final : public skein::Admission::Account,
   ~PendingRequest();
 
   std::optional<Operation> operation;  ///< none once it was evicted
+  /// Its memory is held for it: after it was made, and after each step. Throws std::bad_alloc.
+  void hold();
+
   const skein::DeferredReply reply;
   std::list<PendingRequest>::iterator place;  ///< among those of its key
   /// When it runs whether there is room or not; none before it has met a full buffer.
@@ -100,6 +107,7 @@ struct Authenticator::Queues {
   /// Keys that wait for their question: the known ones, those whose peer is still there, the
   /// others. Behind these, those whose first request waits for room.
   std::array<skein::IntrusiveList<PendingKey, &PendingKey::place>, 4> queues;
+  skein::Throttle drop_reports{DROP_REPORT_INTERVAL};
 };
 
 Authenticator::PendingRequest::PendingRequest(Authenticator& authenticator, PendingKey& key,
@@ -110,8 +118,12 @@ Authenticator::PendingRequest::PendingRequest(Authenticator& authenticator, Pend
       authenticator_(authenticator),
       key_(key) {
   operation.emplace(views.owned());
-  authenticator.resources_.admission.hold(
-      *this, PENDING_OVERHEAD_BYTES + key.key->size() + operation->bytes());
+  hold();
+}
+
+void Authenticator::PendingRequest::hold() {
+  authenticator_.resources_.admission.hold(
+      *this, PENDING_OVERHEAD_BYTES + key_.key->size() + operation->bytes());
 }
 
 Authenticator::PendingRequest::~PendingRequest() {
@@ -122,8 +134,8 @@ Authenticator::PendingRequest::~PendingRequest() {
 void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
   reply.forget_deferrer();
   if (!reply.has_peer()) {
-    log::warning("Dropping a request whose peer has gone: {}.", reason.what());
     ++authenticator_.resources_.counters.refused_requests;
+    authenticator_.loop_.guarded([&] { authenticator_.report_dropped(reason); });
   }
   reply.end_connection(reason);
   operation.reset();
@@ -133,10 +145,14 @@ void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
 /// What a known node has left behind is kept as before.
 void Authenticator::PendingRequest::handle_hang_up() noexcept {
   if (authenticator_.valid_.contains(*key_.key)) return;
-  try {
-    authenticator_.resources_.admission.set_standing(*this, skein::Standing::GONE);
-  } catch (const std::exception& failure) {
-    authenticator_.loop_.report(failure);
+  authenticator_.loop_.guarded(
+      [this] { authenticator_.resources_.admission.set_standing(*this, skein::Standing::GONE); });
+}
+
+void Authenticator::report_dropped(const skein::LimitError& reason) {
+  if (const auto left_out = queues_->drop_reports.pass(loop_.now())) {
+    log::warning("Dropping a request whose peer has gone: {}{}.", reason.what(),
+                 *left_out == 0 ? "" : fmt::format(" ({} times more before)", *left_out));
   }
 }
 
@@ -225,8 +241,7 @@ skein::Reply Authenticator::forward(const skein::Request& request, const Key& no
   }
   PendingKey& pending = keep(request, key, operation);
   if (admitted) {
-    pending.state = PendingKey::State::ADMITTED;
-    resources_.ready_queue.add(pending);
+    admit(pending);
   } else if (!behind_others) {
     check_auth(pending);
   } else {
@@ -285,6 +300,11 @@ void Authenticator::enqueue(PendingKey& pending, std::size_t rank) noexcept {
   queues_->queues[rank].push_back(pending);
 }
 
+void Authenticator::admit(PendingKey& pending) noexcept {
+  pending.state = PendingKey::State::ADMITTED;
+  resources_.ready_queue.add(pending);
+}
+
 void Authenticator::check_auth(PendingKey& pending) noexcept {
   enqueue(pending, rank_of(pending));
   ask();
@@ -340,10 +360,7 @@ void Authenticator::validate(const PendingKey& pending, bool is_valid) {
 
 void Authenticator::handle_outcome(PendingKey& pending, bool is_valid,
                                    const std::exception_ptr& failure) noexcept {
-  if (is_valid) {
-    pending.state = PendingKey::State::ADMITTED;
-    return resources_.ready_queue.add(pending);
-  }
+  if (is_valid) return admit(pending);
   pending.state = PendingKey::State::BUSY;
   finish_first(pending, failure);  // without a failure: dropped in silence
   continue_with(pending);
@@ -394,8 +411,7 @@ void Authenticator::end_wait_for_room() noexcept {
   while (!waiting.empty()) {
     PendingKey& pending = waiting.front();
     waiting.remove(pending);
-    pending.state = PendingKey::State::ADMITTED;
-    resources_.ready_queue.add(pending);
+    admit(pending);
   }
 }
 
@@ -408,7 +424,10 @@ bool Authenticator::run_first(PendingKey& pending) noexcept {
     if (first.operation) {
       IngestResult ingested = first.operation->run(influx_handler_);
       if (connection != nullptr) sessions_[*connection].counters.count(std::move(ingested));
-      if (!first.operation->is_done()) return false;
+      if (!first.operation->is_done()) {
+        first.hold();
+        return false;
+      }
     }
   } catch (const std::exception&) {
     failure = std::current_exception();
@@ -447,8 +466,7 @@ void Authenticator::continue_with(PendingKey& pending) noexcept {
     case Next::QUESTION:
       return check_auth(pending);
     case Next::ADMITTED:
-      pending.state = PendingKey::State::ADMITTED;
-      return resources_.ready_queue.add(pending);
+      return admit(pending);
   }
 }
 

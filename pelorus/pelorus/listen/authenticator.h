@@ -44,8 +44,8 @@ constexpr std::chrono::seconds LONGEST_WAIT_FOR_ROOM{30};
 ///   confirmed before, those whose peer is still there, those whose peer has gone. So any number of
 ///   made-up keys keeps no known node waiting.
 /// - Admitted requests run on the turns of the loop that the ready queue gives them, a "submit" of
-///   many points in steps, as the buffer of its database has room. Later requests of the key wait
-///   for it.
+///   many points, or a long block of Graphite, in steps: a "submit" as the buffer of its database
+///   has room. Later requests of the key wait for it.
 /// - A request whose peer has gone is counted and run all the same; its reply goes nowhere.
 /// - Of a key that was never confirmed the newest requests wait; the others are refused, those
 ///   whose peers have gone before the rest.
@@ -99,6 +99,8 @@ class Authenticator {
   /// Keeps the request at the end of those of its key.
   PendingKey& keep(const skein::Request& request, const std::string& key,
                    const Operation& operation);
+  /// The first request of the key may run.
+  void admit(PendingKey& pending) noexcept;
   /// Asks the web server about the key as soon as there is room.
   void check_auth(PendingKey& pending) noexcept;
   /// Refuses a request of the key if too many wait. Its connection continues, which may evict
@@ -125,6 +127,7 @@ class Authenticator {
   Next next_of(const PendingKey& pending) noexcept;
   void continue_with(PendingKey& pending) noexcept;
   void erase(PendingKey& pending) noexcept;
+  void report_dropped(const skein::LimitError& reason);
   /// The request has been evicted.
   void forget(PendingKey& pending, const PendingRequest& request) noexcept;
 

@@ -116,7 +116,10 @@ class LocalServer::LongRequest final : public skein::ReadyQueue::Entry,
     while (credit.spend(operation_.cost())) {
       try {
         IngestResult ingested = operation_.run(server_.influx_handler_);
-        if (!operation_.is_done()) continue;
+        if (!operation_.is_done()) {
+          server_.resources().admission.hold(*this, operation_.bytes());
+          continue;
+        }
         if (const skein::Connection* connection = reply_.connection()) {
           server_.sessions_[*connection].counters.count(std::move(ingested));
         }

@@ -55,7 +55,8 @@ Operation Operation::owned() const {
 }
 
 std::size_t Operation::bytes() const noexcept {
-  return (own_text_ ? own_text_->size() : 0) + (own_points_ ? own_points_->bytes() : 0);
+  return (own_text_ ? own_text_->size() : 0) + (own_points_ ? own_points_->bytes() : 0) +
+         (block_ ? block_->message.size() : 0);
 }
 
 std::size_t Operation::points() const noexcept {

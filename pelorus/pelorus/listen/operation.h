@@ -31,12 +31,12 @@ class Operation {
   Operation& operator=(const Operation&) = delete;
   ~Operation();
 
-  /// The same on copies of the arguments. None of its steps must have run.
+  /// The same on copies of the arguments. To be called before the first step.
   Operation owned() const;
-  /// Memory that the copies take up.
+  /// Memory that the copies take up, and what the steps so far have made.
   std::size_t bytes() const noexcept;
 
-  /// One step does it, and there is room for what it adds.
+  /// One step completes it, and the queue of its database has room for what it adds.
   bool is_short(const InfluxHandler& handler) const noexcept;
   /// Whether the next step leaves half the queue of its database to others. One that adds few
   /// messages always has room.

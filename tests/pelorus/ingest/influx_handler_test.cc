@@ -10,6 +10,7 @@
 #include "../handler_fixture.h"
 #include "pelorus/pelorus/errors.h"
 #include "pelorus/pelorus/ingest/bad_lines.h"
+#include "pelorus/pelorus/ingest/submit_message.h"
 #include "pelorus/pelorus/log_writer.h"
 #include "skein/encoders/msgpackencoder.h"
 
@@ -119,7 +120,8 @@ TEST_F(InfluxHandlerTest, BadLinesAreCountedByTheirKind) {
                         "m000.nginx.other 1 1\nm000.irq 1 1\nm000.load.load 1 1\n");
   skein::Message nil;
   skein::MsgpackEncoder::decode("\x91\xc0", nil);
-  handler_.add_submit("bonding", "node1.tunnel-2.state", nil.root());
+  SubmitMessages messages("node1.tunnel-2.state", nil.root());
+  handler_.add_submit("bonding", messages, 1);
   EXPECT_EQ(handler_.bad_lines(), (BadLineCounts{1, 2, 1, 1, 2, 1}));
 }
 
