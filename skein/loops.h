@@ -160,9 +160,12 @@ class Loop {
     if (!now_ || work_began_ == 0) now_ = clocks_.monotonic();
     return *now_;
   }
-  /// Whole seconds of a clock that never steps, as of the beginning of the present turn: costs
-  /// nothing.
-  std::uint32_t seconds() const noexcept { return static_cast<std::uint32_t>(uv_now(&uv_) / 1000); }
+  /// now() in whole seconds since the machine was started.
+  std::uint32_t seconds() {
+    const auto since_start = now().time_since_epoch();
+    return static_cast<std::uint32_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
+  }
   /// The longest turn of the last minute: so long an event had to wait for others at worst.
   std::chrono::milliseconds longest_turn() const noexcept {
     return std::chrono::milliseconds(turns_.most(uv_now(&uv_)));

@@ -78,13 +78,13 @@ std::vector<Member> choose(const ConnectionGroup& group, const ConnectionChoice&
   return chosen;
 }
 
-void write_moment(MsgpackWriter& out, std::uint32_t moment, const skein::Loop& loop) {
+void write_moment(MsgpackWriter& out, std::uint32_t moment, skein::Loop& loop) {
   const std::uint32_t now = loop.seconds();
   out.real(loop.clocks().wall() - static_cast<double>(now - std::min(now, moment)));
 }
 
 void write_connection(MsgpackWriter& out, const Member& member, const ConnectionGroup& group,
-                      const skein::Loop& loop) {
+                      skein::Loop& loop) {
   const SessionCounters& counters = member.session->counters;
   const skein::Connection::Traffic& traffic = member.connection->traffic();
   out.map(10).text("address").text(group.address(member));
@@ -100,7 +100,7 @@ void write_connection(MsgpackWriter& out, const Member& member, const Connection
 }
 
 void write_group(MsgpackWriter& out, const ConnectionGroup& group, const ConnectionChoice& choice,
-                 const skein::Loop& loop) {
+                 skein::Loop& loop) {
   const auto chosen = choose(group, choice);
   out.text(group.name).map(2).text("open").natural(group.members.size());
   out.text("connections").list(chosen.size());

@@ -44,7 +44,7 @@ struct ConnectionGroup {
 struct StatusSources {
   const InfluxHandler& influx_handler;
   const skein::PeerCounters& peers;
-  const skein::Loop& loop;
+  skein::Loop& loop;
   const StartTime& started;
   std::span<const ConnectionGroup> groups;
 };
