@@ -227,11 +227,7 @@ void LogWriter::detach() {
 void LogWriter::turn_ends() {
   writes_ = 0;
   if (reader_ != Reader::READY || buffer_.next().empty()) return;
-  try {
-    flush();
-  } catch (const std::exception& failure) {  // no exception may cross libuv, which has called
-    loop_->report(failure);
-  }
+  loop_->guarded([this] { flush(); });  // no exception may cross libuv, which has called
 }
 
 bool LogWriter::flush() {

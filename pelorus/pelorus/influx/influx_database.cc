@@ -54,11 +54,7 @@ void InfluxDatabase::add(std::string message) {
   const std::size_t bytes = message.size();
   pending_data_.push_back(std::move(message));
   counters_.queued += {1, bytes};
-  try {
-    process_data();
-  } catch (const std::exception& failure) {  // the message is queued: nobody is to add it again
-    loop_.report(failure);
-  }
+  loop_.guarded([this] { process_data(); });  // the message is queued: nobody is to add it again
 }
 
 void InfluxDatabase::process_data() {

@@ -84,7 +84,7 @@ std::string_view InfluxHTTPRequest::next_slice() {
 void InfluxHTTPRequest::handle_end() noexcept {
   PROFILE_SCOPE();
   const HTTPResponse& response = exchange_.response();
-  reported([&] {
+  loop_.guarded([&] {
     if (!exchange_.connected()) return;  // handle_close() makes it a failure
     if (!response.complete()) {
       handle_failure(std::nullopt);
@@ -94,17 +94,8 @@ void InfluxHTTPRequest::handle_end() noexcept {
       handle_failure(response.body());
     }
   });
-  reported([this] { handle_close(); });
+  loop_.guarded([this] { handle_close(); });
   batch_.clear();
-}
-
-template <class Step>
-void InfluxHTTPRequest::reported(Step&& step) noexcept {
-  try {
-    step();
-  } catch (const std::exception& failure) {
-    loop_.report(failure);
-  }
 }
 
 void InfluxHTTPRequest::handle_success(std::string_view) { database_.handle_success(); }

@@ -47,8 +47,6 @@ class InfluxHTTPRequest : public InfluxDatabase::Request, private HTTPExchange::
   std::string failure_text(std::optional<std::string_view> data) const;
   std::string excerpt(std::optional<std::string_view> data) const;
   bool repeats_credentials(std::string_view text) const;
-  template <class Step>
-  void reported(Step&& step) noexcept;
 
   const std::string database_name_;
   InfluxDatabase& database_;

@@ -101,7 +101,7 @@ void CurlMulti::add(CURL* easy) {
 
 bool CurlMulti::serve_ready(CURL* easy) noexcept {
   bool any = false;
-  try {
+  loop_.guarded([&] {
     std::vector<curl_socket_t> sockets;  // serving one may change what is watched
     for (const auto& [socket, watch] : watches_) {
       if (watch->serves(easy)) sockets.push_back(socket);
@@ -110,9 +110,7 @@ bool CurlMulti::serve_ready(CURL* easy) noexcept {
       const auto watch = watches_.find(socket);
       any = (watch != watches_.end() && watch->second->serve_ready()) || any;
     }
-  } catch (const std::exception& failure) {
-    loop_.report(failure);
-  }
+  });
   return any;
 }
 
@@ -121,21 +119,13 @@ void CurlMulti::remove(CURL* easy) noexcept { curl_multi_remove_handle(multi_, e
 // A descriptor that cannot be watched shows nothing, and its transfer ends by its owner's time-out.
 int CurlMulti::on_socket(CURL* easy, curl_socket_t socket, int wanted, void* self, void*) noexcept {
   auto& multi = *static_cast<CurlMulti*>(self);
-  try {
-    multi.watch(easy, socket, wanted);
-  } catch (const std::exception& failure) {
-    multi.loop_.report(failure);
-  }
+  multi.loop_.guarded([&] { multi.watch(easy, socket, wanted); });
   return 0;
 }
 
 int CurlMulti::on_timer(CURLM*, long milliseconds, void* self) noexcept {
   auto& multi = *static_cast<CurlMulti*>(self);
-  try {
-    multi.set_timer(milliseconds);
-  } catch (const std::exception& failure) {
-    multi.loop_.report(failure);
-  }
+  multi.loop_.guarded([&] { multi.set_timer(milliseconds); });
   return 0;
 }
 

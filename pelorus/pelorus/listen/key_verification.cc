@@ -205,24 +205,22 @@ void KeyVerification::Exchange::set_connected(bool connected) {
 curl_socket_t KeyVerification::Exchange::on_open_socket(void* self, curlsocktype,
                                                         curl_sockaddr* address) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
-  try {
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  exchange.loop_.guarded([&] {
     if (exchange.connected_) exchange.set_connected(false);
-  } catch (const std::exception& failure) {
-    exchange.loop_.report(failure);
-    return CURL_SOCKET_BAD;
-  }
-  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    socket = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  });
+  return socket;
 }
 
 int KeyVerification::Exchange::on_connected(void* self, char*, char*, int, int) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
-  try {
+  int result = CURL_PREREQFUNC_ABORT;
+  exchange.loop_.guarded([&] {
     exchange.set_connected(true);
-    return CURL_PREREQFUNC_OK;
-  } catch (const std::exception& failure) {
-    exchange.loop_.report(failure);
-    return CURL_PREREQFUNC_ABORT;
-  }
+    result = CURL_PREREQFUNC_OK;
+  });
+  return result;
 }
 
 std::size_t KeyVerification::Exchange::on_head(const char*, std::size_t, std::size_t count,
@@ -233,14 +231,13 @@ std::size_t KeyVerification::Exchange::on_head(const char*, std::size_t, std::si
 std::size_t KeyVerification::Exchange::on_body(const char* bytes, std::size_t, std::size_t count,
                                                void* self) noexcept {
   auto& exchange = *static_cast<Exchange*>(self);
-  if (!exchange.accept(count)) return 0;
-  try {
+  std::size_t taken = 0;
+  exchange.loop_.guarded([&] {
+    if (!exchange.accept(count)) return;
     exchange.response_.body.append(bytes, count);
-    return count;
-  } catch (const std::exception& failure) {
-    exchange.loop_.report(failure);
-    return 0;
-  }
+    taken = count;
+  });
+  return taken;
 }
 
 bool KeyVerification::Exchange::accept(std::size_t count) noexcept {
@@ -318,11 +315,7 @@ void KeyVerification::deliver() noexcept {
   for (const auto& exchange : exchanges_) {
     if (!exchange->has_outcome()) continue;
     idle_.push_back(exchange.get());  // which has had its place there before
-    try {
-      exchange->deliver();
-    } catch (const std::exception& failure) {
-      loop_.report(failure);
-    }
+    loop_.guarded([&] { exchange->deliver(); });
   }
 }
 
