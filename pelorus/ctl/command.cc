@@ -202,9 +202,9 @@ Json ask(const ServerOptions& server, std::string_view request, const skein::Msg
   return json_of(client.call(request, args).result());
 }
 
-const Json& at(const Json& json, const std::string& pointer) {
+const Json& at(const Json& json, std::string_view pointer) {
   static const Json MISSING;
-  const Json::json_pointer path(pointer);
+  const Json::json_pointer path{std::string(pointer)};
   return json.contains(path) ? json.at(path) : MISSING;
 }
 
@@ -212,16 +212,16 @@ const Json& database_in(const Json& status, const std::string& name) {
   return at(status, (Json::json_pointer("/databases") / name).to_string());
 }
 
-std::optional<double> number_at(const Json& json, const std::string& pointer) {
+std::optional<double> number_at(const Json& json, std::string_view pointer) {
   const Json& value = at(json, pointer);
   return value.is_number() ? std::optional(value.get<double>()) : std::nullopt;
 }
 
-double count_at(const Json& json, const std::string& pointer) {
+double count_at(const Json& json, std::string_view pointer) {
   return number_at(json, pointer).value_or(0);
 }
 
-std::string text_at(const Json& json, const std::string& pointer) {
+std::string text_at(const Json& json, std::string_view pointer) {
   const Json& value = at(json, pointer);
   return value.is_string() ? value.get<std::string>() : "";
 }

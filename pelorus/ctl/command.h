@@ -79,15 +79,15 @@ using Json = nlohmann::ordered_json;
 Json ask(const ServerOptions& server, std::string_view request, const skein::MsgpackWriter& args);
 
 /// The value at a JSON pointer such as "/totals/messages"; null if it is missing.
-const Json& at(const Json& json, const std::string& pointer);
+const Json& at(const Json& json, std::string_view pointer);
 /// What the reply to "status" says of a database; null if it is missing.
 const Json& database_in(const Json& status, const std::string& name);
 /// The number at a JSON pointer; none if it is missing or no number.
-std::optional<double> number_at(const Json& json, const std::string& pointer);
+std::optional<double> number_at(const Json& json, std::string_view pointer);
 /// The number at a JSON pointer, or 0.
-double count_at(const Json& json, const std::string& pointer);
+double count_at(const Json& json, std::string_view pointer);
 /// The text at a JSON pointer, or an empty one.
-std::string text_at(const Json& json, const std::string& pointer);
+std::string text_at(const Json& json, std::string_view pointer);
 
 /// The value as JSON with a newline at the end. Bytes that are not UTF-8 become replacement
 /// characters.
