@@ -74,11 +74,11 @@ def main(base, wanted):
     with tempfile.TemporaryDirectory(prefix="pelorus-compare-") as folder:
         setting = Setting(folder)
         frames = {"lines": 100_000, "per_frame": 1, "in_flight": 2000}
-        road = {"lines": 1_000_000, "per_frame": 1000, "per_write": 5}
+        path = {"lines": 1_000_000, "per_frame": 1000, "per_write": 5}
         bad = {"lines": 500_000, "per_frame": 1000, "per_write": 5, "bad_every": 5}
         measures = {
             (1, 2): lambda: blocks(base),
-            (3,): lambda: [alternate(setting, base, road, PELORUS_MAX_BATCH_SIZE=5)],
+            (3,): lambda: [alternate(setting, base, path, PELORUS_MAX_BATCH_SIZE=5)],
             (5, 6): lambda: crowd(setting, base),
             (9,): lambda: [alternate(setting, base, frames, PELORUS_IDEAL_QUEUED_MESSAGES=1000)],
             (10,): lambda: [stats(setting, base)],

@@ -51,8 +51,8 @@ class Bench {
     return used;
   }
 
-  /// Lets what is under way come to its end.
-  void settle(double seconds) {
+  /// Lets pending work finish.
+  void run_for(double seconds) {
     loop_.call_in(seconds, [this] { loop_.stop(); });
     loop_.run();
   }
@@ -81,7 +81,7 @@ bench::Pace read_pace(const json& wanted) {
 
 /// {"run": "alternate", "sink": PORT, "key": KEY, "pairs": N, "sides": [{"pid", "port", "answers",
 /// "connections", "first_line", "lines", "per_frame", "bad_every", "in_flight", "per_write"}, …]}:
-/// N times one burst to each side in turn, after one that does not count.
+/// N times one burst to each side alternately, after one that does not count.
 json alternate(const json& wanted) {
   Bench bench(wanted.at("sink").get<std::int64_t>());
   struct Prepared {
@@ -100,7 +100,7 @@ json alternate(const json& wanted) {
     json used = json::array();
     for (Prepared& each : prepared) {
       used.push_back(bench.burst(each.side, each.frames, each.pace));
-      bench.settle(0.02);
+      bench.run_for(0.02);
     }
     if (pair >= 0) cpu.push_back(used);
   }
@@ -135,18 +135,18 @@ json crowd(const json& wanted) {
   const bench::Frames lines({.lines = connections, .per_frame = 1},
                             wanted.at("key").get<std::string>());
   crowded.connect(1, 1);
-  bench.settle(0.5);
+  bench.run_for(0.5);
   const std::size_t before = resident_bytes(crowded.process());
   crowded.connect(connections + 1, connections + 1);
   bench.burst(crowded, lines, one_by_one);
-  bench.settle(2.5);  // the rest of the queue is written a second after the last message
+  bench.run_for(2.5);  // the rest of the queue is written a second after the last message
   const std::size_t after = resident_bytes(crowded.process());
   answer["bytes_per_connection"] =
       (static_cast<double>(after) - static_cast<double>(before)) / static_cast<double>(connections);
 
   for (int window = 0; window < wanted.at("idle_windows").get<int>(); ++window) {
     const double used = bench::cpu_seconds(crowded.process());
-    bench.settle(wanted.at("idle_seconds").get<double>());
+    bench.run_for(wanted.at("idle_seconds").get<double>());
     answer["idle_cpu"].push_back(bench::cpu_seconds(crowded.process()) - used);
   }
   alone.connect(1, 1);

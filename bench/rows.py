@@ -15,7 +15,7 @@ from setting import HANGING_KEY
 
 PAIRS = 9
 CROWD = 10_000
-DESCRIPTORS_BESIDE = 200  # what the daemon and the load need for other things than the crowd
+DESCRIPTORS_BESIDE = 200  # what the daemon and the load need besides the crowd
 
 
 @dataclass
@@ -87,11 +87,11 @@ def block_rows(setting):
 
 
 @measures(3)
-def road_row(setting):
-    """3: the whole road of a block."""
+def path_row(setting):
+    """3: the whole path of a block."""
     lines = 1_000_000
     how = {"lines": lines, "per_frame": 1000, "per_write": 5}
-    daemon = setting.daemon("road", PELORUS_MAX_BATCH_SIZE=5)
+    daemon = setting.daemon("path", PELORUS_MAX_BATCH_SIZE=5)
     floor = setting.floor("write")
     answer = setting.load(run="alternate", pairs=PAIRS,
                           sides=[setting.side(daemon, **how), setting.side(floor, **how)])
@@ -283,5 +283,5 @@ def bad_lines_row(setting):
     yield row
 
 
-MEASUREMENTS = (block_rows, road_row, influxd_row, crowd_rows, peak_row, frame_row, stats_row,
+MEASUREMENTS = (block_rows, path_row, influxd_row, crowd_rows, peak_row, frame_row, stats_row,
                 buffer_rows, bad_lines_row)

@@ -60,7 +60,7 @@ def verification_figures(setting):
     """Keys that are seen for the first time, over one connection each."""
     daemon = setting.daemon("keys")
     keys = [f"{number:032x}" for number in range(KEYS)]
-    setting.know(keys)
+    setting.confirm(keys)
     begin, before = time.monotonic(), daemon.processor_seconds()
     nodes = [SkeinClient(daemon.node_address, 60) for _ in keys[:500]]
     for first in range(0, KEYS, len(nodes)):

@@ -72,8 +72,8 @@ class Setting:
 
     key = KEY
 
-    def know(self, keys):
-        """From now on the web server confirms these keys, too."""
+    def confirm(self, keys):
+        """Makes the web server confirm these keys, too."""
         self._web.keys.update(keys)
 
     def stop(self, process):

@@ -17,7 +17,7 @@
 namespace bench {
 namespace {
 
-/// A burst that takes longer hangs.
+/// A burst that takes longer has failed.
 constexpr double LONGEST_BURST_SECONDS = 120;
 /// Connections from one address, which has some 28,000 ports for them.
 constexpr std::size_t CONNECTIONS_PER_ADDRESS = 5000;
@@ -158,7 +158,7 @@ double Side::burst(const Frames& frames, const Pace& pace,
     finish();
   });
   const double before = cpu_seconds(server_.process);
-  go_on();
+  advance();
   if (!over_) loop_.run();
   const double used = cpu_seconds(server_.process) - before;
   limit.cancel();
@@ -167,10 +167,10 @@ double Side::burst(const Frames& frames, const Pace& pace,
 }
 
 void Side::written() {
-  if (!over_) go_on();
+  if (!over_) advance();
 }
 
-void Side::go_on() {
+void Side::advance() {
   const std::size_t answered = server_.answers ? answered_ : sent_;
   if (pace_.per_write != 0) {
     const std::size_t round_end =
@@ -178,7 +178,7 @@ void Side::go_on() {
     const bool round_sent = sent_ == round_end;
     if (!round_sent && answered == sent_) send(*streams_[0], round_end - sent_);
   } else if (active_ == 1) {
-    // Refilled by halves: several frames go with one call.
+    // Refilled by halves: several frames are sent with one call.
     const std::size_t in_flight = sent_ - answered_;
     if (!server_.answers || in_flight <= pace_.in_flight / 2) {
       const std::size_t room = server_.answers ? pace_.in_flight - in_flight : frames_->count();
@@ -208,7 +208,7 @@ void Side::send(Stream& stream, std::size_t count) {
 
 void Side::answered(std::size_t count) {
   answered_ += count;
-  if (!over_) go_on();
+  if (!over_) advance();
 }
 
 void Side::closed(Stream&) {

@@ -14,18 +14,18 @@
 
 namespace bench {
 
-/// How a burst of frames goes to a server.
+/// How fast a burst of frames is sent to a server.
 struct Pace {
   /// Frames sent and not answered yet, over all connections. With more than one connection, each
   /// has at most one of them: a node waits for the answer to its request.
   std::size_t in_flight = 1;
   /// Frames after which the sender waits until all are answered and one write has reached the
-  /// sink; 0: it goes on without looking at the sink.
+  /// sink; 0: it continues without waiting for the sink.
   std::size_t per_write = 0;
 };
 
-/// A server under measurement, with connections to it that last. Compares replies with the one good
-/// reply instead of reading them, so that thousands of connections cost little. Borrows the loop.
+/// A server under measurement, with lasting connections to it. Compares replies with the expected
+/// bytes instead of parsing them, so that thousands of connections cost little. Borrows the loop.
 class Side {
  public:
   struct Server {
@@ -39,7 +39,7 @@ class Side {
   Side(skein::Loop& loop, const Server& server);
   ~Side();
 
-  /// Makes it `count` connections, of which the first `active` take part in bursts.
+  /// Opens connections until there are `count`, of which the first `active` take part in bursts.
   void connect(std::size_t count, std::size_t active);
   /// Sends all frames and runs the loop until the burst is over. Returns the CPU seconds that the
   /// server took. `writes`: how many writes the sink has taken. Throws std::runtime_error.
@@ -52,7 +52,7 @@ class Side {
  private:
   class Stream;
 
-  void go_on();
+  void advance();
   void send(Stream& stream, std::size_t count);
   void answered(std::size_t count);
   void closed(Stream& stream);

@@ -207,7 +207,7 @@ void NodeSender::send(const Block& block) {
     if (error.kind() == skein::ClientError::Kind::SERVER) {
       return errors_.refused(error.what(), block.values, Clock::now());
     }
-    // The server may have been restarted since the last block: reconnect at once, report nothing.
+    // The server may have been restarted since the last block: reconnect and report nothing.
     if (!was_open || error.kind() != skein::ClientError::Kind::LOST) throw;
     send(block);
   }

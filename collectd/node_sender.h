@@ -38,12 +38,12 @@ class ErrorReporter {
   void answered(Loss loss, Clock::time_point now);
   /// The server answered with an error; the block of `values` values is dropped.
   void refused(const std::string& reason, std::size_t values, Clock::time_point now);
-  /// When report() has something to say; far in the future without lost values.
+  /// When report() has a line to log; far in the future without lost values.
   Clock::time_point due() const;
-  /// Reports the lost values whose time has come.
+  /// Reports the lost values that are due.
   void report(Clock::time_point now);
-  /// The end of collectd. `unsent` was not sent because of `reason`, `dropped` is what the queue
-  /// dropped since the last answer.
+  /// collectd ends. `unsent` was not sent because of `reason`; `dropped` is what the queue dropped
+  /// since the last answer.
   void stopped(Loss unsent, Loss dropped, const std::string& reason);
 
  private:
@@ -69,7 +69,7 @@ class ErrorReporter {
 };
 
 /// Exponential backoff with full jitter: each wait is random, between zero and a bound that doubles
-/// with every failure. So many senders do not come back at the same moment.
+/// with every failure, so that many senders do not retry at the same moment.
 class Backoff {
  public:
   using Duration = std::chrono::milliseconds;
@@ -110,7 +110,7 @@ class NodeSender {
 
   /// Queues complete lines; never waits for the network. Any thread.
   void add(std::string_view lines);
-  /// Sends what has waited for at least `age`. Any thread.
+  /// Sends the lines that have waited for at least `age`. Any thread.
   void flush(Clock::duration age);
 
   /// Tells the thread to send everything and then to end; does not wait for it.

@@ -12,10 +12,10 @@ namespace pelorus {
 
 using namespace std::chrono_literals;
 
-/// A node key that was verified this long ago is verified again.
+/// Age at which a verified node key is verified again.
 constexpr std::chrono::seconds VALID_CUTOFF{3600};
-/// Points of a legacy submit request in a turn of the loop: about a millisecond of work, whatever
-/// numbers they hold.
+/// Points of a legacy submit request in one turn of the loop: about a millisecond of work, whatever
+/// their values.
 constexpr std::size_t POINTS_PER_TURN = 1024;
 /// Pending connections of either listening socket.
 constexpr int LISTEN_BACKLOG = 1024;
@@ -26,17 +26,17 @@ constexpr std::string_view NODE_KEY_VERIFICATION_API_URL =
 constexpr double NODE_API_TIMEOUT = 1.0;  // seconds
 /// Time between two reports of the daemon about itself.
 constexpr int STATS_INTERVAL = 10;  // seconds
-/// A node that vanished without closing its connection is noticed after 300 + 4 × 8 seconds.
+/// A node that has vanished without closing its connection is noticed after 300 + 4 × 8 seconds.
 constexpr int KEEPALIVE_IDLE = 300;  // seconds
 constexpr int KEEPALIVE_COUNT = 4;
 constexpr int KEEPALIVE_INTERVAL = 8;  // seconds
 constexpr skein::Keepalive KEEPALIVE{
     .count = KEEPALIVE_COUNT, .idle = KEEPALIVE_IDLE, .interval = KEEPALIVE_INTERVAL};
 
-/// The account and group that own the local socket, and the database of the daemon's own records.
+/// Account and group of the local socket; database of the daemon's own records.
 constexpr const char* TIDEWELL_ACCOUNT = "tidewell";
 constexpr std::string_view TIDEWELL_DATABASE = "tidewell";
-/// The database of what the nodes' collectd sends.
+/// The database of the data that nodes send.
 constexpr std::string_view BONDING_DATABASE = "bonding";
 
 }  // namespace pelorus

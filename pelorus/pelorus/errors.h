@@ -4,14 +4,14 @@
 
 namespace pelorus {
 
-/// A setting is missing, of the wrong type or senseless, or the settings cannot be read. The text
-/// names the key and the source, never a value.
+/// A setting is missing, of the wrong type or out of range, or the settings cannot be read. The
+/// text names the key and the source, never a value.
 class SettingsError : public skein::Failure {
  public:
   using Failure::Failure;
 };
 
-/// A database that is not configured.
+/// A request names a database that is not configured.
 class UnknownDatabaseError : public skein::Failure {
  public:
   using Failure::Failure;
@@ -23,7 +23,7 @@ class OutputBufferFullError : public skein::Failure {
   using Failure::Failure;
 };
 
-/// A request's argument holds a value of a kind that cannot be used there.
+/// A value in a request's argument has a type that is not supported there.
 class ArgumentTypeError : public skein::Failure {
  public:
   using Failure::Failure;

@@ -14,32 +14,32 @@ namespace skein {
 class Loop;
 }
 
-// The log of the daemon. Logging never blocks and a line never breaks in two: see LogWriter.
-// Control bytes in whatever is logged are escaped. Loop thread only.
+// The log of the daemon. Logging never blocks and never breaks a line in two: see LogWriter.
+// Control bytes in logged texts are escaped. Loop thread only.
 namespace pelorus::log {
 
 enum class Level : std::uint8_t { DEBUG, INFO, WARNING, ERROR };
 
-/// Logs to standard error from now on, at the level that PELORUS_LOG_LEVEL names (debug, info,
-/// warning, error; info by default). If standard error is the journal (JOURNAL_STREAM) each line,
-/// those of a trace too, begins with its "<N>" priority instead of a time. An unknown level is a
-/// warning. Ignores SIGPIPE: a log without a reader loses its lines and nothing else.
+/// Starts logging to standard error, at the level that PELORUS_LOG_LEVEL names (debug, info,
+/// warning, error; info by default). If standard error is the journal (JOURNAL_STREAM), each line,
+/// also of a trace, begins with its "<N>" priority instead of a time. Warns of an unknown level.
+/// Ignores SIGPIPE: if the log has no reader, only its lines are lost.
 void start();
 
-/// While the loop runs, the log writes at the end of each turn what has gathered in it. Borrows
-/// the loop until detach() or finish().
+/// While the loop runs, the records of a turn are written at its end. Borrows the loop until
+/// detach() or finish().
 void attach(skein::Loop& loop);
-/// From now on each record is written at once again.
+/// Each record is written immediately again.
 void detach();
 
-/// Writes what still waits, at the end of the process: gives up after half a second.
+/// Writes the buffered records at the end of the process, for at most half a second.
 void finish();
 
 void set_level(Level level);
-/// Whether a line of this level would be written: ask before its text costs much to make.
+/// Whether a line of this level would be written: call it before making a text is expensive.
 bool enabled(Level level);
 
-/// Formats and logs a record of one line, or does neither if the level is off.
+/// Formats and logs a record of one line, if its level is enabled.
 void write(Level level, fmt::string_view text, fmt::format_args arguments);
 
 template <class... Args>
@@ -63,7 +63,7 @@ void error(fmt::format_string<Args...> text, Args&&... args) {
 /// stack that raised the failure if it is a skein::Failure, else the present stack.
 void exception(std::string_view text, const std::exception& failure);
 
-/// The same with a trace that was taken before, for failures that many records share.
+/// The same with a trace from trace_lines(), for a failure that many records share.
 void exception(std::string_view text, std::span<const std::string> trace);
 
 /// The lines of a failure's trace, its type and text first, as exception() logs them.
@@ -72,7 +72,7 @@ std::vector<std::string> trace_lines(const std::exception& failure);
 /// Writes those lines without priority or time.
 void print_trace(const std::exception& failure);
 
-/// Between hold(true) and hold(false) records gather, to be written together.
+/// Records between hold(true) and hold(false) are written together.
 void hold(bool held);
 
 /// Counts lines as dropped. For a caller with more to log at once than the log's buffer takes

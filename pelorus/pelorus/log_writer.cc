@@ -22,12 +22,12 @@
 namespace pelorus::log {
 namespace {
 
-/// So many bytes are written without waiting for the end of the turn.
+/// From this size on the buffer is written without waiting for the end of the turn.
 constexpr std::size_t GATHERED_BYTES = 64U << 10;
-/// Records of one turn that are written at once: what one connection may cause in a turn, so that a
-/// peer that receives its reply finds what was logged about it.
+/// Records of one turn that are written immediately: as many as one connection may cause in a turn,
+/// so that they are in the log when its peer receives the reply.
 constexpr int WRITES_PER_TURN = 32;
-/// Wait before the reader is tried again: exponential backoff.
+/// Time until the next attempt to write: exponential backoff.
 constexpr std::chrono::milliseconds SHORTEST_WAIT{2}, LONGEST_WAIT{100};
 /// Memory that the buffer keeps when it is empty.
 constexpr std::size_t KEPT_BYTES = 256U << 10;
@@ -46,7 +46,7 @@ std::string local_time(std::time_t second) {
   return {text.data(), length};
 }
 
-/// What a pipe takes in one piece, unmixed with other writers: whole lines if one ends within it.
+/// What a pipe takes atomically, not mixed with other writers: whole lines, if one ends within it.
 std::string_view pipe_part(std::string_view bytes) {
   const auto part = bytes.substr(0, PIPE_BUF);
   const auto lines = part.substr(0, part.rfind('\n') + 1);
@@ -227,7 +227,7 @@ void LogWriter::detach() {
 void LogWriter::turn_ends() {
   writes_ = 0;
   if (reader_ != Reader::READY || buffer_.next().empty()) return;
-  loop_->guarded([this] { flush(); });  // no exception may cross libuv, which has called
+  loop_->guarded([this] { flush(); });  // no exception may cross a frame of libuv
 }
 
 bool LogWriter::flush() {
@@ -245,7 +245,7 @@ bool LogWriter::flush() {
   return reader_ == Reader::READY;
 }
 
-/// Writes until nothing waits or the reader is not ready.
+/// Writes until the buffer is empty or the reader is not ready.
 void LogWriter::write_buffer() {
   while (!buffer_.next().empty()) {
     if (buffer_.dropped() > 0 && !buffer_.begun() && !write_dropped()) return;
@@ -254,7 +254,7 @@ void LogWriter::write_buffer() {
   }
 }
 
-/// False if not a byte of it was taken.
+/// False if no byte of it was written.
 bool LogWriter::write_dropped() {
   std::string line(prefix(Level::WARNING, std::chrono::system_clock::now()));
   line += dropped_text(buffer_.dropped()) + '\n';
@@ -263,7 +263,7 @@ bool LogWriter::write_dropped() {
   return taken > 0;
 }
 
-/// Returns how many of the bytes were taken. A pipe gets whole lines in one write if they fit.
+/// Returns how many of the bytes were written. A pipe gets whole lines in one write if they fit.
 std::size_t LogWriter::put(std::string_view bytes) noexcept {
   std::size_t taken = 0;
   while (taken < bytes.size()) {

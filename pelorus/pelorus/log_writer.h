@@ -17,51 +17,51 @@
 
 namespace pelorus::log {
 
-/// Most lines that wait to be written, and so the most that one turn of the loop can log while the
-/// reader takes nothing: a screenful for every node of a large network.
+/// Most lines in the buffer, and so the most that one turn of the loop can log while the reader is
+/// blocked: a screenful for every node of a large network.
 constexpr std::size_t BUFFER_LINES = 16'384;
-/// Most bytes that wait to be written, in memory: some 40,000 ordinary lines.
+/// Most bytes in the buffer: some 40,000 ordinary lines.
 constexpr std::size_t BUFFER_BYTES = 4U << 20;
 
-/// Longest text of one line, before its control bytes are escaped; of a longer one the line says
-/// how many bytes were left out. What is shown of a metric that cannot be used fits.
+/// Longest text of one line, before its control bytes are escaped; a longer one is cut, and the
+/// line says how many bytes were left out. The excerpt of a bad metric fits.
 constexpr std::size_t LINE_BYTES = 272U << 10;
 
 /// "debug", "info", "warning" or "error".
 std::string_view name_of(Level level);
-/// The text of the line that stands for lines that were dropped.
+/// The text of the line that replaces dropped lines.
 std::string dropped_text(std::uint64_t lines);
 
-/// Records that wait to be written, oldest first. Past the limits the oldest are dropped and
-/// counted. A record is dropped as a whole; once its first byte has been written, the rest stays.
-/// Pure.
+/// Buffer of records to be written, oldest first. Beyond its limits the oldest records are dropped
+/// and counted. A record is dropped as a whole; once its first byte has been written, the rest is
+/// kept. No descriptor or clock.
 ///
 ///     begun_        text_
 ///     ├─ rest of ─┤ ├ no longer needed ┼ record ┼ record ┼ … ┼ the one being appended ┤
 ///                                      head_                 tail_
 ///
-/// Dropped records stood at head_: their count is written after begun_ and before that record.
+/// Dropped records were at head_: their count is written after begun_ and before the record there.
 class RecordBuffer {
  public:
-  /// Where the lines of a record are appended, each with its "\n"; then end_record().
+  /// For the lines of the next record: append them, each with its "\n", then call end_record().
   std::string& text() noexcept { return text_; }
-  /// What was appended since the last record is one record of so many lines.
+  /// The text since the last record is one record of `lines` lines.
   void end_record(std::size_t lines);
 
-  /// Drops all records that have not begun, and counts `lines` more that would have come after.
+  /// Drops all records that have not begun, and counts `lines` more as dropped after them.
   void drop(std::uint64_t lines);
   /// Lines dropped since dropped_written().
   std::uint64_t dropped() const noexcept { return dropped_; }
   /// Lines dropped since the start.
   std::uint64_t dropped_in_all() const noexcept { return reported_ + dropped_; }
-  /// The line that tells of the dropped ones has been written, save `rest`.
+  /// The line about dropped lines has been written, except `rest`.
   void dropped_written(std::string_view rest);
 
   /// Whether a record, or the line about dropped ones, has been written in part.
   bool begun() const noexcept { return !begun_.empty(); }
-  /// What to write next; empty if nothing waits.
+  /// What to write next; empty if the buffer is empty.
   std::string_view next() const noexcept;
-  /// So many bytes of next() have been written.
+  /// The first `bytes` bytes of next() have been written.
   void written(std::size_t bytes);
 
  private:
@@ -80,17 +80,17 @@ class RecordBuffer {
   std::deque<Record> records_;
   std::size_t lines_ = 0;  ///< of the records
   std::uint64_t dropped_ = 0;
-  std::uint64_t reported_ = 0;  ///< dropped lines of which the log has told
+  std::uint64_t reported_ = 0;  ///< dropped lines that the log has reported
 };
 
 /// Writes records to a descriptor, each line with its prefix and with control bytes escaped, and
-/// never blocks: what the reader does not take waits in a RecordBuffer, and the next line that gets
-/// out says how many lines were dropped.
+/// never blocks: unwritten records wait in a RecordBuffer, and the next line that is written says
+/// how many lines were dropped.
 ///
 /// The descriptor is shared with whoever started the daemon, so its mode stays as it is. A socket
 /// is written to with MSG_DONTWAIT. A pipe or terminal is opened a second time, without blocking;
-/// if that is refused, it is asked before each write whether it has room for one page. A file is
-/// written to as it is.
+/// if that fails, poll() checks before each write whether it has room for one page. A file is
+/// written to directly.
 ///
 /// When a record is written depends on three things:
 ///
@@ -100,18 +100,18 @@ class RecordBuffer {
 ///     FULL, FAILED  any    attached  waits                           by a timer: after 2 ms, then
 ///                                                                    doubling to 100 ms
 ///     READY         yes    any       waits, up to 64 KiB             by hold(false)
-///     READY         no     none      does not wait                   at once
-///     READY         no     attached  the first 32 of a turn do not,  at once,
+///     READY         no     none      does not wait                   immediately
+///     READY         no     attached  the first 32 of a turn do not,  immediately,
 ///                                    the others do, up to 64 KiB     at the end of the turn
 ///
-/// `reader_` is what the last write met: READY if all was taken, FULL if there was no room, FAILED
-/// after an error.
+/// `reader_` is the result of the last write: READY if all was written, FULL if there was no room,
+/// FAILED after an error.
 class LogWriter {
  public:
   /// What a line begins with.
   enum class Prefix {
     TIME,     ///< local time in milliseconds, then the level
-    PRIORITY  ///< "<N>" of the system log, which the journal takes off again
+    PRIORITY  ///< "<N>" of the system log, which the journal removes
   };
   using Moment = std::chrono::system_clock::time_point;
 
@@ -126,19 +126,19 @@ class LogWriter {
              std::span<const std::string> others = {});
   /// Adds a record of one line without prefix.
   void write_bare(std::string_view line);
-  /// Counts lines as dropped that would have come now, and drops what waits before them.
+  /// Counts `lines` lines as dropped, and drops the records in the buffer, which are older.
   void drop(std::uint64_t lines);
   /// Lines dropped since the start.
   std::uint64_t dropped_lines() const noexcept { return buffer_.dropped_in_all(); }
-  /// While held, records gather: for a caller that adds many.
+  /// While held, records are buffered: for a caller that adds many.
   void hold(bool held);
 
-  /// Writes at the end of each turn from now on. Borrows the loop until detach().
+  /// From now on records are written at the end of each turn. Borrows the loop until detach().
   void attach(skein::Loop& loop);
   void detach();
-  /// Writes what waits. Returns whether all of it was taken.
+  /// Writes the buffer. Returns whether all of it was written.
   bool flush();
-  /// Detaches and writes what waits; waits for the reader, but not longer than `longest`.
+  /// Detaches and writes the buffer; waits for the reader, but not longer than `longest`.
   void finish(std::chrono::milliseconds longest);
 
  private:

@@ -33,8 +33,8 @@ class Service {
   /// Reads the values that are fixed at load. Throws SettingsError. Borrows the loop.
   Service(Settings settings, skein::Loop& loop);
 
-  /// Runs until the loop is stopped (SIGTERM). Throws whatever keeps it from starting, and
-  /// skein::KeyboardInterrupt, which stops nothing in order.
+  /// Runs until the loop is stopped (SIGTERM), then shuts down. Throws if it cannot start, and
+  /// skein::KeyboardInterrupt, without a shutdown.
   void main();
 
   /// main() under the call profiler.
@@ -47,7 +47,7 @@ class Service {
   skein::Loop& loop_;
 };
 
-/// What the service manager shows.
+/// The status line for the service manager.
 std::string description(const InfluxHandler& handler) {
   std::size_t queued = 0;
   for (const auto& database : handler.databases()) queued += database->pending_data_len();
@@ -134,7 +134,7 @@ int load_and_run(bool profiled) {
   try {
     profiled ? service->profile() : service->main();
   } catch (const skein::KeyboardInterrupt&) {
-    // Somebody at the terminal has ended it, and sees that it has ended.
+    // The user at the terminal has ended it: nothing to report.
   } catch (const std::exception& failure) {
     log::exception(fmt::format("Unhandled exception: {}", failure.what()), failure);
   }
@@ -175,7 +175,7 @@ int run_process(std::span<char* const> arguments) {
 int main(int argument_count, char** arguments) {
   const int status = pelorus::run_process({arguments, static_cast<std::size_t>(argument_count)});
   if (pelorus::HTTPExchange::lookups_pending() != 0) {
-    // A name server that does not answer holds a thread that the ordinary end would wait for.
+    // An ordinary exit would wait for the thread of a name lookup that hangs.
     std::fflush(nullptr);
     ::_exit(status);
   }

@@ -21,7 +21,7 @@ namespace {
 constexpr int MIB = 1 << 20;
 /// Freed memory that the allocator keeps.
 constexpr int KEPT_BYTES = 4 * MIB;
-/// Larger blocks, such as the body after a long outage, are mapped by themselves and go back to the
+/// Larger blocks, such as the body after a long outage, are mapped separately and return to the
 /// system as soon as they are freed.
 constexpr int OWN_MAPPING_BYTES = 1 * MIB;
 
@@ -52,7 +52,7 @@ constexpr const char* HELP =
     "that\n"
     "runs.\n";
 
-/// Sets the environment's character encoding; its end restores the one before.
+/// Sets the environment's character encoding; its destructor restores the previous one.
 class EnvironmentLocale {
  public:
   EnvironmentLocale() : before_(std::setlocale(LC_CTYPE, nullptr)) { std::setlocale(LC_CTYPE, ""); }
@@ -137,7 +137,7 @@ std::size_t usable_memory() {
   }
   if (!group.starts_with("0::/")) return most;
   for (group.erase(0, 3); !group.empty(); group.erase(group.rfind('/'))) {
-    std::size_t limit = 0;  // stays where the file says "max", or is not there
+    std::size_t limit = 0;  // stays 0 if the file says "max" or is missing
     std::ifstream file("/sys/fs/cgroup" + group + "/memory.max");
     if (file >> limit && limit != 0) most = std::min(most, limit);
   }

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-// The process and the operating system: its command line, and what it sets before it loads its
-// settings.
+// The process and the operating system: its command line, and what is set up before the settings
+// are loaded.
 namespace pelorus {
 
 /// The command line, decoded from the multibyte encoding of the environment's locale, which is set
@@ -24,7 +24,7 @@ const char* information(const std::vector<std::wstring>& arguments);
 /// file or socket that the process opens could become its standard error, and be logged to.
 void open_standard_descriptors();
 
-/// Writes no core, and lets nobody but root read the memory: it holds secrets.
+/// Disables core files, and lets only root read the memory, which holds secrets.
 void keep_memory_private();
 
 /// Ignores SIGPIPE, since a write to a disconnected peer reports it anyway, and SIGHUP, since the
@@ -36,12 +36,12 @@ void ignore_signals();
 void raise_descriptor_limit();
 
 /// Makes the allocator keep a few MiB of freed memory. Messages and request bodies are allocated
-/// and freed with each batch; without this their memory returns to the system each time, and
-/// taking it again, page by page, costs more than translating the lines in it.
+/// and freed with each batch; without this their memory returns to the system each time, and the
+/// page faults of the next batch cost more than translating its lines.
 void keep_freed_memory();
 
-/// Bytes of memory that the process may use: the least of the machine's memory and the memory
-/// limits of its control group and of those above it.
+/// Bytes of memory that the process may use: the minimum of the machine's memory and the limits of
+/// its control group and the groups above it.
 std::size_t usable_memory();
 
 }  // namespace pelorus

@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t ROWS_SHOWN = 40;
 
-/// The file without the way from the build's folder to the sources.
+/// The file without the relative path from the build's folder to the sources.
 std::string_view file_of(const Site& site) {
   std::string_view file = site.file;
   while (file.starts_with("../")) file.remove_prefix(3);

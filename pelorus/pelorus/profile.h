@@ -8,20 +8,19 @@
 
 #include "skein/profile_scope.h"
 
-// The call profiler behind "--profile": each function that matters says PROFILE_SCOPE() first, and
-// a profiled run counts and times every call of it, writes what it measured to a file and prints a
-// table of that.
+// The call profiler behind "--profile": the main functions begin with PROFILE_SCOPE(). A profiled
+// run counts and times every call of them, writes the result to a file and prints a table.
 //
-// Times are in nanoseconds. A function's own time is what it spent itself; its cumulative time is
-// from entering to leaving it, so what it called included, and counted once where it calls itself.
-// Most of what measuring a call costs counts as time of that call.
+// Times are in nanoseconds. A function's own time excludes the measured functions that it calls;
+// its cumulative time includes them, and counts once in a recursion. Most of the cost of measuring
+// a call counts as time of that call.
 namespace pelorus::profile {
 
 using skein::profile::active;
 using skein::profile::Scope;
 using skein::profile::Site;
 
-/// Collects for as long as it lives. One at a time. What it shows are the calls that have ended.
+/// Measures as long as it exists; one at a time. Its results include only calls that have ended.
 class Profiler final : private skein::profile::Recorder {
  public:
   using Clock = std::int64_t (*)();  ///< nanoseconds that never step
@@ -32,8 +31,8 @@ class Profiler final : private skein::profile::Recorder {
   Profiler& operator=(const Profiler&) = delete;
   ~Profiler();
 
-  /// Callgrind's format, one event "Nanoseconds". A function is named "name:line" there, for names
-  /// alone are not unique within a file.
+  /// The result in callgrind's format, with one event "Nanoseconds". Functions are named
+  /// "name:line", because names alone are not unique within a file.
   std::string to_callgrind() const;
 
   /// A heading and a line for each of the first 40 functions, the longest cumulative time first:
@@ -54,12 +53,12 @@ class Profiler final : private skein::profile::Recorder {
     std::uint64_t calls = 0;
     std::int64_t own = 0;
     std::int64_t cumulative = 0;
-    int running = 0;  // calls under way: more than one in a recursion
+    int running = 0;  // calls in progress: more than one in a recursion
     std::deque<Calls> callees{};
   };
   struct Frame {
     Function* function;
-    Calls* calls;  // none: nobody measured has called
+    Calls* calls;  // none if the caller is not measured
     std::int64_t start;
     std::int64_t in_callees = 0;
   };
@@ -70,17 +69,17 @@ class Profiler final : private skein::profile::Recorder {
   static Calls& calls_of(Function& caller, const Function& callee);
 
   Clock clock_;
-  std::deque<Function> functions_;  // addresses stay: sites, calls and frames point here
+  std::deque<Function> functions_;  // stable addresses: sites, calls and frames point here
   std::vector<Frame> frames_;
 };
 
 /// "pelorus.profile" and the moment in its shortest exact decimal form, never with an exponent.
 std::string file_name(double seconds_since_epoch);
 
-/// Runs `main` under the profiler: says so on standard output, and when `main` has returned writes
-/// the data file into the current directory and prints the table to standard output.
-/// The terminal's interrupt passes through and leaves the file, any other failure of `main` passes
-/// through and leaves none. Throws skein::SystemFailure where the file cannot be written.
+/// Runs `main` under the profiler and announces that on standard output. After `main` has returned,
+/// writes the data file into the current directory and prints the table. After the terminal's
+/// interrupt it writes only the file, after any other failure nothing; both are passed on. Throws
+/// skein::SystemFailure if the file cannot be written.
 void run(const std::function<void()>& main);
 
 }  // namespace pelorus::profile

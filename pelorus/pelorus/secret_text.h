@@ -6,14 +6,14 @@
 
 namespace pelorus {
 
-/// Whether `text` contains `secret`: as it is, percent-encoded, or with the backslash escapes of
-/// JSON or of our log; dashes do not count. For answers from outside that are to be logged.
+/// Whether `text` contains `secret`: literally, percent-encoded, or with the backslash escapes of
+/// JSON or of our log; dashes are ignored. For external answers that are to be logged.
 bool repeats(std::string_view text, std::string_view secret);
 
-/// Most bytes that spell one byte: \u0041.
+/// Most bytes that encode one byte: \u0041.
 constexpr std::size_t LONGEST_SPELLING = 6;
 
-/// Whether `text`, which was cut, ends within `secret`. Fewer than four bytes of it do not count.
+/// Whether `text`, which was cut, ends within `secret`, after at least four bytes of it.
 bool breaks_off_in(std::string_view text, std::string_view secret);
 
 /// The bytes that Base64 text encodes, up to the first byte that is not Base64.

@@ -11,7 +11,7 @@
 namespace pelorus {
 
 /// The settings of the administration application: one JSON object, read once when the daemon
-/// loads. Values are looked up, and checked, each time they are asked for.
+/// loads. Values are checked each time they are read.
 class Settings {
  public:
   /// Reads the file that PELORUS_SETTINGS names, by default /etc/pelorus/settings.json.
@@ -24,8 +24,8 @@ class Settings {
   /// The value under `key`, typed: std::int64_t (a JSON integer), double (any JSON number),
   /// std::string, or std::vector<std::string> (the texts under "name" in a list of maps; what else
   /// stands in the maps is not the daemon's).
-  /// Throws SettingsError that names key and source: missing, or of another type. Booleans are no
-  /// numbers.
+  /// Throws SettingsError, which names key and source, if the value is missing or of another type.
+  /// Booleans are not numbers.
   template <class T>
   T get(std::string_view key) const;
 
@@ -55,13 +55,13 @@ std::vector<std::string> Settings::get(std::string_view key) const;
 
 /// The values that all write buffers share. Counts are in messages.
 struct BufferSettings {
-  std::size_t max_pending_messages = 0;    ///< queue length at which the oldest are dropped
-  double max_buffer_time = 0;              ///< seconds since a success after which all is sent
-  std::size_t ideal_queued_messages = 0;   ///< queue length from which a batch is sent at once
-  std::size_t max_batch_size = 0;          ///< most messages of one write
-  std::size_t discard_size = 0;            ///< oldest messages dropped at once
-  double check_for_process_data_time = 1;  ///< seconds until the buffer looks again
-  /// Bytes of all queues together, above which the oldest messages of the largest are dropped.
+  std::size_t max_pending_messages = 0;   ///< queue length at which the oldest are dropped
+  double max_buffer_time = 0;             ///< seconds since a success after which any queue is sent
+  std::size_t ideal_queued_messages = 0;  ///< queue length at which a batch is sent immediately
+  std::size_t max_batch_size = 0;         ///< most messages of one write
+  std::size_t discard_size = 0;           ///< oldest messages dropped at once
+  double check_for_process_data_time = 1;  ///< seconds until the buffer decides again
+  /// Bytes of all queues together; above them the oldest messages of the largest are dropped.
   std::size_t max_queued_bytes = SIZE_MAX;
 
   /// Reads PELORUS_MAX_PENDING_MESSAGES, PELORUS_BUFFER_TIME, PELORUS_IDEAL_QUEUED_MESSAGES,
@@ -73,7 +73,7 @@ struct BufferSettings {
   static BufferSettings read(const Settings& settings, std::vector<std::string>* faults = nullptr);
 };
 
-/// Where and as whom to write: the two values of the InfluxDB module of the administration
+/// InfluxDB's address and account: the two values of the InfluxDB module of the administration
 /// application.
 struct InfluxConnection {
   std::string auth;             ///< INFLUX_AUTH: Base64 text, sent as it stands. Secret.

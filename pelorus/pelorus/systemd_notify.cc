@@ -45,7 +45,7 @@ int notify(std::string_view state) {
   return name == nullptr || *name == '\0' ? 0 : send_datagram(name, state);
 }
 
-/// A variable of the environment that holds a number; none when it is unset or empty.
+/// The number in an environment variable; none if it is unset, empty or no number above 0.
 std::optional<std::int64_t> number_of(const char* variable) {
   const char* value = std::getenv(variable);
   const std::string_view text = value != nullptr ? value : "";
@@ -57,8 +57,7 @@ std::optional<std::int64_t> number_of(const char* variable) {
   return std::nullopt;
 }
 
-/// What WATCHDOG_USEC asks of this process; none if it asks nothing, or asks another process
-/// (WATCHDOG_PID).
+/// The interval of the watchdog; none without one, or if it watches another process (WATCHDOG_PID).
 std::optional<std::chrono::microseconds> watchdog_interval() {
   const auto process = number_of("WATCHDOG_PID");
   if (process && *process != ::getpid()) return std::nullopt;

@@ -8,7 +8,7 @@
 
 #include "skein/loops.h"
 
-// What the service manager hears: states, a line about the daemon, and signs of life.
+// Notifications of the service manager: states, a status line, and signs of life.
 namespace pelorus {
 
 /// Sends the service manager a state, for example "READY=1": one datagram to the socket that
@@ -16,15 +16,15 @@ namespace pelorus {
 /// blocks, and never throws for a failure to send: that is logged as a warning.
 void systemd_notify(std::string_view state);
 
-/// Keeps the service manager informed while the loop runs: a line about the state (STATUS=), and,
-/// if the manager watches for it (WATCHDOG_USEC), a sign of life (WATCHDOG=1) twice as often as it
-/// asks. Without a watchdog the line is sent once in STATS_INTERVAL. A failure to send is logged
-/// once until it works again.
+/// Informs the service manager while the loop runs: sends a status line (STATUS=) and, if the
+/// manager has a watchdog (WATCHDOG_USEC), a sign of life (WATCHDOG=1) twice as often as it asks
+/// for. Without a watchdog the line is sent once in STATS_INTERVAL. A failure to send is logged
+/// once until sending works again.
 class ServiceStatus {
  public:
   using Describe = std::function<std::string()>;
 
-  /// `describe` makes the line. Begins on the next turn of the loop, which it borrows.
+  /// `describe` makes the line. Starts on the next turn of the loop, which it borrows.
   ServiceStatus(Describe describe, skein::Loop& loop);
   ServiceStatus(const ServiceStatus&) = delete;
   ServiceStatus& operator=(const ServiceStatus&) = delete;
@@ -35,10 +35,10 @@ class ServiceStatus {
 
   Describe describe_;
   skein::Loop& loop_;
-  /// Without a sign for so long the manager ends the daemon; none if it does not watch.
+  /// Time without a sign of life after which the manager kills the daemon; none without a watchdog.
   std::optional<std::chrono::microseconds> watchdog_;
   skein::Timer timer_;
-  bool failed_ = false;  ///< the last report
+  bool failed_ = false;  ///< the last report failed
 };
 
 }  // namespace pelorus

@@ -76,9 +76,8 @@ inline AnyTag tag(Slice key, Slice value) noexcept { return {key, concat(value)}
 /// not at all.
 class Record {
  public:
-  /// There is room at `out` for whatever the parts come to, copied in steps. `separate`, which may
-  /// be null, receives the names as well: the bytes at `out` cannot be taken apart again, since
-  /// nothing in them is escaped.
+  /// `out` has room for names_bytes_at_most. `separate`, which may be null, receives the names one
+  /// by one as well: the bytes at `out` cannot be parsed again, since nothing in them is escaped.
   Record(const Parts& parts, char* out, TranslatedSeries* separate) noexcept
       : parts_(parts), out_(out), separate_(separate) {}
 

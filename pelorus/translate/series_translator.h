@@ -25,13 +25,13 @@ class UnexpectedSeriesError : public std::runtime_error {
 /// The text of an outcome's failure: `Could not translate "b'…'": reason`, or what was unexpected.
 std::string failure_text(Outcome outcome, std::string_view series);
 
-/// Room for the names of a series of so many bytes: a rule writes each byte seven times at most,
-/// next to literals, and in steps that reach somewhat further.
+/// Buffer size for the names of a series of so many bytes: a rule writes each byte seven times at
+/// most, and literals, in steps that write a little further.
 constexpr std::size_t names_bytes_at_most(std::size_t series_bytes) {
   return 8 * series_bytes + 256;
 }
 
-/// Where the names of a record end; they begin where they were asked for. Good if TRANSLATED.
+/// The end of the names of a record, which is valid if TRANSLATED.
 struct NamesWritten {
   char* end;
   Outcome outcome;

@@ -134,8 +134,8 @@ std::string HTTPExchange::text_of(const Address& address) {
   return fmt::format("{}{}{}:{}", v6 ? "[" : "", host.data(), v6 ? "]" : "", port.data());
 }
 
-/// Starts connecting to the next address that does not fail at once. Each address gets an equal
-/// share of the time that is left, so that one that drops every packet leaves time for the others.
+/// Starts to connect to the next address that does not fail immediately. Each address gets an equal
+/// share of the remaining time, so that one that drops every packet leaves time for the others.
 void HTTPExchange::connect_next() {
   PROFILE_SCOPE();
   while (addresses_tried_ < addresses_.size()) {
@@ -148,7 +148,7 @@ void HTTPExchange::connect_next() {
   end();
 }
 
-/// Returns 0 when the attempt is under way, else its error number.
+/// Returns 0 if the attempt is in progress, else its error number.
 int HTTPExchange::connect_to(const Address& address) {
   poll_.reset();
   try {

@@ -21,12 +21,12 @@ namespace pelorus {
 /// tries its addresses in turn, sends the bytes that its owner supplies and reads the response. It
 /// knows neither what is sent nor which status is a success, and it logs nothing.
 ///
-/// A member of its owner. It begins on the turn after its construction and ends once, by a whole
-/// response or by an error: a system call that failed, a timeout, no memory. The end is reported as
+/// A member of its owner. It starts on the turn after its construction and ends once, with a whole
+/// response or an error: a failed system call, a timeout, no memory. The end is reported as
 /// its last statement. Destroyed before its end, it reports nothing. Loop thread only.
 ///
 ///   connected  ended | timer             lookup   poll
-///   no         no    | start             -        -                    not begun
+///   no         no    | start             -        -                    not started
 ///   no         no    | connect_timed_out running  -                    name lookup
 ///   no         no    | connect_timed_out -        writable             connecting to an address
 ///   yes        no    | check_progress    -        readable; writable   sending and receiving
@@ -42,7 +42,7 @@ class HTTPExchange : private skein::PollTarget {
   /// no such limit: a large request may take as long as it makes progress.
   static constexpr std::chrono::seconds RESPONSE_TIME{60};
   /// Most bytes sent in one turn of the loop: an endpoint on this machine may take them as fast as
-  /// they come.
+  /// they are sent.
   static constexpr std::size_t SEND_BYTES_PER_TURN = 2U << 20;
   /// Most addresses of the host that are tried.
   static constexpr std::size_t MAX_ADDRESSES = 8;
@@ -74,8 +74,8 @@ class HTTPExchange : private skein::PollTarget {
   bool connected() const noexcept { return connected_; }
   /// What has been received. An exchange that ended with a complete response has not failed.
   const HTTPResponse& response() const noexcept { return response_; }
-  /// Why the exchange failed. Before the connection: what became of each address that the lookup
-  /// of the host's name found; of the host itself if it is an address.
+  /// Why the exchange failed. If it could not connect: the error of each address that the name
+  /// lookup found, or of the host itself if it is an address.
   const std::string& error() const noexcept { return error_; }
 
   /// Name lookups that libuv has not finished, abandoned ones included. While there are any, the

@@ -54,7 +54,7 @@ void InfluxDatabase::add(std::string message) {
   const std::size_t bytes = message.size();
   pending_data_.push_back(std::move(message));
   counters_.queued += {1, bytes};
-  loop_.guarded([this] { process_data(); });  // the message is queued: nobody is to add it again
+  loop_.guarded([this] { process_data(); });  // the message is queued: it must not be added again
 }
 
 void InfluxDatabase::process_data() {
@@ -81,8 +81,8 @@ bool InfluxDatabase::should_drop_data() const {
   return pending_data_.size() >= settings_.max_pending_messages;
 }
 
-/// A request that cannot be made is a failed request: its messages stay queued, and whoever added
-/// the last one is not told to add it again.
+/// A request that cannot be made counts as a failed one: its messages stay queued, and the caller
+/// of add() gets no exception, since its message is queued.
 void InfluxDatabase::send_request() {
   try {
     request_ = make_request_(*this);

@@ -26,7 +26,7 @@ struct Amount {
     bytes += more.bytes;
     return *this;
   }
-  /// Roughly what they take up in memory.
+  /// Their approximate memory.
   std::uint64_t memory() const noexcept { return bytes + messages * MESSAGE_OVERHEAD_BYTES; }
   static constexpr std::uint64_t MESSAGE_OVERHEAD_BYTES = 48;
 
@@ -37,23 +37,23 @@ struct Amount {
   }
 };
 
-/// What became of one database's messages since the start. Each message that was added is in
-/// exactly one of the six amounts.
+/// What has become of a database's messages since the start. Each added message is in exactly one
+/// of the six amounts.
 struct WriteCounters {
   struct Failure {
     double time = 0;   ///< seconds since the epoch
     std::string text;  ///< "status 400: b'…'", "could not connect to …"; no secret in it
   };
 
-  Amount queued;                     ///< waits now
-  Amount in_flight;                  ///< taken by the present write
+  Amount queued;                     ///< in the queue now
+  Amount in_flight;                  ///< of the write in flight
   Amount sent;                       ///< acknowledged
   Amount partial;                    ///< of writes that InfluxDB has stored in part
   Amount failed;                     ///< of failed writes that it has not stored
   Amount discarded;                  ///< dropped because the queue was full
   std::uint64_t largest_body = 0;    ///< bytes of the largest body so far
   std::uint64_t partial_writes = 0;  ///< writes that InfluxDB has stored in part
-  std::uint64_t dropped_points = 0;  ///< points of those that it dropped, as far as it told
+  std::uint64_t dropped_points = 0;  ///< points of those that it dropped, if its answer told
   std::uint64_t unknown_drops = 0;   ///< partial writes whose answer names no number
   std::optional<Failure> last_failure;
 };
@@ -88,8 +88,8 @@ class Batch {
 /// share, and the loop. Loop thread only. Adding a message takes constant time, however many wait.
 class InfluxDatabase {
  public:
-  /// One write. It begins on a later turn, takes its batch by get_data() and reports by the handle_
-  /// operations below.
+  /// One write. It starts on a later turn, takes its batch with get_data() and reports with the
+  /// handle_ operations below.
   class Request {
    public:
     virtual ~Request() = default;
@@ -116,8 +116,7 @@ class InfluxDatabase {
   Batch get_data();
   /// Drops the oldest discard_size messages, with a warning.
   void discard_old_data();
-  /// Drops the oldest messages, so many that `bytes` of memory are free, or all, with the same
-  /// warning.
+  /// Drops the oldest messages until `bytes` of memory are freed, or all, with the same warning.
   void discard_bytes(std::uint64_t bytes);
   /// Harmless when no timer is armed.
   void stop_process_data_timer();
@@ -134,8 +133,9 @@ class InfluxDatabase {
   void handle_close() noexcept;
   /// Why the last request failed, for the status.
   void note_failure(std::string text);
-  /// A request failed before it took any message: whether to log that, and how many were left out
-  /// before. The first one is logged, then one every ten seconds until a success.
+  /// A request has failed before it took any message. Returns how many of these failures were not
+  /// logged before it, or none if it is not to be logged either: the first one is logged, then one
+  /// every ten seconds until a success.
   std::optional<std::uint64_t> pass_idle_failure() noexcept;
   /// Records the length of the queue for seconds_until_full(). Call it every ten seconds.
   void sample_queue() noexcept;
@@ -147,8 +147,8 @@ class InfluxDatabase {
   double last_sent_time() const noexcept { return last_sent_time_; }
   std::size_t max_pending_messages() const noexcept { return settings_.max_pending_messages; }
   const WriteCounters& counters() const noexcept { return counters_; }
-  /// If the queue grows as in the last minute. None if it does not really grow, if it would take a
-  /// day or more, and in the first minute.
+  /// Time until the queue is full if it continues to grow as in the last minute. None if it does
+  /// not grow, if that takes a day or more, and in the first minute.
   std::optional<double> seconds_until_full() const;
 
  private:
@@ -186,8 +186,8 @@ class InfluxDatabase {
   std::array<std::uint64_t, SAMPLES> shortest_lengths_{};  ///< a ring: of every ten seconds
   std::uint64_t shortest_ = 0;                             ///< length since the last of them
   std::size_t samples_taken_ = 0;
-  /// The last write that was made. It stays until the next one is made, because it reports its end
-  /// from inside its own callback.
+  /// The last write. It is kept until the next one is made, because it reports its end from inside
+  /// its own callback.
   std::unique_ptr<Request> request_;
 };
 
