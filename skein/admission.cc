@@ -33,6 +33,7 @@ Admission::Admission(Loop& loop, const Limits& limits)
     const std::size_t descriptors = descriptor_limit();
     limits_.connections = descriptors - std::min(limits_.spare_descriptors, descriptors / 2);
   }
+  limits_.unauthenticated_bytes = std::min(limits_.unauthenticated_bytes, limits_.held_bytes / 8);
   limits_.reserved_connections = std::min(limits_.reserved_connections, limits_.connections / 8);
 }
 
@@ -62,6 +63,7 @@ void Admission::EvictionOrder<Accounts>::remove(std::uint32_t origin, Account& a
 template <class Accounts>
 void Admission::EvictionOrder<Accounts>::reweigh(
     typename std::map<std::uint32_t, Accounts>::iterator origin, std::size_t weight) noexcept {
+  weight_ += weight - origin->second.weight;
   auto place = heaviest_.extract({origin->second.weight, origin->first});
   if (weight == 0) {
     origins_.erase(origin);
@@ -91,7 +93,8 @@ std::string Admission::enforce() {
   while (gone.most() > limits_.gone_bytes || (held_bytes_ > most && !gone.empty())) {
     evict_largest(Standing::GONE);
   }
-  while (held_bytes_ > most && !of(Standing::UNAUTHENTICATED).empty()) {
+  const auto& strangers = of(Standing::UNAUTHENTICATED);
+  while (held_bytes_ > most && strangers.weight() > limits_.unauthenticated_bytes) {
     evict_largest(Standing::UNAUTHENTICATED);
   }
   while (held_bytes_ > 2 * most && !of(Standing::AUTHENTICATED).empty()) {

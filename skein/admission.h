@@ -30,7 +30,7 @@ enum class Standing : std::uint8_t {
 /// Who is evicted when a limit is reached, and what comes next when there is none such:
 ///
 ///     bytes held    gone: the largest account of the origin for which most is held
-///                   unauthenticated: likewise
+///                   unauthenticated: likewise, down to what is reserved for them
 ///                   authenticated, from twice the limit on: the largest account
 ///     connections   gone: the first to go of the origin that has most of them
 ///                   unauthenticated: the oldest of the origin that has most of them
@@ -145,6 +145,8 @@ class Admission {
     bool empty() const noexcept { return heaviest_.empty(); }
     /// Weight of the heaviest origin.
     std::size_t most() const noexcept { return empty() ? 0 : heaviest_.rbegin()->first; }
+    /// Of all origins.
+    std::size_t weight() const noexcept { return weight_; }
     Account& first() const { return origins_.find(heaviest_.rbegin()->second)->second.first(); }
 
    private:
@@ -153,6 +155,7 @@ class Admission {
 
     std::map<std::uint32_t, Accounts> origins_;
     std::set<std::pair<std::size_t, std::uint32_t>> heaviest_;  ///< origins by weight
+    std::size_t weight_ = 0;
   };
 
   /// Of the bytes that are held.

@@ -32,9 +32,12 @@ struct Limits {
   /// Bytes that are held for all peers: half frames, unsent replies and whatever else a server
   /// keeps for them. Enough for 25 KiB of each of 10,000 nodes.
   std::size_t held_bytes = 256U << 20;
-  /// Bytes of them for peers of one origin that have gone: two of the largest frames. What they
-  /// left behind is served when nobody else has anything.
+  /// Bytes of them for disconnected peers of one origin: two of the largest frames.
   std::size_t gone_bytes = 2 * MAX_CONTENT_BYTES;
+  /// Bytes that unauthenticated peers may have even if the authenticated take more than
+  /// `held_bytes`: the blocks of 500 nodes that connect, 64 KiB each. An eighth of `held_bytes` at
+  /// most.
+  std::size_t unauthenticated_bytes = 32U << 20;
   /// Connections of all servers; 0: the limit of descriptors less `spare_descriptors`.
   std::size_t connections = 0;
   /// Those of them that are kept for peers that need not show who they are: the operator's. An

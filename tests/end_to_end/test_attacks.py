@@ -132,6 +132,20 @@ class Attacks(StageTest):
             peer.close()
         self.expect_well()
 
+    def test_lines_without_an_end(self):
+        self.start_stage()
+        line = block(ATTACKERS_KEY, "x" * (16_000_000))
+        attackers = [self.node(30) for _ in range(17)]
+        for attacker in attackers:
+            attacker.send_bytes(block(ATTACKERS_KEY, LINE))
+            attacker.receive()
+            attacker.send_bytes(line)
+            self.assertEqual(attacker.receive(), [REPLY, 1, None, None])
+        self.expect_service()
+        for attacker in attackers:
+            attacker.close()
+        self.expect_well()
+
     def test_one_submit_of_100000_points(self):
         self.start_stage(settings={"PELORUS_MAX_PENDING_MESSAGES": 10_000})
         self.expect_no_drops()

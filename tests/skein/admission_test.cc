@@ -51,6 +51,7 @@ TEST_F(AdmissionTest, GoneGoFirstThenTheHeaviestOriginAndTheAuthenticatedBeyondT
   EXPECT_EQ(admission_.held_bytes(), 1000U);
   evicted_.clear();
   peer("second", 4, Standing::AUTHENTICATED, 700);
+  peer("newcomer", 6, Standing::UNAUTHENTICATED, 125);  // an eighth is reserved
   EXPECT_NE(admission_.enforce(), "") << "what is left is of those who may have it";
   EXPECT_EQ(evicted_, "honest b ");
   peer("larger", 5, Standing::AUTHENTICATED, 900);

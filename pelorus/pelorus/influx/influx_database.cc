@@ -18,7 +18,9 @@ constexpr std::chrono::seconds IDLE_FAILURE_INTERVAL{10};
 }  // namespace
 
 Batch::Batch(Messages::iterator begin, Messages::iterator end, const Amount& amount)
-    : messages_(std::move_iterator(begin), std::move_iterator(end)), amount_(amount) {}
+    : messages_(std::move_iterator(begin), std::move_iterator(end)),
+      unjoined_(amount),
+      amount_(amount) {}
 
 std::size_t Batch::data_length() const noexcept {
   return amount_.bytes + (amount_.messages == 0 ? 0 : amount_.messages - 1);
@@ -27,6 +29,7 @@ std::size_t Batch::data_length() const noexcept {
 void Batch::append_slice(std::string& buffer, std::size_t size) {
   while (!messages_.empty() && buffer.size() < size) {
     buffer += messages_.front();
+    unjoined_ -= {1, messages_.front().size()};
     messages_.pop_front();
     if (!messages_.empty()) buffer += '\n';
   }

@@ -73,13 +73,19 @@ class Batch {
   /// Appends the next whole messages to `buffer` until it holds `size` bytes or the batch is empty.
   void append_slice(std::string& buffer, std::size_t size);
   /// Frees what has not been joined.
-  void clear() noexcept { messages_.clear(); }
+  void clear() noexcept {
+    messages_.clear();
+    unjoined_ = {};
+  }
+  /// Roughly the memory of what has not been joined.
+  std::uint64_t memory() const noexcept { return unjoined_.memory(); }
 
   std::size_t messages() const noexcept { return amount_.messages; }  ///< of the whole batch
   std::size_t data_length() const noexcept;                           ///< bytes of the whole body
 
  private:
   Messages messages_;  ///< not yet joined
+  Amount unjoined_;    ///< theirs
   Amount amount_;      ///< of the whole batch
 };
 
@@ -93,6 +99,8 @@ class InfluxDatabase {
   class Request {
    public:
     virtual ~Request() = default;
+    /// Roughly the memory of the messages that it has not sent.
+    virtual std::uint64_t memory() const noexcept { return 0; }
   };
   /// Makes a write for the database. Never null.
   using MakeRequest = std::function<std::unique_ptr<Request>(InfluxDatabase& database)>;
@@ -116,6 +124,10 @@ class InfluxDatabase {
   Batch get_data();
   /// Drops the oldest discard_size messages, with a warning.
   void discard_old_data();
+  /// Roughly the memory that queued and unsent messages take up.
+  std::uint64_t memory() const noexcept {
+    return counters_.queued.memory() + (request_ ? request_->memory() : 0);
+  }
   /// Drops the oldest messages until `bytes` of memory are freed, or all, with the same warning.
   void discard_bytes(std::uint64_t bytes);
   /// Harmless when no timer is armed.

@@ -33,6 +33,7 @@ class InfluxHTTPRequest : public InfluxDatabase::Request, private HTTPExchange::
 
   /// The head without its Content-Length and without the end of its last line. Holds the secret.
   std::string get_headers() const;
+  std::uint64_t memory() const noexcept override { return batch_.memory(); }
 
  private:
   std::string_view send_request() override;

@@ -142,9 +142,9 @@ void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
   authenticator_.forget(key_, *this);
 }
 
-/// What a known node has left behind is kept as before.
+/// What a node with a valid key has left behind is kept as before.
 void Authenticator::PendingRequest::handle_hang_up() noexcept {
-  if (authenticator_.valid_.contains(*key_.key)) return;
+  if (authenticator_.is_valid_now(authenticator_.find_verified(*key_.key))) return;
   authenticator_.loop_.guarded(
       [this] { authenticator_.resources_.admission.set_standing(*this, skein::Standing::GONE); });
 }
@@ -210,9 +210,12 @@ void Authenticator::let_in(const skein::Connection& connection, VerifiedKey& key
   if (key.second.connections <= MAX_KEY_CONNECTIONS) server_.set_authenticated(connection);
 }
 
+bool Authenticator::is_valid_now(const VerifiedKey* verified) {
+  return verified != nullptr && loop_.now() - verified->second.time < VALID_CUTOFF;
+}
+
 bool Authenticator::valid_key(const std::string& key, const VerifiedKey* verified) {
-  const auto now = loop_.now();
-  if (verified != nullptr && now - verified->second.time < VALID_CUTOFF) return true;
+  if (is_valid_now(verified)) return true;
   // Kept: said of a key that was never seen as well.
   log::debug("Validation error - the key \"{}\" is expired.", key);
   return false;
@@ -277,7 +280,8 @@ Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
 
 void Authenticator::limit_requests(PendingKey& pending) noexcept {
   auto& requests = pending.requests;
-  if (requests.size() <= MAX_UNCONFIRMED_REQUESTS || valid_.contains(*pending.key)) return;
+  if (requests.size() <= MAX_UNCONFIRMED_REQUESTS) return;
+  if (is_valid_now(find_verified(*pending.key))) return;
   const auto oldest =
       std::next(requests.begin(), pending.state == PendingKey::State::ASKING ? 1 : 0);
   auto refused = std::find_if(oldest, requests.end(), [](const PendingRequest& request) {

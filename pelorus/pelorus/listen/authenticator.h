@@ -95,6 +95,7 @@ class Authenticator {
   /// The connection has shown a valid key.
   void let_in(const skein::Connection& connection, VerifiedKey& key);
   bool valid_key(const std::string& key, const VerifiedKey* verified);
+  bool is_valid_now(const VerifiedKey* verified);
   PendingKey* find_pending(const std::string& key);
   /// Keeps the request at the end of those of its key.
   PendingKey& keep(const skein::Request& request, const std::string& key,

@@ -224,6 +224,7 @@ TEST_F(InfluxHTTPRequestTest, PiecesOfALargeBatchMakeOneBody) {
   const std::string text = receive_to(peer, "b\n");
   const std::string body = first + "\n" + second + "\n";  // and an empty message
   EXPECT_TRUE(text.ends_with("Content-Length: 8388610\r\n\r\n" + body));
+  EXPECT_LT(database->memory(), 1000U) << "what is sent is no memory any more";
   end_with(peer, NO_CONTENT);
   end_with(begin(), NO_CONTENT);
   EXPECT_EQ(database->counters().largest_body, body.size());

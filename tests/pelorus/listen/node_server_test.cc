@@ -359,6 +359,22 @@ TEST_F(NodeServerTest, PendingRequestsBeyondTheLimitAreEvictedFirstThoseOfPeersT
   EXPECT_EQ(second.replies() + third.replies(), "1=nil 1=nil ");
 }
 
+TEST_F(NodeServerTest, GoneRequestsOfAnExpiredKeyMakeRoomToo) {
+  start({.held_bytes = 20'000});
+  auto known = connect();
+  send(known, collectd("k"));
+  accept_key("k");
+  clock_.tick(3600);
+  {
+    auto gone = connect();
+    send(gone, collectd("k", std::string(9000, 'x') + "\n"));
+  }
+  auto there = connect();
+  send(there, collectd("other", std::string(12'000, 'x') + "\n"));
+  EXPECT_TRUE(log_.texts("warning").back().starts_with("Dropping a request whose peer has gone"));
+  EXPECT_EQ(there.replies(), "");
+}
+
 TEST_F(NodeServerTest, OfAnUnconfirmedKeyTheNewestRequestsWait) {
   std::vector<support::SkeinPeer> peers;
   const auto ask = [&] {
