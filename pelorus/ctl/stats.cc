@@ -126,11 +126,12 @@ Thresholds parse_thresholds(const std::vector<std::string>& texts) {
   return thresholds;
 }
 
-/// Collects what is said about all databases. The worst finding decides.
+/// Collects what is said about all databases. The worst finding decides: CRITICAL, then UNKNOWN.
 class Verdict {
  public:
   void add(Health health, std::string_view finding) {
-    health_ = std::max(health_, health);
+    const bool critical = health == Health::CRITICAL || health_ == Health::CRITICAL;
+    health_ = critical ? Health::CRITICAL : std::max(health_, health);
     if (!findings_.empty()) findings_ += ", ";
     findings_ += finding;
   }

@@ -284,6 +284,8 @@ class Pelorusctl(CtlTest):
                 (["--crit", "age=0", "--database", "bonding"], 2, "CRITICAL - bonding: seconds"),
                 (["--crit", "failures=1", "--database", "bonding"], 0, "OK - 1 database is well"),
                 (["--crit", "failures=1", "--database", "none"], 3, "none: no such database"),
+                (["--crit", "failures=1", "--database", "tidewell", "--database", "none"], 2,
+                 "none: no such database"),
                 (["--crit", "length=1"], 3, "UNKNOWN - 'length=1' is no threshold"),
                 (["--crit", "failed=1"], 3, "UNKNOWN - failed, partial and discarded need --state"),
                 (["--crit", "failed=1", "--state", self.folder / "seen"], 2,
