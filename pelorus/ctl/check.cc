@@ -60,8 +60,9 @@ bool run_until(skein::Loop& loop, const std::function<bool()>& done) {
     if (done() || std::chrono::steady_clock::now() > end) return loop.stop();
     timer = loop.call_in(PAUSE, poll);
   };
+  if (done()) return true;  // stop() before run() would end the next run()
   poll();
-  if (!done()) loop.run();
+  loop.run();
   return done();
 }
 
@@ -290,11 +291,13 @@ class SettingsCheck {
                                  .discard_size = 1};
     InfluxDatabase database(name, at_once, influx_, loop);
     database.add("# pelorusctl check");
+    std::string text;
     if (!run_until(loop, [&] { return !database.has_current_request(); })) {
-      error("database \"{}\": no answer within {} seconds", name, LONGEST_WAIT.count());
+      text = fmt::format("no answer within {} seconds", LONGEST_WAIT.count());
     } else if (const auto& failure = database.counters().last_failure) {
-      error("database \"{}\": {}{}", name, failure->text, hint_of(failure->text));
+      text = failure->text;
     }
+    if (!text.empty()) error("database \"{}\": {}{}", name, text, hint_of(text));
   }
   static std::string_view hint_of(std::string_view failure) {
     if (failure.starts_with("status 401")) return " (INFLUX_AUTH: unknown account or password)";
