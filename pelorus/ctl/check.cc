@@ -35,7 +35,7 @@ namespace {
 /// Largest body that InfluxDB accepts by default.
 constexpr double INFLUX_BODY_LIMIT = 25e6;  // bytes
 
-/// What the example of the settings holds in place of secrets.
+/// The placeholders of the example settings.
 constexpr std::string_view EXAMPLE_INFLUX_AUTH = "cGVsb3J1czpzZWNyZXQ=";
 constexpr std::string_view EXAMPLE_WWW_KEY = "the administration web server's own key";
 
@@ -66,8 +66,8 @@ bool run_until(skein::Loop& loop, const std::function<bool()>& done) {
   return done();
 }
 
-/// Looks at every key as the daemon reads it, and at how they fit together. No text holds the value
-/// of a credential.
+/// Checks every key as the daemon reads it, and whether the values fit together. No message has the
+/// value of a credential.
 class SettingsCheck {
  public:
   /// Bytes of a usual message, and of the memory that the daemon may take.
@@ -88,8 +88,8 @@ class SettingsCheck {
     file_mode();
   }
 
-  /// Asks InfluxDB and the web server what they make of the settings, in the daemon's own words.
-  /// Only if there are no errors.
+  /// Tries the settings with InfluxDB and the web server, by the daemon's own code. Only if there
+  /// are no errors.
   void connect() {
     log::set_capture([](log::Level, std::string_view) {});  // the errors below say the same
     skein::Loop loop;
@@ -102,7 +102,7 @@ class SettingsCheck {
 
   /// The daemon would not start, or would lose data.
   const std::vector<std::string>& errors() const { return errors_; }
-  /// The daemon would work, but somebody should know.
+  /// The daemon would work, but the operator should know.
   const std::vector<std::string>& warnings() const { return warnings_; }
 
  private:
@@ -282,7 +282,7 @@ class SettingsCheck {
     }
   }
 
-  /// Writes a comment, which InfluxDB checks the account and the database for, and stores nothing.
+  /// Writes a comment: InfluxDB checks the account and the database, and stores nothing.
   void try_database(const std::string& name, skein::Loop& loop) {
     const BufferSettings at_once{.max_pending_messages = 2,
                                  .max_buffer_time = 0,
@@ -308,7 +308,7 @@ class SettingsCheck {
     return " (INFLUX_HTTP_CONNECTION)";
   }
 
-  /// Asks about a key that no node has.
+  /// Verifies a key that no node has.
   void try_web_server(skein::Loop& loop) {
     KeyVerification verification(*settings_, loop);
     std::optional<KeyOutcome> outcome;

@@ -31,15 +31,16 @@ enum class ExitStatus : int {
   LOST = 9,
 };
 
-/// Exit status of a monitoring plugin that cannot judge; 0 to 3 have other meanings there.
+/// Exit status of a monitoring plugin that cannot judge; a plugin's statuses 0 to 3 have other
+/// meanings.
 constexpr ExitStatus MONITORING_UNKNOWN{3};
 
 ExitStatus exit_status_of(skein::ClientError::Kind kind);
 
-/// What happened and what the reason may be, for a person.
+/// The failure and a possible reason, for people.
 std::string explain(const skein::ClientError& error);
 
-/// The list of exit statuses, as the help shows it.
+/// The list of exit statuses, for the help.
 std::string exit_status_help();
 
 /// A wrong command line; the text says what is wrong.

@@ -1,6 +1,5 @@
-// pelorusctl, the operator's tool. Each subcommand has a file of its own, adds itself to the
-// command line and runs if it was named. It throws what fails; main() turns that into an exit
-// status.
+// pelorusctl, the operator's tool. Each subcommand has a file of its own and adds itself to the
+// command line. Failures are exceptions, which main() turns into an exit status.
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 

@@ -40,8 +40,8 @@ class BlockReader {
  public:
   explicit BlockReader(int descriptor) : descriptor_(descriptor) {}
 
-  /// The next block, as long as whole lines allow; empty at the end. Adds a newline if the last
-  /// line lacks it. Throws skein::Failure if reading fails or a line is longer than a block.
+  /// The next block: as many whole lines as fit; empty at the end. Adds a newline if the last line
+  /// lacks it. Throws skein::Failure if reading fails or a line is longer than a block.
   std::string next() {
     fill();
     if (ended_ && !unread_.empty() && unread_.back() != '\n' && unread_.size() < BLOCK_BYTES) {
@@ -145,8 +145,8 @@ void send_block(skein::Client& client, const SendOptions& options, const std::st
   client.call(add ? "add" : "collectd", args);
 }
 
-/// Shows on one line of standard error how far a long transfer has come. Silent if that is no
-/// terminal, and while the transfer is young.
+/// Shows the progress of a long transfer on one line of standard error, if that is a terminal.
+/// Shows nothing in the first half second.
 class Progress {
  public:
   /// `total`: bytes in all, if that is known.

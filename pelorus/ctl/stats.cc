@@ -100,7 +100,7 @@ void write_state(const std::string& path, const Json& status) {
   if (!file || std::rename(draft.c_str(), path.c_str()) != 0) fail_state("cannot write", path);
 }
 
-/// The value of each measure from which a database is not well. None: the measure is not judged.
+/// The limit of each measure. None: the measure is not judged.
 using Thresholds = std::array<std::optional<double>, MEASURES.size()>;
 
 /// From texts such as "queue=1000,age=60". Throws UsageError.
@@ -126,7 +126,7 @@ Thresholds parse_thresholds(const std::vector<std::string>& texts) {
   return thresholds;
 }
 
-/// Collects what is said about all databases. The worst finding decides: CRITICAL, then UNKNOWN.
+/// Collects the findings about all databases. The worst one decides: CRITICAL, then UNKNOWN.
 class Verdict {
  public:
   void add(Health health, std::string_view finding) {
@@ -379,7 +379,7 @@ std::string for_programs(const ServerOptions& server, const StatsOptions& option
   return options.watch > 0 ? on_one_line(stats) : indented(stats);
 }
 
-/// Prints one line whatever happens.
+/// Prints one line, also after a failure.
 Health monitor(const ServerOptions& server, const StatsOptions& options) {
   try {
     const auto warning = parse_thresholds(options.warning);

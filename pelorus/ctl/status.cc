@@ -23,8 +23,8 @@ namespace {
 
 constexpr bool RIGHT = Table::RIGHT;
 
-/// An iteration of the event loop that takes at least this long is shown as bad.
-constexpr double SLOW_ITERATION_SECONDS = 0.5;
+/// A turn of the event loop that takes at least this long is shown as bad.
+constexpr double SLOW_TURN_SECONDS = 0.5;
 /// A queue that is full within this time is shown as bad.
 constexpr double SOON_FULL_SECONDS = 600;
 
@@ -35,8 +35,8 @@ struct View {
   bool watched = false;  ///< rates are shown
   double now = 0;        ///< seconds since the epoch
 
-  /// What the number at `pointer` has grown by each second, in a part of the reply and of the one
-  /// before. None before the second reply, and if the daemon was restarted in between.
+  /// Growth of the number at `pointer` per second, in a part of the reply and the same part of the
+  /// one before. None before the second reply, and if the daemon was restarted in between.
   std::optional<double> rate(const Json& part, const Json& part_before,
                              const std::string& pointer) const {
     const double seconds = count_at(status, "/uptime") - count_at(before, "/uptime");
@@ -107,7 +107,7 @@ std::string head(const View& view) {
       "connections ended by a limit or a broken protocol: {}, dropped log lines: {}\n",
       styled(HEADING, "pelorus " + skein::without_controls(text_at(status, "/version"))),
       human_duration(count_at(status, "/uptime")), human_moment(count_at(status, "/started")),
-      styled(delay >= SLOW_ITERATION_SECONDS ? BAD : PLAIN, fmt::format("{:.0f} ms", delay * 1000)),
+      styled(delay >= SLOW_TURN_SECONDS ? BAD : PLAIN, fmt::format("{:.0f} ms", delay * 1000)),
       count_and_rate(view, "/totals/messages"), count_and_rate(view, "/totals/records"),
       count_text(totals, "/accepted_auths"),
       styled(refused > 0 ? WARNING : PLAIN, human_count(refused) + " refused"),

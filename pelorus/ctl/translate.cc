@@ -30,7 +30,7 @@
 namespace pelorus::ctl {
 namespace {
 
-/// What the daemon makes of one series name or one Graphite line.
+/// The translation of one series name or one Graphite line.
 struct TranslatedLine {
   std::string series;
   std::string value;  ///< empty if only a series name was given
@@ -174,7 +174,7 @@ struct TranslateOptions {
   bool lint = false;
 };
 
-/// What is wrong with several lines together, though each of them is good by itself.
+/// Conflicts between lines that are good by themselves.
 class Lint {
  public:
   void add(const TranslatedLine& line) {
