@@ -11,6 +11,7 @@ import unittest
 from harness import BUILD, REPOSITORY
 from harness.daemon import AUTH, WWW_KEY
 from harness.http_server import NO_CONTENT, HTTPServer, WebServer, answering, hanging, status
+from harness.ledger import account
 from harness.process import wait_until
 from harness.real_servers import Influxd
 from harness.skein_client import HANG_UP, SILENCE, SkeinClient, SkeinError, SkeinServer
@@ -67,7 +68,7 @@ class PelorusctlAlone(CtlTest):
                                     "--socket", stub.address], stdout=subprocess.PIPE)
             with run:
                 self.assertEqual([run.stdout.readline() for _ in range(2)], [b'{"a":{"b":1}}\n'] * 2)
-                run.kill()
+                run.terminate()
 
     def test_watch_fits_the_terminal(self):
         looks = []
@@ -194,11 +195,8 @@ class Pelorusctl(CtlTest):
         local = self.ends_with_case(SkeinClient(daemon.socket))
 
         def tidewell(**wanted):
-            def amounts():
-                now = self.status(daemon)["databases"]["tidewell"]
-                seen = {name: now[name]["messages"] for name in wanted}
-                return now if seen == wanted else None
-            return wait_until(amounts, f"{wanted} messages in the status")
+            wait_until(lambda: wanted.items() <= account(daemon.socket, "tidewell").items(), wanted)
+            return self.status(daemon)["databases"]["tidewell"]
 
         local.collectd(LINE)
         tidewell(sent=1, queued=0, in_flight=0)
