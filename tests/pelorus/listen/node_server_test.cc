@@ -147,39 +147,29 @@ TEST_F(NodeServerTest, KeyOfTheLastRequestIsKnownInEverySpellingAndNoOtherIs) {
 
 TEST_F(NodeServerTest, EveryOtherAnswerDropsTheRequestInSilence) {
   auto peer = connect();
+  const std::string content = "Received response with unexpected response content ";
+  const std::string no_key = "Received response without \"key\" in response ";
+  const std::string trying = " while trying to authenticate to web server";
+  const std::string other = "Validation error - no node found for the key ending in cdef.";
   const struct {
-    std::string body;
-    int status;
-    std::string warning;
+    std::string body, warning;
+    int status = 200;
   } rows[] = {
-      {"", 404,
-       "Received response with unexpected status code 404 while trying to authenticate to web "
-       "server."},
-      {"no", 200,
-       "Received response with unexpected response content b'no' while trying to authenticate to "
-       "web "
-       "server: no JSON at byte 2."},
-      {std::string(1024, 'x') + "abc", 200,
-       "Received response with unexpected response content b'" + std::string(1024, 'x') +
-           "' (3 bytes left out) while trying to authenticate to web server: no JSON at byte 1."},
-      {R"({"kex": "ab-cd-ef"})", 200,
-       "Received response without \"key\" in response (19 bytes that repeat the key) while trying "
-       "to authenticate to web server."},
-      {R"(ab%63-\u0064ef)", 200,
-       "Received response with unexpected response content (14 bytes that repeat the key) while "
-       "trying to authenticate to web server: no JSON at byte 1."},
-      {"Token token", 200,
-       "Received response with unexpected response content (11 bytes that repeat the token) while "
-       "trying to authenticate to web server: no JSON at byte 1."},
-      {R"({"key": 1e999, "abc-def": 0})", 200,
-       "Received response with unexpected response content (28 bytes that repeat the key) while "
-       "trying to authenticate to web server: a number is out of range."},
-      {R"({"a": 1})", 200,
-       "Received response without \"key\" in response b'{\"a\": 1}' while trying to authenticate "
-       "to web server."},
-      {R"({"key": "other"})", 200, "Validation error - no node found for the key ending in cdef."},
-      {R"({"key": "abcdef", "key": 7})", 200,
-       "Validation error - no node found for the key ending in cdef."},
+      {"", "Received response with unexpected status code 404" + trying + ".", 404},
+      {"no", content + "b'no'" + trying + ": no JSON at byte 2."},
+      {std::string(1024, 'x') + "abc", content + "b'" + std::string(1024, 'x') +
+                                           "' (3 bytes left out)" + trying +
+                                           ": no JSON at byte 1."},
+      {R"(ab%63-\u0064ef)",
+       content + "(14 bytes that repeat the key)" + trying + ": no JSON at byte 1."},
+      {"Token token",
+       content + "(11 bytes that repeat the token)" + trying + ": no JSON at byte 1."},
+      {R"({"key": 1e999, "abc-def": 0})",
+       content + "(28 bytes that repeat the key)" + trying + ": a number is out of range."},
+      {R"({"kex": "ab-cd-ef"})", no_key + "(19 bytes that repeat the key)" + trying + "."},
+      {R"({"a": 1})", no_key + "b'{\"a\": 1}'" + trying + "."},
+      {R"({"key": "other"})", other},
+      {R"({"key": "abcdef", "key": 7})", other},
   };
   std::int64_t failed = 0;
   for (const auto& row : rows) {
