@@ -83,10 +83,13 @@ class CollectdPlugin(FolderTest):
         self.command("PUTVAL m000/load/load interval=10 1700000000:0.5:2:U")
         self.command(octets + "1700000000:100:7")
         self.command(octets + "1700000010:300:7")
+        for sample in ("1700000000:100", "1700000010:300"):
+            self.command(f"PUTVAL m000/a/counter interval=10 {sample}")
         self.flush_until("rates", rates, "m000.load.load.shortterm 0.5 1700000000\n"
                                 "m000.load.load.midterm 2.0 1700000000\n",
                          "m000.interface-eth0.if_octets.rx 20.0 1700000010\n"
-                         "m000.interface-eth0.if_octets.tx 0.0 1700000010\n")
+                         "m000.interface-eth0.if_octets.tx 0.0 1700000010\n",
+                         "m000.a.counter.value 20.0 1700000010\n")
         self.assertNotIn("longterm", rates.metrics())
         self.flush_until("counts", counts, "m000.interface-eth0.if_octets.rx 300 1700000010\n")
         self.assertEqual(counts.calls[0][1]["key"], "12-ab")
