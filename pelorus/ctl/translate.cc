@@ -15,6 +15,8 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <ranges>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -36,8 +38,10 @@ struct TranslatedLine {
   std::string value;  ///< empty if only a series name was given
   std::string rule;   ///< its name and which plugin parts it matches; empty if none was asked
   translate::TranslatedSeries names;
-  std::string record;    ///< as it is sent; empty without a value, or if nothing is sent
-  std::string note;      ///< why InfluxDB will refuse the record; empty if it will not
+  std::string record;  ///< as it is sent; empty without a value, or if nothing is sent
+  std::string note;    ///< why InfluxDB will refuse the record; empty if it will not
+  /// The type of each field of the record; empty if InfluxDB will refuse it.
+  std::vector<std::pair<std::string, std::string_view>> types;
   std::string error;     ///< as the daemon logs it; empty if it is translated
   bool skipped = false;  ///< its value is "nan": the daemon leaves it out without logging that
 };
@@ -79,22 +83,24 @@ std::errc parse(std::string_view text, Number& number) {
   return result.ec;
 }
 
-/// Whether InfluxDB takes what follows the "=" of a field.
-bool is_field_value(std::string_view value) {
+/// The type of what follows the "=" of a field; empty if InfluxDB refuses it.
+std::string_view type_of(std::string_view value) {
   constexpr std::array<std::string_view, 10> BOOLEANS{"t", "T", "true",  "True",  "TRUE",
                                                       "f", "F", "false", "False", "FALSE"};
-  if (std::ranges::find(BOOLEANS, value) != BOOLEANS.end()) return true;
-  if (value.starts_with('"')) return value.find('"', 1) == value.size() - 1;
+  if (std::ranges::find(BOOLEANS, value) != BOOLEANS.end()) return "a boolean";
+  if (value.starts_with('"')) return "a text";
   if (value.ends_with('i')) {
     std::int64_t integer = 0;
-    return parse(value.substr(0, value.size() - 1), integer) == std::errc();
+    return parse(value.substr(0, value.size() - 1), integer) == std::errc() ? "an integer" : "";
   }
   double number = 0;
-  if (value.find_first_not_of("0123456789+-.eE") != value.npos) return false;  // no "inf"
+  if (value.find_first_not_of("0123456789+-.eE") != value.npos) return "";  // no "inf"
   const std::errc error = parse(value, number);
   // Too small is 0 for InfluxDB, too large an error.
-  return error == std::errc() || (error == std::errc::result_out_of_range &&
-                                  std::isfinite(std::strtod(std::string(value).c_str(), nullptr)));
+  const bool good =
+      error == std::errc() || (error == std::errc::result_out_of_range &&
+                               std::isfinite(std::strtod(std::string(value).c_str(), nullptr)));
+  return good ? "a float" : "";
 }
 
 bool is_time(std::string_view nanoseconds) {
@@ -103,31 +109,110 @@ bool is_time(std::string_view nanoseconds) {
   return parse(nanoseconds, time) == std::errc() && time >= -LAST && time <= LAST;
 }
 
-/// Why InfluxDB will refuse a record; empty if it will not. A name that breaks the record apart is
-/// named before what is around the break.
-std::string refusal_of(const TranslatedLine& line, std::string_view timestamp) {
-  std::vector<std::string_view> texts{line.names.measurement, line.names.key};
-  for (const auto& [key, value] : line.names.tags) texts.insert(texts.end(), {key, value});
-  for (const std::string_view text : texts) {
-    if (text.empty()) return "InfluxDB refuses an empty measurement, field or tag";
-    if (text.find_first_of(",=\\") != text.npos) {
-      return fmt::format("InfluxDB takes \",\", \"=\" and \"\\\" in \"{}\" for its own signs",
-                         text);
-    }
+// A record as InfluxDB reads it, where "\" before a sign takes its meaning away:
+//
+//     measurement,tag=value,tag=value field=value,field="a text" 1700000000000000000
+
+/// Where the first `sign` that has its meaning is; npos without one.
+std::size_t find_sign(char sign, std::string_view text) {
+  std::size_t found = text.find(sign);
+  while (found != text.npos && found > 0 && text[found - 1] == '\\') {
+    found = text.find(sign, found + 1);
   }
-  const std::string_view record = line.record;
-  const std::size_t blank = record.rfind(' ');
-  const bool integer = all_digits(line.value);
-  if (!is_field_value(integer ? line.value + "i" : line.value)) {
-    return fmt::format("InfluxDB refuses the value \"{}\"{}", line.value,
-                       integer ? ": an integer has up to 9223372036854775807" : "");
+  return found;
+}
+
+/// Cuts `text` in two at that sign, and returns the first part; all of it without such a sign.
+std::string_view take_until(char sign, std::string_view& text) {
+  const std::string_view first = text.substr(0, find_sign(sign, text));
+  text.remove_prefix(std::min(first.size() + 1, text.size()));
+  return first;
+}
+
+/// The bytes of a field's value at the beginning of `text`. None: it goes on in the next line,
+/// because a quotation mark is open.
+std::optional<std::size_t> value_bytes(std::string_view text) {
+  bool quoted = false;
+  std::size_t i = 0;
+  for (; i < text.size() && (quoted || text[i] != ','); ++i) {
+    if (text[i] == '"') quoted = !quoted;
+    if (text[i] == '\\') ++i;
   }
-  if (!is_time(record.substr(blank + 1))) {
-    return fmt::format(
-        "InfluxDB refuses the time: \"{}\" is no number of seconds of up to {} bytes", timestamp,
-        TIMESTAMP_BYTES);
+  return quoted ? std::nullopt : std::optional(std::min(i, text.size()));
+}
+
+std::string unreadable(std::string_view part) {
+  return fmt::format(
+      "InfluxDB cannot read \"{}\": it takes \",\", \"=\" and \"\\\" in a name for its own signs",
+      part);
+}
+
+/// Why InfluxDB refuses a name and what follows its "="; empty if it does not.
+std::string refusal_of_pair(std::string_view name, std::string_view value) {
+  if (name.empty() || value.empty()) return "InfluxDB refuses an empty measurement, field or tag";
+  if (name == "time") return "InfluxDB refuses a field or a tag that is named \"time\"";
+  return "";
+}
+
+/// Why InfluxDB refuses a measurement with its tags; empty if it does not.
+std::string refusal_of_series(std::string_view text) {
+  if (take_until(',', text).empty()) return refusal_of_pair("", "");
+  std::vector<std::string_view> names;
+  while (!text.empty()) {
+    const std::string_view tag = take_until(',', text);
+    std::string_view value = tag;
+    const std::string_view name = take_until('=', value);
+    const bool known = std::ranges::find(names, name) != names.end();
+    if (name == tag || known || find_sign('=', value) != value.npos) return unreadable(tag);
+    if (std::string refusal = refusal_of_pair(name, value); !refusal.empty()) return refusal;
+    names.push_back(name);
   }
   return "";
+}
+
+/// The same for fields. Adds their types.
+std::string refusal_of_fields(std::string_view text, TranslatedLine& line) {
+  while (true) {
+    const std::string_view all = text;
+    const std::string_view key = take_until('=', text);
+    if (key == all || find_sign(',', key) != key.npos) return unreadable(all);
+    const auto bytes = value_bytes(text);
+    if (!bytes) {
+      return fmt::format(
+          "InfluxDB finds no end of the value \"{}\": it swallows what follows, up to the next "
+          "quotation mark",
+          text);
+    }
+    const std::string_view value = text.substr(0, *bytes);
+    if (std::string refusal = refusal_of_pair(key, value); !refusal.empty()) return refusal;
+    const std::string_view type = type_of(value);
+    if (type.empty()) {
+      const bool integer = value.ends_with('i') && all_digits(value.substr(0, value.size() - 1));
+      return fmt::format("InfluxDB refuses the value \"{}\"{}", value,
+                         integer ? ": an integer has up to 9223372036854775807" : "");
+    }
+    line.types.emplace_back(key, type);
+    if (*bytes == text.size()) return "";
+    text.remove_prefix(*bytes + 1);
+  }
+}
+
+/// Why InfluxDB will refuse the record; empty if it will not, and then adds the types of its
+/// fields.
+std::string refusal_of(TranslatedLine& line, std::string_view timestamp) {
+  std::string_view fields = line.record;
+  const std::size_t blank = fields.rfind(' ');
+  const std::string_view time = fields.substr(blank + 1);
+  fields = fields.substr(0, blank);
+  std::string refusal = refusal_of_series(take_until(' ', fields));
+  if (refusal.empty()) refusal = refusal_of_fields(fields, line);
+  if (refusal.empty() && !is_time(time)) {
+    refusal =
+        fmt::format("InfluxDB refuses the time: \"{}\" is no number of seconds of up to {} bytes",
+                    timestamp, TIMESTAMP_BYTES);
+  }
+  if (!refusal.empty()) line.types.clear();
+  return refusal;
 }
 
 /// `text`: "series", or "series value timestamp".
@@ -184,21 +269,20 @@ class Lint {
     for (const auto& [key, value] : tags) target += fmt::format(",{}={}", key, value);
     auto& series = series_[std::move(target)];
     if (std::ranges::find(series, line.series) == series.end()) series.push_back(line.series);
-    if (line.value.empty() || line.skipped) return;
-    auto& [integer, real] = types_[{line.names.measurement, line.names.key}];
-    std::string& first = all_digits(line.value) ? integer : real;
-    if (first.empty()) first = line.series + " " + line.value;
+    for (const auto& [key, type] : line.types) {
+      auto& types = types_[{line.names.measurement, key}];
+      if (std::ranges::find(types, type, &FirstOfType::first) != types.end()) continue;
+      types.emplace_back(type, fmt::format("{} in \"{} {}\"", type, line.series, line.value));
+    }
   }
-  /// One line for each field that came as an integer and as a float: InfluxDB refuses the type that
-  /// comes second.
+  /// One line for each field that came with several types: InfluxDB refuses those that do not come
+  /// first.
   std::vector<std::string> fields_of_two_types() const {
     std::vector<std::string> lines;
-    for (const auto& [field, first] : types_) {
-      const auto& [integer, real] = first;
-      if (integer.empty() || real.empty()) continue;
-      lines.push_back(
-          fmt::format("field {} of measurement {} is an integer in \"{}\" and a float in \"{}\"",
-                      field.second, field.first, integer, real));
+    for (const auto& [field, types] : types_) {
+      if (types.size() < 2) continue;
+      lines.push_back(fmt::format("field {} of measurement {} is {}", field.second, field.first,
+                                  fmt::join(std::views::values(types), " and ")));
     }
     return lines;
   }
@@ -214,8 +298,10 @@ class Lint {
   }
 
  private:
-  /// The first line with an integer and the first with a float, by measurement and key.
-  std::map<std::pair<std::string, std::string>, std::array<std::string, 2>> types_;
+  /// A type and the first line that has it, as it is shown.
+  using FirstOfType = std::pair<std::string_view, std::string>;
+  /// By measurement and key.
+  std::map<std::pair<std::string, std::string>, std::vector<FirstOfType>> types_;
   /// The series by the field, measurement and tags that they become.
   std::map<std::string, std::vector<std::string>> series_;
 };
@@ -294,12 +380,20 @@ void run(const TranslateOptions& options) {
   if (options.lint) {
     for (const auto* conflicts : {&two_types, &overwritten}) {
       for (const std::string& conflict : *conflicts) {
-        fmt::print("{}\n", styled(WARNING, skein::without_controls(conflict)));
+        options.json ? fmt::print("{}", on_one_line({{"warning", conflict}}))
+                     : fmt::print("{}\n", styled(WARNING, skein::without_controls(conflict)));
       }
     }
-    fmt::print("{}, {} not translated, {} refused by InfluxDB, {} of two types, {} overwritten\n",
-               human_number_of("line", lines), failed, refused,
-               human_number_of("field", two_types.size()), overwritten.size());
+    options.json ? fmt::print("{}", on_one_line({{"lines", lines},
+                                                 {"not_translated", failed},
+                                                 {"refused", refused},
+                                                 {"two_types", two_types.size()},
+                                                 {"overwritten", overwritten.size()}}))
+                 : fmt::print(
+                       "{}, {} not translated, {} refused by InfluxDB, {} of two types, {} "
+                       "overwritten\n",
+                       human_number_of("line", lines), failed, refused,
+                       human_number_of("field", two_types.size()), overwritten.size());
   }
   if (failed + refused + two_types.size() + overwritten.size() > 0) {
     throw CLI::RuntimeError(static_cast<int>(ExitStatus::FAILURE));
@@ -318,13 +412,11 @@ void add_translate(CLI::App& app) {
                    "Series names, or whole lines (\"series value timestamp\") in quotation marks; "
                    "without any, the lines of standard input")
       ->type_name("");
-  auto* json = command->add_flag("--json", options->json, "Print one JSON object a line");
-  command
-      ->add_flag("--lint", options->lint,
-                 "Print only what cannot be translated or InfluxDB refuses, fields that come both "
-                 "as an integer and as a float (InfluxDB refuses the type that comes second), and "
-                 "series that overwrite each other")
-      ->excludes(json);
+  command->add_flag("--json", options->json, "Print one JSON object a line");
+  command->add_flag("--lint", options->lint,
+                    "Print only what cannot be translated or InfluxDB refuses, fields that come "
+                    "with several types (InfluxDB refuses those that do not come first), and "
+                    "series that overwrite each other");
   command->footer(
       "Exit status:\n  0  everything was translated\n"
       "  1  something was not, or InfluxDB refuses it, or --lint found something else\n"

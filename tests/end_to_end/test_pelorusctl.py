@@ -314,8 +314,13 @@ class Pelorusctl(CtlTest):
             self.assertIn(words, self.ctl("translate", LINE, text, exit_status=1))
         both = LINE + LINE.replace("0.5", "1") + LINE.replace("short", "long")
         self.assertRegex(self.ctl("translate", "--lint", stdin=both, exit_status=1),
-                         r"^field shortterm of measurement load is an integer in .* 1\" and a float "
-                         r"in .* 0.5\"\n3 lines, .*, 1 field of two types, 0 overwritten\n$")
+                         r"^field shortterm of measurement load is a float in .* 0.5\" and an "
+                         r"integer in .* 1\"\n3 lines, .*, 1 field of two types, 0 overwritten\n$")
+        for values, conflicts in ((("true", "1.5"), 1), (("1i", "1.5"), 1), (('"a"', "1.0"), 1),
+                                  (("1i", "1"), 0), (("5,b=6", "1.5"), 0), (("inf", "1"), 0)):
+            said = self.ctl("translate", "--lint", "--json", exit_status=conflicts or "inf" in values,
+                            *(f"m000.load.load.a {value} 5" for value in values))
+            self.assertEqual(json.loads(said.split("\n")[-2])["two_types"], conflicts, values)
         same = "m000.disk-sda.disk_octets.read 1.5 5\n"
         self.assertRegex(self.ctl("translate", "--lint", exit_status=1,
                                   stdin=same * 2 + same.replace("disk_", "dask_")),
@@ -333,13 +338,19 @@ class Pelorusctl(CtlTest):
         auth = influx.prepare(["a"])
         values = ("7", "9223372036854775807", "9223372036854775808", "-1", "+1", "1.", ".5", "1e5",
                   "1E+5", "1e", "e5", "-", ".", "-1i", "1.5i", "0x10", "1e999", "1e-999", "inf",
-                  "NaN", "1,5", "true", "T", "tRUE", "U", '"abc"', '"abc', "1.5.5", "1-5", "5%")
+                  "NaN", "1,5", "true", "T", "tRUE", "U", '"abc"', '"abc', "1.5.5", "1-5", "5%",
+                  '"\\"', '"a\\"b"', '"a\\\\"', "5,b=6", "5,b", "5,c=t", "5,=6", '"a,b"', '5"', '""',
+                  '"a"b"c"', "5\\", "5,")
         times = ("0000000000", "-100000000", "9223372036", "9223372037", "5", "1700000000.5", "1e9")
         lines = ([f"m000.load.load.v{n} {value} 1700000000"
                   for n, value in enumerate(values)] +
                  [f"m000.load.load.t 1.5 {time}" for time in times] +
-                 ["m000.cpu-.cpu-idle.v 1.5 5", "m000.cpu-a,b.cpu-idle.v 1.5 5"])
-        for line in lines:
+                 [f"m000.load.load.{key} 1.5 5"
+                  for key in ("time", "a\\", "a\\b", "a,b", "a=b", "a=1,b", '"a', "\\")] +
+                 [f"m000.cpu-{tag}.cpu-idle.v 1.5 5"
+                  for tag in ("", "a,b", "a,b=c", "a=b", "a\\b", "a\\", "a\\,b", "a,cpu=b", "a,time=b")])
+        swallowing = set()
+        for second, line in enumerate(lines):
             run = subprocess.run([BUILD / "bin" / "pelorusctl", "translate", "--json", line],
                                  stdout=subprocess.PIPE, timeout=30)
             said = json.loads(run.stdout)
@@ -347,6 +358,11 @@ class Pelorusctl(CtlTest):
                 answer = influx.write("a", said["record"], auth)
                 self.assertEqual("note" in said, answer != 204)
                 self.assertEqual(run.returncode, answer != 204)
+            influx.write("a", f"{said['record']}\nnext v=1 {second}000000000", auth)
+            if "swallows what follows" in said.get("note", ""):
+                swallowing.add(second)
+        [stored] = influx.query("SELECT v FROM next", "a")
+        self.assertEqual(set(range(len(lines))) - {second for second, _ in stored["values"]}, swallowing)
 
     def test_check(self):
         good = example(INFLUX_UNIX_SOCKET=str(self.folder / "socket"), INFLUX_AUTH=AUTH)
