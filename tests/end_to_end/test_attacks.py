@@ -83,24 +83,23 @@ class Attacks(StageTest):
                   f"the slowest after {max(answered, default=0) * 1000:.0f} ms")
             self.assertEqual(len(answered), tries, who)
 
+    def attack(self, act, before, a_second):
+        """Does `act` so many times, and goes on while good nodes are served."""
+        for _ in range(before):
+            act()
+        with Repeated(act, 1 / a_second):
+            self.expect_service()
+
     def test_one_bad_key_of_peers_that_go(self):
         self.start_stage()
         data = block("unknown-bad", LINE * 430)  # some 800 bytes that become 17 KB
-        for _ in range(15_800):
-            self.throw(data)
-        with Repeated(lambda: self.throw(data), 1 / 100):
-            self.expect_service()
+        self.attack(lambda: self.throw(data), 15_800, 100)
         self.expect_well()
 
     def test_made_up_keys_of_peers_that_go(self):
         self.start_stage()
         numbers = iter(range(10**9))
-        def make_up():
-            self.throw(block(f"unknown{next(numbers)}", LINE))
-        for _ in range(20_000):
-            make_up()
-        with Repeated(make_up, 1 / 500):
-            self.expect_service()
+        self.attack(lambda: self.throw(block(f"unknown{next(numbers)}", LINE)), 20_000, 500)
         self.expect_well()
 
     def test_dead_connections_with_a_valid_key(self):
@@ -111,10 +110,7 @@ class Attacks(StageTest):
                 peer.send_bytes(good)
                 peer.receive()
                 peer.send_bytes(bad)
-        for _ in range(1500):
-            show_and_ask()
-        with Repeated(show_and_ask, 1 / 100):
-            self.expect_service()
+        self.attack(show_and_ask, 1500, 100)
         self.expect_well()
 
     def test_live_connections_with_a_valid_key(self):
@@ -124,10 +120,7 @@ class Attacks(StageTest):
             peers.append(self.node(5))
             peers[-1].send_bytes(good)
             peers[-1].receive()
-        for _ in range(1500):
-            show_and_stay()
-        with Repeated(show_and_stay, 1 / 100):
-            self.expect_service()
+        self.attack(show_and_stay, 1500, 100)
         for peer in peers:
             peer.close()
         self.expect_well()
@@ -198,10 +191,7 @@ class Attacks(StageTest):
         def begin():
             halves.append(self.node(5))
             halves[-1].send_bytes(b"\x00\xff\x00\x00" + bytes(100_000))
-        for _ in range(2000):
-            begin()
-        with Repeated(begin, 1 / 100):
-            self.expect_service()
+        self.attack(begin, 2000, 100)
         for half in halves:
             half.close()
         self.expect_well()
@@ -209,6 +199,5 @@ class Attacks(StageTest):
     def test_long_submits_with_a_bad_key(self):
         self.start_stage()
         data = submit("unknown-bad", 300_000)
-        with Repeated(lambda: self.throw(data), 1 / 5):
-            self.expect_service()
+        self.attack(lambda: self.throw(data), 0, 5)
         self.expect_well()
