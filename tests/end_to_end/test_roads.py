@@ -9,9 +9,6 @@ from harness.process import wait_until
 from harness.skein_client import REQUEST, SkeinClient, SkeinError
 from tests.end_to_end.support import FolderTest
 
-LOAD = "m000.load.load.shortterm 0.5 1700000000\n"
-LOAD_RECORD = b"load shortterm=0.5 1700000000000000000"
-LAST_LINE_WARNING = "Improperly formatted metric: \"b''\""
 GOOD_KEY = "11112222-3333-4444-5555-66667777aaaa"
 BAD_KEY = "99998888-7777-6666-5555-44443333bbbb"
 LINE = "node7.load.load.shortterm 0.5 1700000000\n"
@@ -24,10 +21,7 @@ class LocalRoad(FolderTest):
         super().setUp()
         self.influx = self.ends_with_case(HTTPServer())
         self.daemon = self.start_pelorus({"INFLUX_HTTP_CONNECTION": self.influx.address})
-        self.client = self.connect()
-
-    def connect(self):
-        return self.ends_with_case(SkeinClient(self.daemon.socket))
+        self.client = self.ends_with_case(SkeinClient(self.daemon.socket))
 
     def test_block_becomes_one_message_without_its_bad_lines(self):
         self.client.collectd(
@@ -41,18 +35,11 @@ class LocalRoad(FolderTest):
             b"disk,device=\xff\xc3\xa9 read_octets=7i 1700000002000000000\n"])
         self.assertEqual(self.daemon.lines(WARNING), [
             "Improperly formatted metric: \"b'two fields'\"",
-            "Unexpected error occurred when translating series", LAST_LINE_WARNING])
+            "Unexpected error occurred when translating series",
+            "Improperly formatted metric: \"b''\""])  # the last line
         details = "\n".join(self.daemon.lines(ERROR))
         self.assertIn("b'm000.load'", details)
         self.assertIn("add_graphite", details)  # the trace
-
-    def test_cut_line_is_joined_within_its_connection_only(self):
-        other = self.connect()
-        self.client.collectd(LOAD + LOAD[:20])
-        other.collectd(LOAD[:30])
-        self.client.collectd(LOAD[20:])
-        wait_until(lambda: self.influx.lines() == [LOAD_RECORD] * 2, "the joined line")
-        self.assertEqual(set(self.daemon.lines(WARNING)), {LAST_LINE_WARNING})
 
     def test_failure_is_answered_and_logged_with_a_trace(self):
         with self.assertRaisesRegex(SkeinError, r"^Intentionally failing for testing\.$"):

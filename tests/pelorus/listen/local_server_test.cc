@@ -63,13 +63,16 @@ TEST_F(LocalServerTest, WhatStandsAtItsPathIsRemovedAndTheTargetOfALinkIsKept) {
   EXPECT_TRUE(fs::is_directory(path));
 }
 
-TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessage) {
+TEST_F(LocalServerTest, BlockWithoutAWholeLineIsAnEmptyMessageAndItsConnectionKeepsTheLine) {
   LocalServer server(handler_, settings_, loop_, resources_);
   auto peer = support::SkeinPeer::unix_socket(socket_path());
-  send(peer, support::request(1, "collectd", {{"metrics", "no end"}}));
-  EXPECT_EQ(peer.replies(), "1=nil ");
-  EXPECT_EQ(handler_.databases()[0]->pending_data_len(), 1U);
-  EXPECT_GT(resources_.admission.held_bytes(), 0U) << "of the unfinished line";
+  auto other = support::SkeinPeer::unix_socket(socket_path());
+  send(peer, support::request(1, "collectd", {{"metrics", "m000.load.load.a 1"}}));
+  EXPECT_GT(resources_.admission.held_bytes(), 0U);
+  send(other, support::request(1, "collectd", {{"metrics", "no end"}}));
+  send(peer, support::request(2, "collectd", {{"metrics", " 1500000000\n"}}));
+  EXPECT_EQ(peer.replies() + other.replies(), "1=nil 2=nil 1=nil ");
+  EXPECT_EQ(queued("tidewell"), "\n\nload a=1i 1500000000000000000\n");
 }
 
 TEST_F(LocalServerTest, LongBlockIsOneMessageWhoeverWaitsForIt) {
