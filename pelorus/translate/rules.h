@@ -96,7 +96,7 @@ struct RuleRow {
 using enum RuleTest;
 
 /// In order: the first row that matches wins.
-constexpr std::array<RuleRow, 27> RULES{{
+inline constexpr std::array<RuleRow, 27> RULES{{
     {STARTS_WITH, "t", rules::tunnel, "tunnel"},  // every "t…" is a tunnel, every "b…" a bridge
     {STARTS_WITH, "b", rules::bridge, "bridge"},
     {STARTS_WITH, "processes-", rules::process, "process"},
@@ -139,7 +139,7 @@ static_assert(every_row_reachable());
 /// The table as it is searched: the rows whose literal begins with the same byte stand together, in
 /// the order of the table. A row matches only a part that begins with that byte, so a search of
 /// these rows alone finds the same row as a search of all.
-constexpr auto RULES_BY_FIRST_BYTE = [] {
+inline constexpr auto RULES_BY_FIRST_BYTE = [] {
   auto rows = RULES;
   std::size_t count = 0;
   for (unsigned byte = 0; byte < 256; ++byte) {
@@ -151,7 +151,7 @@ constexpr auto RULES_BY_FIRST_BYTE = [] {
 }();
 
 /// How many of those rows begin with a smaller byte: where the rows of a byte begin.
-constexpr auto ROWS_BEFORE_BYTE = [] {
+inline constexpr auto ROWS_BEFORE_BYTE = [] {
   std::array<std::uint8_t, 257> before{};
   for (unsigned byte = 0; byte < 256; ++byte) {
     before[byte + 1] = before[byte];
