@@ -156,14 +156,17 @@ std::string refusal_of_pair(std::string_view name, std::string_view value) {
 
 /// Why InfluxDB refuses a measurement with its tags; empty if it does not.
 std::string refusal_of_series(std::string_view text) {
-  if (take_until(',', text).empty()) return refusal_of_pair("", "");
+  std::string_view rest = text.substr(std::min(find_sign(',', text), text.size()));
+  if (rest.size() == text.size()) return refusal_of_pair("", "");  // no measurement
   std::vector<std::string_view> names;
-  while (!text.empty()) {
-    const std::string_view tag = take_until(',', text);
+  while (!rest.empty()) {
+    rest.remove_prefix(1);  // the ","
+    const std::string_view tag = rest.substr(0, find_sign(',', rest));
+    rest.remove_prefix(tag.size());
     std::string_view value = tag;
     const std::string_view name = take_until('=', value);
     const bool known = std::ranges::find(names, name) != names.end();
-    if (name == tag || known || find_sign('=', value) != value.npos) return unreadable(tag);
+    if (name == tag || known || find_sign('=', value) != value.npos) return unreadable(text);
     if (std::string refusal = refusal_of_pair(name, value); !refusal.empty()) return refusal;
     names.push_back(name);
   }

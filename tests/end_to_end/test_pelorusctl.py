@@ -347,7 +347,7 @@ class Pelorusctl(CtlTest):
                  [f"m000.load.load.{key} 1.5 5"
                   for key in ("time", "a\\", "a\\b", "a,b", "a=b", "a=1,b", '"a', "\\")] +
                  [f"m000.cpu-{tag}.cpu-idle.v 1.5 5"
-                  for tag in ("", "a,b", "a,b=c", "a=b", "a\\b", "a\\", "a\\,b", "a,cpu=b", "a,time=b")])
+                  for tag in ("", "a,b", "a,b=c", "a=b", "a\\b", "a\\", "a\\,b", "a,cpu=b", "a,time=b", "a,")])
         swallowing = set()
         for second, line in enumerate(lines):
             run = subprocess.run([BUILD / "bin" / "pelorusctl", "translate", "--json", line],
