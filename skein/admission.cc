@@ -88,10 +88,11 @@ void Admission::change(Account& account, std::size_t bytes) {
 }
 
 std::string Admission::enforce() {
-  const auto& gone = of(Standing::GONE);
+  const auto& disconnected = of(Standing::DISCONNECTED);
   const std::size_t most = limits_.held_bytes;
-  while (gone.most() > limits_.gone_bytes || (held_bytes_ > most && !gone.empty())) {
-    evict_largest(Standing::GONE);
+  while (disconnected.most() > limits_.disconnected_bytes ||
+         (held_bytes_ > most && !disconnected.empty())) {
+    evict_largest(Standing::DISCONNECTED);
   }
   const auto& strangers = of(Standing::UNAUTHENTICATED);
   while (held_bytes_ > most && strangers.weight() > limits_.unauthenticated_bytes) {
@@ -114,7 +115,7 @@ void Admission::evict_largest(Standing standing) {
                 "{} bytes are held for all connections, {} are allowed, and {} for this one",
                 held_bytes_, limits_.held_bytes, account.bytes_)
           : fmt::format("{} bytes are held for peers of its address that have gone, {} are allowed",
-                        of(standing).most(), limits_.gone_bytes));
+                        of(standing).most(), limits_.disconnected_bytes));
   hold(account, 0);
   account.evict(reason);
 }
@@ -145,7 +146,7 @@ void Admission::make_room(Account& newest) {
 
 void Admission::set_standing(Account& account, Standing standing) {
   const Standing before = account.standing_;
-  if (before == standing || before == Standing::GONE) return;
+  if (before == standing || before == Standing::DISCONNECTED) return;
   if (const std::uint32_t bytes = account.bytes_; bytes != 0) {
     of(standing).add(group_of(account, standing), account, bytes);
     of(before).remove(group_of(account, before), account, bytes);

@@ -18,7 +18,7 @@ namespace skein {
 
 /// What a peer has shown of itself. In this order peers are evicted.
 enum class Standing : std::uint8_t {
-  GONE,             ///< sends no more; perhaps nobody is there
+  DISCONNECTED,     ///< its stream has ended; perhaps nobody is there
   UNAUTHENTICATED,  ///< has not shown who it is
   AUTHENTICATED,    ///< has, or need not
 };
@@ -27,18 +27,18 @@ enum class Standing : std::uint8_t {
 /// there are, and how long one may go on without progress. It sees accounts, bytes, a standing and
 /// an origin (a number: the network address), and nothing of connections or requests.
 ///
-/// Who is evicted when a limit is reached, and what comes next when there is none such:
+/// Which account is evicted when a limit is reached, in this order:
 ///
-///     bytes held    gone: the largest account of the origin for which most is held
+///     bytes held    disconnected: the largest account of the origin that holds most
 ///                   unauthenticated: likewise, down to what is reserved for them
 ///                   authenticated, from twice the limit on: the largest account
-///     connections   gone: the first to go of the origin that has most of them
+///     connections   disconnected: the first to end of the origin that has most of them
 ///                   unauthenticated: the oldest of the origin that has most of them
 ///                   the newest
 ///     no progress   the account itself
 ///
 /// So somebody who sends much is not helped by many connections, as long as they come from one
-/// address, and nobody who is there makes room for somebody who has gone.
+/// address, and no peer is evicted as long as there is a disconnected one.
 ///
 /// One for all servers of a process; outlives its accounts. Loop thread only.
 class Admission {
@@ -97,7 +97,8 @@ class Admission {
   }
   std::size_t held_bytes() const noexcept { return held_bytes_; }
   bool is_short() const noexcept {
-    return held_bytes_ > limits_.held_bytes || of(Standing::GONE).most() > limits_.gone_bytes;
+    return held_bytes_ > limits_.held_bytes ||
+           of(Standing::DISCONNECTED).most() > limits_.disconnected_bytes;
   }
   /// Evicts accounts until the limits are kept. Returns what is to be reported if they are not kept
   /// even so. Not from within the handler of a request, whose own connection it may end.
@@ -110,7 +111,7 @@ class Admission {
   /// If there are too many connections now, evicts one; `newest` is the one that came last.
   void make_room(Account& newest);
   void remove_connection(Account& connection) noexcept;
-  /// Nobody who is gone comes back. Throws std::bad_alloc; a connection is to be ended then.
+  /// A disconnected account stays so. Throws std::bad_alloc; a connection is to be ended then.
   void set_standing(Account& account, Standing standing);
   /// Nothing is held for `account` any more, or expected of it.
   void release(Account& account) noexcept;
@@ -134,8 +135,8 @@ class Admission {
     std::size_t weight = 0;  ///< how many
   };
 
-  /// Accounts of one standing in the order in which they are evicted: those of the origin that
-  /// weighs most, in the order of `Accounts`.
+  /// Accounts of one standing in the order of eviction: the heaviest origin first; within it, the
+  /// order of `Accounts`.
   template <class Accounts>
   class EvictionOrder {
    public:
@@ -179,7 +180,7 @@ class Admission {
   Limits limits_;
   std::size_t held_bytes_ = 0;
   std::array<EvictionOrder<BySize>, 3> by_size_;  ///< one for each standing
-  /// Connections: gone, unauthenticated. Those that are authenticated stand in none.
+  /// Connections: disconnected, unauthenticated. Those that are authenticated stand in none.
   std::array<EvictionOrder<ByAge>, 2> by_age_;
   std::size_t connections_ = 0;
   const Time start_;

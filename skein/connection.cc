@@ -172,7 +172,7 @@ void Connection::flush(std::chrono::steady_clock::time_point now) {
       return;
     }
     if (count < 0) {
-      kept.write_closed = true;  // to receive what it sent before it went ends with its end
+      kept.write_closed = true;  // stop sending; receive until the end of the peer's stream
       break;
     }
     kept.sent += static_cast<std::size_t>(count);

@@ -24,9 +24,8 @@ namespace skein {
 ///     pop_frame()                          ^ the next one
 ///     store_rest()  own memory                     | beginning of a fra|
 ///
-/// What follows the next time is appended to that, as far as its frame reaches, and taken from
-/// there. A connection without anything unfinished has no memory of its own, which is what a server
-/// of thousands of idle peers needs.
+/// Later bytes are appended to it until that frame is complete. A connection without anything
+/// unfinished has no memory of its own, which is what a server of thousands of idle peers needs.
 class Connection {
  public:
   /// What came on a connection. Moments are those of Loop::seconds().

@@ -33,7 +33,7 @@ struct Limits {
   /// keeps for them. Enough for 25 KiB of each of 10,000 nodes.
   std::size_t held_bytes = 256U << 20;
   /// Bytes of them for disconnected peers of one origin: two of the largest frames.
-  std::size_t gone_bytes = 2 * MAX_CONTENT_BYTES;
+  std::size_t disconnected_bytes = 2 * MAX_CONTENT_BYTES;
   /// Bytes that unauthenticated peers may have even if the authenticated take more than
   /// `held_bytes`: the blocks of 500 nodes that connect, 64 KiB each. An eighth of `held_bytes` at
   /// most.

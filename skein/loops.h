@@ -85,10 +85,9 @@ class LoopOwned {
   std::unique_ptr<LoopOwned> next_discarded;  ///< the loop's own
 };
 
-/// A callback for the end of a turn of the loop, when all ready descriptors have been looked at. It
-/// runs once each time it has been armed: in the present turn, or in the next one if this one is
-/// past that point; the loop does not wait for events before. Arming takes no memory and cannot
-/// fail.
+/// Runs a callback once at the end of the present turn of the loop, after all ready descriptors; if
+/// that point has passed, at the end of the next one, without waiting for events. Arming takes no
+/// memory and cannot fail.
 class TurnTask {
  public:
   /// The loop must outlive it. Throws SystemFailure.

@@ -35,7 +35,7 @@ constexpr std::uint32_t FAILURES_PER_INTERVAL = 10;
 constexpr std::chrono::seconds FAILURE_INTERVAL{1};
 /// Origin of all local peers; no address of a remote one.
 constexpr std::uint32_t LOCAL = 0;
-/// Stands for all peers that have gone.
+/// Stands for all disconnected peers.
 constexpr std::uint32_t NO_SLOT = UINT32_MAX;
 
 /// As much of a request's name as an error shows.
@@ -54,7 +54,7 @@ bool peer_has_gone(int error_number) {
 ///     open                                                        yes             yes
 ///     suspended (`deferral`)   its last reply is deferred         end is watched  no
 ///     blocked                  too many unsent replies            no              no
-///     hung up (gone)           its end came while suspended       once continued  yes
+///     disconnected             its end came while suspended       once continued  yes
 ///     finished                 it sends no more (`end_of_stream`);
 ///                              closed once all is answered        no              yes
 ///     ended (`ended`)          closed, about to be destroyed      no              no
@@ -71,7 +71,7 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
   template <class Write>
   void resume(Write&& write);
   void evict(const LimitError& reason) override;
-  /// Tells the deferrer, if there is one, that the peer has gone.
+  /// Tells the deferrer, if there is one, that the peer has disconnected.
   void tell_deferrer() noexcept {
     if (Deferrer* const told = std::exchange(deferrer, nullptr)) told->handle_hang_up();
   }
@@ -87,7 +87,7 @@ class Server::Peer final : private PollTarget, public ReadyQueue::Entry, public 
   void time_out() override;
 
  public:
-  bool has_hung_up() const noexcept { return standing() == Standing::GONE; }
+  bool has_hung_up() const noexcept { return standing() == Standing::DISCONNECTED; }
 
   bool end_of_stream = false;
   bool ended = false;
@@ -159,7 +159,7 @@ void Server::Peer::handle_events(int events) {
 
 /// What it has sent is still served; but it goes first when there is too much.
 void Server::Peer::hang_up() {
-  server_.resources_.admission.set_standing(*this, Standing::GONE);
+  server_.resources_.admission.set_standing(*this, Standing::DISCONNECTED);
   tell_deferrer();
   update();
 }
@@ -254,7 +254,7 @@ void Server::Peer::time_out() {
                                connection.unsent(), limits.unsent_reply_bytes,
                                limits.unsent_reply_timeout.count())));
   }
-  if (end_of_stream) return server_.end(*this);  // it has gone, whole
+  if (end_of_stream) return server_.end(*this);  // nothing is lost but replies
   evict(LimitError(EndReason::HALF_FRAME,
                    fmt::format("{} bytes of a half frame and no more for {} seconds",
                                connection.unserved(), limits.half_frame_timeout.count())));
@@ -478,7 +478,7 @@ void Server::serve(Peer& peer, std::string_view frame) {
   }
 }
 
-/// Failures of a peer that has gone count together with those of all others that have.
+/// Failures of all disconnected peers count together.
 bool Server::note_failure(const Peer* peer) {
   ++resources_.counters.refused_requests;
   const std::uint32_t slot = peer == nullptr ? NO_SLOT : peer->connection.slot();

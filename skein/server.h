@@ -54,7 +54,7 @@ class Server : private PollTarget {
   virtual ~Server();
 
   /// Called when the listening socket is readable. Accepts one pending connection, registers it
-  /// and returns it; none when there was none, or it had gone again.
+  /// and returns it; none if there was none, or if it has disconnected again.
   virtual Connection* handle_read();
   /// Called once for each accepted connection, before any request of it. Call the base first.
   virtual void add_connection(Connection& connection);
@@ -80,9 +80,9 @@ class Server : private PollTarget {
   /// Number of the address of its peer.
   std::uint32_t origin(const Connection& connection) const;
 
-  /// The handler of `request`, which returns Reply::later() then, replies later. Until it does, the
-  /// connection is not read, and what has come already waits. Cannot fail.
-  /// `deferrer` is told if the peer goes meanwhile; it must outlive the deferral, or forget it.
+  /// Defers the reply to `request`; its handler returns Reply::later(). Until the reply is sent,
+  /// the connection is neither read nor served. `deferrer` is told if the peer disconnects; it must
+  /// outlive the deferral or call forget_deferrer(). Cannot fail.
   DeferredReply defer(const Request& request, Deferrer* deferrer = nullptr) noexcept;
 
   /// Stops listening, ends every connection and leaves the loop. Again: nothing.

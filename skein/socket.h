@@ -40,8 +40,8 @@ struct Address {
   std::string host() const;
 };
 
-/// The far end of a connected TCP socket. Throws SystemFailure (ENOTCONN: the peer has gone
-/// already).
+/// The far end of a connected TCP socket. Throws SystemFailure (ENOTCONN: the peer has
+/// disconnected already).
 Address peer_address(int descriptor);
 
 /// Longest path of a unix socket.

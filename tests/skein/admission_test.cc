@@ -34,7 +34,7 @@ class AdmissionTest : public support::LoopTest {
   }
 
   std::string evicted_;
-  Admission admission_{loop_, {.held_bytes = 1000, .gone_bytes = 500, .connections = 16}};
+  Admission admission_{loop_, {.held_bytes = 1000, .disconnected_bytes = 500, .connections = 16}};
   std::vector<std::unique_ptr<Peer>> peers_;
 };
 
@@ -44,7 +44,7 @@ TEST_F(AdmissionTest, GoneGoFirstThenTheHeaviestOriginAndTheAuthenticatedBeyondT
   peer("a", 2, Standing::UNAUTHENTICATED, 210);
   peer("b", 2, Standing::UNAUTHENTICATED, 200);
   Peer& left = peer("left", 3, Standing::UNAUTHENTICATED, 10);
-  admission_.set_standing(left, Standing::GONE);
+  admission_.set_standing(left, Standing::DISCONNECTED);
   admission_.set_standing(left, Standing::AUTHENTICATED);  // nobody comes back
   EXPECT_EQ(admission_.enforce(), "");
   EXPECT_EQ(evicted_, "left a ");
@@ -60,9 +60,9 @@ TEST_F(AdmissionTest, GoneGoFirstThenTheHeaviestOriginAndTheAuthenticatedBeyondT
 }
 
 TEST_F(AdmissionTest, WhatTheGoneOfOneOriginLeaveBehindIsLimited) {
-  peer("far", 1, Standing::GONE, 400);
-  peer("small", 2, Standing::GONE, 200);
-  peer("large", 2, Standing::GONE, 301);
+  peer("far", 1, Standing::DISCONNECTED, 400);
+  peer("small", 2, Standing::DISCONNECTED, 200);
+  peer("large", 2, Standing::DISCONNECTED, 301);
   EXPECT_TRUE(admission_.is_short());
   EXPECT_EQ(admission_.enforce(), "");
   EXPECT_EQ(evicted_, "large ");
@@ -80,7 +80,7 @@ TEST_F(AdmissionTest, ConnectionsMakeRoomInTheSameOrderAndSomeAreReserved) {
   Peer& leaves = connect("leaves", 1);
   Peer& crowd = connect("crowd", 2);
   for (int i = 0; i < 10; ++i) connect("crowd too", 2);
-  admission_.set_standing(leaves, Standing::GONE);
+  admission_.set_standing(leaves, Standing::DISCONNECTED);
   EXPECT_EQ(evicted_, "");
   Peer& last = connect("last", 3);
   EXPECT_EQ(evicted_, "") << "14 of 16, and two are reserved";

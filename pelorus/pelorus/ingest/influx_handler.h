@@ -80,8 +80,8 @@ class InfluxHandler {
   IngestResult add_submit(std::string_view database, SubmitMessages& messages,
                           std::size_t most_points);
 
-  /// Messages that the queue of the database takes until it is half full; as many as one likes for
-  /// a database that is not configured.
+  /// Messages that fit before the queue of the database is half full; SIZE_MAX for a database that
+  /// is not configured.
   std::size_t room(std::string_view database) const noexcept;
 
   void handle_successful_auth() noexcept { ++statistics_.successful_auths; }

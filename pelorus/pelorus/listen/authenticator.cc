@@ -100,7 +100,7 @@ class Authenticator::PendingKey final : public skein::ReadyQueue::Entry {
 
 /// Everything that waits.
 struct Authenticator::Queues {
-  static constexpr std::size_t KNOWN = 0, PRESENT = 1, GONE = 2, QUESTIONS = 3, ROOM = 3;
+  static constexpr std::size_t KNOWN = 0, PRESENT = 1, DISCONNECTED = 2, QUESTIONS = 3, ROOM = 3;
 
   /// By key without dashes. No hash table: anybody may choose keys that collide.
   std::map<std::string, PendingKey> keys;
@@ -145,8 +145,9 @@ void Authenticator::PendingRequest::evict(const skein::LimitError& reason) {
 /// What a node with a valid key has left behind is kept as before.
 void Authenticator::PendingRequest::handle_hang_up() noexcept {
   if (authenticator_.is_valid_now(authenticator_.find_verified(*key_.key))) return;
-  authenticator_.loop_.guarded(
-      [this] { authenticator_.resources_.admission.set_standing(*this, skein::Standing::GONE); });
+  authenticator_.loop_.guarded([this] {
+    authenticator_.resources_.admission.set_standing(*this, skein::Standing::DISCONNECTED);
+  });
 }
 
 void Authenticator::report_dropped(const skein::LimitError& reason) {
@@ -271,8 +272,8 @@ Authenticator::PendingKey& Authenticator::keep(const skein::Request& request,
     throw;
   }
   // Its peer has come back, or somebody else who has its key.
-  if (pending.state == PendingKey::State::QUEUED && pending.rank == Queues::GONE) {
-    queues_->queues[Queues::GONE].remove(pending);
+  if (pending.state == PendingKey::State::QUEUED && pending.rank == Queues::DISCONNECTED) {
+    queues_->queues[Queues::DISCONNECTED].remove(pending);
     enqueue(pending, rank_of(pending));
   }
   return pending;
@@ -295,7 +296,7 @@ void Authenticator::limit_requests(PendingKey& pending) noexcept {
 
 std::size_t Authenticator::rank_of(const PendingKey& pending) const {
   if (valid_.contains(*pending.key)) return Queues::KNOWN;
-  return pending.requests.back().reply.has_peer() ? Queues::PRESENT : Queues::GONE;
+  return pending.requests.back().reply.has_peer() ? Queues::PRESENT : Queues::DISCONNECTED;
 }
 
 void Authenticator::enqueue(PendingKey& pending, std::size_t rank) noexcept {
@@ -314,7 +315,7 @@ void Authenticator::check_auth(PendingKey& pending) noexcept {
   ask();
 }
 
-/// The first of the first queue that is not empty. One whose peer has gone meanwhile goes to the
+/// The first of the first queue that is not empty. One whose peer has disconnected goes to the
 /// end of its queue.
 Authenticator::PendingKey* Authenticator::next_question() noexcept {
   for (std::size_t rank = 0; rank < Queues::QUESTIONS; ++rank) {

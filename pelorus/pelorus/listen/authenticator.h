@@ -41,14 +41,14 @@ constexpr std::chrono::seconds LONGEST_WAIT_FOR_ROOM{30};
 /// - The first request of a key asks. After a success those behind it run as well; after a failure
 ///   the next one asks for itself. There is one question per key at a time, eight in all.
 /// - Keys wait for a question in three queues, first come first served in each: keys that were
-///   confirmed before, those whose peer is still there, those whose peer has gone. So any number of
-///   made-up keys keeps no known node waiting.
+///   confirmed before, those whose peer is still there, those of disconnected peers. So any number
+///   of made-up keys keeps no known node waiting.
 /// - Admitted requests run on the turns of the loop that the ready queue gives them, a "submit" of
 ///   many points, or a long block of Graphite, in steps: a "submit" as the buffer of its database
 ///   has room. Later requests of the key wait for it.
-/// - A request whose peer has gone is counted and run all the same; its reply goes nowhere.
+/// - A request of a disconnected peer is counted and run all the same; its reply goes nowhere.
 /// - Of a key that was never confirmed the newest requests wait; the others are refused, those
-///   whose peers have gone before the rest.
+///   of disconnected peers before the rest.
 ///
 /// Owned by NodeServer. Borrows everything. Loop thread only.
 class Authenticator {
@@ -105,7 +105,7 @@ class Authenticator {
   /// Asks the web server about the key as soon as there is room.
   void check_auth(PendingKey& pending) noexcept;
   /// Refuses a request of the key if too many wait. Its connection continues, which may evict
-  /// others, those of this key too: `pending` may be gone afterwards.
+  /// others, those of this key too: `pending` may be destroyed by then.
   void limit_requests(PendingKey& pending) noexcept;
   std::size_t rank_of(const PendingKey& pending) const;
   void enqueue(PendingKey& pending, std::size_t rank) noexcept;

@@ -36,8 +36,8 @@ class CurlMulti {
   /// Begins with `easy` on the next turn. Its CURLOPT_PRIVATE is the CurlTransfer that hears of it.
   /// Both stay the caller's, until handle_end or remove(). Throws skein::Failure.
   void add(CURL* easy);
-  /// Serves what is ready on the transfer's sockets, as the loop will on its next turn; whether
-  /// anything was. When the whole process stood still, a time-out comes before that turn.
+  /// Serves the ready sockets of the transfer now; whether any was ready. For time-outs: after a
+  /// suspension a timer runs before descriptors are looked at.
   bool serve_ready(CURL* easy) noexcept;
   /// Breaks a transfer off, without handle_end. Harmless for one that is not there.
   void remove(CURL* easy) noexcept;

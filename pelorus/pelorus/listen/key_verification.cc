@@ -265,7 +265,8 @@ KeyOutcome KeyVerification::Exchange::outcome_of(CURLcode result) {
   return std::make_exception_ptr(skein::Failure(fmt::format("node key verification: {}", text)));
 }
 
-/// What came in time counts, though nobody has looked at it yet; while connecting, only its end.
+/// Data that arrived before the time-out count even if not yet read; while connecting, only a
+/// complete transfer does.
 void KeyVerification::Exchange::end_wait(bool may_continue) {
   const bool continues = multi_.serve_ready(easy_.get()) && may_continue && connected_;
   if (outcome_) return;  // that was the end
