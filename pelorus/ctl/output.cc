@@ -134,11 +134,15 @@ std::string fitted(std::string_view text, const Screen& screen) {
 }
 
 std::string Table::draw(const Screen& screen) const {
-  std::vector<std::vector<Cell>> all(1);
-  for (const Column& column : columns_) all[0].push_back({column.heading, HEADING});
   const std::size_t shown = lines() <= screen.rows
                                 ? rows_.size()
                                 : std::min(rows_.size(), std::max(screen.rows, 2UL) - 2);
+  const std::size_t more = more_ + rows_.size() - shown;
+  const std::string last =
+      more == 0 ? "" : styled(FAINT, fmt::format("… and {} more", more)) + "\n";
+  if (shown == 0 && more > 0) return fitted(last, screen);
+  std::vector<std::vector<Cell>> all(1);
+  for (const Column& column : columns_) all[0].push_back({column.heading, HEADING});
   for (std::size_t i = 0; i < shown; ++i) {
     all.push_back(rows_[i]);
     for (Cell& cell : all.back()) cell.text = skein::without_controls(cell.text);
@@ -160,9 +164,7 @@ std::string Table::draw(const Screen& screen) const {
     }
     drawn += '\n';
   }
-  const std::size_t more = more_ + rows_.size() - shown;
-  if (more > 0) drawn += styled(FAINT, fmt::format("… and {} more", more)) + "\n";
-  return fitted(drawn, screen);
+  return fitted(drawn + last, screen);
 }
 
 Table::Widths Table::widths_within(std::size_t columns,

@@ -61,7 +61,8 @@ class Table {
   /// How many lines draw() needs to show everything.
   std::size_t lines() const { return 1 + rows_.size() + (more_ > 0 ? 1 : 0); }
   /// Headings and rows. Each ends with a newline, none with a blank before it. On a narrow screen
-  /// columns are left out; on a low one rows, with "… and 37 more" as the last line.
+  /// columns are left out; on a low one rows, with "… and 37 more" as the last line, or as the only
+  /// one if no row fits.
   std::string draw(const Screen& screen = {}) const;
 
  private:

@@ -115,20 +115,26 @@ std::string head(const View& view) {
       count_by_name(at(totals, "/ended_connections")), count_text(totals, "/dropped_log_lines"));
 }
 
+std::size_t count_lines(const std::string& text) {
+  return static_cast<std::size_t>(std::ranges::count(text, '\n'));
+}
+
 /// A title, a table and lines about its rows.
 struct Section {
   std::string title;  ///< a line, or empty
   Table table;
   std::string notes;  ///< lines
 
-  std::size_t lines() const {
-    const auto count = [](const std::string& text) { return std::ranges::count(text, '\n'); };
-    return static_cast<std::size_t>(count(title) + count(notes)) + table.lines();
-  }
+  std::size_t lines() const { return count_lines(title) + table.lines() + count_lines(notes); }
+  /// On a low screen, half of it is for the notes if they need that, but not what the table needs
+  /// to show one row.
   std::string draw(const Screen& screen) const {
-    const std::size_t titles = title.empty() ? 0 : 1;
-    const std::size_t rest = screen.rows - std::min(titles, screen.rows);
-    return fitted(title + table.draw({screen.columns, rest}) + notes, screen);
+    constexpr std::size_t ONE_ROW = 3;  // the headings, the row, "… and 37 more"
+    const std::size_t rows = screen.rows - std::min(count_lines(title), screen.rows);
+    const std::size_t spare = rows - std::min(table.lines(), rows);
+    const std::size_t half = std::min(rows / 2, rows - std::min(ONE_ROW, rows));
+    const std::size_t noted = std::min(count_lines(notes), std::max(spare, half));
+    return fitted(title + table.draw({screen.columns, rows - noted}) + notes, screen);
   }
 };
 
@@ -170,6 +176,15 @@ std::string write_problems(const std::string& name, const Json& database, double
   return lines;
 }
 
+/// Which databases come first: those that fail now, then those soon full, then those with losses.
+int trouble(const Json& database) {
+  if (count_at(database, "/failure_count") > 0) return 3;
+  const auto seconds = number_at(database, "/seconds_until_full");
+  if (seconds && *seconds < SOON_FULL_SECONDS) return 2;
+  return count_at(database, "/discarded/messages") + count_at(database, "/failed/messages") > 0 ? 1
+                                                                                                : 0;
+}
+
 Section databases_section(const View& view) {
   const Json& databases = at(view.status, "/databases");
   const bool growing = std::ranges::any_of(databases, [](const Json& database) {
@@ -184,7 +199,11 @@ Section databases_section(const View& view) {
                                  {"largest write", RIGHT, 9},
                                  {"last good write", false, 6}});
   Section section{"", Table(std::move(columns)), ""};
-  for (const auto& [name, database] : databases.items()) {
+  std::vector<std::pair<std::string, Json>> ordered;
+  for (const auto& [name, database] : databases.items()) ordered.emplace_back(name, database);
+  std::ranges::stable_sort(ordered, std::ranges::greater(),
+                           [](const auto& named) { return trouble(named.second); });
+  for (const auto& [name, database] : ordered) {
     const bool failing = count_at(database, "/failure_count") > 0;
     std::vector<Cell> row{{name, failing ? BAD : PLAIN},
                           {amount_text(at(database, "/queued"))},
@@ -281,16 +300,17 @@ std::vector<std::size_t> shared_rows(const std::vector<Section>& sections, std::
 
 /// The reply to "status" for people.
 std::string status_text(const View& view, const Screen& screen) {
-  const std::string top = head(view);
+  constexpr std::size_t LOW = 20;  // rows: blank lines would take too many
+  const std::string gap = screen.rows < LOW ? "" : "\n";
+  const std::string top = fitted(head(view), {screen.columns, screen.rows / 3});
   const std::vector<Section> sections{databases_section(view),
                                       connections_section("nodes", true, view),
                                       connections_section("local", false, view)};
-  const std::size_t used =
-      static_cast<std::size_t>(std::ranges::count(top, '\n')) + sections.size();  // blank lines
+  const std::size_t used = count_lines(top) + sections.size() * gap.size();
   const auto shares = shared_rows(sections, screen.rows - std::min(used, screen.rows));
   std::string text = top;
   for (std::size_t i = 0; i < sections.size(); ++i) {
-    text += "\n" + sections[i].draw({screen.columns, shares[i]});
+    text += gap + sections[i].draw({screen.columns, shares[i]});
   }
   return fitted(text, screen);
 }

@@ -82,8 +82,10 @@ class PelorusctlAlone(CtlTest):
             return None, {
                 "version": "1", "started": 1e9, "uptime": 10.0 * len(looks), "loop_delay": 0.001,
                 "totals": {"messages": 20 * len(looks), "records": 4},
-                "databases": {"tidewell": {"queued": amount, "sent": amount, "failed": amount,
-                                           "last_failure": "x" * 500, "max_pending": 10000}},
+                "databases": {**{f"good{n}": {"sent": amount} for n in range(8)},
+                              "tidewell": {"queued": amount, "sent": amount, "failed": amount,
+                                           "failure_count": 7, "last_failure": "x" * 500,
+                                           "max_pending": 10000}},
                 "nodes": {"open": 60, "connections": [peer] * 20},
                 "local": {"open": 1, "connections": [peer]}}
 
@@ -117,7 +119,11 @@ class PelorusctlAlone(CtlTest):
         run("resize-window", "-x", "130", "-y", "60")
         self.assertEqual(len([line for line in screen("largest write", "… and 40 more")
                               if line.startswith("10.0.0.")]), 21)
+        run("resize-window", "-x", "60", "-y", "15")
+        shown = screen("… and 8 more", "… and 59 more")
+        self.assertTrue(shown[5].startswith("tidewell "), shown)
         run("resize-window", "-x", "20", "-y", "8")
+        screen("… and 9 more", "nodes: 60 open")
         self.assertEqual(screen("pelorus 1")[1], "longest turn of the…")
         self.assertIn("\033[1m", run("capture-pane", "-pe"))
 
