@@ -15,7 +15,9 @@ if(PELORUS_HARDENING)
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
     target_compile_options(pelorus_flags INTERFACE -fcf-protection=full)
   endif()
-  target_link_options(pelorus_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+  target_link_options(pelorus_flags INTERFACE
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=  # link-time optimisation writes the folder once more
+    -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
   include(CheckPIESupported)
   check_pie_supported()
 endif()
