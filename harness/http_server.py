@@ -15,7 +15,7 @@ import time
 import urllib.parse
 
 from harness import BUILD
-from harness.process import abort, in_thread, wait_until
+from harness.process import in_thread, wait_until
 
 NO_CONTENT = b"HTTP/1.1 204 No Content\r\n\r\n"
 PATIENCE = 60  # seconds after which a connection that nobody ends is given up
@@ -71,9 +71,6 @@ class Connection:
     def send(self, data):
         self.stream.sendall(data)
 
-    def reset(self):
-        abort(self.stream)
-
     def hang_up(self):
         try:
             self.stream.shutdown(socket.SHUT_RDWR)
@@ -81,21 +78,17 @@ class Connection:
             pass
 
 
-def answering(answer, read=Connection.read_request, then=Connection.linger):
-    """Reads with `read`, sends `answer`, then does `then`."""
+def answering(answer, then=Connection.linger):
+    """Reads a request, sends `answer`, then does `then`."""
     def conduct(client):
-        read(client)
+        client.read_request()
         client.send(answer)
         then(client)
     return conduct
 
 
 hanging = answering(b"")  # takes the request and never answers
-
-
-def ending(read=Connection.read_request, answer=b""):
-    """Closes the connection after it has read so much."""
-    return answering(answer, read, lambda _: None)
+ending = answering(b"", lambda _: None)
 
 
 class HTTPServer:

@@ -6,7 +6,6 @@ import random
 import re
 import signal
 import socket
-import struct
 import subprocess
 import threading
 import time
@@ -73,11 +72,6 @@ class Repeated:
             with contextlib.suppress(OSError):
                 self._act()
                 self.rounds += 1
-
-
-def abort(stream):
-    """Makes the close of a TCP connection a reset."""
-    stream.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
 class Process:

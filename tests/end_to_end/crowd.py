@@ -53,7 +53,7 @@ def bomber():
 def breaker():
     """Bytes that end the connection."""
     with SkeinClient(any_of.choice([NODES, LOCAL]), SECONDS) as peer:
-        peer.send_bytes(any_of.choice(BROKEN)[1])
+        peer.send_bytes(any_of.choice(BROKEN))
         peer.receive()
 
 

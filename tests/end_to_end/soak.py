@@ -52,7 +52,7 @@ def slow(client):
 
 # What InfluxDB does, and for how many seconds.
 WELL = (answering(NO_CONTENT), 20)
-MOODS = [WELL, (answering(status(500)), 3), WELL, (ending(), 3), WELL, (slow, 8), WELL, (hanging, 25),
+MOODS = [WELL, (answering(status(500)), 3), WELL, (ending, 3), WELL, (slow, 8), WELL, (hanging, 25),
          WELL, (answering(b"rubbish\r\n\r\n"), 3)]
 
 

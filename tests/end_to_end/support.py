@@ -1,7 +1,6 @@
 """What the end-to-end suites stand on."""
 
 from pathlib import Path
-import re
 import sys
 import tempfile
 import unittest
@@ -94,11 +93,6 @@ class StageTest(FolderTest):
 
     def local(self, seconds=30):
         return SkeinClient(self.daemon.socket, seconds)
-
-    def wait_logged(self, expression, before, seconds=15):
-        """Until the expression stands behind the `before` characters of the log."""
-        wait_until(lambda: re.search(expression, self.daemon.text()[before:]),
-                   f"log line with {expression!r}", seconds, pause=0.05)
 
     def expect_memory(self, most):
         """MiB"""

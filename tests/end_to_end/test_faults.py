@@ -1,6 +1,7 @@
 """Faults that need the real process and real sockets."""
 
 import contextlib
+import re
 import signal
 import time
 
@@ -25,7 +26,8 @@ class Faults(StageTest):
                 with connect() as client, contextlib.suppress(OSError):  # it may end before all is sent
                     client.send_bytes(data)
                     client.receive()
-                self.wait_logged(rf"Closing the connection of {peer}: \S", before)
+                wait_until(lambda: re.search(rf"Closing the connection of {peer}: \S",
+                                             self.daemon.text()[before:]), f"the end of {data[:20]}")
         self.assertEqual(self.daemon.text().count("Closing the connection of "), 2 * len(BROKEN))
         self.expect_well()
 

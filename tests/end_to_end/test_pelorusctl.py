@@ -247,14 +247,10 @@ class Pelorusctl(CtlTest):
         self.assertRegex(one, r"(?s)local: 2 open\n.*… and 1 more\n")
         with self.assertRaisesRegex(SkeinError, "must be trouble, records"):
             good.call("status", {"order": "age"})
-        good.close()
         bad.send_bytes(b"\0\0\0\1x")
-        bad.close()
-
-        def totals():
-            counts = self.status(daemon)["totals"]
-            return counts if counts["ended_connections"]["protocol"] else None
-        now = wait_until(totals, "the end of a connection")
+        self.assertIsNone(bad.receive())
+        now = self.status(daemon)["totals"]
+        self.assertEqual(now["ended_connections"]["protocol"], 1)
         self.assertEqual({kind: n for kind, n in now["bad_lines"].items() if n},
                          {"format": 1, "no_rule": 1})
         self.assertEqual((now["refused_requests"], now["dropped_log_lines"]), (1, 0))
