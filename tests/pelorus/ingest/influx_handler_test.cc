@@ -45,7 +45,6 @@ TEST_F(InfluxHandlerTest, QueuesTogetherKeepTheirBytesAndTheLargestLosesItsOldes
       },
       loop_, 4096, 11'000);
   handler.add("tidewell", std::string(1000, 't'), 1);
-  const Batch in_flight = handler.databases()[0]->get_data();  // counts, too
   for (const char each : {'a', 'b', 'c'}) handler.add("bonding", std::string(3000, each), 1);
   EXPECT_TRUE(log_.texts("warning").empty());
   EXPECT_EQ(handler.room("bonding"), 50'000U - 3);
