@@ -99,6 +99,11 @@ void InfluxHandler::add(std::string_view name, std::string data, std::int64_t nu
 
 /// Discards a sixteenth more than necessary, to avoid a warning for each message of a long outage.
 void InfluxHandler::limit_queues() {
+  std::uint64_t most = 0;  // as if a write kept what it has sent
+  for (const auto& database : databases_) {
+    most += database->counters().queued.memory() + database->counters().in_flight.memory();
+  }
+  if (most <= max_queued_bytes_) return;
   std::uint64_t sum = 0;
   for (const auto& database : databases_) sum += database->memory();
   if (sum <= max_queued_bytes_) return;
@@ -118,12 +123,16 @@ IngestResult InfluxHandler::add_graphite(std::string_view database_name, Graphit
   const std::size_t before = block.rest.size();
   const auto built =
       graphite_message_->build_part(block.rest, most_bytes, block.message.size(), block.bad_lines);
-  if (block.message.empty() && !block.rest.empty()) {  // room for all, if all lines are alike
-    block.message.reserve(built.message.size() * (before / most_bytes + 2));
-  }
-  block.message += built.message;
   block.records += built.num_metrics;
-  if (!block.rest.empty()) return {};
+  if (block.rest.empty() && block.message.empty()) {  // in one step, as nearly always
+    block.message = std::string(built.message);
+  } else {
+    if (block.message.empty()) {  // room for all, if all lines are alike
+      block.message.reserve(built.message.size() * (before / most_bytes + 2));
+    }
+    block.message += built.message;
+    if (!block.rest.empty()) return {};
+  }
   add(database_name, std::move(block.message), block.records);
   return {block.records, block.bad_lines.count(), block.bad_lines.last_warning()};
 }

@@ -208,7 +208,9 @@ void Authenticator::set_key(Session& session, VerifiedKey* key) noexcept {
 void Authenticator::let_in(const skein::Connection& connection, VerifiedKey& key) {
   Session& session = sessions_[connection];
   if (session.verified_key != &key) set_key(session, &key);
-  if (key.second.connections <= MAX_KEY_CONNECTIONS) server_.set_authenticated(connection);
+  if (session.is_authenticated || key.second.connections > MAX_KEY_CONNECTIONS) return;
+  server_.set_authenticated(connection);
+  session.is_authenticated = true;
 }
 
 bool Authenticator::is_valid_now(const VerifiedKey* verified) {

@@ -91,7 +91,8 @@ IngestResult Operation::run(InfluxHandler& handler) {
       handler.add(database, std::string(text), num_metrics);
       return {.records = num_metrics};
     case Kind::ADD_GRAPHITE:
-      return run_graphite(handler);
+      if (text.size() > GRAPHITE_BYTES_PER_STEP) return run_graphite(handler);
+      return handler.add_graphite(database, text);
     case Kind::ADD_SUBMIT:
       return run_submit(handler);
   }
@@ -100,7 +101,6 @@ IngestResult Operation::run(InfluxHandler& handler) {
 
 IngestResult Operation::run_graphite(InfluxHandler& handler) {
   const auto& [database, text, num_metrics, points] = arguments_;
-  if (text.size() <= GRAPHITE_BYTES_PER_STEP) return handler.add_graphite(database, text);
   if (!block_) block_ = handler.graphite_block(text);
   IngestResult ingested = handler.add_graphite(database, *block_, GRAPHITE_BYTES_PER_STEP);
   done_ = block_->rest.empty();

@@ -69,6 +69,8 @@ struct Session {
   skein::Address address;  ///< of a node; its port is 0 for a local peer
   /// The cache entry of the key with which the last request was let in.
   VerifiedKey* verified_key = nullptr;
+  /// The server knows that the connection is authenticated.
+  bool is_authenticated = false;
 };
 
 /// The last four characters of a key; one of UTF-8 is not cut apart. All of a shorter one.
