@@ -3,7 +3,6 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -188,7 +187,7 @@ class PerConnection {
  public:
   /// A connection has come. Throws std::bad_alloc.
   T& add(std::uint32_t slot) {
-    while (slot >= slots()) blocks_.emplace_back();
+    while (slot >= slots()) blocks_.push_back(std::make_unique<std::array<T, BLOCK>>());
     return (*this)[slot];
   }
   T& add(const Connection& connection) { return add(connection.slot()); }
@@ -197,10 +196,10 @@ class PerConnection {
     if (connection.slot() >= slots()) return T();
     return std::exchange((*this)[connection], T());
   }
-  T& operator[](std::uint32_t slot) { return blocks_[slot / BLOCK][slot % BLOCK]; }
+  T& operator[](std::uint32_t slot) { return (*blocks_[slot / BLOCK])[slot % BLOCK]; }
   T& operator[](const Connection& connection) { return (*this)[connection.slot()]; }
   const T& operator[](const Connection& connection) const {
-    return blocks_[connection.slot() / BLOCK][connection.slot() % BLOCK];
+    return (*blocks_[connection.slot() / BLOCK])[connection.slot() % BLOCK];
   }
   /// Slots are smaller than this.
   std::uint32_t slots() const noexcept {
@@ -210,7 +209,7 @@ class PerConnection {
   static constexpr std::uint32_t BLOCK = 64;  ///< slots of a block
 
  private:
-  std::deque<std::array<T, BLOCK>> blocks_;
+  std::vector<std::unique_ptr<std::array<T, BLOCK>>> blocks_;
 };
 
 }  // namespace skein
