@@ -134,7 +134,7 @@ Side::~Side() = default;
 void Side::connect(std::size_t count, std::size_t active) {
   while (streams_.size() < count) {
     streams_.push_back(std::make_unique<Stream>(*this, connected(server_.port, streams_.size())));
-    if (streams_.size() % 64 == 0) loop_.turn();
+    if (streams_.size() % 64 == 0) loop_.run_once();
   }
   active_ = active;
   next_stream_ = 0;

@@ -24,7 +24,7 @@ constexpr std::size_t GRAPHITE_BUFFER_BYTES = 1U << 10;
 const skein::Limits LIMITS{.connections = 64,
                            .authenticated = {.of_one = 1U << 10, .of_all = 8U << 10},
                            .unauthenticated = {.of_one = 1U << 10, .of_all = 4U << 10}};
-/// More than are served in one turn of the loop.
+/// More than are served in one iteration of the loop.
 constexpr int MOST_MESSAGES = 20;
 /// The message behind which the peer waits; all others go with the one that follows.
 constexpr std::string_view NIL = "\xc0";
@@ -60,7 +60,7 @@ std::uint64_t number_of(const std::string& reply) {
 }
 
 /// Kept from one execution to the next: to make one takes a dozen system calls. All that it carries
-/// over is how long its own turns took, which no two executions have alike anyhow.
+/// over is how long its own iterations took, which no two executions have alike anyhow.
 skein::Loop& shared_loop() {
   static support::FakeClock clock;
   static skein::Loop loop(clock.clocks());
@@ -91,7 +91,7 @@ Daemon::Daemon()
                 });
           },
           loop, GRAPHITE_BUFFER_BYTES) {
-  loop.turn();  // what the execution before has closed
+  loop.run_once();  // what the execution before has closed
   handles_before = handles_of(loop);
   resources.emplace(loop, LIMITS);
   pelorus::log::set_capture(
@@ -100,7 +100,7 @@ Daemon::Daemon()
 
 Daemon::~Daemon() {
   resources.reset();
-  loop.turn();
+  loop.run_once();
   require(handles_of(loop) == handles_before, "nothing is left for the next execution");
   pelorus::log::set_capture([](auto, auto) {});
 }

@@ -32,7 +32,7 @@ pelorus::KeyOutcome answer(const std::string& key) {
 
 namespace pelorus {
 
-/// One question at a time, answered at the end of the turn.
+/// One question at a time, answered at the end of the iteration.
 class KeyVerification::Exchange {
  public:
   std::string key;

@@ -17,7 +17,7 @@ namespace {
 skein::Socket to_be_accepted;
 
 /// Far more than any input takes: a connection that does not end by then never will.
-constexpr int MOST_TURNS = 100'000;
+constexpr int MOST_ITERATIONS = 100'000;
 
 /// One end of a socket pair; the other one is to be accepted.
 skein::Socket make_pair_end() {
@@ -36,20 +36,20 @@ Peer::Peer(skein::Server& server, skein::Loop& loop) : loop_(loop), peer_(make_p
 }
 
 void Peer::send(std::string_view bytes) {
-  for (int turns = 0; !bytes.empty(); ++turns) {
-    require(turns < MOST_TURNS, "the server goes on reading");
+  for (int iterations = 0; !bytes.empty(); ++iterations) {
+    require(iterations < MOST_ITERATIONS, "the server goes on reading");
     const std::size_t sent = peer_.send_now(bytes);
     bytes.remove_prefix(sent);
     if (sent == 0 && !peer_.receive()) return;  // the server has ended the connection
-    loop_.turn();
+    loop_.run_once();
   }
 }
 
 void Peer::finish() {
   peer_.finish_sending();
-  for (int turns = 0; peer_.receive(); ++turns) {
-    require(turns < MOST_TURNS, "the server ends a connection that its peer has ended");
-    loop_.turn();
+  for (int iterations = 0; peer_.receive(); ++iterations) {
+    require(iterations < MOST_ITERATIONS, "the server ends a connection that its peer has ended");
+    loop_.run_once();
   }
 }
 

@@ -16,9 +16,9 @@ class Peer {
  public:
   Peer(skein::Server& server, skein::Loop& loop);
 
-  /// Sends the bytes and lets the loop turn, so that they are read by themselves.
+  /// Sends the bytes and runs the loop, so that they are read by themselves.
   void send(std::string_view bytes);
-  /// Sends no more, and turns the loop until the server has ended the connection.
+  /// Sends no more, and runs the loop until the server has ended the connection.
   void finish();
 
   /// All that came back.

@@ -12,8 +12,8 @@ namespace {
 /// However many deadlines there are, they are looked at no more often than this.
 constexpr std::chrono::seconds SHORTEST_PAUSE{1};
 
-/// So many time out in one turn of the loop: each takes a log line and a socket.
-constexpr std::size_t TIME_OUTS_PER_TURN = 256;
+/// So many time out in one iteration of the loop: each takes a log line and a socket.
+constexpr std::size_t TIME_OUTS_PER_ITERATION = 256;
 
 /// A timer that is this late tells that the process stood still. What has come in the meantime has
 /// not been read yet.
@@ -216,7 +216,7 @@ void Admission::check_deadlines() {
   if (now - wanted >= STOOD_STILL) return wake_at(now + SHORTEST_PAUSE);
   std::size_t timed_out = 0;
   while (!deadlines_.empty() && start_ + std::chrono::seconds(deadlines_.begin()->first) <= now) {
-    if (timed_out == TIME_OUTS_PER_TURN) return wake_at(now);
+    if (timed_out == TIME_OUTS_PER_ITERATION) return wake_at(now);
     Account& account = *deadlines_.begin()->second;
     forget_deadline(account);
     if (account.deadline() <= now) {

@@ -19,7 +19,8 @@ namespace {
 constexpr std::size_t KEPT_BUFFER_BYTES = 64U << 10;
 /// From this length on a half frame gets memory for the whole of it, which takes up nothing before
 /// it is filled. If they grew by doubling, those of many peers would be copied to a new place in
-/// the same turn again and again. A shorter one has not earned the memory that its length claims.
+/// the same iteration again and again. A shorter one has not earned the memory that its length
+/// claims.
 constexpr std::size_t LONG_HALF_FRAME = 64U << 10;
 /// Sent bytes that lie in front of unsent ones are dropped once there are so many.
 constexpr std::size_t MANY_SENT_BYTES = 256U << 10;

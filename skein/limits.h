@@ -53,18 +53,18 @@ struct Limits {
   /// Without a byte more, the connection of a half frame is closed: longer than any pause of a
   /// network that TCP bridges.
   std::chrono::seconds half_frame_timeout{120};
-  /// Shares of a turn of the loop, in bytes of decoded content (see ReadyQueue): what one peer may
-  /// take before the next one is served, and what all peers of a class may take. A block of
-  /// collectd's plugin, 64 KiB and what is around it, fits into one share. A byte may be an element
-  /// of its own, which costs 16 ns to decode; a byte of Graphite costs 1.4 ns.
+  /// Shares of an iteration of the loop, in bytes of decoded content (see ReadyQueue): what one
+  /// peer may take before the next one is served, and what all peers of a class may take. A block
+  /// of collectd's plugin, 64 KiB and what is around it, fits into one share. A byte may be an
+  /// element of its own, which costs 16 ns to decode; a byte of Graphite costs 1.4 ns.
   struct Share {
     std::size_t of_one;
     std::size_t of_all;
   };
   Share authenticated{256U << 10, 2U << 20};
   Share unauthenticated{128U << 10, 1U << 20};
-  /// Connections that one listening socket accepts in a turn of the loop.
-  int accepts_per_turn = 64;
+  /// Connections that one listening socket accepts in an iteration of the loop.
+  int accepts_per_iteration = 64;
   /// Pause of a listening socket when the system has no descriptors or memory for a connection. It
   /// doubles up to the longest while that lasts.
   std::chrono::milliseconds accept_pause{100};

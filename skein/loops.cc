@@ -111,8 +111,8 @@ Timer Loop::call_in(double delay, Callback callback) {
 
 /// The alarm wakes the loop when the first timer is due. It is only ever moved to an earlier
 /// moment: cancelling leaves it alone, and a wake-up that finds nothing due sets it again. What is
-/// due already waits for the next turn, so that descriptors have theirs.
-/// An alarm that cannot be set is tried again on the next turn.
+/// due already waits for the next iteration, so that descriptors have theirs.
+/// An alarm that cannot be set is tried again on the next iteration.
 void Loop::wake_at_first_due() noexcept {
   if (timers_.empty()) return wake_->stop();
   if (timers_.begin()->first.due >= wake_due_) return;
@@ -127,7 +127,7 @@ void Loop::wake_at_first_due() noexcept {
 void Loop::end_work() noexcept {
   if (work_began_ == 0) return;
   uv_update_time(&uv_);
-  turns_.note(uv_now(&uv_), uv_now(&uv_) - work_began_);
+  iterations_.note(uv_now(&uv_), uv_now(&uv_) - work_began_);
   work_began_ = 0;
 }
 
@@ -144,7 +144,7 @@ void Loop::run_due_timers() {
   uv_idle_stop(due_now_.get());
   wake_due_ = std::chrono::steady_clock::time_point::max();
   const auto now = clocks_.monotonic();
-  const auto last = timers_made_;  // what a callback arms waits for the next turn
+  const auto last = timers_made_;  // what a callback arms waits for the next iteration
   for (auto next = timers_.begin(); next != timers_.end() && next->first.due <= now;) {
     if (next->first.number > last) {
       ++next;
@@ -167,7 +167,7 @@ void Loop::run() {
 
 void Loop::stop() { uv_stop(&uv_); }
 
-void Loop::turn() {
+void Loop::run_once() {
   run_due_timers();
   uv_run(&uv_, UV_RUN_NOWAIT);
   waiting_.reset();
@@ -250,7 +250,7 @@ void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
   loop->guarded([=]() mutable {
     if (status < 0) {
       // The peer reset the connection, and libuv has stopped the handle. What came before is still
-      // to be read, which may take more than one turn; reading tells the error at last.
+      // to be read, which may take more than one iteration; reading tells the error at last.
       auto& handle = *static_cast<Handle*>(uv);
       start(handle, handle.watched);
       events = UV_READABLE | UV_WRITABLE;
@@ -259,7 +259,7 @@ void Poll::on_events(uv_poll_t* uv, int status, int events) noexcept {
   });
 }
 
-TurnTask::TurnTask(Loop& loop, std::function<void()> callback)
+EndOfIterationTask::EndOfIterationTask(Loop& loop, std::function<void()> callback)
     : loop_(loop), callback_(std::move(callback)) {
   auto check_handle = std::make_unique<uv_check_t>();
   check(uv_check_init(loop.uv(), check_handle.get()), "uv_check_init");
@@ -270,14 +270,14 @@ TurnTask::TurnTask(Loop& loop, std::function<void()> callback)
   idle_.reset(idle_handle.release());
 }
 
-void TurnTask::arm() noexcept {
+void EndOfIterationTask::arm() noexcept {
   uv_check_start(check_.get(), [](uv_check_t* handle) {
-    if (handle->data != nullptr) static_cast<TurnTask*>(handle->data)->run();
+    if (handle->data != nullptr) static_cast<EndOfIterationTask*>(handle->data)->run();
   });
   uv_idle_start(idle_.get(), [](uv_idle_t*) {});
 }
 
-void TurnTask::run() noexcept {
+void EndOfIterationTask::run() noexcept {
   uv_check_stop(check_.get());
   uv_idle_stop(idle_.get());
   loop_.begin_work();

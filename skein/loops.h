@@ -85,13 +85,13 @@ class LoopOwned {
   std::unique_ptr<LoopOwned> next_discarded;  ///< the loop's own
 };
 
-/// Runs a callback once at the end of the present turn of the loop, after all ready descriptors; if
-/// that point has passed, at the end of the next one, without waiting for events. Arming takes no
-/// memory and cannot fail.
-class TurnTask {
+/// Runs a callback once at the end of the present iteration of the loop, after all ready
+/// descriptors; if that point has passed, at the end of the next one, without waiting for events.
+/// Arming takes no memory and cannot fail.
+class EndOfIterationTask {
  public:
   /// The loop must outlive it. Throws SystemFailure.
-  TurnTask(Loop& loop, std::function<void()> callback);
+  EndOfIterationTask(Loop& loop, std::function<void()> callback);
 
   /// Again before it has run: nothing. The callback may arm it again.
   void arm() noexcept;
@@ -105,7 +105,7 @@ class TurnTask {
   UvHandle<uv_idle_t> idle_;  ///< active together with `check_`: keeps the loop from waiting
 };
 
-/// The event loop: timers, watched descriptors, and objects that end on a later turn.
+/// The event loop: timers, watched descriptors, and objects that end on a later iteration.
 /// One per process in the daemon (loops::loop()); tests make their own. One thread.
 ///
 /// A failure that escapes a callback goes to the failure handler and the loop goes on.
@@ -119,7 +119,7 @@ class Loop {
   Loop& operator=(const Loop&) = delete;
   ~Loop();
 
-  /// Runs `callback` once, `delay` seconds from now at the earliest; 0 means the next turn.
+  /// Runs `callback` once, `delay` seconds from now at the earliest; 0 means the next iteration.
   /// Never early, however long the callback before it took. NaN and negative count as 0.
   Timer call_in(double delay, Callback callback);
   Timer call_in(std::chrono::duration<double> delay, Callback callback) {
@@ -131,8 +131,8 @@ class Loop {
   void run();
   /// Makes run() return after the present callback.
   void stop();
-  /// Runs one turn: due timers and ready descriptors, without waiting. For tests.
-  void turn();
+  /// Runs one iteration: due timers and ready descriptors, without waiting. For tests.
+  void run_once();
 
   /// From now on SIGTERM stops the loop and SIGINT ends run() with KeyboardInterrupt.
   void watch_signals();
@@ -149,12 +149,12 @@ class Loop {
     }
   }
 
-  /// Destroys the object later in this turn, or on the next one.
+  /// Destroys the object later in this iteration, or on the next one.
   void discard(std::unique_ptr<LoopOwned> object) noexcept;
 
   const Clocks& clocks() const noexcept { return clocks_; }
-  /// The monotonic clock as of the present turn, in which it is read once: for who asks with every
-  /// request. Between turns it is read each time.
+  /// The monotonic clock as of the present iteration, in which it is read once: for who asks with
+  /// every request. Between iterations it is read each time.
   std::chrono::steady_clock::time_point now() {
     if (!now_ || work_began_ == 0) now_ = clocks_.monotonic();
     return *now_;
@@ -165,13 +165,13 @@ class Loop {
     return static_cast<std::uint32_t>(
         std::chrono::duration_cast<std::chrono::seconds>(since_start).count());
   }
-  /// The longest turn of the last minute: so long an event had to wait for others at worst.
-  std::chrono::milliseconds longest_turn() const noexcept {
-    return std::chrono::milliseconds(turns_.most(uv_now(&uv_)));
+  /// The longest iteration of the last minute: so long an event had to wait for others at worst.
+  std::chrono::milliseconds longest_iteration() const noexcept {
+    return std::chrono::milliseconds(iterations_.most(uv_now(&uv_)));
   }
   uv_loop_t* uv() noexcept { return &uv_; }
-  /// Called first by every callback of libuv: the present turn has something to do. A turn that has
-  /// nothing is not measured.
+  /// Called first by every callback of libuv: the present iteration has something to do. An
+  /// iteration that has nothing is not measured.
   void begin_work() noexcept {
     if (work_began_ != 0) return;
     work_began_ = uv_now(&uv_);
@@ -195,21 +195,21 @@ class Loop {
   /// leaves nothing behind.
   std::map<Timer::Key, Callback> timers_;
   std::uint64_t timers_made_ = 0;
-  SlidingMaximum turns_;          ///< milliseconds of each turn that had work
-  std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this turn
+  SlidingMaximum iterations_;     ///< milliseconds of each iteration that had work
+  std::uint64_t work_began_ = 0;  ///< by uv_now(); 0: nothing has been done in this iteration
   std::optional<std::chrono::steady_clock::time_point>
-      now_;                                ///< of the present turn, once somebody has asked
+      now_;                                ///< of the present iteration, once somebody has asked
   std::optional<profile::Scope> waiting_;  ///< for events, in a profiled run
   UvHandle<uv_prepare_t> before_wait_;
   class Wake;
   std::unique_ptr<Wake> wake_;
-  UvHandle<uv_idle_t> due_now_;  ///< active while a timer is due on the next turn
+  UvHandle<uv_idle_t> due_now_;  ///< active while a timer is due on the next iteration
   std::chrono::steady_clock::time_point wake_due_ = std::chrono::steady_clock::time_point::max();
   UvHandle<uv_signal_t> terminate_;
   UvHandle<uv_signal_t> interrupt_;
   bool interrupted_ = false;
   std::unique_ptr<LoopOwned> discarded_;  ///< a chain
-  std::optional<TurnTask> sweep_;
+  std::optional<EndOfIterationTask> sweep_;
 };
 
 /// Receives the readiness of one descriptor.

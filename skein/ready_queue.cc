@@ -15,12 +15,12 @@ bool ReadyQueue::Credit::spend(std::size_t bytes) noexcept {
   const std::size_t cost = cost_of(bytes);
   if (cost > credit_) return false;
   credit_ -= cost;
-  turn_ -= std::min(cost, turn_);
+  budget_ -= std::min(cost, budget_);
   return true;
 }
 
 void ReadyQueue::Credit::charge(std::size_t bytes) noexcept {
-  turn_ -= std::min(cost_of(bytes), turn_);
+  budget_ -= std::min(cost_of(bytes), budget_);
 }
 
 ReadyQueue::ReadyQueue(Loop& loop, const Limits& limits)
@@ -50,12 +50,12 @@ void ReadyQueue::run() noexcept {
 }
 
 void ReadyQueue::serve(Queue& queue) noexcept {
-  std::size_t turn = queue.share.of_all;
-  while (turn > 0 && !queue.entries.empty()) {
+  std::size_t budget = queue.share.of_all;
+  while (budget > 0 && !queue.entries.empty()) {
     Entry& entry = queue.entries.front();
     std::size_t credit = entry.carried + queue.share.of_one;
     remove(entry);
-    if (!entry.serve({credit, turn})) continue;
+    if (!entry.serve({credit, budget})) continue;
     add(entry);
     entry.carried = static_cast<std::uint32_t>(credit);
   }

@@ -10,11 +10,11 @@
 
 namespace skein {
 
-/// Decides who is served next on a turn of the loop: deficit round robin (Shreedhar and Varghese,
-/// 1995) with two classes. Whoever has work stands in the queue of its class, once:
+/// Decides who is served next on an iteration of the loop: deficit round robin (Shreedhar and
+/// Varghese, 1995) with two classes. Whoever has work stands in the queue of its class, once:
 ///
-///     authenticated     A  B  C       each visit: credit += 256 KiB      2 MiB a turn
-///     unauthenticated   x  y  z ...   each visit: credit += 128 KiB      1 MiB a turn
+///     authenticated     A  B  C       each visit: credit += 256 KiB      2 MiB an iteration
+///     unauthenticated   x  y  z ...   each visit: credit += 128 KiB      1 MiB an iteration
 ///
 /// The one in front gets its share as credit and works as long as the credit covers the next piece.
 /// If it has more to do then, it goes to the back and keeps what is left of its credit; otherwise
@@ -23,9 +23,9 @@ namespace skein {
 /// 64 visits while small frames of others pass it, and nobody gets more than its part by large
 /// frames, many small ones, or many connections at a time.
 ///
-/// A turn ends for a class when its pieces have cost the share of the class. What is left is served
-/// on the next turn, after the descriptors have been looked at again. The authenticated are served
-/// first; since each class has its own share of a turn, neither takes the other's.
+/// An iteration ends for a class when its pieces have cost the share of the class. What is left is
+/// served on the next iteration, after the descriptors have been looked at again. The authenticated
+/// are served first; since each class has its own share of an iteration, neither takes the other's.
 ///
 /// One for all servers of a process. Loop thread only.
 class ReadyQueue {
@@ -36,17 +36,17 @@ class ReadyQueue {
     /// No piece costs less than this, however little is in it.
     static constexpr std::size_t LEAST_COST = 1024;
 
-    /// Both are counted down: the credit of one, and what is left of the turn for its class.
-    Credit(std::size_t& credit, std::size_t& turn) noexcept : credit_(credit), turn_(turn) {}
+    /// Both are counted down: the credit of one, and what is left of the iteration for its class.
+    Credit(std::size_t& credit, std::size_t& budget) noexcept : credit_(credit), budget_(budget) {}
 
     /// Pays for a piece of `bytes` of content. False: the credit does not cover it yet.
     bool spend(std::size_t bytes) noexcept;
-    /// Work whose cost is not known before it is done counts in the turn alone.
+    /// Work whose cost is not known before it is done counts in the iteration alone.
     void charge(std::size_t bytes) noexcept;
 
    private:
     std::size_t& credit_;
-    std::size_t& turn_;
+    std::size_t& budget_;
   };
 
   /// Somebody who is served in turn. Must have left the queue when it is destroyed.
@@ -75,8 +75,8 @@ class ReadyQueue {
   /// Throws SystemFailure.
   ReadyQueue(Loop& loop, const Limits& limits);
 
-  /// `entry` has work: it is served at the end of this turn or later. One that stands in the queue
-  /// keeps its place. Cannot fail.
+  /// `entry` has work: it is served at the end of this iteration or later. One that stands in the
+  /// queue keeps its place. Cannot fail.
   void add(Entry& entry) noexcept;
   /// Harmless for one that does not stand there.
   void remove(Entry& entry) noexcept;
@@ -91,7 +91,7 @@ class ReadyQueue {
   void serve(Queue& queue) noexcept;
 
   std::array<Queue, 2> queues_;  ///< authenticated, unauthenticated
-  TurnTask task_;
+  EndOfIterationTask task_;
 };
 
 }  // namespace skein

@@ -132,7 +132,8 @@ struct Server::Internals {
 
   PerConnection<std::optional<Peer>> peers;
   std::vector<std::uint32_t> free_slots;
-  std::vector<std::uint32_t> ended_slots;  ///< of peers that are destroyed at the end of the turn
+  std::vector<std::uint32_t>
+      ended_slots;  ///< of peers that are destroyed at the end of the iteration
 
   Throttle accept_reports;
   Throttle memory_reports;
@@ -284,7 +285,7 @@ Server::~Server() {
 
 void Server::handle_events(int) {
   try {
-    for (int i = 0; i < limits_.accepts_per_turn && poll_ && handle_read() != nullptr; ++i) {
+    for (int i = 0; i < limits_.accepts_per_iteration && poll_ && handle_read() != nullptr; ++i) {
       accept_pause_ = limits_.accept_pause;
     }
   } catch (const std::exception& failure) {

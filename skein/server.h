@@ -140,7 +140,7 @@ class Server : private PollTarget {
   std::optional<Keepalive> connection_keepalive_;
   std::vector<std::pair<std::string_view, Handler>> handlers_;  ///< a handful
   const std::unique_ptr<Internals> internals_;
-  TurnTask sweep_;
+  EndOfIterationTask sweep_;
   std::size_t connection_count_ = 0;
   std::uint32_t deferrals_ = 0;  ///< made so far
 };

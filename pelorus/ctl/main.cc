@@ -1,5 +1,5 @@
 // pelorusctl, the operator's tool. Each subcommand has a file of its own and adds itself to the
-// command line. Failures are exceptions, which main() turns into an exit status.
+// command line. Failures are exceptions, which main() iterations into an exit status.
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 

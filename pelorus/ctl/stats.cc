@@ -241,8 +241,8 @@ struct Metric {
 
 constexpr std::array<Metric, 8> DAEMON_METRICS{{
     {"pelorus_start_time_seconds", "gauge", "Unix time at which the daemon started.", "/started"},
-    {"pelorus_loop_delay_seconds", "gauge", "Longest turn of the event loop in the last minute.",
-     "/loop_delay"},
+    {"pelorus_loop_delay_seconds", "gauge",
+     "Longest iteration of the event loop in the last minute.", "/loop_delay"},
     {"pelorus_messages_total", "counter", "Messages received.", "/totals/messages"},
     {"pelorus_records_total", "counter", "Records received.", "/totals/records"},
     {"pelorus_refused_requests_total", "counter", "Requests that failed and were answered so.",

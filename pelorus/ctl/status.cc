@@ -23,7 +23,7 @@ namespace {
 
 constexpr bool RIGHT = Table::RIGHT;
 
-/// A turn of the event loop that takes at least this long is shown as bad.
+/// An iteration of the event loop that takes at least this long is shown as bad.
 constexpr double SLOW_TURN_SECONDS = 0.5;
 /// A queue that is full within this time is shown as bad.
 constexpr double SOON_FULL_SECONDS = 600;
@@ -100,7 +100,7 @@ std::string head(const View& view) {
   const double refused = count_at(totals, "/refused_auths");
   return fmt::format(
       "{}, up {}, since {}\n"
-      "longest turn of the loop in the last minute: {}\n"
+      "longest iteration of the loop in the last minute: {}\n"
       "messages received: {}, records in them: {}\n"
       "keys verified: {} accepted, {}\n"
       "bad lines: {}, refused requests: {}\n"

@@ -14,9 +14,9 @@ using namespace std::chrono_literals;
 
 /// Age at which a verified node key is verified again.
 constexpr std::chrono::seconds VALID_CUTOFF{3600};
-/// Points of a legacy submit request in one turn of the loop: about a millisecond of work, whatever
-/// their values.
-constexpr std::size_t POINTS_PER_TURN = 1024;
+/// Points of a legacy submit request in one iteration of the loop: about a millisecond of work,
+/// whatever their values.
+constexpr std::size_t POINTS_PER_STEP = 1024;
 /// Pending connections of either listening socket.
 constexpr int LISTEN_BACKLOG = 1024;
 /// Where node keys are verified: the origin is a build option, the path is the web application's.

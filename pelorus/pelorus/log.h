@@ -26,7 +26,7 @@ enum class Level : std::uint8_t { DEBUG, INFO, WARNING, ERROR };
 /// Ignores SIGPIPE: if the log has no reader, only its lines are lost.
 void start();
 
-/// While the loop runs, the records of a turn are written at its end. Borrows the loop until
+/// While the loop runs, the records of an iteration are written at its end. Borrows the loop until
 /// detach() or finish().
 void attach(skein::Loop& loop);
 /// Each record is written immediately again.

@@ -22,11 +22,11 @@
 namespace pelorus::log {
 namespace {
 
-/// From this size on the buffer is written without waiting for the end of the turn.
+/// From this size on the buffer is written without waiting for the end of the iteration.
 constexpr std::size_t GATHERED_BYTES = 64U << 10;
-/// Records of one turn that are written immediately: as many as one connection may cause in a turn,
-/// so that they are in the log when its peer receives the reply.
-constexpr int WRITES_PER_TURN = 32;
+/// Records of one iteration that are written immediately: as many as one connection may cause in an
+/// iteration, so that they are in the log when its peer receives the reply.
+constexpr int WRITES_PER_ITERATION = 32;
 /// Time until the next attempt to write: exponential backoff.
 constexpr std::chrono::milliseconds SHORTEST_WAIT{2}, LONGEST_WAIT{100};
 /// Memory that the buffer keeps when it is empty.
@@ -194,7 +194,7 @@ void LogWriter::hold(bool held) {
 
 void LogWriter::flush_if_due() {
   if (reader_ != Reader::READY) return;
-  const bool at_once = !held_ && (loop_ == nullptr || writes_ < WRITES_PER_TURN);
+  const bool at_once = !held_ && (loop_ == nullptr || writes_ < WRITES_PER_ITERATION);
   if (at_once || buffer_.next().size() >= GATHERED_BYTES) flush();
 }
 
@@ -208,23 +208,23 @@ void LogWriter::attach(skein::Loop& loop) {
   auto handle = std::make_unique<uv_prepare_t>();
   uv_prepare_init(loop.uv(), handle.get());  // neither this nor the start can fail
   handle->data = this;
-  turn_end_.reset(handle.release());
-  uv_prepare_start(turn_end_.get(), [](uv_prepare_t* prepare) {
-    if (prepare->data != nullptr) static_cast<LogWriter*>(prepare->data)->turn_ends();
+  iteration_end_.reset(handle.release());
+  uv_prepare_start(iteration_end_.get(), [](uv_prepare_t* prepare) {
+    if (prepare->data != nullptr) static_cast<LogWriter*>(prepare->data)->iteration_ends();
   });
-  uv_unref(reinterpret_cast<uv_handle_t*>(turn_end_.get()));
+  uv_unref(reinterpret_cast<uv_handle_t*>(iteration_end_.get()));
   flush();
 }
 
 void LogWriter::detach() {
   if (loop_ == nullptr) return;
   retry_.cancel();
-  turn_end_.reset();
+  iteration_end_.reset();
   loop_ = nullptr;
   flush();
 }
 
-void LogWriter::turn_ends() {
+void LogWriter::iteration_ends() {
   writes_ = 0;
   if (reader_ != Reader::READY || buffer_.next().empty()) return;
   loop_->guarded([this] { flush(); });  // no exception may cross a frame of libuv

@@ -17,8 +17,8 @@
 
 namespace pelorus::log {
 
-/// Most lines in the buffer, and so the most that one turn of the loop can log while the reader is
-/// blocked: a screenful for every node of a large network.
+/// Most lines in the buffer, and so the most that one iteration of the loop can log while the
+/// reader is blocked: a screenful for every node of a large network.
 constexpr std::size_t BUFFER_LINES = 16'384;
 /// Most bytes in the buffer: some 40,000 ordinary lines.
 constexpr std::size_t BUFFER_BYTES = 4U << 20;
@@ -101,8 +101,8 @@ class RecordBuffer {
 ///                                                                    doubling to 100 ms
 ///     READY         yes    any       waits, up to 64 KiB             by hold(false)
 ///     READY         no     none      does not wait                   immediately
-///     READY         no     attached  the first 32 of a turn do not,  immediately,
-///                                    the others do, up to 64 KiB     at the end of the turn
+///     READY         no     attached  the first 32 of an iteration do not,  immediately,
+///                                    the others do, up to 64 KiB     at the end of the iteration
 ///
 /// `reader_` is the result of the last write: READY if all was written, FULL if there was no room,
 /// FAILED after an error.
@@ -133,7 +133,7 @@ class LogWriter {
   /// While held, records are buffered: for a caller that adds many.
   void hold(bool held);
 
-  /// From now on records are written at the end of each turn. Borrows the loop until detach().
+  /// From now on records are written at the end of each iteration. Borrows the loop until detach().
   void attach(skein::Loop& loop);
   void detach();
   /// Writes the buffer. Returns whether all of it was written.
@@ -150,7 +150,7 @@ class LogWriter {
   void append_line(std::string_view prefix, std::string_view line);
   void end_record(std::size_t lines);
   void flush_if_due();
-  void turn_ends();
+  void iteration_ends();
   void write_buffer();
   bool write_dropped();
   std::size_t put(std::string_view bytes) noexcept;
@@ -164,9 +164,9 @@ class LogWriter {
 
   Reader reader_ = Reader::READY;
   bool held_ = false;
-  int writes_ = 0;  ///< in this turn of the loop
+  int writes_ = 0;  ///< in this iteration of the loop
   skein::Loop* loop_ = nullptr;
-  skein::UvHandle<uv_prepare_t> turn_end_;
+  skein::UvHandle<uv_prepare_t> iteration_end_;
   skein::Timer retry_;
   std::chrono::milliseconds retry_wait_;
 

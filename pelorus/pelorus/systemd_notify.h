@@ -24,7 +24,7 @@ class ServiceStatus {
  public:
   using Describe = std::function<std::string()>;
 
-  /// `describe` makes the line. Starts on the next turn of the loop, which it borrows.
+  /// `describe` makes the line. Starts on the next iteration of the loop, which it borrows.
   ServiceStatus(Describe describe, skein::Loop& loop);
   ServiceStatus(const ServiceStatus&) = delete;
   ServiceStatus& operator=(const ServiceStatus&) = delete;

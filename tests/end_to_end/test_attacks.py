@@ -76,7 +76,7 @@ class Attacks(StageTest):
         with self.local(5) as operator:
             delay = operator.call("status")["loop_delay"] * 1000
         name = self.id().rpartition(".")[2]
-        print(f"{name}: the loop's longest turn took {delay:.0f} ms")
+        print(f"{name}: the loop's longest iteration took {delay:.0f} ms")
         for who, each in times.items():
             answered = [seconds for seconds in each if seconds is not None]
             print(f"{name}: {len(answered)} of {tries} {who} nodes answered, "

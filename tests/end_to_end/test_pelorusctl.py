@@ -124,7 +124,7 @@ class PelorusctlAlone(CtlTest):
         self.assertTrue(shown[5].startswith("tidewell "), shown)
         run("resize-window", "-x", "20", "-y", "8")
         screen("… and 9 more", "nodes: 60 open")
-        self.assertEqual(screen("pelorus 1")[1], "longest turn of the…")
+        self.assertEqual(screen("pelorus 1")[1], "longest iteration o…")
         self.assertIn("\033[1m", run("capture-pane", "-pe"))
 
     def test_send_cuts_blocks_at_line_ends_and_ends_the_last_line(self):

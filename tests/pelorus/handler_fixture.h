@@ -14,7 +14,7 @@
 
 namespace pelorus {
 
-/// A handler whose buffers never find a reason to send, on a loop that the test turns.
+/// A handler whose buffers never find a reason to send, on a loop that the test runs.
 class HandlerTest : public support::LoopTest {
  protected:
   explicit HandlerTest(std::size_t output_bytes = 1U << 20) : output_bytes_(output_bytes) {}

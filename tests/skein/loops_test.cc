@@ -29,7 +29,7 @@ TEST_F(LoopTest, TimersFireOnceInTheOrderOfTheirTimes) {
   tick(0.001);
   EXPECT_EQ(order_, "ab");
   tick(10);
-  loop_.turn();
+  loop_.run_once();
   EXPECT_EQ(order_, "abc");
 }
 
@@ -56,7 +56,7 @@ TEST_F(LoopTest, FailureOfOneCallbackIsReportedAndTheOthersRun) {
   loop_.set_failure_handler([&](const std::exception& failure) { reported = failure.what(); });
   loop_.call_in(0, [] { throw std::runtime_error("broken"); });
   loop_.call_in(0, [&] { note("a"); });
-  loop_.turn();
+  loop_.run_once();
   EXPECT_EQ(reported, "broken");
   EXPECT_EQ(order_, "a");
 }
@@ -72,8 +72,8 @@ TEST_F(LoopTest, DiscardedObjectIsDestroyedBehindTheCallback) {
     loop_.discard(std::move(object));
     note("discarded ");
   });
-  loop_.turn();
-  loop_.turn();
+  loop_.run_once();
+  loop_.run_once();
   EXPECT_EQ(order_, "discarded gone");
 }
 
@@ -83,7 +83,7 @@ TEST_F(LoopTest, TimerIsNotEarlyAfterASlowCallback) {
     clock_.tick(0.06);
     loop_.call_in(0.05, [&] { note("a"); });
   });
-  loop_.turn();
+  loop_.run_once();
   tick(0.049);
   EXPECT_EQ(order_, "");
   tick(0.001);
@@ -98,7 +98,7 @@ TEST_F(LoopTest, TimerWithoutDelayWaitsForTheNextTurnAndLetsOthersHaveTheirs) {
   };
   loop_.call_in(0, again);
   EXPECT_EQ(calls, 0);
-  for (int i = 0; i < 3; ++i) loop_.turn();
+  for (int i = 0; i < 3; ++i) loop_.run_once();
   EXPECT_GE(calls, 3);
   EXPECT_LE(calls, 10);
 }
@@ -130,11 +130,11 @@ TEST(Loop, PollTellsAllThatAPeerSentBeforeItResetAndItsFailuresAreReported) {
   target.descriptor = near.descriptor();
   target.poll = &poll;
   poll.watch(UV_READABLE);
-  loop.turn();
+  loop.run_once();
   EXPECT_EQ(target.read, "");
   far.send("abc");
   far.reset();
-  for (int i = 0; i < 10; ++i) loop.turn();
+  for (int i = 0; i < 10; ++i) loop.run_once();
   EXPECT_EQ(target.read, "abc!");
   EXPECT_EQ(reported, "broken");
 }

@@ -109,13 +109,13 @@ class ServerTest : public support::LoopTest {
 
   support::SkeinPeer connect() {
     auto peer = support::SkeinPeer::tcp(support::bound_port(server_->socket()));
-    turns();
+    run_loop();
     return peer;
   }
 
   void send(support::SkeinPeer& peer, std::string_view bytes) {
     peer.send(bytes);
-    turns();
+    run_loop();
   }
 
   std::optional<Resources> resources_;
@@ -155,13 +155,13 @@ TEST_F(ServerTest, OneTurnServesAShareOfEachAndTheRestOnTheNextTurns) {
   server_->set_authenticated(connection(3));
   const std::string zeros(9'900, '0');  // some 500 bytes of a frame
   for (auto& peer : peers) peer.send(requests(3, zeros));
-  turns(1);
+  run_loop(1);
   EXPECT_EQ(served(3), 2U) << "alone in its class";
   EXPECT_EQ(served(0), 1U);
   EXPECT_EQ(served(1), 1U);
   EXPECT_EQ(served(2), 0U);
   EXPECT_EQ(peers[0].replies(), "") << "replies gather while more waits";
-  turns(10);
+  run_loop(10);
   for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(served(i), 3U);
 }
 
@@ -171,15 +171,15 @@ TEST_F(ServerTest, SmallFramesPassALargeOneThatHasToEarnItsCredit) {
   auto small = connect();
   large.send(request(1, "echo", std::string(50'000, '0')));
   small.send(requests(100));
-  turns(2);
+  run_loop(2);
   EXPECT_EQ(served(0), 0U);
   EXPECT_GE(served(1), 9U);
-  turns(20);
+  run_loop(20);
   EXPECT_EQ(served(0), 1U);
   EXPECT_EQ(served(1), 100U);
   large.send(request(2, "echo", std::string(50'000, '0')));
   small.send(requests(100));
-  turns(2);
+  run_loop(2);
   EXPECT_EQ(served(0), 1U) << "what was left of its credit is gone";
 }
 
@@ -190,12 +190,12 @@ TEST_F(ServerTest, DeferredReplyComesInOrderAndWhatFollowsWaits) {
   server_->deferred.front().send({});
   server_->deferred.clear();
   peer.send(request(6, "wait") + request(7, "echo") + std::string(4, '\0'));
-  turns();
+  run_loop();
   send(other, request(1, "echo"));
   EXPECT_EQ(peer.replies() + other.replies(), "1=x ");
   const DeferredReply first = server_->deferred.front();
   first.send({});
-  turns();
+  run_loop();
   EXPECT_EQ(peer.replies(), "6=nil 7=x end") << "what breaks the protocol waits for its turn, too";
   EXPECT_EQ(first.connection(), nullptr);
   auto third = connect();  // has the place of the one that has ended
@@ -211,10 +211,10 @@ TEST_F(ServerTest, AllThatCameBeforeTheEndOfTheStreamIsAnswered) {
   const std::string stream = requests(999, text) + request(0, "wait") + requests(1000, text);
   std::size_t replies = 0;
   bool ended = false;
-  for (std::size_t sent = 0, turn = 0; !ended && turn < 10'000; ++turn) {
+  for (std::size_t sent = 0, round = 0; !ended && round < 10'000; ++round) {
     sent += peer.send_now(std::string_view(stream).substr(sent));
     if (sent == stream.size()) peer.finish_sending();
-    turns(1);
+    run_loop(1);
     if (!server_->deferred.empty()) server_->deferred.front().send({});
     if (sent > stream.size() / 2 && sent < stream.size()) continue;  // takes nothing for a while
     const std::string seen = peer.replies();
@@ -268,7 +268,7 @@ TEST_F(ServerTest, MemoryOfALargeFrameIsGivenBackThoughTheNextOneHasBegun) {
   const std::size_t before = allocated();
   send(peer, large.substr(0, large.size() / 2));
   send(peer, large.substr(large.size() / 2) + std::string("\0\0\1", 3));
-  for (int i = 0; i < 100 && server_->failures.empty(); ++i) turns();
+  for (int i = 0; i < 100 && server_->failures.empty(); ++i) run_loop();
   EXPECT_LT(resources_->admission.held_bytes(), 1000U);
   EXPECT_LT(allocated(), before + (128U << 10));
 }
@@ -306,7 +306,7 @@ TEST_F(ServerTest, FailuresOfOneConnectionAreReportedTenTimesASecond) {
                 "4 more failures of requests of a peer at 127.0.0.1 are not logged"});
   for (int i = 0; i < 11; ++i) send(peer, request(1, "unknown"));
   peer.reset();
-  turns();
+  run_loop();
   EXPECT_TRUE(server_->shortages.back().starts_with("2 more")) << "said at its end";
 }
 
@@ -323,7 +323,7 @@ TEST_F(ServerTest, HalfFrameEndsWhenNothingMoreComesAndIdlenessNever) {
   }
   EXPECT_EQ(half.replies(), "") << "the clock stood still: more may have come meanwhile";
   clock_.tick(1);
-  turns();
+  run_loop();
   EXPECT_EQ(half.replies(), "end");
   EXPECT_EQ(drip.replies() + idle.replies(), "1=x ");
   EXPECT_EQ(server_->faults,
@@ -337,16 +337,16 @@ TEST_F(ServerTest, PeerThatTakesNoRepliesIsNotReadAndEndsThoughItHasFinished) {
     restart({.unsent_reply_bytes = 10'000});
     auto peer = connect();
     std::size_t sent = 0;
-    for (int in_vain = 0; in_vain < 10 && sent < stream.size(); turns()) {
+    for (int in_vain = 0; in_vain < 10 && sent < stream.size(); run_loop()) {
       const std::size_t taken = peer.send_now(std::string_view(stream).substr(sent));
       in_vain = taken == 0 ? in_vain + 1 : 0;
       sent += taken;
     }
     EXPECT_LT(sent, stream.size());
     if (finishes) peer.finish_sending();
-    turns();
+    run_loop();
     tick(60);
-    turns();
+    run_loop();
     EXPECT_EQ(ended_by(EndReason::UNSENT_REPLIES), 1U);
     EXPECT_TRUE(
         server_->faults.at(0).ends_with("10000 are allowed, and none taken for 60 seconds"));
@@ -362,7 +362,7 @@ TEST_F(ServerTest, AcceptRestsWhileThereAreNoDescriptorsAndRecovers) {
   none.rlim_cur = 0;
   ::setrlimit(RLIMIT_NOFILE, &none);
   for (int i = 0; i < 5; ++i) {
-    turns();
+    run_loop();
     clock_.tick(1.1);
   }
   send(old, request(1, "echo"));
@@ -371,10 +371,10 @@ TEST_F(ServerTest, AcceptRestsWhileThereAreNoDescriptorsAndRecovers) {
             std::vector<std::string>{"no connection can be accepted: accept: Too many open files"});
   ::setrlimit(RLIMIT_NOFILE, &usual);
   clock_.tick(0.9);
-  turns();
+  run_loop();
   EXPECT_EQ(server_->connection_count(), 1U) << "it rests for a second by now";
   clock_.tick(0.2);
-  turns();
+  run_loop();
   send(peer, request(1, "echo"));
   EXPECT_EQ(peer.replies(), "1=x ");
 }

@@ -9,29 +9,29 @@
 
 namespace support {
 
-/// Turns the loop until `condition()` holds. Fails after ten seconds of real time.
+/// Runs the loop until `condition()` holds. Fails after ten seconds of real time.
 template <class Condition>
-void turn_until(skein::Loop& loop, Condition condition) {
+void run_until(skein::Loop& loop, Condition condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!condition()) {
     ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "waited in vain";
-    loop.turn();
+    loop.run_once();
   }
 }
 
-/// A loop that the test turns, on a clock that it ticks.
+/// A loop that the test runs, on a clock that it ticks.
 class LoopTest : public testing::Test {
  protected:
-  void turns(int count = 5) {
-    for (int i = 0; i < count; ++i) loop_.turn();
+  void run_loop(int count = 5) {
+    for (int i = 0; i < count; ++i) loop_.run_once();
   }
   void tick(double seconds) {
     clock_.tick(seconds);
-    loop_.turn();
+    loop_.run_once();
   }
   template <class Condition>
   void until(Condition condition) {
-    turn_until(loop_, condition);
+    run_until(loop_, condition);
   }
 
   FakeClock clock_;

@@ -35,12 +35,12 @@ class Torture : public ListenerTest {
     return fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n\r\n{}", body.size(), body);
   }
 
-  void turns(int count) {
+  void run_loop(int count) {
     for (int i = 0; i < count; ++i) {
       clock_.tick(0.02);
       {
         const support::FailingCall::Scope under_test;
-        loop_.turn();
+        loop_.run_once();
       }
       if (web_answers_) {
         for (const auto& [peer, body] : web_.requests()) support::answer(*peer, confirm(body));
@@ -64,7 +64,7 @@ class Torture : public ListenerTest {
   void session(const std::string& key) {
     auto first = node();
     auto operators = local();
-    turns(3);
+    run_loop(3);
     first.send_now(block(key) + block(key) + submit(key, 1100));
     auto collectd = local();
     collectd.send_now(support::request(1, "collectd", {{"metrics", "a bad line\nhalf a li"}}));
@@ -72,19 +72,19 @@ class Torture : public ListenerTest {
     refused.send_now(block("unknown") + support::request(2, "none"));
     {
       auto leaves = node();
-      turns(2);
+      run_loop(2);
       leaves.send_now(block(key));
-      turns(2);
+      run_loop(2);
     }
     auto second = node();
     second.send_now(block(key));
     operators.send_now(support::request(1, "status") + support::request(2, "stats"));
-    turns(10);
+    run_loop(10);
     second.send_now(
         support::request(3, "add", {{"key", key}, {"database", "bonding"}, {"data", "m v=1 1\n"}}) +
         support::request(4, "add", {{"key", key}, {"database", "no"}, {"data", ""}}));
     collectd.send_now(support::request(2, "collectd", {{"metrics", std::string("ne\n") + LINE}}));
-    turns(10);
+    run_loop(10);
     for (auto* peer : {&first, &second, &collectd}) {
       const std::string replies = peer->replies();
       acknowledged_ += static_cast<std::uint64_t>(std::ranges::count(replies, '='));
@@ -100,7 +100,7 @@ class Torture : public ListenerTest {
       peers.push_back(node());
       peers.back().send(block("unknown"));
     }
-    turns(3);
+    run_loop(3);
     return peers;
   }
   void session_beside_crowd() {
@@ -112,7 +112,7 @@ class Torture : public ListenerTest {
     for (int i = 0; i < 20'000; ++i) long_block += LINE;
     known.send_now(support::request(1, "collectd", {{"key", "warm-up"}, {"metrics", long_block}}));
     collectd.send_now(support::request(1, "collectd", {{"metrics", long_block}}));
-    turns(10);
+    run_loop(10);
     web_answers_ = true;
     const std::string replies = known.replies() + collectd.replies();
     acknowledged_ += static_cast<std::uint64_t>(std::ranges::count(replies, '='));
@@ -132,16 +132,16 @@ class Torture : public ListenerTest {
   void expect_recovered(const std::string& key) {
     for (int i = 0; i < 13; ++i) {  // the longest time-outs pass
       clock_.tick(10);
-      turns(3);
+      run_loop(3);
     }
     auto peer = node();
     auto collectd = local();
-    turns(3);
+    run_loop(3);
     peer.send(block(key));
     collectd.send(support::request(1, "collectd", {{"metrics", LINE}}));
-    turns(20);
+    run_loop(20);
     clock_.tick(2);
-    for (int i = 0; i < 100 && account().second != 0; ++i) turns(1);
+    for (int i = 0; i < 100 && account().second != 0; ++i) run_loop(1);
     EXPECT_EQ(peer.replies(), "1=nil ") << "the key is stuck";
     EXPECT_EQ(collectd.replies(), "1=nil ");
     acknowledged_ += 2;
@@ -203,7 +203,7 @@ TEST_F(Torture, WhateverFailsLeavesNothingBehindButAFailedRequestOrWrite) {
   fail_each_call([] { return 0; }, [this](const std::string& key) { session(key); });
   fail_each_call([this] { return crowd(); },
                  [this](const std::string&) { session_beside_crowd(); });
-  for (int i = 0; i < 50 && node_server_.connection_count() != 0; ++i) turns(10);
+  for (int i = 0; i < 50 && node_server_.connection_count() != 0; ++i) run_loop(10);
   EXPECT_EQ(node_server_.connection_count() + local_server_.connection_count(), 0U);
   EXPECT_EQ(resources_.admission.held_bytes(), 0U);
   EXPECT_LE(open_descriptors(), descriptors);

@@ -230,7 +230,7 @@ void HTTPExchange::read() {
 
 void HTTPExchange::write() {
   PROFILE_SCOPE();
-  std::size_t budget = SEND_BYTES_PER_TURN;
+  std::size_t budget = SEND_BYTES_PER_ITERATION;
   while (send_error_ == 0 && !unsent_.empty() && budget > 0) {
     const ssize_t count = ::send(socket_.descriptor(), unsent_.data(),
                                  std::min(unsent_.size(), budget), MSG_NOSIGNAL);

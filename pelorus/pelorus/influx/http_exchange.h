@@ -21,8 +21,8 @@ namespace pelorus {
 /// tries its addresses in turn, sends the bytes that its owner supplies and reads the response. It
 /// knows neither what is sent nor which status is a success, and it logs nothing.
 ///
-/// A member of its owner. It starts on the turn after its construction and ends once, with a whole
-/// response or an error: a failed system call, a timeout, no memory. The end is reported as
+/// A member of its owner. It starts on the iteration after its construction and ends once, with a
+/// whole response or an error: a failed system call, a timeout, no memory. The end is reported as
 /// its last statement. Destroyed before its end, it reports nothing. Loop thread only.
 ///
 ///   connected  ended | timer             lookup   poll
@@ -41,9 +41,9 @@ class HTTPExchange : private skein::PollTarget {
   /// Longest time from the last byte that the endpoint took to the end of its response. Sending has
   /// no such limit: a large request may take as long as it makes progress.
   static constexpr std::chrono::seconds RESPONSE_TIME{60};
-  /// Most bytes sent in one turn of the loop: an endpoint on this machine may take them as fast as
-  /// they are sent.
-  static constexpr std::size_t SEND_BYTES_PER_TURN = 2U << 20;
+  /// Most bytes sent in one iteration of the loop: an endpoint on this machine may take them as
+  /// fast as they are sent.
+  static constexpr std::size_t SEND_BYTES_PER_ITERATION = 2U << 20;
   /// Most addresses of the host that are tried.
   static constexpr std::size_t MAX_ADDRESSES = 8;
 

@@ -94,8 +94,8 @@ class Batch {
 /// share, and the loop. Loop thread only. Adding a message takes constant time, however many wait.
 class InfluxDatabase {
  public:
-  /// One write. It starts on a later turn, takes its batch with get_data() and reports with the
-  /// handle_ operations below.
+  /// One write. It starts on a later iteration, takes its batch with get_data() and reports with
+  /// the handle_ operations below.
   class Request {
    public:
     virtual ~Request() = default;

@@ -69,15 +69,16 @@ std::string_view InfluxHTTPRequest::send_request() {
   batch_ = database_.get_data();
   data_length_ = batch_.data_length();
   send_buf_ += "\r\nContent-Length: " + std::to_string(*data_length_) + "\r\n\r\n";
-  send_buf_.reserve(send_buf_.size() + std::min(*data_length_, HTTPExchange::SEND_BYTES_PER_TURN));
-  batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_TURN);
+  send_buf_.reserve(send_buf_.size() +
+                    std::min(*data_length_, HTTPExchange::SEND_BYTES_PER_ITERATION));
+  batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_ITERATION);
   return send_buf_;
 }
 
 std::string_view InfluxHTTPRequest::next_slice() {
   PROFILE_SCOPE();
   send_buf_.clear();
-  batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_TURN);
+  batch_.append_slice(send_buf_, HTTPExchange::SEND_BYTES_PER_ITERATION);
   return send_buf_;
 }
 

@@ -116,7 +116,7 @@ class InfluxHandler {
   BadLineCounts bad_lines_{};
   std::vector<std::unique_ptr<InfluxDatabase>> databases_;
   const std::unique_ptr<GraphiteMessage> graphite_message_;
-  skein::TurnTask stats_again_;  ///< for want of memory for a timer
+  skein::EndOfIterationTask stats_again_;  ///< for want of memory for a timer
 };
 
 }  // namespace pelorus

@@ -33,8 +33,8 @@ class CurlMulti {
   /// All transfers must have left.
   ~CurlMulti();
 
-  /// Begins with `easy` on the next turn. Its CURLOPT_PRIVATE is the CurlTransfer that hears of it.
-  /// Both stay the caller's, until handle_end or remove(). Throws skein::Failure.
+  /// Begins with `easy` on the next iteration. Its CURLOPT_PRIVATE is the CurlTransfer that hears
+  /// of it. Both stay the caller's, until handle_end or remove(). Throws skein::Failure.
   void add(CURL* easy);
   /// Serves the ready sockets of the transfer now; whether any was ready. For time-outs: after a
   /// suspension a timer runs before descriptors are looked at.

@@ -65,7 +65,7 @@ class KeyVerification::Exchange final : private CurlTransfer {
  public:
   /// `ended` is armed when there is an outcome.
   Exchange(CurlMulti& multi, const Settings& settings, skein::Loop& loop, const std::string& url,
-           skein::TurnTask& ended);
+           skein::EndOfIterationTask& ended);
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
   ~Exchange();
@@ -100,7 +100,7 @@ class KeyVerification::Exchange final : private CurlTransfer {
   CurlMulti& multi_;
   const Settings& settings_;
   skein::Loop& loop_;
-  skein::TurnTask& ended_;
+  skein::EndOfIterationTask& ended_;
   std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> easy_;
   std::array<char, CURL_ERROR_SIZE> error_text_{};  ///< libcurl's, of the present exchange
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers_;  ///< hold a secret
@@ -115,7 +115,7 @@ class KeyVerification::Exchange final : private CurlTransfer {
 };
 
 KeyVerification::Exchange::Exchange(CurlMulti& multi, const Settings& settings, skein::Loop& loop,
-                                    const std::string& url, skein::TurnTask& ended)
+                                    const std::string& url, skein::EndOfIterationTask& ended)
     : multi_(multi),
       settings_(settings),
       loop_(loop),

@@ -37,7 +37,7 @@ class KeyVerification {
   /// Whether one more key can be asked about now.
   bool has_room() const noexcept { return !idle_.empty(); }
   /// Asks about `key`, any bytes. There must be room. `done` is called exactly once, on a later
-  /// turn of the loop, whatever happens. It may ask again.
+  /// iteration of the loop, whatever happens. It may ask again.
   void do_auth_check(std::string_view key, Done done) noexcept;
 
  private:
@@ -46,7 +46,7 @@ class KeyVerification {
 
   skein::Loop& loop_;
   std::unique_ptr<CurlMulti> multi_;
-  skein::TurnTask deliver_;                           ///< for outcomes that are there
+  skein::EndOfIterationTask deliver_;                 ///< for outcomes that are there
   std::vector<std::unique_ptr<Exchange>> exchanges_;  // leave multi_ when they are destroyed
   std::vector<Exchange*> idle_;                       ///< those of them without a key
 };

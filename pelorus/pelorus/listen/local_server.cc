@@ -93,8 +93,8 @@ ConnectionGroup group_of(const NodeServer& server) {
 
 }  // namespace
 
-/// A request that takes several steps, on the turns that the ready queue gives it. Outlives its
-/// connection.
+/// A request that takes several steps, on the iterations that the ready queue gives it. Outlives
+/// its connection.
 class LocalServer::LongRequest final : public skein::ReadyQueue::Entry,
                                        private skein::Admission::Account {
  public:

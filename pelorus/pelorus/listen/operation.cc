@@ -67,7 +67,7 @@ std::size_t Operation::points() const noexcept {
 bool Operation::is_short(const InfluxHandler& handler) const noexcept {
   if (kind_ == Kind::ADD_GRAPHITE) return arguments_.text.size() <= GRAPHITE_BYTES_PER_STEP;
   return points() <= FEW_POINTS ||
-         (points() <= POINTS_PER_TURN && points() <= handler.room(arguments_.database));
+         (points() <= POINTS_PER_STEP && points() <= handler.room(arguments_.database));
 }
 
 /// A step takes what fits, but not so little that most of the time goes into steps.
@@ -80,7 +80,7 @@ std::size_t Operation::cost() const noexcept {
     return std::min(block_ ? block_->rest.size() : arguments_.text.size(), GRAPHITE_BYTES_PER_STEP);
   }
   if (!arguments_.points) return arguments_.text.size();
-  return std::min(arguments_.points->size(), POINTS_PER_TURN) * COST_OF_A_POINT;
+  return std::min(arguments_.points->size(), POINTS_PER_STEP) * COST_OF_A_POINT;
 }
 
 IngestResult Operation::run(InfluxHandler& handler) {
@@ -112,7 +112,7 @@ IngestResult Operation::run_submit(InfluxHandler& handler) {
   if (!submit_) submit_ = std::make_unique<SubmitMessages>(text, *points);
   const std::size_t room = handler.room(database);
   IngestResult ingested = handler.add_submit(
-      database, *submit_, room < FEW_POINTS ? POINTS_PER_TURN : std::min(POINTS_PER_TURN, room));
+      database, *submit_, room < FEW_POINTS ? POINTS_PER_STEP : std::min(POINTS_PER_STEP, room));
   done_ = !submit_->has_more();
   return ingested;
 }

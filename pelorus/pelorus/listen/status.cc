@@ -178,13 +178,13 @@ ConnectionChoice ConnectionChoice::of(const skein::Request& request) {
 MsgpackWriter write_status(const StatusSources& sources, const ConnectionChoice& choice) {
   const skein::Clocks& clocks = sources.loop.clocks();
   const std::chrono::duration<double> uptime = clocks.monotonic() - sources.started.monotonic;
-  const std::chrono::duration<double> longest_turn = sources.loop.longest_turn();
+  const std::chrono::duration<double> longest_iteration = sources.loop.longest_iteration();
   MsgpackWriter out;
   out.map(6 + sources.groups.size());
   out.text("version").text(PELORUS_VERSION);
   out.text("started").real(sources.started.wall);
   out.text("uptime").real(uptime.count());
-  out.text("loop_delay").real(longest_turn.count());
+  out.text("loop_delay").real(longest_iteration.count());
   write_totals(out, sources);
   write_databases(out, sources.influx_handler);
   for (const ConnectionGroup& group : sources.groups) {

@@ -246,7 +246,7 @@ TEST_F(InfluxHTTPRequestTest, EmptyBodyIsSentAndContinueIsNoAnswer) {
   until([&] { return static_cast<bool>(peer = endpoint.accept()); });
   receive_to(peer, "\r\nContent-Length: 0\r\n\r\n");
   answer(peer, "HTTP/1.1 100 Continue\r\n\r\n");
-  loop_.turn();
+  loop_.run_once();
   EXPECT_TRUE(database->has_current_request());
   end_with(peer, NO_CONTENT);
   EXPECT_EQ(database->failure_count(), 0);
@@ -257,7 +257,7 @@ TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlon
   end_with(old, NO_CONTENT);
   const auto peer = begin();
   old = {};
-  turns();
+  run_loop();
   EXPECT_TRUE(database->has_current_request());
   end_with(peer, NO_CONTENT);
 }
@@ -265,7 +265,7 @@ TEST_F(InfluxHTTPRequestTest, LateCloseOfAnOldConnectionLeavesTheNextRequestAlon
 TEST_F(InfluxHTTPRequestTest, NumericAddressIsNotLookedUp) {
   connect_to("::1", 1);
   database->add("m value=1 1");
-  loop_.turn();
+  loop_.run_once();
   EXPECT_EQ(HTTPExchange::lookups_pending(), 0U);
   until_outcome();
   EXPECT_THAT(warnings(), ElementsAre(HasSubstr("could not connect to influx:8086: Conn")));
@@ -277,9 +277,9 @@ TEST_F(InfluxHTTPRequestTest, EveryAddressIsTriedAndOneThatHangsLeavesTimeForThe
   support::resolve_several_to({refuses.port(), hangs.port(), endpoint.port()});
   connect_to("several.test", 1);
   database->add("m value=1 1");
-  loop_.turn();
+  loop_.run_once();
   until([] { return HTTPExchange::lookups_pending() == 0; });
-  turns();
+  run_loop();
   EXPECT_FALSE(endpoint.accept());
   tick(2.5);
   const auto peer = begin();

@@ -30,7 +30,7 @@ struct Schedule {
         break;
       case 2:
         clock.tick(0.25 * static_cast<double>(random() % 12));
-        loop.turn();
+        loop.run_once();
         break;
       case 3:  // connected
         if (writing && !taken) take_batch();

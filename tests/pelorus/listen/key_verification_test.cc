@@ -46,7 +46,7 @@ struct KeyVerificationTest : support::LoopTest {
     settle();
   }
   /// Lets the client do all that it can.
-  void settle() { turns(10); }
+  void settle() { run_loop(10); }
 
   void ask_at(const std::string& url) { verification.emplace(settings, loop_, url); }
   void ask(const std::string& key = "k3y") {

@@ -24,7 +24,7 @@ class ListenerTest : public HandlerTest {
   std::string socket_path() const { return folder_ / "collectd.sock"; }
 
   /// With a little time in each.
-  void turns(int count = 5) {
+  void run_loop(int count = 5) {
     for (int i = 0; i < count; ++i) {
       tick(0.001);
     }
@@ -32,7 +32,7 @@ class ListenerTest : public HandlerTest {
 
   void send(support::SkeinPeer& peer, std::string_view bytes) {
     peer.send(bytes);
-    turns();
+    run_loop();
   }
 
   /// A submit request of so many good points, and bad ones behind them.

@@ -85,18 +85,18 @@ TEST_F(LocalServerTest, LongBlockIsOneMessageWhoeverWaitsForIt) {
   };
   auto peer = support::SkeinPeer::unix_socket(socket_path());
   peer.send(block(LINES) + support::request(2, "collectd", {{"metrics", "no end"}}));
-  turns(20);
+  run_loop(20);
   EXPECT_EQ(peer.replies(), "1=nil 2=nil ") << "in order";
   EXPECT_EQ(handler_.statistics().messages, 2);
   EXPECT_EQ(handler_.statistics().records, LINES);
   EXPECT_EQ(handler_.bad_lines()[0], 1U);
   peer.send(block(2 * LINES));
-  turns(20);
+  run_loop(20);
   EXPECT_EQ(peer.replies().substr(0, 13), "1!a record of") << "more than the output buffer takes";
   peer.send(block(LINES));
   peer.finish_sending();
   { const auto gone = std::move(peer); }
-  turns(20);
+  run_loop(20);
   EXPECT_EQ(handler_.statistics().records, 2 * LINES) << "what has come is added";
   EXPECT_EQ(resources_.admission.held_bytes(), 0U);
 }

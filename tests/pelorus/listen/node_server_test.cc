@@ -28,7 +28,7 @@ class NodeServerTest : public ListenerTest {
 
   support::SkeinPeer connect() {
     auto peer = support::SkeinPeer::tcp(support::bound_port(server_->socket()));
-    turns();
+    run_loop();
     return peer;
   }
 
@@ -40,7 +40,7 @@ class NodeServerTest : public ListenerTest {
   /// Takes requests of the daemon until it has been quiet for a while; asked_ holds their keys.
   void listen_to_web_requests() {
     for (int quiet = 0; quiet < 20; ++quiet) {
-      turns(2);
+      run_loop(2);
       for (const auto& request : web_.requests()) {
         asked_.push_back(request.body.substr(std::string_view("key=").size()));
         pending_.push_back(request.peer);
@@ -92,11 +92,11 @@ TEST_F(NodeServerTest, VerifiedKeyLetsRequestsThroughForAnHour) {
   pending_.clear();
   clock_.tick(3599.5);
   peer.send(collectd("abcdef"));
-  LoopTest::turns(20);
+  LoopTest::run_loop(20);
   EXPECT_EQ(peer.replies(), "1=nil 1=nil ");
   clock_.tick(0.5);
   peer.send(collectd("abcdef"));
-  LoopTest::turns(20);
+  LoopTest::run_loop(20);
   EXPECT_EQ(peer.replies(), "") << "an hour, and not less";
   accept_key("abcdef");
   EXPECT_EQ(asked_.size(), 3U);
@@ -113,7 +113,7 @@ TEST_F(NodeServerTest, MoreThan256ConnectionsOfOneKeyAreServedAsStrangersAre) {
     peers.push_back(connect());
     peers.back().send(collectd("abcdef"));
     if (i == 0) accept_key("abcdef");
-    LoopTest::turns(20);
+    LoopTest::run_loop(20);
   }
   EXPECT_EQ(records(), 257);
   EXPECT_EQ(authenticated(), 256);
@@ -121,7 +121,7 @@ TEST_F(NodeServerTest, MoreThan256ConnectionsOfOneKeyAreServedAsStrangersAre) {
   peers.front().send(collectd("another"));
   accept_key("another");
   peers.back().send(collectd("abcdef"));
-  LoopTest::turns(20);
+  LoopTest::run_loop(20);
   EXPECT_EQ(authenticated(), 256) << "one has gone, one is there for it";
 }
 
@@ -248,7 +248,7 @@ TEST_F(NodeServerTest, KnownKeysAreAskedAboutFirstAndThoseWhosePeersHaveGoneLast
   asked_.clear();
   std::optional<support::SkeinPeer> leaves = connect();
   leaves->send(collectd("leaves"));
-  turns();
+  run_loop();
   auto stays = connect();
   send(stays, collectd("stays"));
   send(known, collectd("known"));
@@ -316,14 +316,14 @@ TEST_F(NodeServerTest, SubmitWaitsWithItsPointsAndManyAreTakenInTurns) {
   auto other = connect();
   peer.send(submit("k", POINTS) + collectd("k", LINE, 2));
   other.send(collectd("k", LINE, 3));
-  for (int i = 0; records() == 1 && i < 100; ++i) turns(1);
-  EXPECT_LT(records(), POINTS) << "in one turn";
-  turns(10);
+  for (int i = 0; records() == 1 && i < 100; ++i) run_loop(1);
+  EXPECT_LT(records(), POINTS) << "in one iteration";
+  run_loop(10);
   EXPECT_EQ(records(), 1 + POINTS + 2);
   EXPECT_EQ(peer.replies() + other.replies(), "1=nil 1=nil 2=nil 3=nil ");
 
   peer.send(submit("k", POINTS, 1));
-  turns(10);
+  run_loop(10);
   EXPECT_EQ(peer.replies(), "1=nil ");
   EXPECT_EQ(records(), 1 + POINTS + 2 + POINTS) << "what stands before the fault stays";
   EXPECT_TRUE(
@@ -373,7 +373,7 @@ TEST_F(NodeServerTest, OfAnUnconfirmedKeyTheNewestRequestsWait) {
   };
   for (std::size_t i = 0; i < MAX_UNCONFIRMED_REQUESTS; ++i) ask();
   peers[7].reset();
-  turns();
+  run_loop();
   ask();
   ask();
   for (std::size_t i = 0; i < peers.size(); ++i) {
@@ -394,16 +394,16 @@ TEST_F(NodeServerTest, LongSubmitWaitsUntilItsBufferHasRoomButNotForEver) {
   peer.send(submit("k", 1));
   accept_key("k");
   peer.send(submit("k", 5000));
-  turns(20);
+  run_loop(20);
   EXPECT_EQ(database("bonding").pending_data_len(), 2000U) << "half is left to others";
   auto other = connect();
   send(other, collectd("k"));
   EXPECT_EQ(peer.replies() + other.replies(), "1=nil ") << "the key's next request waits behind it";
   queued("bonding");
-  for (int i = 0; i < 100; ++i) turns();
+  for (int i = 0; i < 100; ++i) run_loop();
   EXPECT_EQ(database("bonding").pending_data_len(), 2000U);
   clock_.tick(30);
-  turns(30);
+  run_loop(30);
   EXPECT_EQ(peer.replies() + other.replies(), "1=nil 1=nil ");
   EXPECT_EQ(database("bonding").counters().discarded.messages, 0U);
 }
@@ -414,7 +414,7 @@ TEST_F(NodeServerTest, AdmittedRequestThatIsEvictedLeavesItsKeyUsable) {
   first.send(collectd("k"));
   accept_key("k");
   first.send(submit("k", 5000));
-  turns(10);
+  run_loop(10);
   EXPECT_EQ(first.replies(), "1=nil end") << "beyond twice the budget";
   auto second = connect();
   send(second, collectd("k"));
@@ -426,7 +426,7 @@ TEST_F(NodeServerTest, ConnectionsAreLoggedOnceAsTheyComeAndGo) {
     auto peer = connect();
     send(peer, std::string(4, '\0'));
   }
-  turns();
+  run_loop();
   const auto lines = log_.texts("info");
   ASSERT_EQ(lines.size(), 3U);
   const std::string address = lines[1].substr(lines[1].rfind("127.0.0.1"));

@@ -141,18 +141,17 @@ TEST(Log, RecordsGoOutAtTheEndOfTheTurnAndWhenTheReaderComesBack) {
   skein::Loop loop;
   LogWriter writer(pipe.writer(), Prefix::PRIORITY);
   writer.attach(loop);
-  loop.call_in(1000, [] {});  // a loop that has nothing to wait for has no turns
+  loop.call_in(1000, [] {});  // a loop that has nothing to wait for has no iterations
   std::string first;
   while (write(writer, "a"), !(first = pipe.content()).empty()) {
     EXPECT_EQ(first, "<6>a\n") << "at once";
   }
   write(writer, "b");
-  loop.turn();
+  loop.run_once();
   EXPECT_EQ(pipe.content(), "<6>a\n<6>b\n");
   for (int line = 0; line < 100; ++line) write(writer, std::string(3000, 'x'));
   std::string read;
-  support::turn_until(loop,
-                      [&] { return (read += pipe.content()).size() == 100 * (3 + 3000 + 1); });
+  support::run_until(loop, [&] { return (read += pipe.content()).size() == 100 * (3 + 3000 + 1); });
 }
 
 TEST(Log, HeldRecordsAreWrittenTogether) {
