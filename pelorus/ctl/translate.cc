@@ -16,7 +16,6 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <ranges>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -284,8 +283,10 @@ class Lint {
     std::vector<std::string> lines;
     for (const auto& [field, types] : types_) {
       if (types.size() < 2) continue;
-      lines.push_back(fmt::format("field {} of measurement {} is {}", field.second, field.first,
-                                  fmt::join(std::views::values(types), " and ")));
+      std::string all;
+      for (const auto& [type, line] : types) all += (all.empty() ? "" : " and ") + line;
+      lines.push_back(
+          fmt::format("field {} of measurement {} is {}", field.second, field.first, all));
     }
     return lines;
   }
