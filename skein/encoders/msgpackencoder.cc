@@ -1,6 +1,7 @@
 #include "skein/encoders/msgpackencoder.h"
 
 #include <fmt/format.h>
+#include <algorithm>
 
 #include <array>
 #include <bit>
@@ -13,6 +14,9 @@
 
 namespace skein {
 namespace {
+
+/// A value takes so many bytes or more, as a rule.
+constexpr std::size_t BYTES_PER_NODE = 4;
 
 /// Appends a node per visited value; refuses with ProtocolError, which passes through the parser.
 class NodeVisitor : public msgpack::null_visitor {
@@ -124,6 +128,8 @@ std::uint32_t checked_size(std::size_t size) {
 void MsgpackEncoder::decode(std::string_view content, Message& message) {
   PROFILE_SCOPE();
   message.nodes.clear();
+  // Growing by doubling would copy those of a large message again and again.
+  message.nodes.reserve(std::min(content.size() / BYTES_PER_NODE, MAX_ELEMENTS));
   NodeVisitor visitor(message.nodes);
   std::size_t offset = 0;
   if (content.empty() || !msgpack::parse(content.data(), content.size(), offset, visitor)) {
