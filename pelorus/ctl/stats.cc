@@ -239,12 +239,16 @@ struct Metric {
   const char* label = nullptr;  ///< with one: the value is a map, each entry of it a sample
 };
 
-constexpr std::array<Metric, 8> DAEMON_METRICS{{
+constexpr std::array<Metric, 10> DAEMON_METRICS{{
     {"pelorus_start_time_seconds", "gauge", "Unix time at which the daemon started.", "/started"},
     {"pelorus_loop_delay_seconds", "gauge",
      "Longest iteration of the event loop in the last minute.", "/loop_delay"},
     {"pelorus_messages_total", "counter", "Messages received.", "/totals/messages"},
     {"pelorus_records_total", "counter", "Records received.", "/totals/records"},
+    {"pelorus_queues_memory_bytes", "gauge",
+     "Memory of all queues, and of what writes have not sent yet.", "/totals/queued_memory"},
+    {"pelorus_queues_limit_bytes", "gauge", "Memory at which the oldest messages are dropped.",
+     "/totals/max_queued_bytes"},
     {"pelorus_refused_requests_total", "counter", "Requests that failed and were answered so.",
      "/totals/refused_requests"},
     {"pelorus_dropped_log_lines_total", "counter", "Log lines that could not be written.",
@@ -261,8 +265,8 @@ constexpr std::array<Metric, 20> DATABASE_METRICS{{
     {"pelorus_queue_bytes", "gauge", "Bytes that wait.", "/queued/bytes"},
     {"pelorus_queue_limit_messages", "gauge", "Messages at which the oldest are dropped.",
      "/max_pending"},
-    {"pelorus_queue_full_seconds", "gauge", "Seconds until the queue is full; absent when never.",
-     "/seconds_until_full"},
+    {"pelorus_queue_full_seconds", "gauge",
+     "Seconds until messages are dropped; absent when never.", "/seconds_until_full"},
     {"pelorus_in_flight_messages", "gauge", "Messages of the present write.",
      "/in_flight/messages"},
     {"pelorus_sent_messages_total", "counter", "Messages that were acknowledged.",

@@ -102,7 +102,7 @@ std::string head(const View& view) {
       "{}, up {}, since {}\n"
       "longest iteration of the loop in the last minute: {}\n"
       "messages received: {}, records in them: {}\n"
-      "keys verified: {} accepted, {}\n"
+      "keys verified: {} accepted, {}, memory of queues: {} of {}\n"
       "bad lines: {}, refused requests: {}\n"
       "connections ended by a limit or a broken protocol: {}, dropped log lines: {}\n",
       styled(HEADING, "pelorus " + skein::without_controls(text_at(status, "/version"))),
@@ -111,8 +111,10 @@ std::string head(const View& view) {
       count_and_rate(view, "/totals/messages"), count_and_rate(view, "/totals/records"),
       count_text(totals, "/accepted_auths"),
       styled(refused > 0 ? WARNING : PLAIN, human_count(refused) + " refused"),
-      count_by_name(at(totals, "/bad_lines")), count_text(totals, "/refused_requests"),
-      count_by_name(at(totals, "/ended_connections")), count_text(totals, "/dropped_log_lines"));
+      human_bytes(count_at(totals, "/queued_memory")),
+      human_bytes(count_at(totals, "/max_queued_bytes")), count_by_name(at(totals, "/bad_lines")),
+      count_text(totals, "/refused_requests"), count_by_name(at(totals, "/ended_connections")),
+      count_text(totals, "/dropped_log_lines"));
 }
 
 std::size_t count_lines(const std::string& text) {

@@ -208,8 +208,8 @@ void InfluxDatabase::sample_queue() noexcept {
 //     length      /| /| /|        written in time       /|/   grows
 //                / |/ |/ |/                         /|/
 //     shortest  0       0                       /|/   5     12
-std::optional<double> InfluxDatabase::seconds_until_full() const {
-  if (samples_taken_ < SAMPLES) return std::nullopt;
+double InfluxDatabase::growth() const {
+  if (samples_taken_ < SAMPLES) return 0;
   const auto shortest_of_half = [this](std::size_t begin) {
     std::uint64_t shortest = shortest_lengths_[(samples_taken_ + begin) % SAMPLES];
     for (std::size_t i = begin + 1; i < begin + HALF; ++i) {
@@ -219,11 +219,21 @@ std::optional<double> InfluxDatabase::seconds_until_full() const {
   };
   const std::uint64_t before = shortest_of_half(0);
   const std::uint64_t now = shortest_of_half(HALF);
-  if (now <= before) return std::nullopt;
-  const double per_second = static_cast<double>(now - before) / (HALF * SAMPLE_INTERVAL);
+  return now <= before ? 0 : static_cast<double>(now - before) / (HALF * SAMPLE_INTERVAL);
+}
+
+double InfluxDatabase::memory_growth() const {
+  const Amount& queued = counters_.queued;
+  if (queued.messages == 0) return 0;
+  return growth() * static_cast<double>(queued.memory()) / static_cast<double>(queued.messages);
+}
+
+std::optional<double> InfluxDatabase::seconds_until_full(double seconds) const {
+  const double per_second = growth();
+  if (per_second == 0) return std::nullopt;
   const auto room = static_cast<double>(settings_.max_pending_messages) -
                     static_cast<double>(pending_data_.size());
-  const double seconds = std::max(room, 0.0) / per_second;
+  seconds = std::min(seconds, std::max(room, 0.0) / per_second);
   return seconds < LONGEST_FORECAST ? std::optional(seconds) : std::nullopt;
 }
 

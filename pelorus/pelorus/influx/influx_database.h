@@ -159,9 +159,14 @@ class InfluxDatabase {
   double last_sent_time() const noexcept { return last_sent_time_; }
   std::size_t max_pending_messages() const noexcept { return settings_.max_pending_messages; }
   const WriteCounters& counters() const noexcept { return counters_; }
-  /// Time until the queue is full if it continues to grow as in the last minute. None if it does
-  /// not grow, if that takes a day or more, and in the first minute.
-  std::optional<double> seconds_until_full() const;
+  /// Messages a second by which the queue has grown in the last minute. 0 if it does not grow, and
+  /// in the first minute.
+  double growth() const;
+  /// The same in bytes of memory.
+  double memory_growth() const;
+  /// Time until the queue is full if it continues to grow so, but no more than `seconds`, after
+  /// which all queues together are. None if it does not grow, or if that takes a day or more.
+  std::optional<double> seconds_until_full(double seconds) const;
 
  private:
   using TimePoint = std::chrono::steady_clock::time_point;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 
 #include "pelorus/pelorus/constants.h"
@@ -97,6 +98,20 @@ void InfluxHandler::add(std::string_view name, std::string data, std::int64_t nu
   limit_queues();
 }
 
+std::uint64_t InfluxHandler::queued_memory() const noexcept {
+  std::uint64_t sum = 0;
+  for (const auto& database : databases_) sum += database->memory();
+  return sum;
+}
+
+std::optional<double> InfluxHandler::seconds_until_full(const InfluxDatabase& database) const {
+  double growth = 0;
+  for (const auto& each : databases_) growth += each->memory_growth();
+  if (growth == 0) return database.seconds_until_full(std::numeric_limits<double>::infinity());
+  const auto room = max_queued_bytes_ - std::min(max_queued_bytes_, queued_memory());
+  return database.seconds_until_full(static_cast<double>(room) / growth);
+}
+
 /// Discards a sixteenth more than necessary, to avoid a warning for each message of a long outage.
 void InfluxHandler::limit_queues() {
   std::uint64_t most = 0;  // as if a write kept what it has sent
@@ -104,8 +119,7 @@ void InfluxHandler::limit_queues() {
     most += database->counters().queued.memory() + database->counters().in_flight.memory();
   }
   if (most <= max_queued_bytes_) return;
-  std::uint64_t sum = 0;
-  for (const auto& database : databases_) sum += database->memory();
+  const std::uint64_t sum = queued_memory();
   if (sum <= max_queued_bytes_) return;
   const auto queued = [](const auto& database) { return database->counters().queued.memory(); };
   const auto largest = std::ranges::max_element(databases_, {}, queued);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -94,6 +95,14 @@ class InfluxHandler {
 
   /// Stops the timers of the buffers. What is queued stays queued.
   void stop();
+
+  /// Of all queues and of what writes have not sent yet, and its limit: the `max_queued_bytes` of
+  /// construction.
+  std::uint64_t queued_memory() const noexcept;
+  std::uint64_t max_queued_bytes() const noexcept { return max_queued_bytes_; }
+  /// Time until the database's queue, or all together, are full if they continue to grow as in the
+  /// last minute. None as for InfluxDatabase::seconds_until_full().
+  std::optional<double> seconds_until_full(const InfluxDatabase& database) const;
 
   /// In the order of construction.
   std::span<const std::unique_ptr<InfluxDatabase>> databases() const noexcept { return databases_; }

@@ -112,7 +112,8 @@ void write_amount(MsgpackWriter& out, std::string_view name, const Amount& amoun
   out.text("bytes").natural(amount.bytes);
 }
 
-void write_database(MsgpackWriter& out, const InfluxDatabase& database) {
+void write_database(MsgpackWriter& out, const InfluxDatabase& database,
+                    const InfluxHandler& influx_handler) {
   const WriteCounters& counters = database.counters();
   out.text(database.name()).map(16);
   out.text("max_pending").natural(database.max_pending_messages());
@@ -132,13 +133,15 @@ void write_database(MsgpackWriter& out, const InfluxDatabase& database) {
   const double failed_at = counters.last_failure ? counters.last_failure->time : 0;
   counters.last_failure ? out.text("last_failure_time").real(failed_at)
                         : out.text("last_failure_time").nil();
-  const auto seconds = database.seconds_until_full();
+  const auto seconds = influx_handler.seconds_until_full(database);
   seconds ? out.text("seconds_until_full").real(*seconds) : out.text("seconds_until_full").nil();
 }
 
 void write_databases(MsgpackWriter& out, const InfluxHandler& influx_handler) {
   out.text("databases").map(influx_handler.databases().size());
-  for (const auto& database : influx_handler.databases()) write_database(out, *database);
+  for (const auto& database : influx_handler.databases()) {
+    write_database(out, *database, influx_handler);
+  }
 }
 
 template <std::size_t SIZE>
@@ -151,8 +154,10 @@ void write_counts(MsgpackWriter& out, std::string_view name,
 
 void write_totals(MsgpackWriter& out, const StatusSources& sources) {
   const Statistics totals = sources.influx_handler.totals();
-  out.text("totals").map(8);
+  out.text("totals").map(10);
   out.text("messages").integer(totals.messages).text("records").integer(totals.records);
+  out.text("queued_memory").natural(sources.influx_handler.queued_memory());
+  out.text("max_queued_bytes").natural(sources.influx_handler.max_queued_bytes());
   out.text("accepted_auths").integer(totals.successful_auths);
   out.text("refused_auths").integer(totals.failed_auths);
   out.text("refused_requests").natural(sources.peers.refused_requests);

@@ -45,7 +45,17 @@ TEST_F(InfluxHandlerTest, QueuesTogetherKeepTheirBytesAndTheLargestLosesItsOldes
       },
       loop_, 4096, 11'000);
   handler.add("tidewell", std::string(1000, 't'), 1);
-  for (const char each : {'a', 'b', 'c'}) handler.add("bonding", std::string(3000, each), 1);
+  for (const char each : {'a', 'b', 'c'}) {
+    handler.add("bonding", std::string(3000, each), 1);
+    for (const int second : {10, 20}) {
+      handler.databases()[1]->sample_queue();
+      EXPECT_EQ(handler.seconds_until_full(*handler.databases()[1]).has_value(),
+                each == 'c' && second == 20);
+    }
+  }
+  EXPECT_EQ(handler.queued_memory(), 3 * 3048U + 1048);
+  // 2 messages of 3048 bytes in half a minute.
+  EXPECT_DOUBLE_EQ(*handler.seconds_until_full(*handler.databases()[1]), (11'000 - 10'192) / 203.2);
   EXPECT_TRUE(log_.texts("warning").empty());
   EXPECT_EQ(handler.room("bonding"), 50'000U - 3);
   handler.add("bonding", std::string(3000, 'd'), 1);
