@@ -101,5 +101,34 @@ TEST_F(LocalServerTest, LongBlockIsOneMessageWhoeverWaitsForIt) {
   EXPECT_EQ(resources_.admission.held_bytes(), 0U);
 }
 
+TEST_F(LocalServerTest, StatusListsConnectionsInTheOrderThatIsAskedFor) {
+  LocalServer server(handler_, settings_, loop_, resources_);
+  const auto connect = [this] {
+    auto peer = support::SkeinPeer::unix_socket(socket_path());
+    run_loop(2);
+    clock_.tick(10);
+    return peer;
+  };
+  auto busy = connect();
+  const auto silent = connect();
+  busy.send(support::request(1, "collectd", {{"metrics", "m000.load.load.a 1 1500000000\n"}}));
+  auto newest = connect();
+  const auto age_of_first = [&](const std::string& order) {
+    newest.send(support::request(1, "status", {{"order", order}}));
+    run_loop(2);
+    newest.receive();
+    const auto messages = newest.messages();
+    skein::Message reply;
+    skein::MsgpackEncoder::decode(messages.at(0), reply);
+    auto item = reply.root().begin();
+    for (int i = 0; i < 3; ++i) ++item;
+    const auto connections = *(*item).find("local")->find("connections");
+    return clock_.clocks().wall() - (*connections.begin()).find("since")->real();
+  };
+  EXPECT_NEAR(age_of_first("records"), 30, 1);
+  EXPECT_NEAR(age_of_first("silent"), 20, 1);
+  EXPECT_NEAR(age_of_first("newest"), 10, 1);
+}
+
 }  // namespace
 }  // namespace pelorus
