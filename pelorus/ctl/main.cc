@@ -23,7 +23,8 @@ namespace ctl = pelorus::ctl;
 using ctl::ExitStatus;
 
 ExitStatus fail(std::string_view text, ExitStatus status) {
-  fmt::print(stderr, "pelorusctl: {}\n", text);
+  // fmt::print would throw if nobody reads, and there is nowhere left to say so.
+  std::fputs(fmt::format("pelorusctl: {}\n", text).c_str(), stderr);
   return status;
 }
 

@@ -237,7 +237,9 @@ void run(const ServerOptions& server, const SendOptions& options) {
     send_all(server, options, sent);
   } catch (...) {
     if (sent > 0)
-      fmt::print(stderr, "pelorusctl: {} sent, then it failed\n", human_number_of("line", sent));
+      std::fputs(fmt::format("pelorusctl: {} sent, then it failed\n", human_number_of("line", sent))
+                     .c_str(),
+                 stderr);
     throw;
   }
   fmt::print("{} sent\n", human_number_of("line", sent));

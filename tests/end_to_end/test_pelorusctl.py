@@ -105,11 +105,12 @@ class PelorusctlAlone(CtlTest):
                 return found and [line for line in lines if line]
             return wait_until(shown, words)
 
-        run("new-session", "-d", "-x", "80", "-y", "24", "sh", "-c", "trap '' HUP; exec \"$@\"", "sh",
-            BUILD / "bin" / "pelorusctl", "status", "--watch", "0.1", "--socket", stub.address)
-        program = Path("/proc", run("display", "-p", "#{pane_pid}").strip())
-        # It ends when its terminal is closed, although it ignores the hang-up.
-        self.addCleanup(wait_until, lambda: not program.exists(), "the end of pelorusctl")
+        ended = Path(self.folder, "ended")
+        run("new-session", "-d", "-x", "80", "-y", "24", "sh", "-c",
+            "trap '' HUP; program=$1 ended=$2; shift 2; \"$program\" \"$@\"; echo $? > \"$ended\"", "sh",
+            BUILD / "bin" / "pelorusctl", ended, "status", "--watch", "0.1", "--socket", stub.address)
+        # It fails when its terminal is closed, although it ignores the hang-up.
+        self.addCleanup(wait_until, lambda: ended.exists() and ended.read_text() == "1\n", "the end")
         self.addCleanup(run, "kill-server")
         lines = screen("messages received: ", "(2.0/s)", "sent/s", "700", "last good write",
                        "bad lines", "local: 1 open")
