@@ -43,8 +43,8 @@ struct Place {
   void write(const char* data, std::size_t size) { at = std::copy_n(data, size, at); }
 };
 
-/// `[1, msgid, nil, nil]`, the reply to nearly every request: without a writer, which would take a
-/// twelfth of the time of a small frame.
+/// `[1, msgid, nil, nil]`, the reply to nearly every request: without a writer, which would take
+/// 7 % of the time of a small frame.
 std::string encode_nil_reply(std::uint32_t msgid) {
   std::array<char, 9> bytes{};  // as much as the largest msgid takes
   Place place{bytes.data()};

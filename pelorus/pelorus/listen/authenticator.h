@@ -43,10 +43,9 @@ constexpr std::chrono::seconds LONGEST_WAIT_FOR_ROOM{30};
 /// - Keys wait for a question in three queues, first come first served in each: keys that were
 ///   confirmed before, those whose peer is still there, those of disconnected peers. So any number
 ///   of made-up keys keeps no known node waiting.
-/// - Admitted requests run on the iterations of the loop that the ready queue gives them, a
-/// "submit" of
-///   many points, or a long block of Graphite, in steps: a "submit" as the buffer of its database
-///   has room. Later requests of the key wait for it.
+/// - Admitted requests run on the iterations of the loop that the ready queue gives them. A long
+///   block of Graphite runs in steps, and so does a "submit" of many points, as the buffer of its
+///   database has room. Later requests of the key wait for it.
 /// - A request of a disconnected peer is counted and run all the same; its reply goes nowhere.
 /// - Of a key that was never confirmed the newest requests wait; the others are refused, those
 ///   of disconnected peers before the rest.
